@@ -1,0 +1,69 @@
+// The test build's seam in the platform layer: every call can be counted, made to fail, made to do
+// part of its work, or made the last thing the process does. The library that ships has none of it.
+//
+// A rule names a kind of call and which one of them from now on, counted from 1. Rules stay until
+// reset. Counting is for the whole process; the tests that use it run one thread.
+#pragma once
+
+#include "platform/platform.h"
+
+#include <cstdint>
+
+namespace platform_faults {
+
+enum class Call {
+    CreateFile,
+    CloseHandle,
+    ReadFile,
+    WriteFile,
+    SetFilePointer,
+    SetEndOfFile,
+    GetFileSize,
+    FlushFileBuffers,
+    DeleteFile,
+    MoveFile,
+    GetFullPathName,
+    HeapAlloc,
+    HeapFree,
+    CreateFileMapping,
+    MapViewOfFile,
+    UnmapViewOfFile,
+    GetSystemDirectory,
+    GetTempPath,
+    GetDiskFreeSpaceEx,
+    DriverCallback,
+    CopyPermissions,
+    Any // in a rule or a question: every kind above
+};
+
+// Forgets all rules and counts, and the pretended free space.
+void reset();
+
+// How many calls of the kind there were since reset.
+unsigned count(Call call);
+
+// The nth call from now on, and the `times` - 1 behind it, does nothing and fails with the error.
+void fail(Call call, unsigned nth, DWORD dwError, unsigned times = 1);
+
+// The nth ReadFile or WriteFile from now on (Any: of both) moves half of its bytes. A read then
+// succeeds with the smaller count. A write fails with the error, or, with 0, succeeds with the
+// smaller count.
+void halve(Call call, unsigned nth, DWORD dwError);
+
+// The process ends at once, without any clean-up, in front of the nth call from now on that changes
+// the disk: CreateFile that makes or empties a file, WriteFile, SetEndOfFile, DeleteFile, MoveFile,
+// CopyPermissions. The exit code is 86.
+void stop_before_change(unsigned nth);
+
+// How many changes of the disk there were since reset.
+unsigned changes();
+
+// From now on GetDiskFreeSpaceEx reports this many bytes free.
+void pretend_free_bytes(uint64_t ullFreeBytes);
+
+// What is open at this moment, over all threads.
+unsigned open_handles();
+unsigned heap_blocks();
+unsigned mapped_views();
+
+} // namespace platform_faults
