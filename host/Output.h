@@ -1,0 +1,58 @@
+// How results, failures and progress reach the user.
+#pragma once
+
+#include "Status.h"
+
+#include <nlohmann/json.hpp>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace ffdhost {
+
+using Json = nlohmann::ordered_json;
+
+constexpr int kExitFailed = 1; // an operation did not work
+constexpr int kExitUsage = 2;  // the command line is wrong; nothing was done
+constexpr int kExitCrash = 3;  // the operation 'crash' of edit
+
+// One document on stdout. Names that are not UTF-8 lose the bytes that are not.
+void print_document(Json const& document);
+
+// A line of a text result: a name and what belongs to it, the latter aligned.
+void print_line(std::string const& name, std::string const& value);
+
+// Columns aligned to the right, the first row being the heading.
+void print_table(std::vector<std::vector<std::string>> const& rows);
+
+void print_warning(std::string const& words);
+
+Json status_json(FFDError status);
+Json failure_json(Failure const& failure);
+void print_failure(Failure const& failure);
+
+// Bytes as "1234 bytes", and with their time as in "0:01.250 (10000 bytes)".
+std::string bytes_text(uint64_t byteCount);
+std::string length_text(uint64_t byteCount, uint32_t bytesPerSecond);
+Json length_json(uint64_t byteCount, uint32_t bytesPerSecond);
+
+// The progress of one long operation, on stderr and only if a person is watching.
+class Progress {
+public:
+    Progress(std::string label, uint64_t total);
+    // Clears the line.
+    ~Progress();
+    Progress(Progress const&) = delete;
+    Progress& operator=(Progress const&) = delete;
+
+    void advance(uint64_t count);
+
+private:
+    std::string m_label;
+    uint64_t m_total;
+    uint64_t m_done = 0;
+    bool m_shown;
+};
+
+} // namespace ffdhost

@@ -1,0 +1,135 @@
+#include "Position.h"
+
+#include "Status.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <optional>
+#include <string_view>
+
+namespace ffdhost {
+
+namespace {
+
+constexpr uint64_t kMicrosecondsPerSecond = 1'000'000;
+constexpr uint64_t kLargest = 0xFFFFFFFF;
+
+// A whole number of up to ten digits.
+std::optional<uint64_t> parse_whole(std::string_view text) {
+    if (text.empty() || text.size() > 10) {
+        return std::nullopt;
+    }
+    uint64_t value = 0;
+    for (char const digit : text) {
+        if (digit < '0' || digit > '9') {
+            return std::nullopt;
+        }
+        value = value * 10 + static_cast<uint64_t>(digit - '0');
+    }
+    return value;
+}
+
+// A decimal number in units of 1 / `scale`, a power of ten. More digits behind the point than the
+// scale has are refused, and so are more than seven in front of it.
+std::optional<uint64_t> parse_decimal(std::string_view text, uint64_t scale) {
+    size_t const point = text.find('.');
+    std::string_view const front = text.substr(0, point);
+    std::optional<uint64_t> const whole = parse_whole(front);
+    if (!whole || front.size() > 7) {
+        return std::nullopt;
+    }
+    uint64_t value = *whole * scale;
+    if (point == std::string_view::npos) {
+        return value;
+    }
+    std::string_view const digits = text.substr(point + 1);
+    std::optional<uint64_t> fraction = parse_whole(digits);
+    for (size_t i = 0; fraction && i < digits.size(); ++i) {
+        scale /= 10;
+    }
+    if (!fraction || scale == 0) {
+        return std::nullopt;
+    }
+    return value + *fraction * scale;
+}
+
+// Hours and minutes in front of the seconds; all fields but the first stay below 60.
+std::optional<uint64_t> parse_clock(std::string_view text) {
+    uint64_t minutes = 0;
+    int fields = 0;
+    for (size_t colon; (colon = text.find(':')) != std::string_view::npos; ++fields) {
+        std::optional<uint64_t> const field = parse_whole(text.substr(0, colon));
+        if (!field || fields == 2 || (fields == 1 && *field >= 60) || *field > 9'999'999) {
+            return std::nullopt;
+        }
+        minutes = minutes * 60 + *field;
+        text.remove_prefix(colon + 1);
+    }
+    std::optional<uint64_t> const seconds = parse_decimal(text, kMicrosecondsPerSecond);
+    if (!seconds || *seconds >= 60 * kMicrosecondsPerSecond) {
+        return std::nullopt;
+    }
+    return minutes * 60 * kMicrosecondsPerSecond + *seconds;
+}
+
+std::optional<uint64_t> parse_time(std::string_view text) {
+    if (text.find(':') != std::string_view::npos) {
+        return parse_clock(text);
+    }
+    if (text.ends_with("ms")) {
+        return parse_decimal(text.substr(0, text.size() - 2), 1000);
+    }
+    if (text.ends_with('s')) {
+        return parse_decimal(text.substr(0, text.size() - 1), kMicrosecondsPerSecond);
+    }
+    return std::nullopt;
+}
+
+} // namespace
+
+uint32_t Position::to_bytes(uint32_t bytesPerSecond) const {
+    if (unit == Unit::End) {
+        return kLargest;
+    }
+    if (unit == Unit::Bytes) {
+        return static_cast<uint32_t>(count);
+    }
+    // In two steps, so that no product leaves 64 bits.
+    uint64_t const whole = count / kMicrosecondsPerSecond * bytesPerSecond;
+    uint64_t const rest = count % kMicrosecondsPerSecond * bytesPerSecond / kMicrosecondsPerSecond;
+    return static_cast<uint32_t>(std::min(whole + rest, kLargest));
+}
+
+Position parse_position(std::string const& operation, std::string const& text, bool endAllowed) {
+    if (endAllowed && text == "end") {
+        return {Position::Unit::End, 0};
+    }
+    if (std::optional<uint64_t> const bytes = parse_whole(text); bytes && *bytes <= kLargest) {
+        return {Position::Unit::Bytes, *bytes};
+    }
+    if (std::optional<uint64_t> const time = parse_time(text)) {
+        return {Position::Unit::Microseconds, *time};
+    }
+    throw Failure(operation, "", FFD_INVALID_PARAMETER,
+                  "'" + text + "' is no position or length of a dictation",
+                  "Give bytes below 4 GiB as in 12345, or a time as in 1:02.5, 62.5s or 750ms.");
+}
+
+uint64_t milliseconds_of(uint64_t byteCount, uint32_t bytesPerSecond) {
+    return byteCount * 1000 / bytesPerSecond;
+}
+
+std::string time_text(uint64_t milliseconds) {
+    auto const seconds = static_cast<unsigned long long>(milliseconds / 1000);
+    auto const fraction = static_cast<unsigned>(milliseconds % 1000);
+    char text[48];
+    if (seconds < 3600) {
+        std::snprintf(text, sizeof text, "%llu:%02llu.%03u", seconds / 60, seconds % 60, fraction);
+    } else {
+        std::snprintf(text, sizeof text, "%llu:%02llu:%02llu.%03u", seconds / 3600,
+                      seconds / 60 % 60, seconds % 60, fraction);
+    }
+    return text;
+}
+
+} // namespace ffdhost

@@ -1,0 +1,99 @@
+#include "StreamView.h"
+
+#include "Status.h"
+#include "Tags.h"
+
+#include <algorithm>
+#include <fstream>
+
+namespace ffdhost {
+
+namespace {
+
+constexpr uint32_t kProbeSize = 1024; // bytes of audio that tell where the audio begins
+
+std::string mpeg_version(uint8_t const* header) {
+    switch (header[1] >> 3 & 3) {
+    case 3:
+        return "1";
+    case 2:
+        return "2";
+    default:
+        return "2.5";
+    }
+}
+
+unsigned mpeg_layer(uint8_t const* header) {
+    return 4U - (header[1] >> 1 & 3U);
+}
+
+// The driver does not tell where the first frame lies, but it gives its bytes: the first place
+// behind the tags that holds them is where it found them.
+uint32_t find_audio(std::string const& path, std::vector<uint8_t> const& firstBytes,
+                    uint64_t fileSize) {
+    std::ifstream file(path, std::ios::binary);
+    std::vector<Region> const tags = tags_at_front(file, fileSize);
+    uint64_t offset = tags.empty() ? 0 : tags.back().fileOffset + tags.back().size;
+    while (offset < fileSize) {
+        std::vector<uint8_t> const piece = read_at(file, offset, kPieceSize);
+        auto const found =
+            std::search(piece.begin(), piece.end(), firstBytes.begin(), firstBytes.end());
+        if (found != piece.end()) {
+            return static_cast<uint32_t>(offset + static_cast<uint64_t>(found - piece.begin()));
+        }
+        if (piece.size() < kPieceSize) {
+            break;
+        }
+        offset += piece.size() - firstBytes.size() + 1; // a place may lie across two pieces
+    }
+    throw Failure("find audio", path, FFD_INTERNAL_ERROR,
+                  "the audio that the driver reads is not in the file",
+                  "Make sure that no other program changes the file, and try again.");
+}
+
+} // namespace
+
+StreamView look_at(Driver const& driver, std::string const& path) {
+    SoundFile sound(driver, path, Access::Read);
+    std::vector<uint8_t> const firstBytes = sound.read(kProbeSize);
+    if (firstBytes.size() < 4) {
+        throw Failure("read", path, FFD_NO_MORE_FRAMES);
+    }
+    StreamView view;
+    view.format = {sound.wave_format(), mpeg_version(firstBytes.data()),
+                   mpeg_layer(firstBytes.data())};
+    view.fileSize = sound.file_size();
+    view.audioLength = sound.length();
+    view.firstFrameOffset = find_audio(path, firstBytes, view.fileSize);
+    sound.close();
+    return view;
+}
+
+std::string format_text(StreamFormat const& format) {
+    static char const* const kLayers[] = {"", "I", "II", "III"};
+    return "MPEG " + format.mpegVersion + " Layer " + kLayers[format.layer & 3] + ", " +
+           (format.wave.channels == 1 ? "mono" : "stereo") + ", " +
+           std::to_string(format.wave.samplingRate) + " Hz, " +
+           std::to_string(format.wave.bitrate()) + " kbit/s";
+}
+
+std::vector<std::string> format_conflicts(StreamFormat const& clip, StreamFormat const& target) {
+    std::vector<std::string> conflicts;
+    auto const compare = [&](std::string const& what, std::string const& ofClip,
+                             std::string const& ofTarget) {
+        if (ofClip != ofTarget) {
+            std::string words = what;
+            words += " is " + ofClip + ", that of the dictation " + ofTarget;
+            conflicts.push_back(words);
+        }
+    };
+    compare("its sampling rate", std::to_string(clip.wave.samplingRate) + " Hz",
+            std::to_string(target.wave.samplingRate) + " Hz");
+    compare("its bitrate", std::to_string(clip.wave.bitrate()) + " kbit/s",
+            std::to_string(target.wave.bitrate()) + " kbit/s");
+    compare("its MPEG version", clip.mpegVersion, target.mpegVersion);
+    compare("its layer", std::to_string(clip.layer), std::to_string(target.layer));
+    return conflicts;
+}
+
+} // namespace ffdhost

@@ -1,0 +1,42 @@
+// A sound file looked at from outside: its format, and where its audio lies in the file.
+#pragma once
+
+#include "SoundFile.h"
+
+#include <string>
+#include <vector>
+
+namespace ffdhost {
+
+struct StreamFormat {
+    WaveFormat wave;
+    // From the header of the first frame.
+    std::string mpegVersion; // "1", "2" or "2.5"
+    unsigned layer;          // 1 to 3
+};
+
+struct StreamView {
+    StreamFormat format;
+    uint64_t fileSize;
+    uint32_t firstFrameOffset; // file offset of audio position 0
+    // Bytes of audio as the driver counts them in the file, without the edits of a leftover .DIR.
+    // A last frame that the end of the file cuts short counts whole.
+    uint32_t audioLength;
+
+    uint64_t audioEndOffset() const {
+        return static_cast<uint64_t>(firstFrameOffset) + audioLength;
+    }
+};
+
+// Opens the file for reading only and closes it again. Throws what the open throws; it leaves no
+// trace on the disk, unlike an open for writing that fails.
+StreamView look_at(Driver const& driver, std::string const& path);
+
+// "MPEG 2 Layer III, mono, 22050 Hz, 64 kbit/s"
+std::string format_text(StreamFormat const& format);
+
+// What keeps audio of the one format from playing on in a stream of the other, a sentence each.
+// The number of channels does not: decoders follow it from frame to frame.
+std::vector<std::string> format_conflicts(StreamFormat const& clip, StreamFormat const& target);
+
+} // namespace ffdhost

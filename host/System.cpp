@@ -1,0 +1,90 @@
+#include "System.h"
+
+#include <stdexcept>
+#include <system_error>
+
+#if defined(_WIN32)
+
+#include <windows.h>
+
+#include <cstdio>
+#include <fcntl.h>
+#include <io.h>
+
+namespace ffdhost {
+
+char const* const kDriverFileName = "XKIVMP3.dll";
+
+std::filesystem::path program_directory() {
+    wchar_t name[MAX_PATH];
+    DWORD const length = GetModuleFileNameW(nullptr, name, MAX_PATH);
+    if (length == 0 || length == MAX_PATH) {
+        return std::filesystem::current_path();
+    }
+    return std::filesystem::path(name).parent_path();
+}
+
+Library::Library(std::filesystem::path const& path) : m_handle(LoadLibraryW(path.c_str())) {
+    if (m_handle == nullptr) {
+        throw std::runtime_error(std::system_category().message(static_cast<int>(GetLastError())));
+    }
+}
+
+Library::~Library() {
+    FreeLibrary(static_cast<HMODULE>(m_handle));
+}
+
+void* Library::symbol(char const* name) const {
+    return reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(m_handle), name));
+}
+
+bool stderr_is_terminal() {
+    return _isatty(_fileno(stderr)) != 0;
+}
+
+void make_stdout_binary() {
+    _setmode(_fileno(stdout), _O_BINARY);
+}
+
+} // namespace ffdhost
+
+#else
+
+#include <dlfcn.h>
+#include <unistd.h>
+
+namespace ffdhost {
+
+char const* const kDriverFileName = "libxkivmp3.so";
+
+std::filesystem::path program_directory() {
+    std::error_code error;
+    std::filesystem::path const program = std::filesystem::read_symlink("/proc/self/exe", error);
+    return error ? std::filesystem::current_path() : program.parent_path();
+}
+
+Library::Library(std::filesystem::path const& path)
+    : m_handle(dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL)) {
+    if (m_handle == nullptr) {
+        char const* const words = dlerror();
+        throw std::runtime_error(words != nullptr ? words : "the library cannot be loaded");
+    }
+}
+
+Library::~Library() {
+    dlclose(m_handle);
+}
+
+void* Library::symbol(char const* name) const {
+    return dlsym(m_handle, name);
+}
+
+bool stderr_is_terminal() {
+    return isatty(STDERR_FILENO) != 0;
+}
+
+void make_stdout_binary() {}
+
+} // namespace ffdhost
+
+#endif

@@ -1,0 +1,38 @@
+// What the host needs of the operating system beyond the C++ library. The one place of the host
+// that knows which system it runs on.
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+namespace ffdhost {
+
+// The name under which the driver is built on this system.
+extern char const* const kDriverFileName;
+
+// The directory of the running program; the working directory if the system does not tell.
+std::filesystem::path program_directory();
+
+// A library loaded into the process, unloaded with the object.
+class Library {
+public:
+    // Throws std::runtime_error with the system's own words.
+    explicit Library(std::filesystem::path const& path);
+    ~Library();
+    Library(Library const&) = delete;
+    Library& operator=(Library const&) = delete;
+
+    // Address of an exported data symbol, or null.
+    void* symbol(char const* name) const;
+
+private:
+    void* m_handle;
+};
+
+// Whether a person is watching stderr.
+bool stderr_is_terminal();
+
+// Keeps the system from translating line ends in what goes to stdout.
+void make_stdout_binary();
+
+} // namespace ffdhost

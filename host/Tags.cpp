@@ -1,0 +1,163 @@
+#include "Tags.h"
+
+#include "Bytes.h"
+
+#include <algorithm>
+#include <optional>
+#include <string_view>
+
+namespace ffdhost {
+
+namespace {
+
+constexpr uint64_t kId3v2HeaderSize = 10;
+constexpr uint64_t kId3v1Size = 128;
+constexpr uint64_t kApeHeaderSize = 32;
+constexpr uint64_t kLyrics3EndSize = 9;   // "LYRICS200" or "LYRICSEND"
+constexpr uint64_t kLyrics3SizeField = 6; // decimal digits in front of "LYRICS200"
+constexpr uint64_t kLyrics3v1Longest = 5100 + 20;
+constexpr std::string_view kLyrics3Begin = "LYRICSBEGIN";
+
+std::string_view text_of(std::vector<uint8_t> const& bytes) {
+    return {reinterpret_cast<char const*>(bytes.data()), bytes.size()};
+}
+
+std::optional<Region> id3v2_at(std::istream& file, uint64_t fileOffset, uint64_t fileSize) {
+    std::vector<uint8_t> const header = read_at(file, fileOffset, kId3v2HeaderSize);
+    if (header.size() < kId3v2HeaderSize || !text_of(header).starts_with("ID3")) {
+        return std::nullopt;
+    }
+    if (header[3] > 4 || (header[5] & 0x0F) != 0 ||
+        ((header[6] | header[7] | header[8] | header[9]) & 0x80) != 0) {
+        return std::nullopt;
+    }
+    uint64_t const size =
+        kId3v2HeaderSize + ((header[5] & 0x10) != 0 ? kId3v2HeaderSize : 0) +
+        (static_cast<uint64_t>(header[6]) << 21 | static_cast<uint64_t>(header[7]) << 14 |
+         static_cast<uint64_t>(header[8]) << 7 | header[9]);
+    if (size > fileSize - fileOffset) {
+        return std::nullopt;
+    }
+    return Region{"ID3v2", "2." + std::to_string(header[3]) + "." + std::to_string(header[4]),
+                  fileOffset, size};
+}
+
+// The tags that can end a file, each between `from` and `to`. A tag is recognised by its end.
+
+std::optional<Region> id3v1_before(std::istream& file, uint64_t from, uint64_t to) {
+    if (to - from < kId3v1Size) {
+        return std::nullopt;
+    }
+    std::vector<uint8_t> const tag = read_at(file, to - kId3v1Size, kId3v1Size);
+    if (tag.size() < kId3v1Size || !text_of(tag).starts_with("TAG")) {
+        return std::nullopt;
+    }
+    // Version 1.1 keeps a track number in the last byte of the comment, behind a 0.
+    bool const hasTrack = tag[125] == 0 && tag[126] != 0;
+    return Region{"ID3v1", hasTrack ? "1.1" : "1.0", to - kId3v1Size, kId3v1Size};
+}
+
+std::optional<Region> ape_before(std::istream& file, uint64_t from, uint64_t to) {
+    if (to - from < kApeHeaderSize) {
+        return std::nullopt;
+    }
+    std::vector<uint8_t> const footer = read_at(file, to - kApeHeaderSize, kApeHeaderSize);
+    if (footer.size() < kApeHeaderSize || !text_of(footer).starts_with("APETAGEX")) {
+        return std::nullopt;
+    }
+    bool const hasHeader = (le32(&footer[20]) & 0x80000000) != 0;
+    // The size field counts items and footer, not the header.
+    uint64_t const size = le32(&footer[12]) + (hasHeader ? kApeHeaderSize : 0);
+    if (size < kApeHeaderSize || size > to - from) {
+        return std::nullopt;
+    }
+    return Region{"APE", le32(&footer[8]) == 1000 ? "1" : "2", to - size, size};
+}
+
+std::optional<Region> lyrics3v2_before(std::istream& file, uint64_t from, uint64_t to) {
+    constexpr uint64_t kTail = kLyrics3SizeField + kLyrics3EndSize;
+    if (to - from < kTail) {
+        return std::nullopt;
+    }
+    std::vector<uint8_t> const tail = read_at(file, to - kTail, kTail);
+    if (tail.size() < kTail || !text_of(tail).ends_with("LYRICS200")) {
+        return std::nullopt;
+    }
+    uint64_t size = 0;
+    for (size_t i = 0; i < kLyrics3SizeField; ++i) {
+        if (tail[i] < '0' || tail[i] > '9') {
+            return std::nullopt;
+        }
+        size = size * 10 + static_cast<uint64_t>(tail[i] - '0');
+    }
+    if (size + kTail > to - from ||
+        text_of(read_at(file, to - kTail - size, kLyrics3Begin.size())) != kLyrics3Begin) {
+        return std::nullopt;
+    }
+    return Region{"Lyrics3", "2", to - kTail - size, size + kTail};
+}
+
+std::optional<Region> lyrics3v1_before(std::istream& file, uint64_t from, uint64_t to) {
+    uint64_t const start = to - std::min(to - from, kLyrics3v1Longest);
+    std::vector<uint8_t> const bytes = read_at(file, start, static_cast<size_t>(to - start));
+    size_t const begin = text_of(bytes).rfind(kLyrics3Begin);
+    if (!text_of(bytes).ends_with("LYRICSEND") || begin == std::string_view::npos) {
+        return std::nullopt;
+    }
+    return Region{"Lyrics3", "1", start + begin, bytes.size() - begin};
+}
+
+Region other(uint64_t from, uint64_t to) {
+    return {"other", "", from, to - from};
+}
+
+} // namespace
+
+std::vector<uint8_t> read_at(std::istream& file, uint64_t fileOffset, size_t size) {
+    std::vector<uint8_t> bytes(size);
+    file.clear();
+    file.seekg(static_cast<std::streamoff>(fileOffset));
+    file.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(size));
+    bytes.resize(static_cast<size_t>(file.gcount()));
+    return bytes;
+}
+
+std::vector<Region> tags_at_front(std::istream& file, uint64_t fileSize) {
+    std::vector<Region> tags;
+    uint64_t offset = 0;
+    while (std::optional<Region> const tag = id3v2_at(file, offset, fileSize)) {
+        tags.push_back(*tag);
+        offset += tag->size;
+    }
+    return tags;
+}
+
+std::vector<Region> regions_in_front(std::istream& file, uint64_t fileSize,
+                                     uint64_t firstFrameOffset) {
+    std::vector<Region> regions = tags_at_front(file, fileSize);
+    uint64_t const end = regions.empty() ? 0 : regions.back().fileOffset + regions.back().size;
+    if (end < firstFrameOffset) {
+        regions.push_back(other(end, firstFrameOffset));
+    }
+    return regions;
+}
+
+std::vector<Region> regions_behind(std::istream& file, uint64_t fileSize, uint64_t audioEndOffset) {
+    std::vector<Region> regions;
+    uint64_t end = fileSize;
+    while (end > audioEndOffset) {
+        std::optional<Region> tag;
+        for (auto const recognise :
+             {id3v1_before, ape_before, lyrics3v2_before, lyrics3v1_before}) {
+            if (!tag) {
+                tag = recognise(file, audioEndOffset, end);
+            }
+        }
+        regions.push_back(tag ? *tag : other(audioEndOffset, end));
+        end = regions.back().fileOffset;
+    }
+    std::reverse(regions.begin(), regions.end());
+    return regions;
+}
+
+} // namespace ffdhost

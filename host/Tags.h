@@ -1,0 +1,34 @@
+// What stands in a sound file in front of its audio and behind it. The driver leaves these bytes
+// alone; it does not name them either.
+#pragma once
+
+#include <cstdint>
+#include <istream>
+#include <string>
+#include <vector>
+
+namespace ffdhost {
+
+struct Region {
+    std::string kind;    // "ID3v2", "ID3v1", "APE", "Lyrics3" or "other"
+    std::string version; // as in "2.3.0", empty if the kind has none
+    uint64_t fileOffset;
+    uint64_t size; // bytes
+};
+
+// The ID3v2 tags at the front of the file, one behind the other, as far as the driver skips them:
+// a major version above 4, a damaged header, or a tag that reaches behind the end of the file ends
+// the row.
+std::vector<Region> tags_at_front(std::istream& file, uint64_t fileSize);
+
+// All bytes in front of the audio, tags and other, in file order.
+std::vector<Region> regions_in_front(std::istream& file, uint64_t fileSize,
+                                     uint64_t firstFrameOffset);
+
+// All bytes behind the audio, tags and other, in file order.
+std::vector<Region> regions_behind(std::istream& file, uint64_t fileSize, uint64_t audioEndOffset);
+
+// Reads up to `size` bytes; shorter at the end of the file.
+std::vector<uint8_t> read_at(std::istream& file, uint64_t fileOffset, size_t size);
+
+} // namespace ffdhost

@@ -1,0 +1,51 @@
+// The commands of the program, a source file each. A command prints its result as text, or, with
+// `json`, leaves the printing of its document to the caller. It throws a Failure if it comes to
+// nothing.
+#pragma once
+
+#include "DirMap.h"
+#include "Output.h"
+#include "StreamView.h"
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace ffdhost {
+
+struct Outcome {
+    Json document;
+    int exitCode = 0;
+};
+
+Outcome run_info(Driver const& driver, std::string const& file, bool json);
+
+struct ReadOptions {
+    std::string from = "0";
+    std::string length; // empty: up to the end
+    std::string output; // empty: standard output
+};
+Outcome run_read(Driver const& driver, std::string const& file, ReadOptions const& options,
+                 bool json);
+
+Outcome run_map(Driver const& driver, std::string const& file, bool json);
+
+// `tokens` are the operations with their arguments, one behind the other.
+Outcome run_edit(Driver const& driver, std::string const& file,
+                 std::vector<std::string> const& tokens, bool force, bool json);
+
+// ---- Shared by commands ------------------------------------------------------------------------
+
+// Copies up to `size` bytes of the dictation from the position on into a file, or to standard
+// output if `output` is empty, piece by piece. The result is the count of bytes written.
+uint64_t copy_dictation(SoundFile& sound, uint64_t size, std::string const& output);
+
+// Throws a Failure if `output` is `file` or its .DIR file: writing it would destroy them.
+void check_output(std::string const& operation, std::string const& output, std::string const& file);
+
+// The blocks with where they lie and play. `view` is what places them in the file; without it
+// their file offsets are not known.
+Json map_json(DirMap const& map, std::optional<StreamView> const& view, uint32_t bytesPerSecond);
+void print_map(Json const& blocks);
+
+} // namespace ffdhost

@@ -1,0 +1,340 @@
+#include "commands.h"
+
+#include "EditOps.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <memory>
+
+namespace ffdhost {
+
+namespace {
+
+// One run of 'edit': the checks, the open file, and the results so far.
+class Editor {
+public:
+    Editor(Driver const& driver, std::string const& file, std::vector<EditOp> ops, bool force,
+           bool json)
+        : m_driver(driver), m_file(file), m_dirFile(dir_file_of(file)), m_ops(std::move(ops)),
+          m_force(force), m_json(json), m_document{{"command", "edit"},
+                                                   {"ok", false},
+                                                   {"file", file},
+                                                   {"operations", Json::array()}} {}
+
+    Outcome run();
+
+private:
+    void check_before_open();
+    void check_paths(EditOp const& op) const;
+    void check_clips(StreamFormat const* target) const;
+    void open();
+    void perform_all();
+    void close();
+
+    void perform(EditOp const& op, Json& result);
+    void seek(EditOp const& op, Json& result);
+    void enter_clip(EditOp const& op, Json& result);
+    void erase(EditOp const& op, Json& result);
+    void undo(Json& result);
+    void read(EditOp const& op, Json& result);
+    void show(Json& result);
+    void map(Json& result);
+    void restore(Json& result);
+    [[noreturn]] void crash();
+
+    void report_failure(char const* key, Failure const& failure);
+    void say(std::string const& name, std::string const& value) const {
+        if (!m_json) {
+            print_line(name, value);
+        }
+    }
+
+    Driver const& m_driver;
+    std::string const m_file;
+    std::filesystem::path const m_dirFile;
+    std::vector<EditOp> const m_ops;
+    bool const m_force;
+    bool const m_json;
+    Json m_document;
+    std::optional<StreamView> m_view; // the file before this edit
+    std::unique_ptr<SoundFile> m_sound;
+    uint32_t m_rate = 0; // bytes per second of the dictation
+    // A restore changes the directory in memory only; the .DIR file follows with the next edit.
+    bool m_dirFileIsBehind = false;
+};
+
+Outcome Editor::run() {
+    check_before_open();
+    open();
+    bool failed = false;
+    try {
+        perform_all();
+    } catch (Failure const& failure) {
+        failed = true;
+        report_failure("failure", failure);
+    }
+    // Also after a failure: the edits that worked are kept.
+    try {
+        close();
+    } catch (Failure const& failure) {
+        report_failure(failed ? "close_failure" : "failure", failure);
+        failed = true;
+    }
+    m_document["ok"] = !failed;
+    return {m_document, failed ? kExitFailed : 0};
+}
+
+// All that can be known to be wrong is found here, so that a slip in the third operation does not
+// leave the first two done.
+void Editor::check_before_open() {
+    for (EditOp const& op : m_ops) {
+        check_paths(op);
+    }
+    try {
+        // Reading leaves no trace, whereas an open for writing that fails leaves an empty .DIR.
+        m_view = look_at(m_driver, m_file);
+    } catch (Failure const&) {
+        // After a crash the open for writing may have to mend the file before it can be read.
+        std::error_code error;
+        uint64_t const leftoverSize = std::filesystem::file_size(m_dirFile, error);
+        if (error || leftoverSize == 0) {
+            throw;
+        }
+    }
+    check_clips(m_view ? &m_view->format : nullptr);
+}
+
+void Editor::check_paths(EditOp const& op) const {
+    std::error_code error;
+    if (op.takes_clip() && std::filesystem::equivalent(op.path, m_file, error)) {
+        throw Failure(op.name, op.path, FFD_ERROR_ACCESS_DENIED,
+                      "a file cannot be entered into itself while it is open for writing",
+                      "Read the audio into another file first: 'ffdhost read FILE -o COPY'.");
+    }
+    if (op.kind != EditOp::Kind::Read) {
+        return;
+    }
+    check_output(op.name, op.path, m_file);
+    for (EditOp const& other : m_ops) {
+        if (other.takes_clip()) {
+            check_output(op.name, op.path, other.path);
+        }
+    }
+}
+
+// Without a target only what the driver itself refuses is found.
+void Editor::check_clips(StreamFormat const* target) const {
+    for (EditOp const& op : m_ops) {
+        if (!op.takes_clip()) {
+            continue;
+        }
+        StreamFormat const clip = look_at(m_driver, op.path).format;
+        if (target == nullptr) {
+            continue;
+        }
+        std::string words;
+        for (std::string const& conflict : format_conflicts(clip, *target)) {
+            words += (words.empty() ? "" : "; ") + conflict;
+        }
+        if (!words.empty() && !m_force) {
+            throw Failure(op.name, op.path, FFD_NOT_SUPPORTED,
+                          "the clip does not fit the dictation: " + words,
+                          "Encode the clip in the format of the dictation (" +
+                              format_text(*target) +
+                              "), or enter it all the same with --force; nothing was changed.");
+        }
+        if (!words.empty()) {
+            print_warning(op.path + " does not fit the dictation: " + words);
+        } else if (clip.wave.channels != target->wave.channels) {
+            print_warning(op.path + " and the dictation differ in their number of channels");
+        }
+    }
+}
+
+void Editor::open() {
+    m_sound = std::make_unique<SoundFile>(m_driver, m_file, Access::Write);
+    m_rate = m_sound->wave_format().bytesPerSecond;
+    say("Opened", length_text(m_sound->length(), m_rate));
+}
+
+void Editor::perform_all() {
+    for (EditOp const& op : m_ops) {
+        Json& result = m_document["operations"].emplace_back(Json{{"op", op.name}});
+        try {
+            perform(op, result);
+        } catch (Failure const&) {
+            result["failed"] = true;
+            throw;
+        }
+    }
+}
+
+void Editor::close() {
+    uint32_t const length = m_sound->length();
+    m_document["dictation"] = length_json(length, m_rate);
+    m_sound->close();
+    m_document["closed"] = status_json(FFD_NOERROR);
+    say("Closed", length_text(length, m_rate));
+}
+
+void Editor::perform(EditOp const& op, Json& result) {
+    switch (op.kind) {
+    case EditOp::Kind::Seek:
+        return seek(op, result);
+    case EditOp::Kind::Insert:
+    case EditOp::Kind::Overwrite:
+        return enter_clip(op, result);
+    case EditOp::Kind::Delete:
+        return erase(op, result);
+    case EditOp::Kind::Undo:
+        return undo(result);
+    case EditOp::Kind::Read:
+        return read(op, result);
+    case EditOp::Kind::Show:
+        return show(result);
+    case EditOp::Kind::Map:
+        return map(result);
+    case EditOp::Kind::Store:
+        m_sound->store();
+        return say("store", "the edit state is stored");
+    case EditOp::Kind::Restore:
+        return restore(result);
+    case EditOp::Kind::Crash:
+        crash();
+    }
+}
+
+void Editor::seek(EditOp const& op, Json& result) {
+    uint32_t const reached = m_sound->seek(op.position.to_bytes(m_rate));
+    result["position"] = reached;
+    say("seek", "position " + length_text(reached, m_rate));
+}
+
+void Editor::enter_clip(EditOp const& op, Json& result) {
+    FFDMethod const method =
+        op.kind == EditOp::Kind::Overwrite ? FFD_METHOD_OVERWRITE : FFD_METHOD_INSERT;
+    // Through the driver: its dictation is the clip without its tags.
+    SoundFile clip(m_driver, op.path, Access::Read);
+    uint32_t const before = m_sound->length();
+    uint32_t const from = m_sound->position();
+    Progress progress(op.name, clip.length());
+    uint64_t done = 0;
+    result["clip"] = op.path;
+    result["from"] = from;
+    for (std::vector<uint8_t> piece; !(piece = clip.read(kPieceSize)).empty();) {
+        m_sound->write(method, piece);
+        m_dirFileIsBehind = false;
+        done += piece.size();
+        result["bytes"] = done; // kept up to date, for a failure half way through
+        progress.advance(piece.size());
+    }
+    clip.close();
+    uint64_t const replaced = before + done - m_sound->length();
+    result["replaced"] = replaced;
+    result["position"] = m_sound->position();
+    say(op.name, length_text(done, m_rate) + " of " + op.path + " at position " +
+                     std::to_string(from) +
+                     (op.kind == EditOp::Kind::Overwrite ? " over " + bytes_text(replaced) : ""));
+}
+
+void Editor::erase(EditOp const& op, Json& result) {
+    uint32_t const wanted = op.position.to_bytes(m_rate);
+    uint32_t const before = m_sound->length();
+    m_sound->erase(wanted);
+    m_dirFileIsBehind = false;
+    uint32_t const deleted = before - m_sound->length();
+    result["from"] = m_sound->position();
+    result["deleted"] = length_json(deleted, m_rate);
+    if (deleted == 0 && wanted != 0) {
+        print_warning("delete took nothing: the position is less than a frame before the end");
+    }
+    say("delete",
+        length_text(deleted, m_rate) + " at position " + std::to_string(m_sound->position()));
+}
+
+void Editor::undo(Json& result) {
+    uint32_t const before = m_sound->length();
+    m_sound->undo();
+    m_dirFileIsBehind = false;
+    uint32_t const broughtBack = m_sound->length() - before;
+    result["brought_back"] = length_json(broughtBack, m_rate);
+    say("undo", length_text(broughtBack, m_rate) + " brought back");
+}
+
+void Editor::read(EditOp const& op, Json& result) {
+    uint32_t const from = m_sound->position();
+    uint64_t const wanted = std::min(op.position.to_bytes(m_rate), m_sound->length() - from);
+    uint64_t const done = copy_dictation(*m_sound, wanted, op.path);
+    result["from"] = from;
+    result["read"] = length_json(done, m_rate);
+    result["output"] = op.path;
+    say("read",
+        length_text(done, m_rate) + " from position " + std::to_string(from) + " into " + op.path);
+}
+
+void Editor::show(Json& result) {
+    uint32_t const position = m_sound->position();
+    uint32_t const length = m_sound->length();
+    uint32_t const fileSize = m_sound->file_size();
+    result["position"] = length_json(position, m_rate);
+    result["dictation"] = length_json(length, m_rate);
+    result["file_size"] = fileSize;
+    say("show", "position " + length_text(position, m_rate) + ", dictation " +
+                    length_text(length, m_rate) + ", file " + bytes_text(fileSize));
+}
+
+void Editor::map(Json& result) {
+    uint32_t const length = m_sound->length();
+    std::optional<DirMap> const edited = read_dir_file(m_dirFile);
+    DirMap const blocks = edited ? *edited : one_block(length);
+    bool const current = !m_dirFileIsBehind && blocks.dictationLength == length;
+    result["edited"] = edited.has_value();
+    result["current"] = current;
+    result["blocks"] = map_json(blocks, m_view, m_rate);
+    if (!current) {
+        print_warning("map shows the .DIR file, which follows the restored edit state only with "
+                      "the next edit");
+    }
+    say("map", edited ? m_dirFile.string() : "no edits yet");
+    if (!m_json) {
+        print_map(result["blocks"]);
+    }
+}
+
+void Editor::restore(Json& result) {
+    m_sound->restore();
+    m_dirFileIsBehind = true;
+    result["position"] = m_sound->position();
+    result["dictation"] = length_json(m_sound->length(), m_rate);
+    say("restore", "back to position " + std::to_string(m_sound->position()) + ", dictation " +
+                       length_text(m_sound->length(), m_rate));
+}
+
+void Editor::crash() {
+    m_document["crashed"] = true;
+    if (m_json) {
+        print_document(m_document);
+    }
+    print_warning("crash: the process ends here without a close; the edits are in " +
+                  m_dirFile.string());
+    std::_Exit(kExitCrash);
+}
+
+void Editor::report_failure(char const* key, Failure const& failure) {
+    m_document[key] = failure_json(failure);
+    if (failure.operation() == "close") {
+        m_document["closed"] = status_json(failure.status());
+    }
+    if (!m_json) {
+        print_failure(failure);
+    }
+}
+
+} // namespace
+
+Outcome run_edit(Driver const& driver, std::string const& file,
+                 std::vector<std::string> const& tokens, bool force, bool json) {
+    return Editor(driver, file, parse_edit_ops(tokens), force, json).run();
+}
+
+} // namespace ffdhost

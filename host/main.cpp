@@ -1,0 +1,188 @@
+// ffdhost: the command line.
+#include "commands.h"
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <exception>
+#include <functional>
+#include <iostream>
+#include <new>
+
+namespace {
+
+using namespace ffdhost;
+
+char const* const kPositions =
+    "Positions and lengths count the audio from its first frame: bytes (12345) or a time\n"
+    "(750ms, 62.5s, 1:02.5, 1:02:03.5), turned into bytes with the bitrate of the file.\n";
+
+struct Arguments {
+    std::string driver;
+    bool json = false;
+    std::string file;
+    ReadOptions read;
+    std::vector<std::string> operations;
+    bool force = false;
+};
+
+using Command = std::function<Outcome(Driver const&)>;
+
+void add_info(CLI::App& app, Arguments& arguments, Command& command) {
+    CLI::App* const info = app.add_subcommand(
+        "info", "Show the format, the lengths and the tags of an MP3 file; changes nothing");
+    info->add_option("FILE", arguments.file, "an MP3 file")->type_name(" ")->required();
+    info->footer("Example:\n  ffdhost info dictation.mp3");
+    info->callback([&] {
+        command = [&](Driver const& driver) {
+            return run_info(driver, arguments.file, arguments.json);
+        };
+    });
+}
+
+void add_read(CLI::App& app, Arguments& arguments, Command& command) {
+    CLI::App* const read = app.add_subcommand(
+        "read", "Write the audio of an MP3 file, without its tags, to a file or standard output");
+    read->add_option("FILE", arguments.file, "an MP3 file")->type_name(" ")->required();
+    read->add_option("--from", arguments.read.from, "position to begin at")
+        ->type_name("POS")
+        ->capture_default_str();
+    read->add_option("--length", arguments.read.length, "how much to read (default: to the end)")
+        ->type_name("N");
+    read->add_option("-o,--output", arguments.read.output,
+                     "file to write (default: standard output)")
+        ->type_name("OUT");
+    read->footer(std::string(kPositions) +
+                 "\nThe file is opened for reading only. Edits that a crash left in a .DIR file\n"
+                 "beside it are not seen: 'ffdhost edit FILE show' opens it for writing and folds\n"
+                 "them in.\n\n"
+                 "Example:\n  ffdhost read dictation.mp3 --from 1:02.5 --length 10s -o part.mp3");
+    read->callback([&] {
+        command = [&](Driver const& driver) {
+            return run_read(driver, arguments.file, arguments.read, arguments.json);
+        };
+    });
+}
+
+void add_map(CLI::App& app, Arguments& arguments, Command& command) {
+    CLI::App* const map =
+        app.add_subcommand("map", "Show the blocks that make up the dictation; changes nothing");
+    map->add_option("FILE", arguments.file, "an MP3 file")->type_name(" ")->required();
+    map->footer(
+        "The blocks are those of the .DIR file that a crash left beside the file, or else all\n"
+        "the audio of the file as one block. An audio position says where bytes lie behind the\n"
+        "first frame, a dictation position where they play.\n\n"
+        "Example:\n  ffdhost map dictation.mp3");
+    map->callback([&] {
+        command = [&](Driver const& driver) {
+            return run_map(driver, arguments.file, arguments.json);
+        };
+    });
+}
+
+void add_edit(CLI::App& app, Arguments& arguments, Command& command) {
+    CLI::App* const edit = app.add_subcommand(
+        "edit", "Open an MP3 file for writing, do the operations in order, and close it");
+    edit->add_option("FILE", arguments.file, "an MP3 file with a constant bitrate")
+        ->type_name(" ")
+        ->required();
+    edit->add_option("OP", arguments.operations, "operations with their arguments, see below")
+        ->type_name(" ")
+        ->required()
+        ->expected(1, CLI::detail::expected_max_vector_size);
+    edit->add_flag("--force", arguments.force,
+                   "enter clips even if their format does not fit the dictation");
+    edit->footer(
+        "Operations:\n"
+        "  seek POS          go to a position, or to the 'end'\n"
+        "  insert MP3        enter the audio of another file at the position\n"
+        "  overwrite MP3     the same, and take out as much behind it\n"
+        "  delete LENGTH     take out audio behind the position\n"
+        "  undo              bring back what the last delete took out\n"
+        "  read LENGTH OUT   write audio from the position on to a file\n"
+        "  show              show the position and the lengths\n"
+        "  map               show the blocks of the dictation, as the .DIR file has them\n"
+        "  store, restore    keep the edit state, and go back to it\n"
+        "  crash             end the process without a close, as a crash would (exit code 3)\n\n" +
+        std::string(kPositions) +
+        "\nEverything is checked before the file is opened. If an operation fails, the ones\n"
+        "behind it are not done, and the file is closed with the edits so far.\n\n"
+        "Example:\n  ffdhost edit dictation.mp3 seek 0:10 insert addition.mp3 delete 2.5s show");
+    edit->callback([&] {
+        command = [&](Driver const& driver) {
+            return run_edit(driver, arguments.file, arguments.operations, arguments.force,
+                            arguments.json);
+        };
+    });
+}
+
+int report(Failure const& failure, std::string const& file, bool json) {
+    Failure const complete =
+        failure.file().empty()
+            ? Failure(failure.operation(), file, failure.status(), failure.what(), failure.advice())
+            : failure;
+    if (json) {
+        print_document({{"ok", false}, {"file", file}, {"failure", failure_json(complete)}});
+    } else {
+        print_failure(complete);
+    }
+    return complete.status() == FFD_INVALID_PARAMETER ? kExitUsage : kExitFailed;
+}
+
+int run(int argc, char** argv) {
+    CLI::App app("Drives the MP3 dictation driver: looks at dictations, reads and edits them.",
+                 "ffdhost");
+    Arguments arguments;
+    Command command;
+    app.add_option("--driver", arguments.driver,
+                   "the driver library (default: the one beside this program)")
+        ->type_name("PATH");
+    app.add_flag("--json", arguments.json, "give the result, or the failure, as a JSON document");
+    app.set_version_flag("--version", "ffdhost " FFDHOST_VERSION);
+    app.require_subcommand(1);
+    app.fallthrough();
+    app.footer(
+        "'ffdhost COMMAND --help' tells more about a command.\n"
+        "Exit codes: 0 success, 1 an operation failed, 2 a wrong command line, 3 'crash'.\n\n"
+        "Example:\n  ffdhost info dictation.mp3");
+    add_info(app, arguments, command);
+    add_read(app, arguments, command);
+    add_map(app, arguments, command);
+    add_edit(app, arguments, command);
+
+    try {
+        app.parse(argc, argv);
+    } catch (CLI::ParseError const& error) {
+        if (error.get_exit_code() == 0) {
+            return app.exit(error); // --help and --version
+        }
+        bool const json = std::find(argv, argv + argc, std::string("--json")) != argv + argc;
+        return report(Failure("command line", "", FFD_INVALID_PARAMETER, error.what()), "", json);
+    }
+    try {
+        Driver const driver(arguments.driver);
+        Outcome const outcome = command(driver);
+        if (arguments.json) {
+            print_document(outcome.document);
+        }
+        return outcome.exitCode;
+    } catch (Failure const& failure) {
+        return report(failure, arguments.file, arguments.json);
+    } catch (std::bad_alloc const&) {
+        return report(Failure("run", "", FFD_ERROR_OUTOFMEMORY, "no memory"), arguments.file,
+                      arguments.json);
+    } catch (std::exception const& error) {
+        return report(Failure("run", "", FFD_INTERNAL_ERROR, error.what()), arguments.file,
+                      arguments.json);
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return run(argc, argv);
+    } catch (...) {
+        return ffdhost::kExitFailed;
+    }
+}

@@ -1,0 +1,13 @@
+# The reference host, run as a program, and the header that it shares with every other host.
+find_package(Python3 COMPONENTS Interpreter REQUIRED)
+
+if(TARGET ffdhost)
+    add_test(NAME host COMMAND Python3::Interpreter ${CMAKE_CURRENT_SOURCE_DIR}/host_test.py)
+    set_tests_properties(host PROPERTIES ENVIRONMENT
+        "FFDHOST=$<TARGET_FILE:ffdhost>;FFD_SAMPLES=${CMAKE_CURRENT_SOURCE_DIR}/samples")
+endif()
+
+configure_file(ffd_header_c.c ${CMAKE_CURRENT_BINARY_DIR}/ffd_header_cxx.cpp COPYONLY)
+add_library(ffd_header OBJECT ffd_header_c.c ${CMAKE_CURRENT_BINARY_DIR}/ffd_header_cxx.cpp)
+target_include_directories(ffd_header PRIVATE ${CMAKE_SOURCE_DIR}/include)
+target_compile_options(ffd_header PRIVATE -pedantic -Wall -Wextra -Werror)

@@ -1,0 +1,293 @@
+"""Drives ffdhost as a user does, on real MP3 files. FFDHOST names the program, FFD_SAMPLES the
+directory of the samples. Expected bytes are cut out of the samples here, not asked of the driver."""
+
+import json
+import os
+import pathlib
+import shutil
+import struct
+import subprocess
+import tempfile
+import unittest
+
+HOST = os.environ["FFDHOST"]
+SAMPLES = pathlib.Path(os.environ["FFD_SAMPLES"])
+
+
+def audio_of(path):
+    """The bytes from the first frame to the last of a file with ID3 tags at most."""
+    data = path.read_bytes()
+    if data[:3] == b"ID3":
+        size = data[6] << 21 | data[7] << 14 | data[8] << 7 | data[9]
+        data = data[10 + size:]
+    return data[:-128] if data[-128:-125] == b"TAG" else data
+
+
+def frame_border(audio, wanted):
+    """The last frame border at or before a byte; frames of 64 kbit/s at 22050 Hz."""
+    border = 0
+    while True:
+        following = border + 208 + (audio[border + 2] >> 1 & 1)
+        if following > wanted:
+            return border
+        border = following
+
+
+def entry(status, start, end, reserved=0):
+    return struct.pack("<BBHII", status, reserved, 0, start, end)
+
+
+class HostTest(unittest.TestCase):
+    def setUp(self):
+        temporary = tempfile.TemporaryDirectory()
+        self.addCleanup(temporary.cleanup)
+        self.dir = pathlib.Path(temporary.name)
+        self.file = self.copy("speech-22k-mono-tagged.mp3", "a.mp3")
+        self.dir_file = self.dir / "a.DIR"
+        self.clip = self.copy("insert-22k-mono.mp3", "clip.mp3")
+        self.original = self.file.read_bytes()
+        self.audio = audio_of(self.file)
+        self.head = self.original[:self.original.index(self.audio)]
+        self.tail = self.original[len(self.head) + len(self.audio):]
+        self.clip_audio = audio_of(self.clip)
+
+    def copy(self, sample, name):
+        return pathlib.Path(shutil.copy(SAMPLES / sample, self.dir / name))
+
+    def host(self, *arguments, code=0):
+        run = subprocess.run([HOST, *map(str, arguments)], capture_output=True, cwd=self.dir)
+        self.assertEqual(run.returncode, code, (arguments, run.stdout[-600:], run.stderr[-600:]))
+        return run
+
+    def json(self, *arguments, code=0):
+        document = json.loads(self.host("--json", *arguments, code=code).stdout)
+        self.assertEqual(document.get("ok"), code == 0)
+        return document
+
+    def assert_untouched(self):
+        self.assertEqual(self.file.read_bytes(), self.original)
+        self.assertFalse(self.dir_file.exists())
+
+    # ---- Looking ----
+
+    def test_info(self):
+        for name, version, channels, rate, bitrate, frame in (
+                ("speech-22k-mono-tagged.mp3", "2", 1, 22050, 64, 208),
+                ("speech-44k-stereo.mp3", "1", 2, 44100, 128, 417),
+                ("speech-16k-mono.mp3", "2", 1, 16000, 24, 108)):
+            info = self.json("info", SAMPLES / name)
+            self.assertEqual(info["format"], {
+                "mpeg_version": version, "layer": 3, "channels": channels, "sampling_rate": rate,
+                "bitrate": bitrate, "bytes_per_second": bitrate * 125, "frame_size": frame}, name)
+            audio = audio_of(SAMPLES / name)
+            self.assertEqual(info["dictation"]["bytes"], len(audio), name)
+            self.assertEqual(info["dictation"]["milliseconds"], len(audio) * 8 // bitrate, name)
+            self.assertEqual(info["file_size"], (SAMPLES / name).stat().st_size, name)
+
+    def test_info_names_what_stands_around_the_audio(self):
+        front = b"ID3\4\0\0\0\0\1\2" + bytes(130) + b"ID3\3\0\0\0\0\0\5" + bytes(5)
+        lyrics = b"LYRICSBEGININD0000200"
+        lyrics += b"%06dLYRICS200" % len(lyrics)
+        ape = struct.pack("<8s4I8x", b"APETAGEX", 2000, 52, 1, 0x80000000)
+        behind = (ape + b"\6\0\0\0\0\0\0\0Title\0Speech" + ape + lyrics
+                  + b"TAG" + bytes(122) + b"\0\7\0")
+        self.file.write_bytes(front + b"noise" + self.audio + b"junk" + behind)
+        self.dir_file.write_bytes(b"")
+        info = self.json("info", self.file)
+        first, end = len(front) + 5, len(front) + 5 + len(self.audio)
+        self.assertEqual(info["first_frame_offset"], first)
+        self.assertEqual(info["in_front"], [
+            {"kind": "ID3v2", "version": "2.4.0", "file_offset": 0, "size": 140},
+            {"kind": "ID3v2", "version": "2.3.0", "file_offset": 140, "size": 15},
+            {"kind": "other", "file_offset": 155, "size": 5}])
+        self.assertEqual(info["behind"], [
+            {"kind": "other", "file_offset": end, "size": 4},
+            {"kind": "APE", "version": "2", "file_offset": end + 4, "size": 84},
+            {"kind": "Lyrics3", "version": "2", "file_offset": end + 88, "size": 36},
+            {"kind": "ID3v1", "version": "1.1", "file_offset": end + 124, "size": 128}])
+        self.assertEqual(info["leftover_directory"], {"file": str(self.dir_file), "size": 0})
+        # Sizes that lie must not take the parser out of the file.
+        self.file.write_bytes(self.audio + struct.pack("<8s4I8x", b"APETAGEX", 2000, 0xFFFFFFFF, 1,
+                                                       0x80000000) + b"999999LYRICS200")
+        self.assertEqual(self.json("info", self.file)["behind"],
+                         [{"kind": "other", "file_offset": len(self.audio), "size": 47}])
+
+    def test_read(self):
+        self.assertEqual(self.host("read", self.file).stdout, self.audio)
+        out = self.dir / "out"
+        for options, expected in (
+                ((), self.audio),
+                (("--from", "1s", "--length", "750ms"), self.audio[8000:14000]),
+                (("--from", "100", "--length", "4294967295"), self.audio[100:]),
+                (("--from", "4294967295"), b"")):
+            read = self.json("read", self.file, "-o", out, *options)
+            self.assertEqual(out.read_bytes(), expected, options)
+            self.assertEqual(read["read"]["bytes"], len(expected), options)
+        self.assert_untouched()
+
+    def test_positions(self):
+        long_file = self.dir / "long.mp3"  # more than an hour, 3000 bytes a second
+        piece = audio_of(SAMPLES / "speech-16k-mono.mp3")
+        long_file.write_bytes(piece * (12_000_000 // len(piece)))
+        good = {"0": 0, "12345": 12345, "750ms": 2250, "0.5ms": 1, "62.5s": 187500, "2s": 6000,
+                "1:02.5": 187500, "0:00.001": 3, "1:02:03.5": 11170500}
+        good["90:00"] = good["end"] = good["9999999:00"] = long_file.stat().st_size
+        operations = [word for text in good for word in ("seek", text)]
+        done = self.json("edit", long_file, *operations)["operations"]
+        self.assertEqual([each["position"] for each in done], list(good.values()))
+        for text in ("", "-1", "+1", " 1", "1:60", "60:60:00", "1:2:3:4", "1:", ":5", "5x", "1.5",
+                     "4294967296", "0.0000001s", "0.0001ms", "ms", "s", "1e3s", "End", "5k",
+                     "99999999s", "1:-5", "0x10"):
+            failure = self.json("edit", self.file, "delete", "5", "seek", text, code=2)["failure"]
+            self.assertEqual((failure["status"], failure["name"]), (25, "FFD_INVALID_PARAMETER"))
+            self.assertEqual((failure["operation"], failure["file"]), ("seek", str(self.file)))
+        self.assert_untouched()
+
+    # ---- Editing ----
+
+    def test_insert_in_the_middle(self):
+        at = frame_border(self.audio, len(self.audio) // 2)
+        expected = self.audio[:at] + self.clip_audio + self.audio[at:]
+        edit = self.json("edit", self.file, "map", "seek", at, "insert", self.clip, "show", "map",
+                         "seek", 0, "read", "4294967295", "all")
+        before, _, insert, show, after, _, read = edit["operations"]
+        self.assertEqual([block["size"] for block in before["blocks"]], [len(self.audio)])
+        self.assertEqual((insert["from"], insert["bytes"]), (at, len(self.clip_audio)))
+        self.assertEqual(show["position"]["bytes"], at + len(self.clip_audio))
+        self.assertEqual(show["dictation"]["bytes"], len(expected))
+        size, first = len(self.original), len(self.head)
+        columns = ("state", "file_from", "file_to", "dictation_from", "dictation_to")
+        self.assertEqual([tuple(block[key] for key in columns) for block in after["blocks"]], [
+            ("live", first, first + at, 0, at),
+            ("live", size, size + len(self.clip_audio), at, at + len(self.clip_audio)),
+            ("live", first + at, first + len(self.audio), at + len(self.clip_audio),
+             len(expected))])
+        self.assertTrue(after["current"])
+        self.assertEqual((self.dir / "all").read_bytes(), expected)
+        self.assertEqual(edit["closed"], {"status": 0, "name": "FFD_NOERROR"})
+        self.assertEqual(self.file.read_bytes(), self.head + expected + self.tail)
+        self.assertFalse(self.dir_file.exists())
+
+    def test_overwrite_delete_undo_restore(self):
+        edit = self.json(
+            "edit", self.file, "seek", 1000, "overwrite", self.clip, "seek", 1000, "read", "1000",
+            "over", "store", "delete", 300, "delete", 500, "undo", "map", "restore", "map", "show")
+        done = edit["operations"]
+        length = max(len(self.audio), 1000 + len(self.clip_audio))
+        self.assertEqual(done[1]["replaced"], min(len(self.clip_audio), len(self.audio) - 1000))
+        self.assertEqual((self.dir / "over").read_bytes(), self.clip_audio[:1000])
+        self.assertEqual([done[i]["deleted"]["bytes"] for i in (5, 6)], [300, 500])
+        self.assertEqual(done[7]["brought_back"]["bytes"], 500)
+        states = [block["state"] for block in done[8]["blocks"]]
+        self.assertEqual(states.count("deleted"), 2)  # the overwrite's and the first delete's
+        # What a restore changes reaches the .DIR file with the next edit only.
+        self.assertTrue(done[8]["current"])
+        self.assertFalse(done[10]["current"])
+        self.assertEqual(done[11]["dictation"]["bytes"], length)
+        self.assertEqual(done[11]["position"]["bytes"], 2000)
+
+    def test_a_large_clip_goes_in_piece_by_piece(self):
+        big = self.dir / "big.mp3"
+        big.write_bytes(self.clip_audio * (700_000 // len(self.clip_audio) + 1))
+        edit = self.json("edit", self.file, "seek", 5000, "insert", big, "map", "seek", 0, "read",
+                         "4294967295", "all")
+        self.assertEqual((self.dir / "all").read_bytes(),
+                         self.audio[:5000] + big.read_bytes() + self.audio[5000:])
+        self.assertEqual([block["size"] for block in edit["operations"][2]["blocks"]],
+                         [5000, big.stat().st_size, len(self.audio) - 5000])
+
+    def test_edits_before_a_failure_are_kept(self):
+        edit = self.json("edit", self.file, "insert", self.clip, "undo", "delete", 500, code=1)
+        self.assertEqual((edit["failure"]["operation"], edit["failure"]["status"],
+                          edit["failure"]["name"]), ("undo", 24, "FFD_NOTHING_TO_UNDO"))
+        self.assertEqual([each["op"] for each in edit["operations"]], ["insert", "undo"])
+        self.assertEqual(edit["closed"]["status"], 0)
+        self.assertEqual(self.file.read_bytes(),
+                         self.head + self.clip_audio + self.audio + self.tail)
+
+    def test_crash(self):
+        at = frame_border(self.audio, 3000)
+        run = self.host("--json", "edit", self.file, "seek", at, "insert", self.clip, "crash",
+                        "delete", 5000, code=3)
+        self.assertTrue(json.loads(run.stdout)["crashed"])
+        self.assertIn(b"a.DIR", run.stderr)
+        self.assertEqual(self.json("info", self.file)["leftover_directory"]["size"], 65536)
+        left = self.json("map", self.file)
+        self.assertTrue(left["edited"])
+        self.assertEqual([block["size"] for block in left["blocks"]],
+                         [at, len(self.clip_audio), len(self.audio) - at])
+        self.json("edit", self.file, "show")
+        self.assertEqual(self.host("read", self.file).stdout,
+                         self.audio[:at] + self.clip_audio + self.audio[at:])
+        self.assertFalse(self.dir_file.exists())
+
+    # ---- What is refused ----
+
+    def test_damaged_directory_files(self):
+        self.assertFalse(self.json("map", self.file)["edited"])
+        good = entry(1, 0, 300) + entry(3, 300, 400) + entry(11, 500, 500) + entry(1, 400, 500)
+        self.dir_file.write_bytes(good)
+        blocks = self.json("map", self.file)["blocks"]
+        self.assertEqual([(block["state"], block["dictation_from"]) for block in blocks],
+                         [("live", 0), ("deleted", None), ("deleted, undoable", None),
+                          ("live", 300)])
+        for damaged in (good + b"\1\0\0", entry(2, 0, 300), entry(1, 300, 0), entry(1, 0, 9, 1),
+                        entry(1, 0, 300) + entry(3, 299, 301), entry(1, 0, 0) * 5462,
+                        bytes(16 * 1024 * 1024 + 1)):
+            self.dir_file.write_bytes(damaged)
+            failure = self.json("map", self.file, code=1)["failure"]
+            self.assertEqual((failure["status"], failure["name"], failure["file"]),
+                             (31, "FFD_DIRECTORY_MISMATCH", str(self.dir_file)), damaged[:24])
+        for unused in (b"", bytes(65536), entry(1, 0, 0)):
+            self.dir_file.write_bytes(unused)
+            self.assertFalse(self.json("map", self.file)["edited"], unused[:24])
+
+    def test_failures_name_status_and_change_nothing(self):
+        text = self.dir / "text.mp3"
+        text.write_text("no frame in here\n" * 100)
+        vbr = self.copy("speech-vbr.mp3", "vbr.mp3")
+        other = self.copy("speech-44k-stereo.mp3", "other.mp3")
+        absent = self.dir / "absent.mp3"
+        io, frames = (29, "FFD_FILE_IO_ERROR"), (9, "FFD_NO_MORE_FRAMES")
+        unsupported, argument = (19, "FFD_NOT_SUPPORTED"), (25, "FFD_INVALID_PARAMETER")
+        edit = ("edit", self.file, "delete", "500")
+        for arguments, status, code in (
+                (("info", absent), io, 1),
+                (("read", self.dir, "-o", "out"), io, 1),
+                (("map", text), frames, 1),
+                (("info", vbr), unsupported, 1),
+                (("edit", absent, "show"), io, 1),
+                (("edit", vbr, "show"), unsupported, 1),
+                (("edit", text, "show"), frames, 1),
+                ((*edit, "insert", vbr), unsupported, 1),
+                ((*edit, "insert", other), unsupported, 1),
+                ((*edit, "overwrite", absent), io, 1),
+                ((*edit, "insert", self.file), (5, "FFD_ERROR_ACCESS_DENIED"), 1),
+                ((*edit, "read", "5s", "absent/out"), (1, "FFD_INVALID_PATH"), 1),
+                ((*edit, "read", "5s", "a.mp3"), (7, "FFD_FILE_ALREADY_EXISTS"), 1),
+                ((*edit, "insert", self.clip, "read", "5s", self.clip),
+                 (7, "FFD_FILE_ALREADY_EXISTS"), 1),
+                (("read", self.file, "-o", self.file), (7, "FFD_FILE_ALREADY_EXISTS"), 1),
+                (("read", self.file), argument, 2),
+                ((*edit, "insrt", self.clip), argument, 2),
+                ((*edit, "read", "5s"), argument, 2),
+                (("edit", self.file), argument, 2),
+                (("bogus",), argument, 2),
+                (("--driver", absent, "info", self.file), (23, "FFD_FILE_NOT_FOUND"), 1),
+                (("--driver", text, "info", self.file), io, 1)):
+            failure = self.json(*arguments, code=code)["failure"]
+            self.assertEqual((failure["status"], failure["name"]), status, arguments)
+            self.assertTrue(failure["operation"] and failure["advice"], arguments)
+            self.assertEqual(list(self.dir.glob("*.DIR")), [], arguments)
+        self.assert_untouched()
+        said = self.host("edit", self.file, "insert", other, code=1).stderr.decode()
+        for words in ("insert failed", str(other), "FFD_NOT_SUPPORTED (19)", "44100 Hz",
+                      "128 kbit/s", "--force"):
+            self.assertIn(words, said)
+        forced = self.host("edit", "--force", self.file, "insert", other, "crash", code=3)
+        self.assertIn(b"does not fit", forced.stderr)
+        self.assertEqual(self.file.read_bytes(), self.original + audio_of(other))
+
+
+if __name__ == "__main__":
+    unittest.main()
