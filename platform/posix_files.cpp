@@ -1,0 +1,258 @@
+// Reading, writing and the file pointer, which lives in the handle: moving it costs no system call.
+#include "platform/fault_seam.h"
+#include "platform/posix_errors.h"
+#include "platform/posix_handles.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <limits>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace posix {
+namespace {
+
+constexpr size_t LARGEST_PIECE_BYTES = size_t{1} << 30; // one call moves less than 2 GiB
+
+// Checks, for a call on a file handle, that it is one and has the access. NO_ERROR, or the error.
+DWORD check(ObjectUse const& file, DWORD dwAccessNeeded) {
+    if (!file)
+        return ERROR_INVALID_HANDLE;
+    return (file->dwAccess & dwAccessNeeded) == dwAccessNeeded ? NO_ERROR : ERROR_ACCESS_DENIED;
+}
+
+// Moves bytes piece by piece with pread or pwrite and the file pointer along with them. Ends early
+// where a piece moves nothing.
+template <typename Transfer>
+DWORD transfer_at_pointer(Object& file, DWORD dwBytesAsked, DWORD& dwBytesMoved,
+                          Transfer transfer) {
+    std::lock_guard const lock(file.mutex);
+    while (dwBytesMoved < dwBytesAsked) {
+        size_t const pieceBytes =
+            std::min<size_t>(dwBytesAsked - dwBytesMoved, LARGEST_PIECE_BYTES);
+        ssize_t const moved = transfer(file.fd, dwBytesMoved, pieceBytes, file.llFileOffset);
+        if (moved < 0 && errno == EINTR)
+            continue;
+        if (moved < 0)
+            return error_of(errno);
+        if (moved == 0)
+            break;
+        dwBytesMoved += static_cast<DWORD>(moved);
+        file.llFileOffset += moved;
+    }
+    return NO_ERROR;
+}
+
+DWORD file_size(int fd, int64_t& llFileBytes) {
+    struct stat status {};
+    if (fstat(fd, &status) != 0)
+        return error_of(errno);
+    llFileBytes = status.st_size;
+    return NO_ERROR;
+}
+
+// Gives the low half of a 64-bit result. The one value that also stands for failure is told from it
+// by a last error of 0.
+DWORD low_half(int64_t llValue) {
+    DWORD const dwLow = static_cast<DWORD>(static_cast<uint64_t>(llValue));
+    if (dwLow == INVALID_SET_FILE_POINTER)
+        SetLastError(NO_ERROR);
+    return dwLow;
+}
+
+DWORD high_half(int64_t llValue) {
+    return static_cast<DWORD>(static_cast<uint64_t>(llValue) >> 32);
+}
+
+// Moves the file pointer. With `bNarrow` the result must be below 4 GiB.
+DWORD move_pointer(Object& file, int64_t llDistance, DWORD dwMethod, bool bNarrow,
+                   int64_t& llResult) {
+    std::lock_guard const lock(file.mutex);
+    int64_t llStart = 0;
+    if (dwMethod == FILE_CURRENT) {
+        llStart = file.llFileOffset;
+    } else if (dwMethod == FILE_END) {
+        DWORD const dwError = file_size(file.fd, llStart);
+        if (dwError != NO_ERROR)
+            return dwError;
+    } else if (dwMethod != FILE_BEGIN) {
+        return ERROR_INVALID_PARAMETER;
+    }
+    if (llDistance > std::numeric_limits<int64_t>::max() - llStart)
+        return ERROR_INVALID_PARAMETER;
+    llResult = llStart + llDistance;
+    if (llResult < 0)
+        return ERROR_NEGATIVE_SEEK;
+    if (bNarrow && llResult > std::numeric_limits<DWORD>::max())
+        return ERROR_INVALID_PARAMETER;
+    file.llFileOffset = llResult;
+    return NO_ERROR;
+}
+
+// Brings a directory entry to the disk. Where the directory may not be read, or its file system has
+// no such call, flushing the file whole is all there is, and on the usual file systems that takes
+// the name of a new file along.
+DWORD flush_name(int fd, char* pszPath) {
+    size_t const directoryLength = directory_length(pszPath);
+    char const cFirstOfName = pszPath[directoryLength];
+    pszPath[directoryLength] = '\0';
+    int const iDirectory = open(pszPath, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    pszPath[directoryLength] = cFirstOfName;
+    bool bFlushed = false;
+    int iErrno = EINVAL;
+    if (iDirectory >= 0) {
+        bFlushed = fsync(iDirectory) == 0;
+        iErrno = errno;
+        close(iDirectory);
+    }
+    if (bFlushed)
+        return NO_ERROR;
+    if (iErrno != EINVAL)
+        return error_of(iErrno);
+    return fsync(fd) == 0 ? NO_ERROR : error_of(errno);
+}
+
+DWORD flush(Object& file) {
+    if (fdatasync(file.fd) != 0)
+        return error_of(errno);
+    std::lock_guard const lock(file.mutex);
+    if (!file.bNameUnflushed)
+        return NO_ERROR;
+    DWORD const dwError = flush_name(file.fd, file.pszPath.get());
+    if (dwError != NO_ERROR)
+        return dwError;
+    file.bNameUnflushed = false;
+    if (!file.bDeleteOnClose)
+        file.pszPath.reset();
+    return NO_ERROR;
+}
+
+} // namespace
+} // namespace posix
+
+BOOL WINAPI ReadFile(HANDLE hFile, LPVOID lpBuffer, DWORD nNumberOfBytesToRead,
+                     LPDWORD lpNumberOfBytesRead, LPVOID /*lpOverlapped*/) {
+    FAULT_POINT(ReadFile, FALSE);
+    DWORD dwBytesRead = 0;
+    posix::ObjectUse const file(hFile, posix::Kind::File);
+    DWORD dwError = posix::check(file, GENERIC_READ);
+    if (dwError == NO_ERROR)
+        dwError = posix::transfer_at_pointer(
+            *file, FAULT_HALVED(nNumberOfBytesToRead), dwBytesRead,
+            [lpBuffer](int fd, DWORD dwDone, size_t bytes, int64_t llFileOffset) {
+                return pread(fd, static_cast<char*>(lpBuffer) + dwDone, bytes, llFileOffset);
+            });
+    if (lpNumberOfBytesRead != nullptr)
+        *lpNumberOfBytesRead = dwBytesRead;
+    return dwError == NO_ERROR ? TRUE : posix::fail(dwError);
+}
+
+BOOL WINAPI WriteFile(HANDLE hFile, LPCVOID lpBuffer, DWORD nNumberOfBytesToWrite,
+                      LPDWORD lpNumberOfBytesWritten, LPVOID /*lpOverlapped*/) {
+    FAULT_POINT(WriteFile, FALSE);
+    DWORD dwBytesWritten = 0;
+    posix::ObjectUse const file(hFile, posix::Kind::File);
+    DWORD dwError = posix::check(file, GENERIC_WRITE);
+    if (dwError == NO_ERROR && nNumberOfBytesToWrite != 0) {
+        FAULT_CHANGE();
+        dwError = posix::transfer_at_pointer(
+            *file, FAULT_HALVED(nNumberOfBytesToWrite), dwBytesWritten,
+            [lpBuffer](int fd, DWORD dwDone, size_t bytes, int64_t llFileOffset) {
+                return pwrite(fd, static_cast<char const*>(lpBuffer) + dwDone, bytes, llFileOffset);
+            });
+        if (dwError == NO_ERROR)
+            dwError = FAULT_HALVED_ERROR();
+    }
+    if (lpNumberOfBytesWritten != nullptr)
+        *lpNumberOfBytesWritten = dwBytesWritten;
+    return dwError == NO_ERROR ? TRUE : posix::fail(dwError);
+}
+
+DWORD WINAPI SetFilePointer(HANDLE hFile, LONG lDistanceToMove, PLONG lpDistanceToMoveHigh,
+                            DWORD dwMoveMethod) {
+    FAULT_POINT(SetFilePointer, INVALID_SET_FILE_POINTER);
+    bool const bNarrow = lpDistanceToMoveHigh == nullptr;
+    int64_t llDistance = lDistanceToMove;
+    if (!bNarrow)
+        llDistance = static_cast<int64_t>(static_cast<uint64_t>(*lpDistanceToMoveHigh) << 32 |
+                                          static_cast<uint32_t>(lDistanceToMove));
+    posix::ObjectUse const file(hFile, posix::Kind::File);
+    int64_t llResult = 0;
+    DWORD dwError = posix::check(file, 0);
+    if (dwError == NO_ERROR)
+        dwError = posix::move_pointer(*file, llDistance, dwMoveMethod, bNarrow, llResult);
+    if (dwError != NO_ERROR) {
+        posix::fail(dwError);
+        return INVALID_SET_FILE_POINTER;
+    }
+    if (!bNarrow)
+        *lpDistanceToMoveHigh = static_cast<LONG>(posix::high_half(llResult));
+    return posix::low_half(llResult);
+}
+
+BOOL WINAPI SetEndOfFile(HANDLE hFile) {
+    FAULT_POINT(SetEndOfFile, FALSE);
+    posix::ObjectUse const file(hFile, posix::Kind::File);
+    DWORD const dwError = posix::check(file, GENERIC_WRITE);
+    if (dwError != NO_ERROR)
+        return posix::fail(dwError);
+    std::lock_guard const lock(file->mutex);
+    FAULT_CHANGE();
+    int result;
+    do {
+        result = ftruncate(file->fd, file->llFileOffset);
+    } while (result != 0 && errno == EINTR);
+    return result == 0 ? TRUE : posix::fail(posix::error_of(errno));
+}
+
+DWORD WINAPI GetFileSize(HANDLE hFile, LPDWORD lpFileSizeHigh) {
+    FAULT_POINT(GetFileSize, INVALID_FILE_SIZE);
+    posix::ObjectUse const file(hFile, posix::Kind::File);
+    int64_t llFileBytes = 0;
+    DWORD dwError = posix::check(file, 0);
+    if (dwError == NO_ERROR)
+        dwError = posix::file_size(file->fd, llFileBytes);
+    if (dwError != NO_ERROR) {
+        posix::fail(dwError);
+        return INVALID_FILE_SIZE;
+    }
+    if (lpFileSizeHigh != nullptr)
+        *lpFileSizeHigh = posix::high_half(llFileBytes);
+    return posix::low_half(llFileBytes);
+}
+
+BOOL WINAPI FlushFileBuffers(HANDLE hFile) {
+    FAULT_POINT(FlushFileBuffers, FALSE);
+    posix::ObjectUse const file(hFile, posix::Kind::File);
+    DWORD dwError = posix::check(file, GENERIC_WRITE);
+    if (dwError == NO_ERROR)
+        dwError = posix::flush(*file);
+    return dwError == NO_ERROR ? TRUE : posix::fail(dwError);
+}
+
+BOOL PlatformCopyPermissions(HANDLE hFrom, HANDLE hTo) {
+    FAULT_POINT(CopyPermissions, FALSE);
+    posix::ObjectUse const from(hFrom, posix::Kind::File);
+    posix::ObjectUse const to(hTo, posix::Kind::File);
+    DWORD dwError = posix::check(from, 0);
+    if (dwError == NO_ERROR)
+        dwError = posix::check(to, GENERIC_WRITE);
+    if (dwError != NO_ERROR)
+        return posix::fail(dwError);
+    struct stat status {};
+    if (fstat(from->fd, &status) != 0)
+        return posix::fail(posix::error_of(errno));
+    FAULT_CHANGE();
+    // The owner goes first: a change of it clears the set-id bits, which only the same owner may
+    // keep.
+    constexpr mode_t SET_ID_BITS = S_ISUID | S_ISGID;
+    mode_t mode = status.st_mode & 07777;
+    constexpr uid_t SAME_OWNER = static_cast<uid_t>(-1);
+    if (fchown(to->fd, status.st_uid, status.st_gid) != 0) {
+        mode &= ~SET_ID_BITS;
+        // The group alone may be in the caller's hands. If not, the new file is the caller's.
+        static_cast<void>(fchown(to->fd, SAME_OWNER, status.st_gid) == 0);
+    }
+    return fchmod(to->fd, mode) == 0 ? TRUE : posix::fail(posix::error_of(errno));
+}

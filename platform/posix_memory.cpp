@@ -1,0 +1,144 @@
+// The heap, and anonymous mappings.
+#include "platform/fault_seam.h"
+#include "platform/posix_errors.h"
+#include "platform/posix_handles.h"
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <new>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace posix {
+namespace {
+
+struct View {
+    void* pBase;
+    size_t bytes;
+    View* pNext;
+};
+
+constinit std::mutex g_viewsMutex;
+constinit View* g_pViews = nullptr;
+
+DWORD make_mapping(uint64_t ullBytes, Object& object) {
+    object.fd = memfd_create("mapping", MFD_CLOEXEC);
+    if (object.fd < 0 || ftruncate(object.fd, static_cast<off_t>(ullBytes)) != 0)
+        return error_of(errno);
+    object.ullMappingBytes = ullBytes;
+    return NO_ERROR;
+}
+
+// Maps a part of the mapping and enters it among the views. Null, with `dwError` set, on failure.
+void* map_view(Object const& mapping, uint64_t ullOffset, size_t bytes, DWORD& dwError) {
+    std::unique_ptr<View> pView(new (std::nothrow) View);
+    if (!pView) {
+        dwError = ERROR_NOT_ENOUGH_MEMORY;
+        return nullptr;
+    }
+    void* const pBase = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, mapping.fd,
+                             static_cast<off_t>(ullOffset));
+    if (pBase == MAP_FAILED) {
+        dwError = error_of(errno);
+        return nullptr;
+    }
+    std::lock_guard const lock(g_viewsMutex);
+    *pView = {pBase, bytes, g_pViews};
+    g_pViews = pView.release();
+    FAULT_TALLY(Views, 1);
+    return pBase;
+}
+
+std::unique_ptr<View> take_view(void const* pBase) {
+    std::lock_guard const lock(g_viewsMutex);
+    for (View** ppView = &g_pViews; *ppView != nullptr; ppView = &(*ppView)->pNext) {
+        if ((*ppView)->pBase != pBase)
+            continue;
+        std::unique_ptr<View> pFound(*ppView);
+        *ppView = pFound->pNext;
+        return pFound;
+    }
+    return nullptr;
+}
+
+} // namespace
+} // namespace posix
+
+HANDLE WINAPI GetProcessHeap(void) {
+    return reinterpret_cast<HANDLE>(uintptr_t{1});
+}
+
+LPVOID WINAPI HeapAlloc(HANDLE /*hHeap*/, DWORD dwFlags, SIZE_T dwBytes) {
+    FAULT_POINT(HeapAlloc, nullptr);
+    void* pMemory = nullptr;
+    if (dwBytes <= PTRDIFF_MAX)
+        pMemory = (dwFlags & HEAP_ZERO_MEMORY) != 0 ? calloc(1, dwBytes) : malloc(dwBytes);
+    if (pMemory == nullptr) {
+        posix::fail(ERROR_NOT_ENOUGH_MEMORY);
+        return nullptr;
+    }
+    FAULT_TALLY(HeapBlocks, 1);
+    return pMemory;
+}
+
+BOOL WINAPI HeapFree(HANDLE /*hHeap*/, DWORD /*dwFlags*/, LPVOID lpMem) {
+    FAULT_POINT(HeapFree, FALSE);
+    if (lpMem != nullptr)
+        FAULT_TALLY(HeapBlocks, -1);
+    free(lpMem);
+    return TRUE;
+}
+
+HANDLE WINAPI CreateFileMappingA(HANDLE hFile, LPVOID /*lpAttributes*/, DWORD flProtect,
+                                 DWORD dwMaximumSizeHigh, DWORD dwMaximumSizeLow, LPCSTR lpName) {
+    FAULT_POINT(CreateFileMapping, nullptr);
+    uint64_t const ullBytes = static_cast<uint64_t>(dwMaximumSizeHigh) << 32 | dwMaximumSizeLow;
+    posix::NewHandle newHandle(posix::Kind::Mapping);
+    DWORD dwError = newHandle.error();
+    if (hFile != INVALID_HANDLE_VALUE || lpName != nullptr || flProtect != PAGE_READWRITE ||
+        ullBytes == 0 || ullBytes > INT64_MAX)
+        dwError = ERROR_INVALID_PARAMETER;
+    if (dwError == NO_ERROR)
+        dwError = posix::make_mapping(ullBytes, newHandle.object());
+    if (dwError != NO_ERROR) {
+        posix::fail(dwError);
+        return nullptr;
+    }
+    return newHandle.publish();
+}
+
+LPVOID WINAPI MapViewOfFile(HANDLE hFileMappingObject, DWORD dwDesiredAccess,
+                            DWORD dwFileOffsetHigh, DWORD dwFileOffsetLow,
+                            SIZE_T dwNumberOfBytesToMap) {
+    FAULT_POINT(MapViewOfFile, nullptr);
+    uint64_t const ullOffset = static_cast<uint64_t>(dwFileOffsetHigh) << 32 | dwFileOffsetLow;
+    posix::ObjectUse const mapping(hFileMappingObject, posix::Kind::Mapping);
+    DWORD dwError = NO_ERROR;
+    void* pBase = nullptr;
+    if (!mapping)
+        dwError = ERROR_INVALID_HANDLE;
+    else if (dwDesiredAccess != FILE_MAP_WRITE)
+        dwError = ERROR_INVALID_PARAMETER;
+    else if (ullOffset >= mapping->ullMappingBytes ||
+             dwNumberOfBytesToMap > mapping->ullMappingBytes - ullOffset)
+        dwError = ERROR_ACCESS_DENIED; // as the platform has it for a view behind the end
+    else
+        pBase = posix::map_view(*mapping, ullOffset,
+                                dwNumberOfBytesToMap != 0 ? dwNumberOfBytesToMap
+                                                          : mapping->ullMappingBytes - ullOffset,
+                                dwError);
+    if (dwError != NO_ERROR)
+        posix::fail(dwError);
+    return pBase;
+}
+
+BOOL WINAPI UnmapViewOfFile(LPCVOID lpBaseAddress) {
+    FAULT_POINT(UnmapViewOfFile, FALSE);
+    std::unique_ptr<posix::View> const pView = posix::take_view(lpBaseAddress);
+    if (!pView)
+        return posix::fail(ERROR_INVALID_PARAMETER);
+    FAULT_TALLY(Views, -1);
+    munmap(pView->pBase, pView->bytes);
+    return TRUE;
+}

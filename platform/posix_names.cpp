@@ -1,0 +1,138 @@
+// Removing and renaming.
+#include "platform/posix_names.h"
+
+#include "platform/fault_seam.h"
+#include "platform/posix_errors.h"
+#include "platform/posix_locks.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace posix {
+namespace {
+
+class Descriptor {
+public:
+    explicit Descriptor(int fd) : m_fd(fd) {}
+    ~Descriptor() {
+        if (m_fd >= 0)
+            close(m_fd);
+    }
+    Descriptor(Descriptor const&) = delete;
+    Descriptor& operator=(Descriptor const&) = delete;
+    int get() const { return m_fd; }
+
+private:
+    int m_fd;
+};
+
+constexpr Claim ALONE{0, 0, false, false, true};
+
+// Calls the function, which returns an error number, while no handle has the file open and none can
+// get it. NO_ERROR, or the error number.
+template <typename Function> DWORD while_unopened(char const* pszPath, Function function) {
+    if (pszPath == nullptr || *pszPath == '\0')
+        return ERROR_PATH_NOT_FOUND;
+    for (int start = 0; start < MOST_STARTS; ++start) {
+        Descriptor const descriptor(open_descriptor(pszPath, O_RDONLY));
+        struct stat status {};
+        if (descriptor.get() < 0 || fstat(descriptor.get(), &status) != 0)
+            return error_of_path(errno, pszPath);
+        if (!S_ISREG(status.st_mode))
+            return ERROR_ACCESS_DENIED;
+        Gate const gate(descriptor.get(), status);
+        if (!gate.passed())
+            break;
+        DWORD const dwError = claim(descriptor.get(), ALONE);
+        if (dwError != NO_ERROR)
+            return dwError;
+        if (names_file(pszPath, status))
+            return function();
+    }
+    return ERROR_SHARING_VIOLATION;
+}
+
+DWORD error_of_rename(int iErrno, char const* pszNewPath) {
+    return iErrno == EEXIST ? ERROR_ALREADY_EXISTS : error_of_path(iErrno, pszNewPath);
+}
+
+// For a file system that cannot rename without replacing. A process that dies between the two steps
+// leaves the file under both names; it never leaves it under none.
+DWORD rename_by_link(char const* pszPath, char const* pszNewPath) {
+    if (link(pszPath, pszNewPath) != 0)
+        return error_of_rename(errno, pszNewPath);
+    if (unlink(pszPath) == 0)
+        return NO_ERROR;
+    DWORD const dwError = error_of_path(errno, pszPath);
+    unlink(pszNewPath);
+    return dwError;
+}
+
+DWORD rename_without_replacing(char const* pszPath, char const* pszNewPath) {
+    if (renameat2(AT_FDCWD, pszPath, AT_FDCWD, pszNewPath, RENAME_NOREPLACE) == 0)
+        return NO_ERROR;
+    if (errno == EINVAL || errno == ENOSYS)
+        return rename_by_link(pszPath, pszNewPath);
+    return error_of_rename(errno, pszNewPath);
+}
+
+} // namespace
+
+bool names_file(char const* pszPath, struct stat const& status) {
+    struct stat found {};
+    return stat(pszPath, &found) == 0 && found.st_dev == status.st_dev &&
+           found.st_ino == status.st_ino;
+}
+
+int open_descriptor(char const* pszPath, int iFlags) {
+    constexpr mode_t LEFT_TO_UMASK = 0666;
+    int fd;
+    do {
+        fd = open(pszPath, iFlags | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, LEFT_TO_UMASK);
+    } while (fd < 0 && errno == EINTR);
+    return fd;
+}
+
+OwnedText absolute_path(char const* pszPath) {
+    if (*pszPath == '/')
+        return OwnedText(strdup(pszPath));
+    OwnedText const directory(getcwd(nullptr, 0));
+    if (!directory)
+        return nullptr;
+    size_t const directoryLength = strlen(directory.get());
+    size_t const pathLength = strlen(pszPath);
+    OwnedText joined(static_cast<char*>(malloc(directoryLength + 1 + pathLength + 1)));
+    if (!joined)
+        return nullptr;
+    memcpy(joined.get(), directory.get(), directoryLength);
+    joined.get()[directoryLength] = '/';
+    memcpy(joined.get() + directoryLength + 1, pszPath, pathLength + 1);
+    return joined;
+}
+
+} // namespace posix
+
+BOOL WINAPI DeleteFileA(LPCSTR lpFileName) {
+    FAULT_POINT(DeleteFile, FALSE);
+    DWORD const dwError = posix::while_unopened(lpFileName, [lpFileName] {
+        FAULT_CHANGE();
+        return unlink(lpFileName) == 0 ? NO_ERROR : posix::error_of_path(errno, lpFileName);
+    });
+    return dwError == NO_ERROR ? TRUE : posix::fail(dwError);
+}
+
+BOOL WINAPI MoveFileA(LPCSTR lpExistingFileName, LPCSTR lpNewFileName) {
+    FAULT_POINT(MoveFile, FALSE);
+    if (lpNewFileName == nullptr || *lpNewFileName == '\0')
+        return posix::fail(ERROR_PATH_NOT_FOUND);
+    DWORD const dwError =
+        posix::while_unopened(lpExistingFileName, [lpExistingFileName, lpNewFileName] {
+            FAULT_CHANGE();
+            return posix::rename_without_replacing(lpExistingFileName, lpNewFileName);
+        });
+    return dwError == NO_ERROR ? TRUE : posix::fail(dwError);
+}

@@ -1,0 +1,49 @@
+// Disk space, the error mode and the way back to the host.
+#include "platform/fault_seam.h"
+#include "platform/posix_errors.h"
+
+#include <atomic>
+#include <cerrno>
+#include <sys/statvfs.h>
+
+namespace {
+
+// Kept for its callers alone: nothing here ever asks the user a question.
+constinit std::atomic<UINT> g_uErrorMode = 0;
+
+} // namespace
+
+BOOL WINAPI GetDiskFreeSpaceExA(LPCSTR lpDirectoryName, ULARGE_INTEGER* lpFreeBytesAvailable,
+                                ULARGE_INTEGER* lpTotalNumberOfBytes,
+                                ULARGE_INTEGER* lpTotalNumberOfFreeBytes) {
+    FAULT_POINT(GetDiskFreeSpaceEx, FALSE);
+    char const* const pszDirectory = lpDirectoryName != nullptr ? lpDirectoryName : ".";
+    struct statvfs space {};
+    int result;
+    do {
+        result = statvfs(pszDirectory, &space);
+    } while (result != 0 && errno == EINTR);
+    if (result != 0) // the path is a directory, so one that is missing is a missing directory
+        return posix::fail(errno == ENOENT ? ERROR_PATH_NOT_FOUND : posix::error_of(errno));
+    uint64_t const ullUnitBytes = space.f_frsize;
+    if (lpFreeBytesAvailable != nullptr)
+        lpFreeBytesAvailable->QuadPart = FAULT_FREE_BYTES(space.f_bavail * ullUnitBytes);
+    if (lpTotalNumberOfBytes != nullptr)
+        lpTotalNumberOfBytes->QuadPart = space.f_blocks * ullUnitBytes;
+    if (lpTotalNumberOfFreeBytes != nullptr)
+        lpTotalNumberOfFreeBytes->QuadPart = FAULT_FREE_BYTES(space.f_bfree * ullUnitBytes);
+    return TRUE;
+}
+
+UINT WINAPI SetErrorMode(UINT uMode) {
+    return g_uErrorMode.exchange(uMode);
+}
+
+BOOL WINAPI DriverCallback(DWORD_PTR dwCallback, DWORD dwFlags, HDRVR hDevice, DWORD dwMsg,
+                           DWORD_PTR dwUser, DWORD_PTR dwParam1, DWORD_PTR dwParam2) {
+    FAULT_POINT(DriverCallback, FALSE);
+    if (dwCallback == 0 || dwFlags != DCB_FUNCTION)
+        return FALSE;
+    reinterpret_cast<LPDRVCALLBACK>(dwCallback)(hDevice, dwMsg, dwUser, dwParam1, dwParam2);
+    return TRUE;
+}

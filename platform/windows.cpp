@@ -1,0 +1,49 @@
+// What the platform layer adds to the calls of Windows.
+#include "platform/platform.h"
+#include "platform/split_path.h"
+
+#include <array>
+
+namespace {
+
+bool is_lead_byte(char c) {
+    return IsDBCSLeadByte(static_cast<BYTE>(c)) != FALSE;
+}
+
+// A file name in the form that the file system compares. Its length, 0 if it cannot be had.
+int wide_name(char const* pszName, std::array<wchar_t, 512>& wideName) {
+    return MultiByteToWideChar(CP_ACP, MB_ERR_INVALID_CHARS, pszName, -1, wideName.data(),
+                               static_cast<int>(wideName.size()));
+}
+
+} // namespace
+
+bool PlatformSplitPath(LPCSTR pszPath, PlatformPathParts* pParts) {
+    return platform::split_path(pszPath, pParts, {"\\/", true, is_lead_byte});
+}
+
+bool PlatformSameFileName(LPCSTR pszName1, LPCSTR pszName2) {
+    std::array<wchar_t, 512> wideName1;
+    std::array<wchar_t, 512> wideName2;
+    int const iLength1 = wide_name(pszName1, wideName1);
+    int const iLength2 = wide_name(pszName2, wideName2);
+    if (iLength1 == 0 || iLength2 == 0)
+        return lstrcmpiA(pszName1, pszName2) == 0;
+    // Ordinal, as the file system does it: a comparison by language takes different names for one.
+    return CompareStringOrdinal(wideName1.data(), iLength1, wideName2.data(), iLength2, TRUE) ==
+           CSTR_EQUAL;
+}
+
+BOOL PlatformCopyPermissions(HANDLE hFrom, HANDLE hTo) {
+    constexpr DWORD COPIED_ATTRIBUTES = FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN |
+                                        FILE_ATTRIBUTE_SYSTEM | FILE_ATTRIBUTE_ARCHIVE |
+                                        FILE_ATTRIBUTE_NOT_CONTENT_INDEXED;
+    FILE_BASIC_INFO from = {};
+    if (!GetFileInformationByHandleEx(hFrom, FileBasicInfo, &from, sizeof from))
+        return FALSE;
+    FILE_BASIC_INFO to = {}; // a time of 0 stays as it is, and so do attributes of 0
+    to.FileAttributes = from.FileAttributes & COPIED_ATTRIBUTES;
+    if (to.FileAttributes == 0)
+        to.FileAttributes = FILE_ATTRIBUTE_NORMAL;
+    return SetFileInformationByHandle(hTo, FileBasicInfo, &to, sizeof to);
+}
