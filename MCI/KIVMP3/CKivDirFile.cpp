@@ -1,0 +1,273 @@
+// The storage of the edit directory: where the .DIR file lies, how the buffer is obtained, how it
+// is committed and released.
+
+#include "MCI/KIVMP3/CKivDirFile.h"
+
+#include "MCI/KIVMP3/INTERNAL.h"
+
+#include <algorithm>
+#include <cstring>
+
+#define TRACE_MODULE "XKIVMP3.DLL"
+#include "log/trace.h"
+
+void CKivDirFile::create_directory_file(LPCSTR pszFilePath_p, FFDCreation ffdCreation_p,
+                                        FFDDesiredAccess ffdDesiredAccess_p) {
+    TRACE_ENTRY("-----CKivDirFile::create_directory_file(...)");
+    TRACE_PARAM("pszFilePath_p", "%s", pszFilePath_p);
+    m_szDirFilePath[0] = '\0';
+    m_bReadOnly = ffdDesiredAccess_p == FFD_ACCESS_READWRITE ? FALSE : TRUE;
+    TRACE_INFO(m_bReadOnly ? "Desired Access: READ ONLY" : "Desired Access: READ/WRITE");
+    if (!m_bReadOnly) {
+        FFDError const ffdError = KIVMP3_make_sibling_path(pszFilePath_p, ".DIR", m_szDirFilePath);
+        if (ffdError != FFD_NOERROR) {
+            m_szDirFilePath[0] = '\0';
+            TRACE_ERROR(ffdError, ffdError == FFD_INVALID_PATH
+                                      ? "no path for DIR-file -> FFD_INVALID_PATH"
+                                      : "no filename for DIR-file -> FFD_FILE_IO_ERROR");
+            throw FFDError{ffdError};
+        }
+    }
+    create_directory_mapping(m_szDirFilePath, ffdCreation_p);
+    if (ffdCreation_p == FFD_CREATE_NEW) {
+        TRACE_INFO("Reset dir file");
+        set_first_entry(0);
+    }
+}
+
+void CKivDirFile::create_directory_mapping(LPCSTR pszFilePath_p, FFDCreation ffdCreation_p) {
+    TRACE_ENTRY("-----CKivDirFile::create_directory_mapping(..)");
+    TRACE_PARAM("pszFilePath_p", "%s", pszFilePath_p);
+    m_dwDirSize = DIR_FILE_SIZE;
+    if (m_bReadOnly) {
+        map_buffer();
+        return;
+    }
+    DWORD dwFileSize = 0;
+    if (ffdCreation_p == FFD_OPEN_EXISTING && open_existing_file(pszFilePath_p, &dwFileSize)) {
+        m_dwDirSize = std::max(dwFileSize, DIR_FILE_SIZE);
+        allocate_buffer(dwFileSize);
+        if (!is_damaged(dwFileSize)) {
+            clear_behind_end();
+            return;
+        }
+        HeapFree(GetProcessHeap(), 0, m_psDirHeader);
+        m_psDirHeader = nullptr;
+        m_dwDirSize = DIR_FILE_SIZE;
+        set_file_aside(pszFilePath_p);
+    }
+    open_new_file(pszFilePath_p);
+    allocate_buffer(0);
+}
+
+// Whether there is a .DIR file with contents, open then, with its size in bytes.
+bool CKivDirFile::open_existing_file(LPCSTR pszFilePath_p, DWORD* pdwFileSize_p) {
+    m_hDirFile = CreateFileA(pszFilePath_p, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr,
+                             OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (m_hDirFile == INVALID_HANDLE_VALUE) {
+        m_hDirFile = nullptr;
+        DWORD const dwError = GetLastError();
+        if (dwError == ERROR_FILE_NOT_FOUND) {
+            TRACE_INFO("dir file does not exist");
+            return false;
+        }
+        TRACE_ERROR(dwError, "GetLastError() after CreateFile()");
+        throw FFDError{FFD_FILE_IO_ERROR};
+    }
+    TRACE_INFO("Existing directory file");
+    uint64_t ullFileSize = 0;
+    DWORD const dwError = KIVMP3_get_file_size(m_hDirFile, &ullFileSize);
+    if (dwError != NO_ERROR) {
+        TRACE_ERROR(dwError, "GetLastError() after GetFileSize(..)");
+        throw FFDError{FFD_FILE_IO_ERROR};
+    }
+    if (ullFileSize > DIR_FILE_SIZE_MOST) {
+        TRACE_ERROR(FFD_FILE_IO_ERROR, "dir file is damaged: too large");
+        set_file_aside(pszFilePath_p);
+        return false;
+    }
+    if (ullFileSize == 0) {
+        // A directory that never saw a flush.
+        CloseHandle(m_hDirFile);
+        m_hDirFile = nullptr;
+        DeleteFileA(pszFilePath_p);
+        return false;
+    }
+    *pdwFileSize_p = static_cast<DWORD>(ullFileSize);
+    return true;
+}
+
+void CKivDirFile::set_file_aside(LPCSTR pszFilePath_p) {
+    CloseHandle(m_hDirFile);
+    m_hDirFile = nullptr;
+    if (!KIVMP3_set_file_aside(pszFilePath_p)) {
+        TRACE_ERROR(FFD_FILE_IO_ERROR, "by KIVMP3_set_file_aside(.)");
+        throw FFDError{FFD_FILE_IO_ERROR};
+    }
+}
+
+void CKivDirFile::open_new_file(LPCSTR pszFilePath_p) {
+    m_hDirFile = CreateFileA(pszFilePath_p, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr,
+                             CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (m_hDirFile == INVALID_HANDLE_VALUE) {
+        m_hDirFile = nullptr;
+        TRACE_ERROR(GetLastError(), "GetLastError() after CreateFile(...)");
+        throw FFDError{FFD_FILE_IO_ERROR};
+    }
+}
+
+void CKivDirFile::map_buffer() {
+    m_hDirFileMapping =
+        CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, m_dwDirSize, nullptr);
+    if (m_hDirFileMapping == nullptr) {
+        TRACE_ERROR(GetLastError(), "GetLastError() after CreateFileMapping(...)");
+        throw FFDError{FFD_FILE_IO_ERROR};
+    }
+    m_psDirHeader =
+        static_cast<DirEntry*>(MapViewOfFile(m_hDirFileMapping, FILE_MAP_WRITE, 0, 0, m_dwDirSize));
+    m_bMapped = TRUE;
+    if (m_psDirHeader == nullptr) {
+        TRACE_ERROR(GetLastError(), "GetLastError() after MapViewOfFile(...)");
+        throw FFDError{FFD_FILE_IO_ERROR};
+    }
+}
+
+// A zeroed buffer of m_dwDirSize bytes with the first dwFileSize_p bytes of the file in it.
+void CKivDirFile::allocate_buffer(DWORD dwFileSize_p) {
+    HANDLE const hHeap = GetProcessHeap();
+    void* pvBuffer = HeapAlloc(hHeap, HEAP_ZERO_MEMORY, m_dwDirSize);
+    DWORD dwError = NO_ERROR;
+    if (pvBuffer == nullptr) {
+        dwError = GetLastError();
+    } else {
+        DWORD dwBytesRead = 0;
+        bool const bRead =
+            ReadFile(m_hDirFile, pvBuffer, m_dwDirSize, &dwBytesRead, nullptr) != FALSE;
+        // A read that stops short of the size just asked for would pass for a shorter directory.
+        if (!bRead || dwBytesRead < dwFileSize_p) {
+            dwError = bRead ? ERROR_HANDLE_EOF : GetLastError();
+            HeapFree(hHeap, 0, pvBuffer);
+            pvBuffer = nullptr;
+        }
+    }
+    m_psDirHeader = static_cast<DirEntry*>(pvBuffer);
+    m_bMapped = FALSE;
+    if (m_psDirHeader == nullptr) {
+        TRACE_ERROR(dwError, "GetLastError() after MapViewOfFile(...)");
+        throw FFDError{FFD_FILE_IO_ERROR};
+    }
+}
+
+FFDError CKivDirFile::flush_dir_file() {
+    TRACE_ENTRY("-----CKivDirFile::flush_dir_file()");
+    m_bFlushPending = true;
+    FFDError const ffdError = reopen_lost_file();
+    if (ffdError != FFD_NOERROR) {
+        return ffdError;
+    }
+    DWORD dwBytesWritten = 0;
+    if (!KIVMP3_set_file_pointer(m_hDirFile, 0) ||
+        !WriteFile(m_hDirFile, m_psDirHeader, m_dwDirSize, &dwBytesWritten, nullptr) ||
+        dwBytesWritten != m_dwDirSize) {
+        TRACE_ERROR(GetLastError(), "GetLastError() after WriteFile(..) -> FFD_FILE_IO_ERROR");
+        return FFD_FILE_IO_ERROR;
+    }
+    // Closing and opening again is the commit.
+    if (!CloseHandle(m_hDirFile)) {
+        TRACE_ERROR(GetLastError(), "GetLastError() after CloseHandle(..) -> FFD_FILE_IO_ERROR");
+        return FFD_FILE_IO_ERROR;
+    }
+    m_hDirFile = CreateFileA(m_szDirFilePath, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ,
+                             nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (m_hDirFile == INVALID_HANDLE_VALUE) {
+        TRACE_ERROR(GetLastError(), "GetLastError() after CreateFile(..) -> FFD_FILE_IO_ERROR");
+        return FFD_FILE_IO_ERROR;
+    }
+    m_bFlushPending = false;
+    return FFD_NOERROR;
+}
+
+// Gets the .DIR file back that an earlier flush wrote but could not open again.
+FFDError CKivDirFile::reopen_lost_file() {
+    if (m_hDirFile != INVALID_HANDLE_VALUE && m_hDirFile != nullptr) {
+        return FFD_NOERROR;
+    }
+    m_hDirFile = CreateFileA(m_szDirFilePath, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ,
+                             nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (m_hDirFile == INVALID_HANDLE_VALUE) {
+        TRACE_ERROR(GetLastError(), "GetLastError() after CreateFile(..) -> FFD_FILE_IO_ERROR");
+        return FFD_FILE_IO_ERROR;
+    }
+    return FFD_NOERROR;
+}
+
+FFDError CKivDirFile::close_dir_file() {
+    if (m_hDirFile == INVALID_HANDLE_VALUE) {
+        m_hDirFile = nullptr;
+    }
+    if (m_hDirFile == nullptr) {
+        return FFD_NOERROR;
+    }
+    if (!CloseHandle(m_hDirFile)) {
+        TRACE_ERROR(GetLastError(), "GetLastError() after CloseHandle(m_hDirFile)");
+        return FFD_FILE_IO_ERROR;
+    }
+    m_hDirFile = nullptr;
+    return FFD_NOERROR;
+}
+
+FFDError CKivDirFile::close_dir_memory_mapping() {
+    TRACE_ENTRY("-----CKivDirFile::close_dir_memory_mapping()");
+    FFDError ffdError = FFD_NOERROR;
+    if (m_psDirHeader != nullptr) {
+        BOOL const bReleased = m_bMapped ? UnmapViewOfFile(m_psDirHeader)
+                                         : HeapFree(GetProcessHeap(), 0, m_psDirHeader);
+        if (bReleased) {
+            m_psDirHeader = nullptr;
+        } else {
+            TRACE_ERROR(GetLastError(), m_bMapped
+                                            ? "GetLastError() after UnmapViewOfFile(m_psDirHeader)"
+                                            : "GetLastError() after HeapFree(GetProcessHeap(), 0, "
+                                              "m_psDirHeader)");
+            ffdError = FFD_FILE_IO_ERROR;
+        }
+    }
+    if (m_bMapped) {
+        if (m_hDirFileMapping != nullptr) {
+            if (CloseHandle(m_hDirFileMapping)) {
+                m_hDirFileMapping = nullptr;
+            } else {
+                TRACE_ERROR(GetLastError(), "GetLastError() after CloseHandle(m_hDirFileMapping)");
+                ffdError = FFD_FILE_IO_ERROR;
+            }
+        }
+        m_bMapped = FALSE;
+    }
+    return close_dir_file() != FFD_NOERROR ? FFD_FILE_IO_ERROR : ffdError;
+}
+
+FFDError CKivDirFile::delete_directory_file() {
+    TRACE_ENTRY("-----CKivDirFile::delete_directory_file()");
+    FFDError ffdError = close_dir_file();
+    if (!m_bReadOnly && m_szDirFilePath[0] != '\0' && !DeleteFileA(m_szDirFilePath)) {
+        TRACE_ERROR(GetLastError(), "GetLastError() after DeleteFile(m_szDirFilePath)");
+        ffdError = FFD_FILE_IO_ERROR;
+    }
+    m_dwDataLengthInBy = 0;
+    m_psDirHeader = nullptr;
+    m_dwDirSize = 0;
+    m_bReadOnly = FALSE;
+    m_szDirFilePath[0] = '\0';
+    return ffdError;
+}
+
+bool CKivDirFile::is_new_directory() const {
+    return m_psDirHeader[0].Status == 0 ||
+           (m_psDirHeader[0].Endpos == 0 && m_psDirHeader[1].Status == 0);
+}
+
+void CKivDirFile::set_first_entry(DWORD dwEndpos_p) {
+    memset(m_psDirHeader, 0, m_dwDirSize);
+    m_psDirHeader[0].Status = DIR_STATUS_LIVE;
+    m_psDirHeader[0].Endpos = dwEndpos_p;
+}

@@ -1,0 +1,204 @@
+// The edit directory: which byte ranges of an MP3 file make up the dictation, and in which order.
+//
+// Audio that stands in the file is never changed. New audio is appended to the file, and every edit
+// is an edit of this array of entries:
+//
+//     file      | head | 0 ........ 1000 | tag | new: 1128 .. 1228 |      audio positions
+//
+//     entries   [1: 0..300] [1: 1128..1228] [3: 300..400] [1: 400..1000]  in playing order
+//     dictation   0..300      300..400         (deleted)     400..1000    dictation positions
+//
+// An audio position says where bytes lie, counted from the first byte of the first frame; the file
+// offset is m_dwFirstFrame + audio position. A dictation position says where bytes play: the sum of
+// the sizes of the live entries in front, plus the distance into the block. Both are unsigned
+// 32-bit counts of bytes, and neither is a file offset.
+//
+// What every operation keeps:
+//   - the live entries in array order are the dictation in playing order;
+//   - an entry with Status 0 ends the array inside the buffer, and everything behind it is 0;
+//   - no entry is ever removed and no two are merged; splitting, deleting and undoing leave the sum
+//     of the sizes of all entries, deleted ones included, as it was;
+//   - no two entries of a size above 0 overlap.
+//
+// For a file opened for writing the array is the image of the ".DIR" file beside the sound file
+// (docs/formats.md). For a file opened for reading it lives in memory alone and holds one entry.
+#pragma once
+
+#include "ffd.h"
+#include "platform/platform.h"
+
+#include <cstddef>
+#include <cstdint>
+
+// One entry, the same in memory and on the disk; little-endian.
+struct DirEntry {
+    BYTE Status;         // DIR_ENTRY_ bits; 0 ends the directory
+    BYTE abyReserved[3]; // always 0
+    DWORD Startpos;      // audio position of the block's first byte
+    DWORD Endpos;        // audio position behind the block's last byte
+
+    DWORD size() const { return Endpos - Startpos; }
+    bool is_deleted() const;
+};
+static_assert(sizeof(DirEntry) == 12);
+static_assert(offsetof(DirEntry, Startpos) == 4 && offsetof(DirEntry, Endpos) == 8);
+
+constexpr BYTE DIR_ENTRY_USED = 1;     // in every entry, so that it does not read as the end
+constexpr BYTE DIR_ENTRY_DELETED = 2;  // no part of the dictation
+constexpr BYTE DIR_ENTRY_UNDOABLE = 8; // the deletion can still be taken back
+
+// The values that a Status has: live, deleted for good, deleted but undoable.
+constexpr BYTE DIR_STATUS_LIVE = DIR_ENTRY_USED;
+constexpr BYTE DIR_STATUS_DELETED = DIR_ENTRY_USED | DIR_ENTRY_DELETED;
+constexpr BYTE DIR_STATUS_UNDOABLE = DIR_ENTRY_USED | DIR_ENTRY_DELETED | DIR_ENTRY_UNDOABLE;
+
+inline bool DirEntry::is_deleted() const {
+    return (Status & DIR_ENTRY_DELETED) != 0;
+}
+
+constexpr DWORD DIR_FILE_SIZE = 65536;                 // bytes of a new directory
+constexpr DWORD DIR_FILE_SIZE_MOST = 16 * 1024 * 1024; // a larger file is no directory
+
+// The kinds of close.
+constexpr int KIVMP3_CLOSE_REBUILD = 1;    // the file is not the dictation as it lies
+constexpr int KIVMP3_CLOSE_NO_REBUILD = 2; // the file stays as it is
+
+class CKivDirFile {
+public:
+    CKivDirFile() = default;
+    CKivDirFile(CKivDirFile const&) = delete;
+    CKivDirFile& operator=(CKivDirFile const&) = delete;
+
+    // ---- Storage (CKivDirFile.cpp, CKivDirFileAdopt.cpp) ----
+
+    // Makes the directory of a sound file, or takes over the .DIR file that is left from an unclean
+    // end. A .DIR file that can't be a directory is set aside as ".bad" and a new one begun. Throws
+    // FFD_INVALID_PATH with nothing on the disk, else FFD_FILE_IO_ERROR.
+    void create_directory_file(LPCSTR pszFilePath_p, FFDCreation ffdCreation_p,
+                               FFDDesiredAccess ffdDesiredAccess_p);
+
+    // Commits the buffer to the .DIR file, whole. FFD_FILE_IO_ERROR leaves the buffer as it is, and
+    // the next flush tries everything again.
+    FFDError flush_dir_file();
+
+    // Releases buffer and handles; goes through all its steps and answers FFD_FILE_IO_ERROR if one
+    // failed. Run a second time it does nothing.
+    FFDError close_dir_memory_mapping();
+
+    // Removes the .DIR file and resets the object. FFD_FILE_IO_ERROR if a step failed.
+    FFDError delete_directory_file();
+
+    DirEntry* get_dir_header() { return m_psDirHeader; } // borrowed
+    DWORD get_dir_size() const { return m_dwDirSize; }   // bytes of the buffer
+    bool is_read_only() const { return m_bReadOnly != FALSE; }
+    bool is_changed() const { return m_bDirChanged != FALSE; }
+    void set_changed() { m_bDirChanged = TRUE; }
+
+    // Whether the .DIR file may differ from the buffer: a flush failed, or none has followed yet.
+    bool is_flush_pending() const { return m_bFlushPending; }
+    void set_flush_pending() { m_bFlushPending = true; }
+
+    // Whether the directory names no audio yet: no entry, or one that ends at audio position 0.
+    bool is_new_directory() const;
+
+    // Makes one live block of the audio area the whole directory. The .DIR file stays as it is.
+    void set_first_entry(DWORD dwEndpos_p);
+
+    // ---- Entries (CKivDirFileEntries.cpp) ----
+
+    // The live entry that a dictation position lies in, and the entry's dictation start. A position
+    // on the border of two blocks finds the one in front of it. Null behind the end of the
+    // dictation and in one without a live entry, with the start 0.
+    DirEntry* get_dir_entry(DWORD dwSearchPosBytes_p, DWORD* pdwDirEntryStartPosBytes_p);
+
+    // Cuts an entry in two at a dictation position strictly inside it; gives the second part.
+    DirEntry* split_dir_entry(DirEntry* pdirEntry_p, DWORD dwBlockStartPosBytes_p,
+                              DWORD dwSplitPosBytes_p);
+
+    // Copies a new entry to the place of pdirEntryStart_p, or behind it, moving up what stands
+    // there. Gives the entry placed. The caller has made sure that there is room.
+    DirEntry* insert_dir_entry(DirEntry const* pdirEntryNew_p, DirEntry* pdirEntryStart_p,
+                               int bAfterStartEntry_p);
+
+    // The sizes of all entries, deleted ones too: how much of the audio area is accounted for.
+    DWORD calc_data_size() const;
+
+    // The length of the dictation in bytes, as of the last ascertain_data_length.
+    DWORD get_data_length() const { return m_dwDataLengthInBy; }
+    void ascertain_data_length();
+
+    void log_dir_entries(LPCSTR pszLogText_p) const;
+
+    // How many entries there are, how many have room, and whether so many more do.
+    DWORD count_entries() const;
+    DWORD get_capacity() const;
+    bool has_room_for(DWORD dwNewEntries_p) const;
+
+    // How many entries an edit at a dictation position would add; nothing changes. The new block
+    // would begin at an audio position, and the file ends there too: entries count up to it only.
+    DWORD count_new_entries_of_write(DWORD dwCurrentPosInBytes, DWORD dwNewStartpos_p,
+                                     DWORD dwLength_p, bool bOverwrite_p);
+    DWORD count_new_entries_of_delete(DWORD dwCurrentPosInBytes, DWORD dwLength_p);
+
+    // Cuts all entries to an audio position where the file ends. Whether any was cut; the length is
+    // not summed anew.
+    bool cut_entries(DWORD dwEndOfFile_p);
+
+    // How far the entries, deleted ones too, cover the audio area without a gap from audio position
+    // 0 on; and where the next entry behind that gap starts, 0xFFFFFFFF if there is none. False if
+    // there was no memory.
+    bool find_first_gap(DWORD* pdwGapStartpos_p, DWORD* pdwGapEndpos_p) const;
+
+    // ---- Edits (CKivDirFileEdits.cpp) ----
+
+    // Enters a block at a dictation position: as an entry of its own, between the parts of a block
+    // that the position cuts, or by widening the block that ends there on both counts.
+    FFDError insert_data(DirEntry const* pdirEntryNew_p, DWORD dwCurrentPosInBytes);
+
+    // Takes ffdLength_p bytes from a dictation position on out of the dictation. A pure delete can
+    // be undone and ends the undo of the one before it; the delete of an overwrite can't and does
+    // not. FFD_INTERNAL_ERROR if no entry holds the position; nothing is marked then.
+    FFDError delete_data(DWORD ffdLength_p, DWORD dwCurrentPosInBytes, int bPureDelete_p);
+
+    // Brings the last pure delete back and flushes. FFD_NOTHING_TO_UNDO, or FFD_NOT_UNDOABLE with
+    // the entries live in memory, the lengths not summed and the .DIR file as it was.
+    FFDError undo_last();
+
+    // Fits the block that reaches to the end of what the directory accounts for to what the file
+    // holds. FFD_DIRECTORY_MISMATCH if they still differ then.
+    FFDError recover_directory(DWORD dwDataChunkSize_p, DWORD dwSizeFromDirectory_p);
+
+    // Decides whether the audio area, dwFileSize bytes long, read from its front to its end already
+    // is the dictation.
+    void get_kind_of_close(DWORD dwFileSize, int* pnKindOfClose_p) const;
+
+private:
+    void create_directory_mapping(LPCSTR pszFilePath_p, FFDCreation ffdCreation_p);
+    bool open_existing_file(LPCSTR pszFilePath_p, DWORD* pdwFileSize_p);
+    void open_new_file(LPCSTR pszFilePath_p);
+    void set_file_aside(LPCSTR pszFilePath_p);
+    void map_buffer();
+    void allocate_buffer(DWORD dwFileSize_p);
+    FFDError reopen_lost_file();
+    FFDError close_dir_file();
+    bool is_damaged(DWORD dwFileSize_p) const;
+    bool has_overlaps(DWORD dwEntries_p) const;
+    void clear_behind_end();
+    void move_dir_entries_one_up(DirEntry* pdirEntryStart_p, int nAfterStartEntry_p);
+    DirEntry* last_live_entry();
+    DirEntry* highest_block(DWORD dwSizeFromDirectory_p);
+    bool is_inside_block(uint64_t ullPosInBytes_p);
+    DirEntry* begin_of_delete(DWORD dwCurrentPosInBytes, LPCSTR pszNotFound_p);
+    DirEntry* end_of_delete(DirEntry* pdirFirst_p, DWORD ffdLength_p, DWORD dwCurrentPosInBytes);
+
+    HANDLE m_hDirFile = nullptr;        // the open .DIR file
+    HANDLE m_hDirFileMapping = nullptr; // the mapping of a file opened for reading
+    char m_szDirFilePath[MAX_PATH] = "";
+    DirEntry* m_psDirHeader = nullptr; // the buffer, owned
+    DWORD m_dwDirSize = 0;             // bytes of the buffer
+    BOOL m_bReadOnly = FALSE;
+    BOOL m_bMapped = FALSE;       // the buffer is a mapped view, not a heap block
+    BOOL m_bDirChanged = FALSE;   // edited since the open
+    DWORD m_dwDataLengthInBy = 0; // length of the dictation
+    bool m_bFlushPending = false;
+};

@@ -1,0 +1,53 @@
+// The marker that stands beside a sound file while its rebuilt copy takes its place.
+//
+// Between the removal of the old file and the arrival of the new one under its name the dictation
+// exists under a temporary name alone, and from then on until the .DIR file is gone that directory
+// describes a file that is no more. The marker is written before the first of these steps and
+// removed behind the last, and so tells the next open for writing what to finish or to forget. It
+// has the stem of the sound file and the extension ".CLM"; docs/formats.md shows its bytes.
+#pragma once
+
+#include "ffd.h"
+#include "platform/platform.h"
+
+#include <cstddef>
+
+struct CloseMarkerRecord {
+    char szMagic[8];              // "XKIVCLM1", not terminated
+    DWORD dwCheck;                // CRC-32 (ISO-HDLC) of everything behind it
+    DWORD dwOldSize;              // bytes of the sound file before the rebuild
+    DWORD dwNewSize;              // bytes of the rebuilt file
+    char szSoundName[MAX_PATH];   // file names without a directory, zero-terminated and
+    char szRebuiltName[MAX_PATH]; // filled up with zeros
+};
+static_assert(sizeof(CloseMarkerRecord) == 540);
+static_assert(offsetof(CloseMarkerRecord, szSoundName) == 20);
+
+class CCloseMarker {
+public:
+    CCloseMarker() = default;
+    CCloseMarker(CCloseMarker const&) = delete;
+    CCloseMarker& operator=(CCloseMarker const&) = delete;
+
+    // Writes the marker for a sound file (absolute path) and its rebuilt file beside it, and
+    // returns when it is on the disk. It stays open, so that nobody else acts on it. A failure
+    // leaves no marker behind. FFD_FILE_IO_ERROR, FFD_INVALID_PATH.
+    FFDError write(LPCSTR pszSoundPath_p, LPCSTR pszRebuiltPath_p, DWORD dwOldSize_p,
+                   DWORD dwNewSize_p);
+
+    // Closes the marker and leaves it for the next open.
+    void leave();
+
+    // Removes the marker, if one was written. FFD_FILE_IO_ERROR if it stays on the disk.
+    FFDError remove();
+
+    // To be called before an open for writing touches anything else: finishes or forgets the close
+    // that a marker beside the sound file tells of. Without a marker, and in an undisturbed
+    // directory, nothing happens. Throws FFD_FILE_IO_ERROR, or FFD_INVALID_PATH for a sound file
+    // that could be its own marker; then everything is still there.
+    static void finish_interrupted_close(LPCSTR pszSoundPath_p);
+
+private:
+    HANDLE m_hMarkerFile = nullptr;
+    char m_szMarkerPath[MAX_PATH] = "";
+};

@@ -1,0 +1,278 @@
+#include "MCI/KIVMP3/INTERNAL.h"
+
+#include "MCI/KIVMP3/ReadAhead.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+#define TRACE_MODULE "XKIVMP3.DLL"
+#include "log/trace.h"
+
+namespace {
+
+// Bit masks go to the trace as pointers, for the sake of their hexadecimal form.
+void const* as_mask(DWORD dwMask_p) {
+    return reinterpret_cast<void const*>(DWORD_PTR{dwMask_p});
+}
+
+} // namespace
+
+HANDLE KIVMP3_create_file(LPCSTR lpszFilepath_p, DWORD* pdwError_p, DWORD dwDesiredAccess_p,
+                          DWORD dwShareMode_p, DWORD dwCreationDistribution_p,
+                          DWORD dwFlagsAndAttributes_p) {
+    TRACE_ENTRY("-----KIVMP3_create_file(...)");
+    TRACE_PARAM("lpszFilepath_p", "%s", lpszFilepath_p);
+    TRACE_PARAM("dwDesiredAccess_p", "%p", as_mask(dwDesiredAccess_p));
+    TRACE_PARAM("dwShareMode_p", "%lu", dwShareMode_p);
+    TRACE_PARAM("dwCreationDistribution_p", "%lu", dwCreationDistribution_p);
+    TRACE_PARAM("dwFlagsAndAttributes_p", "%p", as_mask(dwFlagsAndAttributes_p));
+    *pdwError_p = NO_ERROR;
+    HANDLE const hFile = CreateFileA(lpszFilepath_p, dwDesiredAccess_p, dwShareMode_p, nullptr,
+                                     dwCreationDistribution_p, dwFlagsAndAttributes_p, nullptr);
+    if (hFile == INVALID_HANDLE_VALUE) {
+        *pdwError_p = GetLastError();
+        TRACE_ERROR(*pdwError_p, "GetLastError() after CreateFile()");
+        return nullptr;
+    }
+    return hFile;
+}
+
+DWORD KIVMP3_close_file(HANDLE* rhFile_p) {
+    TRACE_ENTRY("-----KIVMP3_close_file(.)");
+    TRACE_PARAM("rhFile_p", "%p", *rhFile_p);
+    if (!CloseHandle(*rhFile_p)) {
+        DWORD const dwError = GetLastError();
+        TRACE_ERROR(dwError, "GetLastError() after CloseHandle(rhFile_p)");
+        return dwError;
+    }
+    *rhFile_p = nullptr;
+    return NO_ERROR;
+}
+
+int KIVMP3_read_file(HANDLE hFile, void* pBuffer, DWORD dwBytesToRead_p, DWORD* pdwBytesRead) {
+    TRACE_ENTRY("-----KIVMP3_read_file(...)");
+    TRACE_PARAM("dwBytesToRead_p", "%lu", dwBytesToRead_p);
+    DWORD dwBytesRead = 0;
+    if (!ReadFile(hFile, pBuffer, dwBytesToRead_p, &dwBytesRead, nullptr)) {
+        TRACE_ERROR(GetLastError(), "GetLastError() after ReadFile()");
+        return 0;
+    }
+    if (pdwBytesRead != nullptr) {
+        *pdwBytesRead = dwBytesRead;
+    }
+    return 1;
+}
+
+int KIVMP3_read_file(CReadAhead& rFile_p, BYTE const** ppbyData, DWORD dwBytesToRead_p,
+                     DWORD* pdwBytesRead) {
+    TRACE_ENTRY("-----KIVMP3_read_file(...)");
+    TRACE_PARAM("dwBytesToRead_p", "%lu", dwBytesToRead_p);
+    if (!rFile_p.read(ppbyData, dwBytesToRead_p, pdwBytesRead)) {
+        TRACE_ERROR(GetLastError(), "GetLastError() after ReadFile()");
+        return 0;
+    }
+    return 1;
+}
+
+int KIVMP3_write_file(HANDLE hFile, void const* pBuffer, DWORD dwBytesToWrite_p,
+                      DWORD* pdwBytesWritten) {
+    TRACE_ENTRY("-----KIVMP3_write_file(...)");
+    TRACE_PARAM("dwBytesToWrite_p", "%lu", dwBytesToWrite_p);
+    DWORD dwBytesWritten = 0;
+    if (!WriteFile(hFile, pBuffer, dwBytesToWrite_p, &dwBytesWritten, nullptr)) {
+        TRACE_ERROR(GetLastError(), "GetLastError() after WriteFile()");
+        return 0;
+    }
+    if (pdwBytesWritten != nullptr) {
+        *pdwBytesWritten = dwBytesWritten;
+    }
+    return 1;
+}
+
+int KIVMP3_set_file_pointer(HANDLE hFile, DWORD dwFileOffset_p) {
+    // With a high half the low one is unsigned: an offset past 2 GiB is not taken for a step back.
+    LONG lHigh = 0;
+    SetLastError(NO_ERROR);
+    DWORD const dwLow =
+        SetFilePointer(hFile, static_cast<LONG>(dwFileOffset_p), &lHigh, FILE_BEGIN);
+    if (dwLow == INVALID_SET_FILE_POINTER && GetLastError() != NO_ERROR) {
+        TRACE_ERROR(GetLastError(), "GetLastError() after SetFilePointer()");
+        return 0;
+    }
+    return 1;
+}
+
+int KIVMP3_seek_to_end(HANDLE hFile, uint64_t* pullFileSize_p) {
+    LONG lHigh = 0;
+    SetLastError(NO_ERROR);
+    DWORD const dwLow = SetFilePointer(hFile, 0, &lHigh, FILE_END);
+    if (dwLow == INVALID_SET_FILE_POINTER && GetLastError() != NO_ERROR) {
+        TRACE_ERROR(GetLastError(), "GetLastError() after SetFilePointer()");
+        return 0;
+    }
+    *pullFileSize_p = uint64_t{static_cast<DWORD>(lHigh)} << 32 | dwLow;
+    return 1;
+}
+
+DWORD KIVMP3_get_file_size(HANDLE hFile, uint64_t* pullFileSize_p) {
+    DWORD dwHigh = 0;
+    SetLastError(NO_ERROR);
+    DWORD const dwLow = GetFileSize(hFile, &dwHigh);
+    if (dwLow == INVALID_FILE_SIZE && GetLastError() != NO_ERROR) {
+        return GetLastError();
+    }
+    *pullFileSize_p = uint64_t{dwHigh} << 32 | dwLow;
+    return NO_ERROR;
+}
+
+DWORD KIVMP3_get_system_temp_path(LPSTR pszPath_p, DWORD dwSizeBuf_p) {
+    TRACE_ENTRY("KIVMP3_get_system_temp_path(..)");
+    TRACE_PARAM("dwSizeBuf_p", "%ld", dwSizeBuf_p);
+    DWORD const dwLength = GetTempPathA(dwSizeBuf_p, pszPath_p);
+    if (dwLength == 0) {
+        TRACE_ERROR(GetLastError(), "GetLastError() after GetTempPath()");
+        return 0;
+    }
+    // A length that does not fit is the size that would be needed, with the buffer not filled.
+    if (dwLength >= dwSizeBuf_p) {
+        TRACE_ERROR(ERROR_INSUFFICIENT_BUFFER, "GetLastError() after GetTempPath()");
+        return 0;
+    }
+    TRACE_VALUE("pszPath_p", "%s", pszPath_p);
+    return dwLength;
+}
+
+DWORD KIVMP3_get_disk_free_space_ex(LPCSTR pszName_p, DWORD* pdwFreeBytes_p) {
+    TRACE_ENTRY("-----KIVMP3_get_disk_free_space_ex(..)");
+    TRACE_PARAM("pszName_p", "%s", pszName_p);
+    *pdwFreeBytes_p = 0;
+    PlatformPathParts parts;
+    char szDirectoryName[256];
+    bool bFits = PlatformSplitPath(pszName_p, &parts);
+    if (bFits) {
+        int const nLength = snprintf(szDirectoryName, sizeof szDirectoryName, "%s%s", parts.szDrive,
+                                     parts.szDirectory);
+        bFits = nLength >= 0 && nLength < static_cast<int>(sizeof szDirectoryName);
+    }
+    if (!bFits) {
+        TRACE_ERROR(ERROR_FILENAME_EXCED_RANGE, "GetLastError() after GetDiskFreeSpaceEx()");
+        return ERROR_FILENAME_EXCED_RANGE;
+    }
+    TRACE_VALUE("szDirectoryName", "%s", szDirectoryName);
+
+    // Keeps an empty or dead drive from raising a question to the user.
+    UINT const nOldMode = SetErrorMode(SEM_FAILCRITICALERRORS);
+    DWORD dwError = NO_ERROR;
+    ULARGE_INTEGER ullFree = {};
+    ULARGE_INTEGER ullTotal = {};
+    ULARGE_INTEGER ullTotalFree = {};
+    if (!GetDiskFreeSpaceExA(szDirectoryName, &ullFree, &ullTotal, &ullTotalFree)) {
+        dwError = GetLastError();
+        TRACE_ERROR(dwError, "GetLastError() after GetDiskFreeSpaceEx()");
+    }
+    SetErrorMode(nOldMode);
+    if (dwError == NO_ERROR) {
+        *pdwFreeBytes_p = static_cast<DWORD>(std::min<uint64_t>(ullFree.QuadPart, 0xFFFFFFFFu));
+    }
+    TRACE_VALUE("*pdwFreeBytes_p", "%lu", *pdwFreeBytes_p);
+    return dwError;
+}
+
+FFDError KIVMP3_transfer_mp3_data(HANDLE hSourceFile, HANDLE hDestFile, LONG lBytesToTransfer_p,
+                                  BYTE* pcBuffer_p, LONG lBufferSize_p) {
+    TRACE_ENTRY("-----KIVMP3_transfer_mp3_data(...)");
+    TRACE_PARAM("hSourceFile", "%p", hSourceFile);
+    TRACE_PARAM("hDestFile", "%p", hDestFile);
+    TRACE_PARAM("lBytesToTransfer_p", "%ld", lBytesToTransfer_p);
+    TRACE_PARAM("pcBuffer_p", "%p", static_cast<void*>(pcBuffer_p));
+    TRACE_PARAM("lBufferSize_p", "%ld", lBufferSize_p);
+    TRACE_ENTRY("----------------------------------");
+    while (lBytesToTransfer_p > 0) {
+        LONG const lBlock = std::min(lBytesToTransfer_p, lBufferSize_p);
+        DWORD dwRead = 0;
+        if (!ReadFile(hSourceFile, pcBuffer_p, static_cast<DWORD>(lBlock), &dwRead, nullptr)) {
+            TRACE_ERROR(0xFFFFFFFFu, "by ReadFile() from source wave file -> FFD_FILE_IO_ERROR");
+            return FFD_FILE_IO_ERROR;
+        }
+        DWORD dwWritten = 0;
+        if (!WriteFile(hDestFile, pcBuffer_p, dwRead, &dwWritten, nullptr)) {
+            TRACE_ERROR(0xFFFFFFFFu, "by WriteFile() into dest wave file -> FFD_FILE_IO_ERROR");
+            return FFD_FILE_IO_ERROR;
+        }
+        // The block and not what was delivered: behind the end of the source the loop runs out.
+        lBytesToTransfer_p -= lBlock;
+    }
+    return FFD_NOERROR;
+}
+
+int KIVMP3_get_full_path(LPCSTR pszPath_p, char (&szFullPath_p)[MAX_PATH],
+                         DWORD* pdwDirectoryLength_p, DWORD* pdwError_p) {
+    LPSTR pszFilePart = nullptr;
+    DWORD const dwLength = GetFullPathNameA(pszPath_p, MAX_PATH, szFullPath_p, &pszFilePart);
+    if (dwLength == 0) {
+        *pdwError_p = GetLastError();
+        TRACE_ERROR(*pdwError_p, "GetLastError() after GetFullPathName()");
+        return 0;
+    }
+    if (dwLength >= MAX_PATH) {
+        *pdwError_p = ERROR_FILENAME_EXCED_RANGE;
+        TRACE_ERROR(*pdwError_p, "GetLastError() after GetFullPathName()");
+        return 0;
+    }
+    *pdwDirectoryLength_p =
+        pszFilePart == nullptr ? dwLength : static_cast<DWORD>(pszFilePart - szFullPath_p);
+    return 1;
+}
+
+FFDError KIVMP3_make_sibling_path(LPCSTR pszFilePath_p, LPCSTR pszExtension_p,
+                                  char (&szSiblingPath_p)[MAX_PATH]) {
+    PlatformPathParts parts;
+    if (!PlatformSplitPath(pszFilePath_p, &parts)) {
+        return FFD_INVALID_PATH;
+    }
+    if (parts.szStem[0] == '\0') {
+        return FFD_FILE_IO_ERROR;
+    }
+    char szGiven[MAX_PATH];
+    int const nLength = snprintf(szGiven, sizeof szGiven, "%s%s%s%s", parts.szDrive,
+                                 parts.szDirectory, parts.szStem, pszExtension_p);
+    if (nLength < 0 || nLength >= MAX_PATH ||
+        PlatformSameFileName(parts.szExtension, pszExtension_p)) {
+        return FFD_INVALID_PATH;
+    }
+    // The host may change the working directory while the file is open.
+    DWORD dwDirectoryLength = 0;
+    DWORD dwError = NO_ERROR;
+    if (!KIVMP3_get_full_path(szGiven, szSiblingPath_p, &dwDirectoryLength, &dwError)) {
+        if (dwError == ERROR_FILENAME_EXCED_RANGE) {
+            return FFD_INVALID_PATH;
+        }
+        memcpy(szSiblingPath_p, szGiven, sizeof szGiven);
+    }
+    return FFD_NOERROR;
+}
+
+int KIVMP3_set_file_aside(LPCSTR pszPath_p) {
+    TRACE_ENTRY("-----KIVMP3_set_file_aside(.)");
+    TRACE_PARAM("pszPath_p", "%s", pszPath_p);
+    constexpr int nMostNames = 10000;
+    for (int nName = 0; nName < nMostNames; ++nName) {
+        char szAside[MAX_PATH + 16];
+        if (nName == 0) {
+            snprintf(szAside, sizeof szAside, "%s.bad", pszPath_p);
+        } else {
+            snprintf(szAside, sizeof szAside, "%s.bad%d", pszPath_p, nName);
+        }
+        if (MoveFileA(pszPath_p, szAside)) {
+            TRACE_INFO("file set aside");
+            return 1;
+        }
+        DWORD const dwError = GetLastError();
+        if (dwError != ERROR_ALREADY_EXISTS && dwError != ERROR_FILE_EXISTS) {
+            TRACE_ERROR(dwError, "GetLastError() after MoveFile(..)");
+            return 0;
+        }
+    }
+    return 0;
+}

@@ -1,0 +1,95 @@
+// The driver's thin layer over the platform's file calls: the trace, and one fixed way of telling
+// failure for each call. Nothing here knows of MP3 or of the edit directory, and nothing throws.
+//
+// Every call that takes a handle works at the handle's file pointer; positioning is the caller's
+// business. Platform error numbers stay inside the driver: callers turn them into a status.
+#pragma once
+
+#include "ffd.h"
+#include "platform/platform.h"
+
+#include <cstdint>
+
+class CReadAhead;
+
+// Block size of all bulk copying, in bytes.
+constexpr LONG KIVMP3_TRANSFER_BUFFER_SIZE = 40960;
+
+// The handle, or null with the platform's error number in *pdwError_p (0 on success).
+HANDLE KIVMP3_create_file(LPCSTR lpszFilepath_p, DWORD* pdwError_p, DWORD dwDesiredAccess_p,
+                          DWORD dwShareMode_p, DWORD dwCreationDistribution_p,
+                          DWORD dwFlagsAndAttributes_p);
+
+// Closes and nulls the handle; on failure it keeps its value and the result is the error number.
+DWORD KIVMP3_close_file(HANDLE* rhFile_p);
+
+// 1 or 0. A read that meets the end of the file succeeds with a smaller count. The count may be
+// null; a failure leaves it untouched.
+int KIVMP3_read_file(HANDLE hFile, void* pBuffer, DWORD dwBytesToRead_p, DWORD* pdwBytesRead);
+
+// The same through a read-ahead block: *ppbyData receives the place of the bytes read, valid until
+// the next call on rFile_p.
+int KIVMP3_read_file(CReadAhead& rFile_p, BYTE const** ppbyData, DWORD dwBytesToRead_p,
+                     DWORD* pdwBytesRead);
+
+// 1 or 0.
+int KIVMP3_write_file(HANDLE hFile, void const* pBuffer, DWORD dwBytesToWrite_p,
+                      DWORD* pdwBytesWritten);
+
+// Moves the file pointer to a file offset, which may use all 32 bits. 1 or 0.
+int KIVMP3_set_file_pointer(HANDLE hFile, DWORD dwFileOffset_p);
+
+// Moves the file pointer to the end of the file and tells where that is. 1 or 0.
+int KIVMP3_seek_to_end(HANDLE hFile, uint64_t* pullFileSize_p);
+
+// The error number, 0 on success.
+DWORD KIVMP3_get_file_size(HANDLE hFile, uint64_t* pullFileSize_p);
+
+// The temporary directory with its closing separator; not 0 on success.
+DWORD KIVMP3_get_system_temp_path(LPSTR pszPath_p, DWORD dwSizeBuf_p);
+
+// The bytes free for this caller on the disk of a path; a file name behind the last separator is
+// dropped. 0xFFFFFFFF stands for that many and more. The result is the error number, 0 on success;
+// on failure *pdwFreeBytes_p is 0. A directory above 255 characters gives error 206.
+DWORD KIVMP3_get_disk_free_space_ex(LPCSTR pszName_p, DWORD* pdwFreeBytes_p);
+
+// Copies from the file pointer of one file to that of the other through the caller's buffer of
+// lBufferSize_p bytes. Stops quietly where the source ends; a count of 0 or below copies nothing.
+// FFD_NOERROR or FFD_FILE_IO_ERROR, with what was written so far left in the destination.
+FFDError KIVMP3_transfer_mp3_data(HANDLE hSourceFile, HANDLE hDestFile, LONG lBytesToTransfer_p,
+                                  BYTE* pcBuffer_p, LONG lBufferSize_p);
+
+// The absolute form of a path, and the length of its directory part with the closing separator.
+// 0, with the platform's error number in *pdwError_p: that of GetFullPathNameA, or 206 if the
+// result does not fit.
+int KIVMP3_get_full_path(LPCSTR pszPath_p, char (&szFullPath_p)[MAX_PATH],
+                         DWORD* pdwDirectoryLength_p, DWORD* pdwError_p);
+
+// The path of a file beside another one, with the same stem and its own extension (four characters
+// with the dot), absolute if the platform can tell. FFD_INVALID_PATH if it does not fit, or if the
+// first file has that extension itself; FFD_FILE_IO_ERROR if it has no stem.
+FFDError KIVMP3_make_sibling_path(LPCSTR pszFilePath_p, LPCSTR pszExtension_p,
+                                  char (&szSiblingPath_p)[MAX_PATH]);
+
+// Renames a file that can't be used to its own name followed by ".bad", or ".bad1", ".bad2" and so
+// on if that is taken. 1 or 0.
+int KIVMP3_set_file_aside(LPCSTR pszPath_p);
+
+// A block of the process heap for the span of one operation.
+class CHeapBlock {
+public:
+    explicit CHeapBlock(size_t nBytes_p) : m_pvBlock(HeapAlloc(GetProcessHeap(), 0, nBytes_p)) {}
+    ~CHeapBlock() {
+        if (m_pvBlock != nullptr) {
+            HeapFree(GetProcessHeap(), 0, m_pvBlock);
+        }
+    }
+    CHeapBlock(CHeapBlock const&) = delete;
+    CHeapBlock& operator=(CHeapBlock const&) = delete;
+
+    // Null if there was no memory.
+    BYTE* get() const { return static_cast<BYTE*>(m_pvBlock); }
+
+private:
+    void* m_pvBlock;
+};

@@ -1,0 +1,246 @@
+// The edits: writing, deleting, taking back, and the watch over the disk space while writing.
+//
+// New audio goes behind the end of the file, whatever the position at which the host wants it, and
+// is on the disk before the directory hears of it. A delete touches the directory alone. An
+// overwrite is an insert followed by a delete.
+
+#include "MCI/KIVMP3/INTERNAL.h"
+#include "MCI/KIVMP3/Kivmp3.h"
+
+#include <algorithm>
+
+#define TRACE_MODULE "XKIVMP3.DLL"
+#include "log/trace.h"
+
+FFDError CKivmp3::FFDWriteData(FFDMethod ffdMethod, uint32_t ffdBufferSize, uint8_t* lpffdBuffer) {
+    TRACE_ENTRY("-----CKivmp3::FFDWriteData(...)");
+    TRACE_PARAM("ffdMethod", "%u", ffdMethod);
+    TRACE_PARAM("ffdBufferSize", "%u", ffdBufferSize);
+    if (m_oDirFile.is_read_only()) {
+        TRACE_ERROR(FFD_ERROR_READ_ONLY, "FFD_ERROR_READ_ONLY WriteData CKivmp3::FFDWriteData()");
+        return FFD_ERROR_READ_ONLY;
+    }
+    if (ffdBufferSize == 0) {
+        return FFD_NOERROR;
+    }
+    if (ffdBufferSize % m_ffdSampinfo.wBlockAlign != 0) {
+        TRACE_ERROR(FFD_GRANULARITY_ERROR,
+                    "FFD_GRANULARITY_ERROR (ffdBufferSize % m_ffdSampinfo.wBlockAlign) != 0");
+        return FFD_GRANULARITY_ERROR;
+    }
+    FFDError ffdError = FFD_NOERROR;
+    try {
+        write_data(ffdMethod, ffdBufferSize, lpffdBuffer);
+    } catch (FFDError ffdThrown) {
+        TRACE_ERROR(ffdThrown, "catched in FFDWriteData()");
+        ffdError = ffdThrown;
+    }
+    m_oDirFile.log_dir_entries("Log at End of FFDWriteData()");
+    return ffdError;
+}
+
+void CKivmp3::write_data(FFDMethod ffdMethod, uint32_t ffdBufferSize, uint8_t const* lpffdBuffer) {
+    m_oDirFile.log_dir_entries("Log at begin of FFDWriteData()");
+    int32_t nCheck = check_diskspace_send_warning(ffdBufferSize);
+    if (nCheck != 0) {
+        TRACE_ERROR(nCheck, "by check_diskspace_send_warning() before writing");
+    }
+    append_to_file(lpffdBuffer, ffdBufferSize, ffdMethod == FFD_METHOD_OVERWRITE);
+
+    DirEntry dirEntryNew = {};
+    dirEntryNew.Status = DIR_STATUS_LIVE;
+    dirEntryNew.Endpos = m_dwFileSize - m_dwFirstFrame;
+    dirEntryNew.Startpos = dirEntryNew.Endpos - ffdBufferSize;
+    if (m_ffdCurrentPosInBy > dirEntryNew.Startpos) {
+        m_ffdCurrentPosInBy = dirEntryNew.Startpos;
+        TRACE_INFO("m_ffdCurrentPosInBy corrected");
+    }
+    m_oDirFile.insert_data(&dirEntryNew, m_ffdCurrentPosInBy);
+    ascertain_data_length();
+    m_ffdCurrentPosInBy += ffdBufferSize;
+
+    // At the end of the dictation there is nothing to replace: the write was an append.
+    if (ffdMethod == FFD_METHOD_OVERWRITE && m_ffdCurrentPosInBy < m_oDirFile.get_data_length()) {
+        FFDError const ffdError = m_oDirFile.delete_data(ffdBufferSize, m_ffdCurrentPosInBy, 0);
+        if (ffdError != FFD_NOERROR) {
+            TRACE_ERROR(ffdError, "by delete_data(..)");
+            throw FFDError{ffdError};
+        }
+        compute_length_in_ms();
+    }
+    // The edit is valid in memory: a flush that fails costs the protection against a crash only.
+    m_oDirFile.flush_dir_file();
+    nCheck = check_diskspace_send_warning(0);
+    if (nCheck != 0) {
+        TRACE_ERROR(nCheck, "by check_diskspace_send_warning() after writing");
+    }
+}
+
+void CKivmp3::append_to_file(uint8_t const* lpffdBuffer, DWORD dwBufferSize_p, bool bOverwrite_p) {
+    TRACE_ENTRY("-----CKivmp3::append_to_file(..)");
+    uint64_t ullEndOfFile = 0;
+    if (!KIVMP3_seek_to_end(m_hMp3File, &ullEndOfFile)) {
+        throw FFDError{FFD_FILE_IO_ERROR};
+    }
+    if (ullEndOfFile + dwBufferSize_p > 0xFFFFFFFFu || ullEndOfFile < m_dwFirstFrame) {
+        TRACE_ERROR(FFD_FILE_IO_ERROR, "end of file out of range -> FFD_FILE_IO_ERROR");
+        throw FFDError{FFD_FILE_IO_ERROR};
+    }
+    DWORD const dwNewStartpos = static_cast<DWORD>(ullEndOfFile) - m_dwFirstFrame;
+    DWORD const dwNewEntries = m_oDirFile.count_new_entries_of_write(
+        m_ffdCurrentPosInBy, dwNewStartpos, dwBufferSize_p, bOverwrite_p);
+    if (!m_oDirFile.has_room_for(dwNewEntries)) {
+        TRACE_ERROR(FFD_ERROR_OUTOFMEMORY, "directory is full -> FFD_ERROR_OUTOFMEMORY");
+        throw FFDError{FFD_ERROR_OUTOFMEMORY};
+    }
+    adopt_end_of_file(ullEndOfFile);
+
+    DWORD dwBytesWritten = 0;
+    if (!KIVMP3_write_file(m_hMp3File, lpffdBuffer, dwBufferSize_p, &dwBytesWritten) ||
+        dwBytesWritten != dwBufferSize_p) {
+        TRACE_ERROR(GetLastError(), "GetLastError() after WriteFile(..) -> FFD_FILE_IO_ERROR");
+        take_back_append(m_dwFileSize);
+        throw FFDError{FFD_FILE_IO_ERROR};
+    }
+    FlushFileBuffers(m_hMp3File);
+    m_dwFileSize += dwBytesWritten;
+}
+
+// The positions of new blocks rest on m_dwFileSize being the true end. Entries that reach behind
+// it, as of a last frame that the end of the file cut short, would lay claim to the new bytes.
+void CKivmp3::adopt_end_of_file(uint64_t ullEndOfFile_p) {
+    m_dwFileSize = static_cast<DWORD>(ullEndOfFile_p);
+    if (m_oDirFile.cut_entries(m_dwFileSize - m_dwFirstFrame)) {
+        ascertain_data_length();
+        m_ffdCurrentPosInBy = std::min(m_ffdCurrentPosInBy, m_oDirFile.get_data_length());
+    }
+}
+
+// Cuts the file back to its size before a write that failed.
+void CKivmp3::take_back_append(DWORD dwOldFileSize_p) {
+    if (KIVMP3_set_file_pointer(m_hMp3File, dwOldFileSize_p) && SetEndOfFile(m_hMp3File)) {
+        return;
+    }
+    TRACE_ERROR(GetLastError(), "GetLastError() after SetEndOfFile()");
+    uint64_t ullFileSize = 0;
+    if (KIVMP3_get_file_size(m_hMp3File, &ullFileSize) == NO_ERROR && ullFileSize <= 0xFFFFFFFFu) {
+        m_dwFileSize = static_cast<DWORD>(ullFileSize);
+    }
+}
+
+FFDError CKivmp3::FFDDeleteData(uint32_t ffdLength) {
+    TRACE_ENTRY("-----CKivmp3::FFDDeleteData(.)");
+    TRACE_PARAM("ffdLength", "%u", ffdLength);
+    if (m_oDirFile.is_read_only()) {
+        TRACE_ERROR(FFD_ERROR_READ_ONLY, "FFD_ERROR_READ_ONLY DeleteData CKivmp3::FFDDeleteData()");
+        return FFD_ERROR_READ_ONLY;
+    }
+    m_oDirFile.log_dir_entries("Log delete_data()");
+    FFDError const ffdError = delete_data(ffdLength, 1);
+    if (ffdError == FFD_NOERROR) {
+        m_oDirFile.flush_dir_file();
+    } else {
+        TRACE_ERROR(ffdError, "by delete_data()");
+    }
+    m_oDirFile.set_changed();
+    m_oDirFile.log_dir_entries("Log at end of FFDDeleteData()");
+    return ffdError;
+}
+
+FFDError CKivmp3::delete_data(DWORD ffdLength_p, int bPureDelete_p) {
+    TRACE_ENTRY("-----CKivmp3::delete_data(..)");
+    TRACE_PARAM("ffdLength_p", "%u", ffdLength_p);
+    // In a dictation shorter than a frame the difference wraps, and the test lets everything
+    // through.
+    if (m_ffdCurrentPosInBy > m_oDirFile.get_data_length() - m_pWfx->nBlockSize) {
+        TRACE_INFO("m_ffdCurrentPosInBy == m_ffdDataLengthInBy, return FFD_NOERROR");
+        return FFD_NOERROR;
+    }
+    if (!m_oDirFile.has_room_for(
+            m_oDirFile.count_new_entries_of_delete(m_ffdCurrentPosInBy, ffdLength_p))) {
+        TRACE_ERROR(FFD_ERROR_OUTOFMEMORY, "directory is full -> FFD_ERROR_OUTOFMEMORY");
+        return FFD_ERROR_OUTOFMEMORY;
+    }
+    FFDError const ffdError =
+        m_oDirFile.delete_data(ffdLength_p, m_ffdCurrentPosInBy, bPureDelete_p);
+    if (ffdError == FFD_NOERROR) {
+        compute_length_in_ms();
+    }
+    return ffdError;
+}
+
+FFDError CKivmp3::FFDUndoLast() {
+    TRACE_ENTRY("---CKivmp3::FFDUndoLast()");
+    if (m_oDirFile.is_read_only()) {
+        TRACE_ERROR(FFD_ERROR_READ_ONLY, "FFD_ERROR_READ_ONLY UndoLast");
+        return FFD_ERROR_READ_ONLY;
+    }
+    FFDError const ffdError = m_oDirFile.undo_last();
+    if (ffdError == FFD_NOERROR) {
+        compute_length_in_ms();
+    }
+    return ffdError;
+}
+
+// Compares the free space with twice the file and the directory's blocks, plus a reserve, and tells
+// the host if it runs low: once until there is enough again, and at each run if there is none left.
+// 0 if the check was made, -1 without a callback, -2 if the free space could not be found out.
+int32_t CKivmp3::check_diskspace_send_warning(DWORD dwBytesToWrite_p) {
+    TRACE_ENTRY("-----CKivmp3::check_diskspace_send_warning(.)");
+    TRACE_PARAM("dwBytesToWrite_p", "%u", dwBytesToWrite_p);
+    if (m_ffdCallbackParams.dwCallback == 0) {
+        TRACE_ERROR(-1, "No callback parameter is existing in check_diskspace_send_warning()");
+        return -1;
+    }
+    DWORD dwFreeDiskSpaceBytes = 0;
+    DWORD const dwError =
+        KIVMP3_get_disk_free_space_ex(m_cstrWorkPath.c_str(), &dwFreeDiskSpaceBytes);
+    if (dwError != NO_ERROR) {
+        TRACE_ERROR(dwError, "by KIVWAVE_get_disk_free_space_ex(..)");
+        TRACE_ERROR(-2, "check_diskspace_send_warning() no free diskspace possible");
+        return -2;
+    }
+    constexpr uint64_t ullMostSum = 0xFFFFFFFE;
+    DWORD const dwBasicNeededBytes = needed_disk_space(dwBytesToWrite_p);
+    DWORD const dwTotalWarningBytes =
+        static_cast<DWORD>(std::min(uint64_t{m_dwDiskspaceWarningBytes} * 3, ullMostSum));
+    DWORD const dwWarningEdge = static_cast<DWORD>(
+        std::min(uint64_t{dwBasicNeededBytes} + dwTotalWarningBytes, ullMostSum));
+    auto const send = [this](DWORD dwMessage_p, DWORD dwParam_p) {
+        return DriverCallback(static_cast<DWORD_PTR>(m_ffdCallbackParams.dwCallback), DCB_FUNCTION,
+                              static_cast<HDRVR>(m_ffdCallbackParams.hDriver), dwMessage_p,
+                              static_cast<DWORD_PTR>(m_ffdCallbackParams.dwUser), dwParam_p, 0);
+    };
+
+    if (dwFreeDiskSpaceBytes <= dwBasicNeededBytes) {
+        TRACE_INFO("Call DriverCallback with FIDM_OUT_OF_DISKSPACE");
+        if (!send(FIDM_OUT_OF_DISKSPACE, m_dwDiskspaceWarningBytes)) {
+            TRACE_ERROR(0, "by DriverCallback(...) FIDM_OUT_OF_DISKSPACE");
+        }
+    } else if (dwFreeDiskSpaceBytes < dwWarningEdge && !m_bDiskspaceWarned) {
+        DWORD const dwRestSpaceBytes = (dwFreeDiskSpaceBytes - dwBasicNeededBytes) / 3;
+        TRACE_INFO("Call DriverCallback with FIDM_DISKSPACE_WARNING");
+        if (!send(FIDM_DISKSPACE_WARNING, dwRestSpaceBytes)) {
+            TRACE_ERROR(0, "by DriverCallback(...) FIDM_DISKSPACE_WARNING");
+        }
+        m_bDiskspaceWarned = TRUE;
+    }
+    if (dwFreeDiskSpaceBytes > dwWarningEdge) {
+        m_bDiskspaceWarned = FALSE;
+    }
+    return 0;
+}
+
+// Sums at and above 4 GiB stop just below the value that stands for that much free space.
+DWORD CKivmp3::needed_disk_space(DWORD dwBytesToWrite_p) {
+    constexpr uint64_t ullReserve = 0xA00000;
+    uint64_t ullSum = ullReserve;
+    uint32_t dwDictationFileSize = 0;
+    FFDError const ffdError = FFDGetDictationFileSize(&dwDictationFileSize);
+    if (ffdError == FFD_NOERROR) {
+        ullSum = uint64_t{dwDictationFileSize} + m_oDirFile.calc_data_size() + dwBytesToWrite_p;
+    } else {
+        TRACE_ERROR(ffdError, "by FFDGetDictationFileSize(.)");
+    }
+    return static_cast<DWORD>(std::min<uint64_t>(2 * ullSum + ullReserve, 0xFFFFFFFE));
+}

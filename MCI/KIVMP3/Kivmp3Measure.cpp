@@ -1,0 +1,220 @@
+// Counting audio: the search for a frame header, the walk over all frames at open, and the
+// conversions between bytes and milliseconds.
+
+#include "MCI/KIVMP3/INTERNAL.h"
+#include "MCI/KIVMP3/Kivmp3.h"
+#include "MCI/KIVMP3/ReadAhead.h"
+
+#include <cstring>
+
+#define TRACE_MODULE "XKIVMP3.DLL"
+#include "log/trace.h"
+
+namespace {
+
+constexpr DWORD SEARCH_BLOCK_SIZE = 1024;
+
+// The first place at or behind pbyBegin_p that holds 0xFF; null if there is none in front of
+// pbyEnd_p.
+BYTE const* find_ff(BYTE const* pbyBegin_p, BYTE const* pbyEnd_p) {
+    return static_cast<BYTE const*>(
+        memchr(pbyBegin_p, 0xFF, static_cast<size_t>(pbyEnd_p - pbyBegin_p)));
+}
+
+} // namespace
+
+FFDError CKivmp3::search_frame_sync(CReadAhead& rFile_p, bool bFirstFrame_p, DWORD& dwBytesRead,
+                                    DWORD& dwBytesSkipped) {
+    TRACE_ENTRY("-----CKivmp3::search_frame_sync(...)");
+    dwBytesRead = 0;
+    dwBytesSkipped = 0;
+    TRACE_INFO("searching for frame sync");
+    // The last four bytes of the block before, so that a header across two blocks is seen whole.
+    BYTE abyCarry[FRAME_HEADER_SIZE] = {};
+    do {
+        uint64_t const ullBlockOffset = rFile_p.get_file_pointer();
+        BYTE const* pbyBlock = nullptr;
+        if (!KIVMP3_read_file(rFile_p, &pbyBlock, SEARCH_BLOCK_SIZE, &dwBytesRead)) {
+            throw FFDError{FFD_FILE_IO_ERROR};
+        }
+        if (dwBytesRead < FRAME_HEADER_SIZE) {
+            return FFD_NO_MORE_FRAMES;
+        }
+        LONG lFound = 0;
+        FFDError const ffdFound =
+            scan_block(pbyBlock, dwBytesRead, abyCarry, bFirstFrame_p, &lFound);
+        memcpy(abyCarry, pbyBlock + dwBytesRead - FRAME_HEADER_SIZE, FRAME_HEADER_SIZE);
+        if (ffdFound == FFD_NO_MORE_FRAMES) {
+            dwBytesRead = 0;
+        }
+        bool const bFound = ffdFound == FFD_NOERROR;
+        DWORD const dwPassed = bFound ? static_cast<DWORD>(lFound) : dwBytesRead;
+        if (bFirstFrame_p) {
+            m_dwFirstFrame += dwPassed;
+        }
+        dwBytesSkipped += dwPassed;
+        if (bFound) {
+            TRACE_VALUE("dwBytesSkipped", "%ld", dwBytesSkipped);
+            if (!rFile_p.set_file_pointer(ullBlockOffset +
+                                          static_cast<uint64_t>(int64_t{lFound}))) {
+                throw FFDError{FFD_FILE_IO_ERROR};
+            }
+            BYTE const* pbyHeader = nullptr;
+            DWORD dwHeaderBytes = 0;
+            if (!KIVMP3_read_file(rFile_p, &pbyHeader, FRAME_HEADER_SIZE, &dwHeaderBytes) ||
+                dwHeaderBytes < FRAME_HEADER_SIZE) {
+                throw FFDError{FFD_FILE_IO_ERROR};
+            }
+            memcpy(m_byFrameHeader, pbyHeader, FRAME_HEADER_SIZE);
+            return FFD_NOERROR;
+        }
+    } while (dwBytesRead > 0);
+    TRACE_ERROR(0, "at end of file and no frame header found");
+    return FFD_NO_MORE_FRAMES;
+}
+
+// Looks for a header that begins from 4 bytes in front of the block (in the carry bytes) up to 5
+// bytes in front of its end; the last four places are the carry of the next block. FFD_NOERROR with
+// the place, FFD_NO_MORE_FRAMES at a tag, FFD_INVALID_FORMAT if there is no header.
+FFDError CKivmp3::scan_block(BYTE const* pbyBlock_p, DWORD dwBytesRead_p, BYTE const* pbyCarry_p,
+                             bool bFirstFrame_p, LONG* plFound_p) {
+    auto const judge = [&](BYTE const* pbyHeader_p) -> FFDError {
+        bool const bCandidate = bFirstFrame_p
+                                    ? frame_has_sync(pbyHeader_p)
+                                    : ((frame_header_word(pbyHeader_p) ^ m_dwReferenceHeader) &
+                                       FRAME_REFERENCE_MASK) == 0;
+        if (!bCandidate) {
+            return FFD_INVALID_FORMAT;
+        }
+        FFDError const ffdError = check_frame_header(pbyHeader_p);
+        if (ffdError == FFD_NOERROR && bFirstFrame_p) {
+            m_dwReferenceHeader = frame_header_word(pbyHeader_p);
+        }
+        return ffdError;
+    };
+
+    BYTE abyBorder[2 * FRAME_HEADER_SIZE];
+    memcpy(abyBorder, pbyCarry_p, FRAME_HEADER_SIZE);
+    memcpy(abyBorder + FRAME_HEADER_SIZE, pbyBlock_p, FRAME_HEADER_SIZE);
+    for (DWORD dwPlace = 0; dwPlace < FRAME_HEADER_SIZE; ++dwPlace) {
+        FFDError const ffdError = judge(abyBorder + dwPlace);
+        if (ffdError != FFD_INVALID_FORMAT) {
+            *plFound_p = static_cast<LONG>(dwPlace) - static_cast<LONG>(FRAME_HEADER_SIZE);
+            return ffdError;
+        }
+    }
+    // Both tests want a first byte of 0xFF.
+    BYTE const* const pbyEnd = pbyBlock_p + (dwBytesRead_p - FRAME_HEADER_SIZE);
+    for (BYTE const* pbyHeader = pbyBlock_p; (pbyHeader = find_ff(pbyHeader, pbyEnd)) != nullptr;
+         ++pbyHeader) {
+        FFDError const ffdError = judge(pbyHeader);
+        if (ffdError != FFD_INVALID_FORMAT) {
+            *plFound_p = static_cast<LONG>(pbyHeader - pbyBlock_p);
+            return ffdError;
+        }
+    }
+    return FFD_INVALID_FORMAT;
+}
+
+void CKivmp3::ascertain_data_length_from_file(BYTE* pbyReadAhead_p) {
+    TRACE_ENTRY("-----CKivmp3::ascertain_data_length_from_file()");
+    CReadAhead file(m_hMp3File, pbyReadAhead_p, READ_AHEAD_SIZE);
+    BYTE const* pbyHeader = nullptr;
+    DWORD dwHeaderBytes = 0;
+    if (!file.set_file_pointer(m_dwFirstFrame) ||
+        !KIVMP3_read_file(file, &pbyHeader, FRAME_HEADER_SIZE, &dwHeaderBytes)) {
+        throw FFDError{FFD_FILE_IO_ERROR};
+    }
+    memcpy(m_byFrameHeader, pbyHeader, dwHeaderBytes);
+    // Another process may have changed the file since the first frame was found.
+    if (dwHeaderBytes < FRAME_HEADER_SIZE || check_frame_header(m_byFrameHeader) != FFD_NOERROR) {
+        throw FFDError{FFD_INTERNAL_ERROR};
+    }
+
+    bool const bMpeg1 = frame_is_mpeg1(m_byFrameHeader);
+    DWORD const dwSamplingRate = frame_sampling_rate(m_byFrameHeader);
+    DWORD const dwFactor = frame_length_factor(m_byFrameHeader);
+    m_wLowestBitrate = frame_bitrate(m_byFrameHeader);
+    DWORD const dwMostPosition = 0xFFFFFFFFu - m_dwFirstFrame;
+    DWORD dwActualPosition = 0; // audio position behind the present frame
+    DWORD dwBytesSkipped = 0;
+    do {
+        WORD const wBitrate = frame_bitrate(bMpeg1, frame_bitrate_index(m_byFrameHeader));
+        if (wBitrate != m_wLowestBitrate) {
+            note_bitrate(wBitrate, dwActualPosition);
+        }
+        uint64_t const ullNextPosition =
+            uint64_t{dwActualPosition} + dwBytesSkipped +
+            frame_length(wBitrate, dwFactor, dwSamplingRate, frame_padding(m_byFrameHeader));
+        if (ullNextPosition > dwMostPosition) {
+            // A last frame that the end of the file cuts short, just under 4 GiB.
+            dwActualPosition = dwMostPosition;
+            break;
+        }
+        dwActualPosition = static_cast<DWORD>(ullNextPosition);
+        if (!file.set_file_pointer(m_dwFirstFrame + dwActualPosition)) {
+            break;
+        }
+        DWORD dwBytesRead = 0;
+        if (search_frame_sync(file, false, dwBytesRead, dwBytesSkipped) != FFD_NOERROR) {
+            break;
+        }
+    } while (true);
+    m_dwLastFrame = m_dwFirstFrame + dwActualPosition;
+    if (m_bVBR) {
+        lower_rate_of_variable_bitrate(dwFactor);
+    }
+}
+
+void CKivmp3::note_bitrate(WORD wBitrate_p, DWORD dwActualPosition_p) {
+    TRACE_INFO("VBR detected");
+    TRACE_VALUE("m_wLowestBitrate", "%u", DWORD{m_wLowestBitrate});
+    TRACE_VALUE("wBitrate", "%u", DWORD{wBitrate_p});
+    TRACE_VALUE("dwActualPosition", "%u", dwActualPosition_p);
+    m_bVBR = TRUE;
+    if (wBitrate_p < m_wLowestBitrate) {
+        m_wLowestBitrate = wBitrate_p;
+    }
+}
+
+// Seen in the trace of the open only, which ends with FFD_NOT_SUPPORTED.
+void CKivmp3::lower_rate_of_variable_bitrate(DWORD dwFactor_p) {
+    m_ffdSampinfo.nAvgBytesPerSec = DWORD{m_wLowestBitrate} / 8 * 1000;
+    m_pWfx->wfx.nAvgBytesPerSec = m_ffdSampinfo.nAvgBytesPerSec;
+    m_pWfx->nBlockSize =
+        static_cast<WORD>(m_wLowestBitrate * dwFactor_p / m_ffdSampinfo.dwSamplingRate & 0xFFFF);
+}
+
+void CKivmp3::ascertain_data_length() {
+    m_oDirFile.ascertain_data_length();
+    compute_length_in_ms();
+}
+
+void CKivmp3::compute_length_in_ms() {
+    m_msLength = 0;
+    if (m_ffdSampinfo.nAvgBytesPerSec != 0) {
+        get_ms_from_bytes(m_oDirFile.get_data_length(), &m_msLength);
+    }
+    TRACE_VALUE("ascertain_data_length(): m_msLength", "%u", m_msLength);
+}
+
+// The order of the operations is part of both conversions, and neither is the other's inverse: each
+// cuts off up to one unit.
+FFDError CKivmp3::get_ms_from_bytes(DWORD dwBytes_p, DWORD* pmsResult_p) const {
+    TRACE_ENTRY("-----CKivmp3::get_ms_from_bytes(..)");
+    if (m_ffdSampinfo.wBlockAlign == 0) {
+        TRACE_ERROR(FFD_GRANULARITY_ERROR, "Block align must not be 0 -> FFD_GRANULARITY_ERROR");
+        return FFD_GRANULARITY_ERROR;
+    }
+    double const dSeconds =
+        static_cast<double>(dwBytes_p) / static_cast<double>(m_ffdSampinfo.nAvgBytesPerSec);
+    *pmsResult_p = static_cast<DWORD>(static_cast<uint64_t>(dSeconds * 1000.0) & 0xFFFFFFFFu);
+    return FFD_NOERROR;
+}
+
+DWORD CKivmp3::get_bytes_from_ms(DWORD dwMillisec_p) const {
+    TRACE_ENTRY("-----CKivmp3::get_bytes_from_ms(.)");
+    double const dProduct =
+        static_cast<double>(m_ffdSampinfo.nAvgBytesPerSec) * static_cast<double>(dwMillisec_p);
+    return static_cast<DWORD>(static_cast<uint64_t>(dProduct / 1000.0) & 0xFFFFFFFFu);
+}

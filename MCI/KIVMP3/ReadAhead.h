@@ -1,0 +1,52 @@
+#pragma once
+
+#include "platform/platform.h"
+
+#include <cstdint>
+
+// Bytes of the block that an open reads the file in.
+constexpr DWORD READ_AHEAD_SIZE = 131072;
+
+// The same for the searches of a rebuild, which as a rule end within a frame or two.
+constexpr DWORD SEARCH_READ_AHEAD_SIZE = 4096;
+
+// Reads a file in large blocks underneath, with the results that small reads at a file pointer of
+// its own would have: a search over all frames of a file then costs a platform call per block and
+// none per frame.
+//
+// What was read ahead is kept for one search or walk only, so an object lives no longer than that:
+// the file may change in between. Where the file seems to end the platform is asked again at each
+// read. The file pointer of the handle is moved; who needs it sets it anew.
+class CReadAhead {
+public:
+    // The buffer is the caller's, at least 1024 bytes, and lives as long as the object.
+    CReadAhead(HANDLE hFile, BYTE* pbyBuffer_p, DWORD dwBufferSize_p)
+        : m_hFile(hFile), m_pbyBuffer(pbyBuffer_p), m_dwBufferSize(dwBufferSize_p) {}
+    CReadAhead(CReadAhead const&) = delete;
+    CReadAhead& operator=(CReadAhead const&) = delete;
+
+    // Moves the pointer to a file offset. 0 if the platform refused, with its error in GetLastError
+    // and in the trace.
+    int set_file_pointer(uint64_t ullFileOffset_p);
+
+    // The file offset of the next read.
+    uint64_t get_file_pointer() const { return m_ullFilePointer; }
+
+    // Hands out up to dwBytesToRead_p bytes (at most the size of the buffer) and moves the pointer
+    // behind them. Fewer mean the end of the file. 0 if the platform failed, with its error in
+    // GetLastError.
+    int read(BYTE const** ppbyData_p, DWORD dwBytesToRead_p, DWORD* pdwBytesRead_p);
+
+private:
+    bool is_buffered(uint64_t ullFileOffset_p, DWORD dwBytes_p) const {
+        return ullFileOffset_p >= m_ullBufferStart &&
+               ullFileOffset_p + dwBytes_p <= m_ullBufferStart + m_dwBuffered;
+    }
+
+    HANDLE m_hFile;
+    BYTE* m_pbyBuffer;
+    DWORD m_dwBufferSize;
+    DWORD m_dwBuffered = 0;        // bytes of the buffer that hold data
+    uint64_t m_ullBufferStart = 0; // file offset of the buffer's first byte
+    uint64_t m_ullFilePointer = 0;
+};
