@@ -1,0 +1,224 @@
+#include "tests/driver_fixture.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+Slots const& driver() {
+    static bool const bAttached = DllMain(nullptr, 1, nullptr) != 0;
+    EXPECT_TRUE(bAttached);
+    return *reinterpret_cast<Slots const*>(FFD_Function_Table);
+}
+
+// ---- MP3 data ----
+
+std::string noise(size_t nBytes, unsigned nSeed) {
+    std::string bytes(nBytes, '\0');
+    uint32_t nState = nSeed * 2654435761u + 12345;
+    for (char& byte : bytes) {
+        nState = nState * 1664525 + 1013904223;
+        byte = static_cast<char>(nState >> 24 == 0xFF ? 0x55 : nState >> 24);
+    }
+    return bytes;
+}
+
+std::string frames(unsigned nCount, unsigned nSeed) {
+    std::string bytes;
+    for (unsigned nFrame = 0; nFrame < nCount; ++nFrame) {
+        bytes += std::string("\xFF\xF3\x44\xC0", 4) + noise(92, nSeed * 100003 + nFrame);
+    }
+    return bytes;
+}
+
+std::string thousand_bytes() {
+    std::string const all = frames(10, 7);
+    return all.substr(0, 864) + noise(40, 8) + all.substr(864);
+}
+
+std::string id3v2_tag(size_t nBytes) {
+    size_t const nSize = nBytes - 10;
+    char const header[10] = {'I',
+                             'D',
+                             '3',
+                             3,
+                             0,
+                             0,
+                             static_cast<char>(nSize >> 21 & 0x7F),
+                             static_cast<char>(nSize >> 14 & 0x7F),
+                             static_cast<char>(nSize >> 7 & 0x7F),
+                             static_cast<char>(nSize & 0x7F)};
+    return std::string(header, 10) + noise(nSize, 99);
+}
+
+std::string id3v1_tag() {
+    return "TAG" + noise(125, 77);
+}
+
+// ---- Files ----
+
+std::string read_file(std::string const& path) {
+    std::ifstream in(path, std::ios::binary);
+    EXPECT_TRUE(in.good()) << path;
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+void write_file(std::string const& path, std::string const& contents) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(contents.data(), static_cast<std::streamsize>(contents.size()));
+    ASSERT_TRUE(out.good()) << path;
+}
+
+bool exists(std::string const& path) {
+    return fs::exists(path);
+}
+
+// ---- The edit directory ----
+
+std::string dir_image(std::vector<Entry> const& entries, size_t nBytes) {
+    std::string image;
+    auto const put32 = [&](uint32_t nValue) {
+        for (int nShift = 0; nShift < 32; nShift += 8) {
+            image += static_cast<char>(nValue >> nShift & 0xFF);
+        }
+    };
+    for (Entry const& entry : entries) {
+        put32(entry.nStatus);
+        put32(entry.nStartpos);
+        put32(entry.nEndpos);
+    }
+    image.resize(nBytes);
+    return image;
+}
+
+// ---- The fixture ----
+
+DriverTest::DriverTest() {
+    char folder[] = "/tmp/kiv-test-XXXXXX";
+    EXPECT_NE(mkdtemp(folder), nullptr);
+    m_folder = std::string(folder) + "/";
+    m_callback.hDriver = this;
+    platform_faults::reset();
+    driver();
+}
+
+DriverTest::~DriverTest() {
+    platform_faults::reset();
+    for (FFDHandle handle : m_open) {
+        driver().Close(handle);
+    }
+    EXPECT_EQ(platform_faults::open_handles(), 0u);
+    EXPECT_EQ(platform_faults::heap_blocks(), 0u);
+    EXPECT_EQ(platform_faults::mapped_views(), 0u);
+    std::error_code ignored;
+    fs::remove_all(m_folder, ignored);
+}
+
+std::vector<std::string> DriverTest::listing() const {
+    std::vector<std::string> names;
+    for (fs::directory_entry const& entry : fs::directory_iterator(m_folder)) {
+        names.push_back(entry.path().filename().string());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+FFDHandle DriverTest::open(std::string const& file, FFDDesiredAccess access) {
+    m_status = 0xDEADBEEFDEADBEEF;
+    FFDHandle const handle =
+        driver().CreateFile(file.c_str(), access, 2, nullptr, m_callback, &m_status, nullptr);
+    EXPECT_EQ(handle == nullptr, m_status != 0);
+    if (handle != nullptr) {
+        m_open.push_back(handle);
+    }
+    return handle;
+}
+
+FFDHandle DriverTest::open_with(std::string const& file, std::string const& contents) {
+    write_file(file, contents);
+    FFDHandle const handle = open(file);
+    EXPECT_EQ(m_status, 0u);
+    return handle;
+}
+
+void DriverTest::close(FFDHandle handle, FFDError expected) {
+    m_open.erase(std::remove(m_open.begin(), m_open.end(), handle), m_open.end());
+    EXPECT_EQ(driver().Close(handle), expected);
+}
+
+int DriverTest::crash_after(std::function<void()> const& session) {
+    pid_t const child = fork();
+    if (child == 0) {
+        session();
+        _exit(::testing::Test::HasFailure() ? 1 : 0);
+    }
+    int nStatus = -1;
+    waitpid(child, &nStatus, 0);
+    return WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -1;
+}
+
+uint32_t DriverTest::seek(FFDHandle handle, uint32_t position) {
+    uint32_t nReached = 0;
+    EXPECT_EQ(driver().AudioSeek(handle, position, &nReached), 0u);
+    return nReached;
+}
+
+uint32_t DriverTest::position(FFDHandle handle) {
+    uint32_t nPosition = 0;
+    EXPECT_EQ(driver().GetCurrentPos(handle, &nPosition), 0u);
+    return nPosition;
+}
+
+uint32_t DriverTest::length(FFDHandle handle) {
+    uint32_t const nPosition = position(handle);
+    uint32_t const nLength = seek(handle, 0xFFFFFFFF);
+    seek(handle, nPosition);
+    return nLength;
+}
+
+std::string DriverTest::read(FFDHandle handle, uint32_t from, uint32_t bytes) {
+    seek(handle, from);
+    FFDReadHandle* pReadHandle = nullptr;
+    EXPECT_EQ(driver().GetSizeOfData(handle, bytes, &pReadHandle), 0u);
+    std::string buffer(pReadHandle->RealSizeInBytes, '\0');
+    uint32_t const nSize = pReadHandle->RealSizeInBytes;
+    FFDError const status =
+        driver().ReadData(handle, pReadHandle, nSize, reinterpret_cast<uint8_t*>(buffer.data()));
+    EXPECT_EQ(status, 0u);
+    buffer.resize(position(handle) - from);
+    return buffer;
+}
+
+std::string DriverTest::read_all(FFDHandle handle) {
+    uint32_t const nPosition = position(handle);
+    uint32_t const nLength = length(handle);
+    // With nothing left in the dictation a read has no block to begin with.
+    std::string bytes = nLength == 0 ? std::string() : read(handle, 0, nLength);
+    seek(handle, nPosition);
+    return bytes;
+}
+
+FFDError DriverTest::write(FFDHandle handle, FFDMethod method, uint32_t at, std::string bytes) {
+    seek(handle, at);
+    return driver().WriteData(handle, method, static_cast<uint32_t>(bytes.size()),
+                              reinterpret_cast<uint8_t*>(bytes.data()));
+}
+
+FFDError DriverTest::insert(FFDHandle handle, uint32_t at, std::string const& bytes) {
+    return write(handle, 1, at, bytes);
+}
+
+FFDError DriverTest::overwrite(FFDHandle handle, uint32_t at, std::string const& bytes) {
+    return write(handle, 2, at, bytes);
+}
+
+FFDError DriverTest::erase(FFDHandle handle, uint32_t at, uint32_t bytes) {
+    seek(handle, at);
+    return driver().DeleteData(handle, bytes);
+}

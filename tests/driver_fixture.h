@@ -1,0 +1,124 @@
+// What the driver's tests share: the driver linked in over the platform layer with the fault seam,
+// attached as a loader would; a folder of its own for each test; MP3 files made of whole frames
+// with contents that tell every byte from its neighbours; and, at the end of each test, the proof
+// that no handle, heap block or mapped view is left.
+#pragma once
+
+#include "ffd.h"
+#include "platform/faults.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+extern "C" void* FFD_Function_Table[24];
+
+// The slots, typed as the host's header types them.
+struct Slots {
+    FFDGetCurrentPosProc GetCurrentPos;
+    FFDGetDictationFileSizeProc GetDictationFileSize;
+    FFDGetGranularitySizeProc GetGranularitySize;
+    FFDGetAudioInfoProc GetAudioInfo;
+    FFDGetSizeOfDataProc GetSizeOfData;
+    FFDGetFileNameProc GetFileName;
+    FFDGetFilePathProc GetFilePath;
+    FFDGetSoundDataLengthProc GetSoundDataLength;
+    FFDSetDiskspaceWarningTimeProc SetDiskspaceWarningTime;
+    FFDSetCallbackAddressProc SetCallbackAddress;
+    FFDAudioSeekProc AudioSeek;
+    FFDSaveAsProc SaveAs;
+    FFDCloseProc Close;
+    FFDCreateFileProc CreateFile;
+    FFDReadDataProc ReadData;
+    FFDWriteDataProc WriteData;
+    FFDDeleteDataProc DeleteData;
+    FFDUndoLastProc UndoLast;
+    FFDStoreActualFileStatusProc StoreActualFileStatus;
+    FFDRestoreFileStatusProc RestoreFileStatus;
+    FFDGetWfxProc GetWfx;
+    FFDGetDownloadLengthProc GetDownloadLength;
+    void* pReserved;
+    FFDGetDSSEncryptedProc GetDSSEncrypted;
+};
+static_assert(sizeof(Slots) == 24 * sizeof(void*));
+
+// The table, filled. The first call attaches the driver.
+Slots const& driver();
+
+// ---- MP3 data ----
+
+// Whole frames of 96 bytes: MPEG 2 Layer III, mono, 24000 Hz, 32 kbit/s (4000 bytes per second).
+// The payload of frame n follows from n and the seed; it holds no 0xFF.
+std::string frames(unsigned nCount, unsigned nSeed = 0);
+
+// Any bytes without 0xFF, so that no frame header is among them.
+std::string noise(size_t nBytes, unsigned nSeed = 0);
+
+// 1000 bytes of audio: ten frames with 40 bytes of noise in front of the last.
+std::string thousand_bytes();
+
+// An ID3v2.3 tag of so many bytes in all (at least 10), and an ID3v1 tag, 128 bytes.
+std::string id3v2_tag(size_t nBytes);
+std::string id3v1_tag();
+
+// ---- Files ----
+
+std::string read_file(std::string const& path);
+void write_file(std::string const& path, std::string const& contents);
+bool exists(std::string const& path);
+
+// ---- The edit directory ----
+
+struct Entry {
+    unsigned nStatus;
+    uint32_t nStartpos;
+    uint32_t nEndpos;
+};
+
+// The bytes of a .DIR file with these entries: 65536, or the size asked for.
+std::string dir_image(std::vector<Entry> const& entries, size_t nBytes = 65536);
+
+class DriverTest : public ::testing::Test {
+protected:
+    DriverTest();
+    ~DriverTest() override;
+
+    std::string path(std::string const& name) const { return m_folder + name; }
+    std::string const& folder() const { return m_folder; }
+
+    // The names in the folder, sorted.
+    std::vector<std::string> listing() const;
+
+    // Opens for writing (or reading); null with the status in m_status.
+    FFDHandle open(std::string const& file, FFDDesiredAccess access = FFD_ACCESS_READWRITE);
+
+    // Makes the file first.
+    FFDHandle open_with(std::string const& file, std::string const& contents);
+
+    // Closes, and expects the status.
+    void close(FFDHandle handle, FFDError expected = FFD_NOERROR);
+
+    // Runs a session in a process of its own that ends without any clean-up behind it, as a crash
+    // would. The result is the exit code, 0 if the session ran to its end.
+    static int crash_after(std::function<void()> const& session);
+
+    static uint32_t seek(FFDHandle handle, uint32_t position);
+    static uint32_t position(FFDHandle handle);
+    static uint32_t length(FFDHandle handle); // by a seek to the end and back
+    static std::string read(FFDHandle handle, uint32_t from, uint32_t bytes);
+    static std::string read_all(FFDHandle handle);
+    static FFDError write(FFDHandle handle, FFDMethod method, uint32_t at, std::string bytes);
+    static FFDError insert(FFDHandle handle, uint32_t at, std::string const& bytes);
+    static FFDError overwrite(FFDHandle handle, uint32_t at, std::string const& bytes);
+    static FFDError erase(FFDHandle handle, uint32_t at, uint32_t bytes);
+
+    FFDCallbackParams m_callback = {};
+    FFDError m_status = 0;
+
+private:
+    std::string m_folder;
+    std::vector<FFDHandle> m_open;
+};
