@@ -34,6 +34,7 @@ private:
     void perform(EditOp const& op, Json& result);
     void seek(EditOp const& op, Json& result);
     void enter_clip(EditOp const& op, Json& result);
+    uint64_t enter_pieces(FFDMethod method, std::string const& name, SoundFile& clip, Json& result);
     void erase(EditOp const& op, Json& result);
     void undo(Json& result);
     void read(EditOp const& op, Json& result);
@@ -217,17 +218,9 @@ void Editor::enter_clip(EditOp const& op, Json& result) {
     SoundFile clip(m_driver, op.path, Access::Read);
     uint32_t const before = m_sound->length();
     uint32_t const from = m_sound->position();
-    Progress progress(op.name, clip.length());
-    uint64_t done = 0;
     result["clip"] = op.path;
     result["from"] = from;
-    for (std::vector<uint8_t> piece; !(piece = clip.read(kPieceSize)).empty();) {
-        m_sound->write(method, piece);
-        m_dirFileIsBehind = false;
-        done += piece.size();
-        result["bytes"] = done; // kept up to date, for a failure half way through
-        progress.advance(piece.size());
-    }
+    uint64_t const done = enter_pieces(method, op.name, clip, result);
     clip.close();
     uint64_t const replaced = before + done - m_sound->length();
     result["replaced"] = replaced;
@@ -235,6 +228,20 @@ void Editor::enter_clip(EditOp const& op, Json& result) {
     say(op.name, length_text(done, m_rate) + " of " + op.path + " at position " +
                      std::to_string(from) +
                      (op.kind == EditOp::Kind::Overwrite ? " over " + bytes_text(replaced) : ""));
+}
+
+uint64_t Editor::enter_pieces(FFDMethod method, std::string const& name, SoundFile& clip,
+                              Json& result) {
+    Progress progress(name, clip.length());
+    uint64_t done = 0;
+    for (std::vector<uint8_t> piece; !(piece = clip.read(kPieceSize)).empty();) {
+        m_sound->write(method, piece);
+        m_dirFileIsBehind = false;
+        done += piece.size();
+        result["bytes"] = done; // kept up to date, for a failure half way through
+        progress.advance(piece.size());
+    }
+    return done;
 }
 
 void Editor::erase(EditOp const& op, Json& result) {
