@@ -79,6 +79,20 @@ bool exists(std::string const& path) {
     return fs::exists(path);
 }
 
+::testing::AssertionResult same_bytes(std::string const& actual, std::string const& expected)
+{
+    size_t const nCommon = std::min(actual.size(), expected.size());
+    size_t nByte = 0;
+    while (nByte < nCommon && actual[nByte] == expected[nByte]) {
+        ++nByte;
+    }
+    if (nByte == actual.size() && nByte == expected.size()) {
+        return ::testing::AssertionSuccess();
+    }
+    return ::testing::AssertionFailure() << actual.size() << " bytes instead of " << expected.size()
+                                         << ", the first difference at byte " << nByte;
+}
+
 // ---- The edit directory ----
 
 std::string dir_image(std::vector<Entry> const& entries, size_t nBytes) {

@@ -70,6 +70,9 @@ std::string read_file(std::string const& path);
 void write_file(std::string const& path, std::string const& contents);
 bool exists(std::string const& path);
 
+// Compares long byte strings and tells no more than where they first differ.
+::testing::AssertionResult same_bytes(std::string const& actual, std::string const& expected);
+
 // ---- The edit directory ----
 
 struct Entry {
