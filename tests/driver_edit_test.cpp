@@ -1,0 +1,312 @@
+// Reading, writing and deleting through the table: what the host gets back, what stands in the
+// file, and what a failure leaves.
+
+#include "tests/driver_fixture.h"
+
+#include <gmock/gmock.h>
+
+#include <filesystem>
+#include <random>
+
+using ::testing::ElementsAre;
+
+namespace {
+
+class EditTest : public DriverTest {
+protected:
+    std::string const m_sound = path("a.mp3");
+
+    FFDReadHandle* prepare(FFDHandle handle, uint32_t nBytes) {
+        FFDReadHandle* pReadHandle = nullptr;
+        EXPECT_EQ(driver().GetSizeOfData(handle, nBytes, &pReadHandle), 0u);
+        return pReadHandle;
+    }
+};
+
+TEST_F(EditTest, AReadIsRefusedWithThePositionUnchanged) {
+    std::string const audio = thousand_bytes();
+    FFDHandle const handle = open_with(m_sound, audio);
+    uint8_t buffer[200];
+    seek(handle, 10);
+    FFDReadHandle* const pReadHandle = prepare(handle, 100);
+    EXPECT_EQ(driver().ReadData(handle, nullptr, 200, buffer), 14u);
+    EXPECT_EQ(driver().ReadData(handle, pReadHandle, 99, buffer), 15u);
+    EXPECT_EQ(driver().ReadData(handle, pReadHandle, 100, nullptr), 25u);
+    seek(handle, 11);
+    EXPECT_EQ(driver().ReadData(handle, pReadHandle, 100, buffer), 11u);
+    EXPECT_EQ(position(handle), 11u);
+    seek(handle, 10);
+    buffer[100] = 0xEE;
+    EXPECT_EQ(driver().ReadData(handle, pReadHandle, 200, buffer), 0u);
+    EXPECT_EQ(std::string(buffer, buffer + 100), audio.substr(10, 100));
+    EXPECT_EQ(buffer[100], 0xEE);
+    EXPECT_EQ(driver().ReadData(handle, pReadHandle, 200, buffer), 11u); // stale by its own read
+    EXPECT_EQ(position(handle), 110u);
+
+    seek(handle, 1000);
+    EXPECT_EQ(driver().ReadData(handle, prepare(handle, 5), 200, buffer), 0u);
+    EXPECT_EQ(position(handle), 1000u);
+    ASSERT_EQ(erase(handle, 0, 1000), 0u);
+    EXPECT_EQ(driver().ReadData(handle, prepare(handle, 0), 200, buffer), 32u);
+}
+
+TEST_F(EditTest, AReadThatFailsKeepsWhatItDelivered) {
+    using platform_faults::Call;
+    std::string const audio = thousand_bytes();
+    FFDHandle const handle = open_with(m_sound, audio);
+    ASSERT_EQ(erase(handle, 300, 100), 0u);
+    struct {
+        std::function<void()> fault;
+        FFDError status;
+        uint32_t nDelivered;
+    } const rows[] = {
+        {[] { platform_faults::fail(Call::ReadFile, 2, 1117); }, 29, 300},
+        {[] { platform_faults::fail(Call::SetFilePointer, 2, 1117); }, 29, 300},
+        {[] { platform_faults::halve(Call::ReadFile, 1, 0); }, 0, 150},
+        {[] { platform_faults::halve(Call::ReadFile, 2, 0); }, 0, 600},
+    };
+    for (auto const& row : rows) {
+        std::vector<uint8_t> buffer(900, 0xEE);
+        seek(handle, 0);
+        FFDReadHandle const* const pReadHandle = prepare(handle, 900);
+        row.fault();
+        EXPECT_EQ(driver().ReadData(handle, pReadHandle, 900, buffer.data()), row.status);
+        platform_faults::reset();
+        EXPECT_EQ(position(handle), row.nDelivered);
+        std::string const expected =
+            (audio.substr(0, 300) + audio.substr(400)).substr(0, row.nDelivered);
+        EXPECT_TRUE(same_bytes({buffer.begin(), buffer.begin() + row.nDelivered}, expected));
+        EXPECT_EQ(buffer[row.nDelivered], 0xEE);
+    }
+}
+
+TEST_F(EditTest, AReadOnlyFileRefusesEveryEdit) {
+    std::string const audio = frames(10);
+    write_file(m_sound, audio);
+    FFDHandle const handle = open(m_sound, 1);
+    EXPECT_EQ(insert(handle, 0, "x"), 34u);
+    EXPECT_EQ(driver().WriteData(handle, 2, 0, nullptr), 34u);
+    EXPECT_EQ(erase(handle, 0, 1), 34u);
+    EXPECT_EQ(driver().UndoLast(handle), 34u);
+    EXPECT_EQ(driver().StoreActualFileStatus(handle), 34u);
+    EXPECT_EQ(driver().RestoreFileStatus(handle), 34u);
+    EXPECT_TRUE(same_bytes(read_all(handle), audio));
+    close(handle);
+    EXPECT_TRUE(same_bytes(read_file(m_sound), audio));
+    EXPECT_THAT(listing(), ElementsAre("a.mp3"));
+}
+
+TEST_F(EditTest, AWriteOfNothingDoesNothing) {
+    FFDHandle const handle = open_with(m_sound, frames(10));
+    platform_faults::reset();
+    EXPECT_EQ(driver().WriteData(handle, 1, 0, nullptr), 0u);
+    EXPECT_EQ(platform_faults::count(platform_faults::Call::Any), 0u);
+}
+
+// The number of platform calls of an edit is part of its speed.
+TEST_F(EditTest, AnEditCostsTheSameFewCalls) {
+    using platform_faults::Call;
+    FFDHandle const handle = open_with(m_sound, frames(10));
+    for (FFDMethod const method : {1u, 2u}) {
+        platform_faults::reset();
+        ASSERT_EQ(write(handle, method, 300, noise(100)), 0u);
+        EXPECT_EQ(platform_faults::count(Call::WriteFile), 2u);
+        EXPECT_EQ(platform_faults::count(Call::FlushFileBuffers), 1u);
+        EXPECT_EQ(platform_faults::count(Call::CloseHandle), 1u);
+        EXPECT_EQ(platform_faults::count(Call::CreateFile), 1u);
+        EXPECT_EQ(platform_faults::count(Call::ReadFile), 0u);
+        EXPECT_EQ(platform_faults::count(Call::Any) - platform_faults::count(Call::SetFilePointer),
+                  5u);
+    }
+    platform_faults::reset();
+    ASSERT_EQ(erase(handle, 300, 100), 0u);
+    EXPECT_EQ(platform_faults::count(Call::FlushFileBuffers), 0u);
+    EXPECT_EQ(platform_faults::count(Call::Any) - platform_faults::count(Call::SetFilePointer), 3u);
+}
+
+TEST_F(EditTest, AWriteThatFailsIsTakenBack) {
+    using platform_faults::Call;
+    std::string const audio = frames(10) + id3v1_tag();
+    struct {
+        char const* pszName;
+        std::function<void()> fault;
+        size_t nLeftInFile; // of the bytes written
+    } const rows[] = {
+        {"seek", [] { platform_faults::fail(Call::SetFilePointer, 1, 1117); }, 0},
+        {"write", [] { platform_faults::fail(Call::WriteFile, 1, 1117); }, 0},
+        {"disk full half way", [] { platform_faults::halve(Call::WriteFile, 1, 112); }, 0},
+        {"half written and said so", [] { platform_faults::halve(Call::WriteFile, 1, 0); }, 0},
+        {"not cut back",
+         [] {
+             platform_faults::halve(Call::WriteFile, 1, 112);
+             platform_faults::fail(Call::SetEndOfFile, 1, 1117);
+         },
+         50},
+    };
+    for (auto const& row : rows) {
+        SCOPED_TRACE(row.pszName);
+        FFDHandle const handle = open_with(m_sound, audio);
+        ASSERT_EQ(erase(handle, 200, 50), 0u);
+        seek(handle, 300);
+        std::string piece = noise(100, 3);
+        row.fault();
+        EXPECT_EQ(driver().WriteData(handle, 2, 100, reinterpret_cast<uint8_t*>(piece.data())),
+                  29u);
+        platform_faults::reset();
+        EXPECT_EQ(position(handle), 300u);
+        std::string const dictation = audio.substr(0, 200) + audio.substr(250, 710);
+        EXPECT_TRUE(same_bytes(read_all(handle), dictation));
+        EXPECT_TRUE(same_bytes(read_file(m_sound), audio + piece.substr(0, row.nLeftInFile)));
+        uint32_t nFileSize = 0;
+        EXPECT_EQ(driver().GetDictationFileSize(handle, &nFileSize), 0u);
+        EXPECT_EQ(nFileSize, audio.size() + row.nLeftInFile);
+
+        EXPECT_EQ(insert(handle, 300, piece), 0u);
+        EXPECT_TRUE(
+            same_bytes(read_all(handle), dictation.substr(0, 300) + piece + dictation.substr(300)));
+        EXPECT_EQ(driver().UndoLast(handle), 0u);
+        close(handle);
+    }
+}
+
+// A last frame that the end of the file cuts short is counted whole; what is written behind it must
+// not play twice.
+TEST_F(EditTest, AppendingBehindATruncatedFrame) {
+    std::string const audio = frames(10).substr(0, 930);
+    FFDHandle const handle = open_with(m_sound, audio);
+    EXPECT_EQ(length(handle), 960u);
+    std::string const piece = frames(2, 5);
+    ASSERT_EQ(insert(handle, 960, piece), 0u);
+    EXPECT_EQ(position(handle), 1122u);
+    EXPECT_TRUE(same_bytes(read_all(handle), audio + piece));
+    ASSERT_EQ(insert(handle, 100, noise(50)), 0u);
+    EXPECT_EQ(length(handle), 1172u);
+}
+
+TEST_F(EditTest, TheFileEndsBelowFourGigabytes) {
+    write_file(m_sound, frames(10));
+    std::filesystem::resize_file(m_sound, 0xFFFFFFFFu - 10);
+    FFDHandle const handle = open(m_sound);
+    ASSERT_EQ(m_status, 0u);
+    EXPECT_EQ(insert(handle, 100, noise(11)), 29u);
+    EXPECT_EQ(std::filesystem::file_size(m_sound), 0xFFFFFFFFu - 10);
+    EXPECT_EQ(insert(handle, 100, noise(10, 4)), 0u);
+    EXPECT_EQ(read(handle, 95, 20),
+              frames(10).substr(95, 5) + noise(10, 4) + frames(10).substr(100, 5));
+    EXPECT_EQ(insert(handle, 0, noise(1)), 29u);
+    EXPECT_EQ(length(handle), 970u);
+}
+
+// ---- The watch over the disk space ----
+
+std::vector<std::pair<unsigned, uint64_t>> g_messages;
+
+void host_callback(void* hDriver, uint32_t nMessage, uint64_t nUser, uint64_t nParam1,
+                   uint64_t nParam2) {
+    EXPECT_NE(hDriver, nullptr);
+    EXPECT_EQ(nUser, 4711u);
+    EXPECT_EQ(nParam2, 0u);
+    g_messages.emplace_back(nMessage, nParam1);
+}
+
+TEST_F(EditTest, DiskSpaceMessages) {
+    m_callback.dwCallback = reinterpret_cast<uint64_t>(&host_callback);
+    m_callback.dwUser = 4711;
+    FFDHandle const handle = open_with(m_sound, frames(10000) + noise(40000));
+    ASSERT_EQ(driver().SetDiskspaceWarningTime(handle, 1000000), 0u);
+    // With a file of 1,000,000 bytes, 960,000 of them in the directory, a write of 40,000 bytes
+    // needs 14,485,760 bytes at the check before it and 14,565,760 at the one behind it. Each write
+    // raises the needs of the next by 160,000.
+    struct Row {
+        uint64_t nFree; // at the first write; 160,000 more at each later one
+        std::vector<std::pair<unsigned, uint64_t>> messages;
+    };
+    std::vector<Row> const rows = {
+        {17565760, {}},                                 // edge of the warning band
+        {17565759, {{1020, 999999}}},                   // just inside, at the later check
+        {14485760, {{1021, 1000000}, {1021, 1000000}}}, // out of space, told each time
+        {16000000, {}},                                 // warned already
+        {17485760, {}},                                 // the edge keeps that
+        {17565761, {}},                                 // enough at both checks
+        {16000000, {{1020, 504746}}},
+        {uint64_t{5} << 30, {}},
+        {14485761, {{1020, 0}, {1021, 1000000}}},
+    };
+    uint64_t nGrown = 0;
+    auto const write_with = [&](Row const& row) {
+        SCOPED_TRACE(row.nFree);
+        g_messages.clear();
+        platform_faults::pretend_free_bytes(row.nFree + nGrown);
+        EXPECT_EQ(insert(handle, 0, noise(40000)), 0u);
+        EXPECT_EQ(g_messages, row.messages);
+        nGrown += 160000;
+    };
+    for (Row const& row : rows) {
+        write_with(row);
+    }
+    ASSERT_EQ(driver().SetDiskspaceWarningTime(handle, 0), 0u); // an empty band
+    write_with({14485761, {{1021, 0}}});
+
+    // Neither a query that fails nor a missing callback is a failure of the write.
+    using platform_faults::Call;
+    platform_faults::fail(Call::GetDiskFreeSpaceEx, 1, 21, 2);
+    write_with({0, {}});
+    platform_faults::fail(Call::DriverCallback, 1, 0, 2);
+    write_with({0, {}});
+    ASSERT_EQ(driver().SetCallbackAddress(handle, 0), 0u);
+    unsigned const nQueries = platform_faults::count(Call::GetDiskFreeSpaceEx);
+    write_with({0, {}});
+    EXPECT_EQ(platform_faults::count(Call::GetDiskFreeSpaceEx), nQueries);
+}
+
+// ---- Random sessions against a plain byte string ----
+
+TEST_F(EditTest, RandomSessionsPlayWhatAPlainStringHolds) {
+    for (unsigned nSeed = 0; nSeed < 40; ++nSeed) {
+        SCOPED_TRACE(nSeed);
+        std::mt19937 random(nSeed);
+        auto const below = [&](size_t nLimit) {
+            return static_cast<uint32_t>(random() % (nLimit + 1));
+        };
+        std::string dictation = frames(10);
+        std::string undo = dictation; // the dictation that an undo gives
+        FFDHandle handle = open_with(m_sound, dictation + (nSeed % 2 != 0 ? id3v1_tag() : ""));
+        bool bUndoable = false;
+        for (unsigned nStep = 0; nStep < 60; ++nStep) {
+            uint32_t const nAt = below(dictation.size());
+            std::string const piece = noise(1 + below(300), nStep);
+            switch (below(3)) {
+            case 0:
+                ASSERT_EQ(insert(handle, nAt, piece), 0u);
+                dictation.insert(nAt, piece);
+                bUndoable = false;
+                break;
+            case 1:
+                ASSERT_EQ(overwrite(handle, nAt, piece), 0u);
+                dictation.replace(nAt, piece.size(), piece);
+                bUndoable = false;
+                break;
+            case 2: {
+                uint32_t const nBytes = 1 + below(300);
+                ASSERT_EQ(erase(handle, nAt, nBytes), 0u);
+                if (dictation.size() < 96 || nAt <= dictation.size() - 96) {
+                    undo = dictation;
+                    dictation.erase(nAt, nBytes);
+                    bUndoable = undo.size() != dictation.size();
+                }
+                break;
+            }
+            default:
+                if (bUndoable) {
+                    ASSERT_EQ(driver().UndoLast(handle), 0u);
+                    dictation = undo;
+                    bUndoable = false;
+                }
+            }
+            ASSERT_TRUE(same_bytes(read_all(handle), dictation)) << "step " << nStep;
+        }
+        close(handle);
+    }
+}
+
+} // namespace
