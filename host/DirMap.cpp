@@ -85,6 +85,12 @@ std::filesystem::path dir_file_of(std::string const& soundFile) {
                                                              ".DIR");
 }
 
+std::optional<uint64_t> leftover_size(std::string const& soundFile) {
+    std::error_code error;
+    uint64_t const size = std::filesystem::file_size(dir_file_of(soundFile), error);
+    return error ? std::nullopt : std::optional(size);
+}
+
 std::optional<DirMap> read_dir_file(std::filesystem::path const& path) {
     std::error_code error;
     if (!std::filesystem::exists(path, error)) {

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <optional>
+#include <string>
 #include <vector>
 
 namespace ffdhost {
@@ -34,6 +35,10 @@ char const* state_text(BlockState state);
 
 // The .DIR file that belongs to a sound file. Files that differ in their extension share one.
 std::filesystem::path dir_file_of(std::string const& soundFile);
+
+// The size of the .DIR file beside a sound file; nothing if there is none. It is 0 as long as an
+// open for writing has seen no edit.
+std::optional<uint64_t> leftover_size(std::string const& soundFile);
 
 // The blocks of a .DIR file; nothing if there is none or it names no block, as before the first
 // edit. Throws a Failure with FFD_DIRECTORY_MISMATCH if the file is damaged.

@@ -1,5 +1,6 @@
 #include "StreamView.h"
 
+#include "DirMap.h"
 #include "Status.h"
 #include "Tags.h"
 
@@ -51,10 +52,32 @@ uint32_t find_audio(std::string const& path, std::vector<uint8_t> const& firstBy
                   "Make sure that no other program changes the file, and try again.");
 }
 
+// A crash in the middle of a close can leave the sound file under another name for the time being.
+// Only an open for writing puts it back, so a failure to read must say so.
+[[noreturn]] void explain(Failure const& failure, std::string const& path) {
+    std::error_code error;
+    if (std::filesystem::exists(path, error) || leftover_size(path).value_or(0) == 0) {
+        throw failure;
+    }
+    throw Failure(failure.operation(), path, failure.status(),
+                  "the file is gone, but its .DIR file holds edits: a close was interrupted",
+                  "Run 'ffdhost edit FILE show': an open for writing finishes what the close "
+                  "began.");
+}
+
 } // namespace
 
+std::unique_ptr<SoundFile> open_for_reading(Driver const& driver, std::string const& path) {
+    try {
+        return std::make_unique<SoundFile>(driver, path, Access::Read);
+    } catch (Failure const& failure) {
+        explain(failure, path);
+    }
+}
+
 StreamView look_at(Driver const& driver, std::string const& path) {
-    SoundFile sound(driver, path, Access::Read);
+    std::unique_ptr<SoundFile> const opened = open_for_reading(driver, path);
+    SoundFile& sound = *opened;
     std::vector<uint8_t> const firstBytes = sound.read(kProbeSize);
     if (firstBytes.size() < 4) {
         throw Failure("read", path, FFD_NO_MORE_FRAMES);

@@ -3,6 +3,7 @@
 
 #include "SoundFile.h"
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,10 @@ struct StreamView {
         return static_cast<uint64_t>(firstFrameOffset) + audioLength;
     }
 };
+
+// Opens the file for reading only. Tells apart a file that is missing from one that an interrupted
+// close has left under another name.
+std::unique_ptr<SoundFile> open_for_reading(Driver const& driver, std::string const& path);
 
 // Opens the file for reading only and closes it again. Throws what the open throws; it leaves no
 // trace on the disk, unlike an open for writing that fails.

@@ -96,9 +96,7 @@ void Editor::check_before_open() {
         m_view = look_at(m_driver, m_file);
     } catch (Failure const&) {
         // After a crash the open for writing may have to mend the file before it can be read.
-        std::error_code error;
-        uint64_t const leftoverSize = std::filesystem::file_size(m_dirFile, error);
-        if (error || leftoverSize == 0) {
+        if (leftover_size(m_file).value_or(0) == 0) {
             throw;
         }
     }

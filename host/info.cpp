@@ -53,8 +53,7 @@ Outcome run_info(Driver const& driver, std::string const& file, bool json) {
     auto const behind = regions_behind(stream, view.fileSize, view.audioEndOffset());
 
     std::string const leftover = dir_file_of(file).string();
-    std::error_code noLeftover;
-    uint64_t const leftoverSize = std::filesystem::file_size(leftover, noLeftover);
+    std::optional<uint64_t> const leftoverSize = leftover_size(file);
 
     if (!json) {
         print_line("File", file);
@@ -62,7 +61,7 @@ Outcome run_info(Driver const& driver, std::string const& file, bool json) {
         print_line("Format", format_text(view.format));
         print_line("Frame size", bytes_text(wave.frameSize) + ", one more with padding");
         print_line("Dictation", length_text(view.audioLength, wave.bytesPerSecond) +
-                                    (!noLeftover && leftoverSize > 0
+                                    (leftoverSize.value_or(0) > 0
                                          ? ", without the edits in the leftover .DIR file"
                                          : ""));
         print_line("First frame", "at file offset " + std::to_string(view.firstFrameOffset));
@@ -73,7 +72,7 @@ Outcome run_info(Driver const& driver, std::string const& file, bool json) {
         }
         print_regions("In front", inFront);
         print_regions("Behind", behind);
-        print_line("Leftover .DIR", noLeftover ? "none" : leftover_text(leftover, leftoverSize));
+        print_line("Leftover .DIR", leftoverSize ? leftover_text(leftover, *leftoverSize) : "none");
     }
     return {{{"command", "info"},
              {"ok", true},
@@ -94,7 +93,7 @@ Outcome run_info(Driver const& driver, std::string const& file, bool json) {
              {"in_front", regions_json(inFront)},
              {"behind", regions_json(behind)},
              {"leftover_directory",
-              noLeftover ? Json() : Json{{"file", leftover}, {"size", leftoverSize}}}}};
+              leftoverSize ? Json{{"file", leftover}, {"size", *leftoverSize}} : Json()}}};
 }
 
 } // namespace ffdhost

@@ -70,7 +70,8 @@ Outcome run_read(Driver const& driver, std::string const& file, ReadOptions cons
         check_output("read", options.output, file);
     }
 
-    SoundFile sound(driver, file, Access::Read);
+    std::unique_ptr<SoundFile> const opened = open_for_reading(driver, file);
+    SoundFile& sound = *opened;
     uint32_t const rate = sound.wave_format().bytesPerSecond;
     uint32_t const end = sound.length();
     uint32_t const from = sound.seek(fromOption.to_bytes(rate));

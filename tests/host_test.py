@@ -216,6 +216,11 @@ class HostTest(unittest.TestCase):
         self.assertTrue(left["edited"])
         self.assertEqual([block["size"] for block in left["blocks"]],
                          [at, len(self.clip_audio), len(self.audio) - at])
+        # As an interrupted close leaves it: reading points to the open that mends the file.
+        self.file.rename(self.dir / "12345.MP3")
+        for command in ("info", "map", "read"):
+            self.assertIn(b"ffdhost edit", self.host(command, self.file, code=1).stderr)
+        (self.dir / "12345.MP3").rename(self.file)
         self.json("edit", self.file, "show")
         self.assertEqual(self.host("read", self.file).stdout,
                          self.audio[:at] + self.clip_audio + self.audio[at:])
