@@ -1,0 +1,444 @@
+// The close: when the file is rebuilt, what the rebuilt file holds to the byte, and what is found
+// again after a close that failed or was cut off.
+
+#include "tests/driver_fixture.h"
+
+#include <gmock/gmock.h>
+
+#include <ctime>
+#include <filesystem>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+using platform_faults::Call;
+using ::testing::ElementsAre;
+
+namespace {
+
+class CloseTest : public DriverTest {
+protected:
+    std::string const m_sound = path("a.mp3");
+
+    // Whether the file under the name is another one than before the session.
+    bool is_rebuilt_by(std::string const& contents, std::function<void(FFDHandle)> const& session) {
+        FFDHandle const handle = open_with(m_sound, contents);
+        uint64_t const nBefore = inode();
+        session(handle);
+        close(handle);
+        EXPECT_THAT(listing(), ElementsAre("a.mp3"));
+        return inode() != nBefore;
+    }
+
+    uint64_t inode() const {
+        struct stat info = {};
+        EXPECT_EQ(stat(m_sound.c_str(), &info), 0);
+        // The new file exists while the old one does, so that the numbers differ.
+        return info.st_ino;
+    }
+
+    // The one name in the folder that is made of digits and ".MP3", or "".
+    std::string temp_file() const {
+        for (std::string const& name : listing()) {
+            if (name.size() > 4 && name.find_first_not_of("0123456789") == name.size() - 4 &&
+                name.substr(name.size() - 4) == ".MP3") {
+                return path(name);
+            }
+        }
+        return "";
+    }
+};
+
+TEST_F(CloseTest, TheFileStaysWhereItAlreadyIsTheDictation) {
+    std::string const audio = id3v2_tag(300) + frames(10);
+    EXPECT_FALSE(is_rebuilt_by(audio, [](FFDHandle) {}));
+    EXPECT_TRUE(same_bytes(read_file(m_sound), audio));
+
+    // Appended audio, though it ends inside a frame.
+    EXPECT_FALSE(is_rebuilt_by(audio, [](FFDHandle h) {
+        EXPECT_EQ(insert(h, 960, frames(2).substr(0, 150)), 0u);
+        EXPECT_EQ(overwrite(h, 1110, noise(7)), 0u);
+    }));
+    EXPECT_TRUE(same_bytes(read_file(m_sound), audio + frames(2).substr(0, 150) + noise(7)));
+
+    EXPECT_FALSE(is_rebuilt_by(audio, [](FFDHandle h) {
+        EXPECT_EQ(erase(h, 100, 200), 0u);
+        EXPECT_EQ(driver().UndoLast(h), 0u);
+    }));
+    EXPECT_TRUE(same_bytes(read_file(m_sound), audio));
+}
+
+TEST_F(CloseTest, WhatARebuiltFileHolds) {
+    std::string const head = id3v2_tag(267);
+    std::string const audio = frames(10);
+    std::string const tag = id3v1_tag();
+    struct {
+        char const* pszName;
+        std::string trailing;
+        std::function<void(FFDHandle)> session;
+        std::string expected; // between the head and the trailing bytes
+    } const rows[] = {
+        {"no edit, but a tag behind", tag, [](FFDHandle) {}, audio},
+        {"append in front of a tag", tag,
+         [](FFDHandle h) { EXPECT_EQ(insert(h, 960, frames(2, 3)), 0u); }, audio + frames(2, 3)},
+        {"insert", "", [](FFDHandle h) { EXPECT_EQ(insert(h, 480, frames(2, 3)), 0u); },
+         audio.substr(0, 480) + frames(2, 3) + audio.substr(480)},
+        {"overwrite", "", [](FFDHandle h) { EXPECT_EQ(overwrite(h, 480, frames(2, 3)), 0u); },
+         audio.substr(0, 480) + frames(2, 3) + audio.substr(672)},
+        {"delete inside frames", "", [](FFDHandle h) { EXPECT_EQ(erase(h, 100, 300), 0u); },
+         // The front block ends with the frame that its end has cut; the other begins with the
+         // first whole frame and, as it ends with the file's last frame, loses nothing.
+         audio.substr(0, 192) + audio.substr(480)},
+        {"a block that is moved forward takes nothing of the tag", tag,
+         [](FFDHandle h) { EXPECT_EQ(erase(h, 0, 50), 0u); }, audio.substr(96)},
+        {"a block that is moved forward takes nothing of appended audio", "",
+         [](FFDHandle h) {
+             EXPECT_EQ(erase(h, 0, 50), 0u);
+             EXPECT_EQ(insert(h, 0, frames(2, 3)), 0u);
+         },
+         frames(2, 3) + audio.substr(96)},
+        {"everything deleted", tag, [](FFDHandle h) { EXPECT_EQ(erase(h, 0, 960), 0u); }, ""},
+        {"a block of less than a frame", "",
+         [](FFDHandle h) { EXPECT_EQ(insert(h, 480, frames(1, 3).substr(0, 95)), 0u); }, audio},
+        {"a block without a frame", "",
+         [](FFDHandle h) { EXPECT_EQ(insert(h, 480, noise(500)), 0u); }, audio},
+        {"a block whose first header lies behind the audio", tag,
+         [](FFDHandle h) {
+             EXPECT_EQ(erase(h, 0, 860), 0u); // leaves 100 bytes: 4 of a frame and a whole one
+             EXPECT_EQ(insert(h, 100, noise(2)), 0u);
+             EXPECT_EQ(insert(h, 0, frames(1, 3)), 0u);
+         },
+         frames(1, 3) + audio.substr(864)},
+    };
+    for (auto const& row : rows) {
+        SCOPED_TRACE(row.pszName);
+        EXPECT_TRUE(is_rebuilt_by(head + audio + row.trailing, row.session));
+        EXPECT_TRUE(same_bytes(read_file(m_sound), head + row.expected + row.trailing));
+    }
+}
+
+// Frames of 417 bytes, and a block from 500 to 1300: it is moved forward to the frame at 834 and
+// widened to the end of the frame at 1251.
+TEST_F(CloseTest, ABlockIsBroughtBackToWholeFrames) {
+    std::string audio;
+    for (unsigned nFrame = 0; nFrame < 5; ++nFrame) {
+        audio += std::string("\xFF\xFB\x90\xC0", 4) + noise(413, nFrame);
+    }
+    write_file(path("a.DIR"), dir_image({{3, 0, 500}, {1, 500, 1300}, {3, 1300, 2085}}));
+    FFDHandle const handle = open_with(m_sound, audio);
+    EXPECT_EQ(length(handle), 800u);
+    close(handle);
+    EXPECT_TRUE(same_bytes(read_file(m_sound), audio.substr(834, 834)));
+}
+
+TEST_F(CloseTest, AppendedAudioAndTagsAfterACrash) {
+    std::string const head = id3v2_tag(100);
+    std::string const audio = frames(10);
+    std::string const tag = id3v1_tag();
+    auto const run = [&](std::string const& trailing, std::function<void(FFDHandle)> const& first,
+                         std::function<void(FFDHandle)> const& second) {
+        write_file(m_sound, head + audio + trailing);
+        EXPECT_EQ(crash_after([&] { first(open(m_sound)); }), 0);
+        FFDHandle const handle = open(m_sound);
+        second(handle);
+        close(handle);
+        return read_file(m_sound);
+    };
+    auto const drop_by_restore = [](FFDHandle h) {
+        EXPECT_EQ(insert(h, 0, frames(1, 1)), 0u);
+        EXPECT_EQ(driver().StoreActualFileStatus(h), 0u);
+        EXPECT_EQ(insert(h, 0, frames(1, 2)), 0u); // dropped
+        EXPECT_EQ(driver().RestoreFileStatus(h), 0u);
+        EXPECT_EQ(insert(h, 96, frames(1, 3)), 0u);
+    };
+    auto const nothing = [](FFDHandle) {};
+    // Where a block is moved forward, the frame behind its end comes along to fill its length.
+    for (std::string const& trailing : {tag, std::string("APETAGEX") + noise(300)}) {
+        EXPECT_TRUE(same_bytes(run(trailing, drop_by_restore, nothing),
+                               head + frames(1, 1) + frames(1, 3) + audio + trailing));
+        EXPECT_TRUE(same_bytes(
+            run(
+                trailing, [](FFDHandle h) { EXPECT_EQ(insert(h, 960, frames(2, 1)), 0u); },
+                [](FFDHandle h) { EXPECT_EQ(insert(h, 1152, frames(2, 2)), 0u); }),
+            head + audio + frames(2, 1) + frames(2, 2) + trailing));
+        EXPECT_TRUE(
+            same_bytes(run(
+                           trailing,
+                           [](FFDHandle h) {
+                               EXPECT_EQ(insert(h, 480, frames(2, 1)), 0u);
+                               EXPECT_EQ(erase(h, 0, 50), 0u);
+                           },
+                           nothing),
+                       head + audio.substr(96, 480) + frames(2, 1) + audio.substr(480) + trailing));
+        EXPECT_TRUE(
+            same_bytes(run(
+                           trailing, [](FFDHandle h) { EXPECT_EQ(erase(h, 0, 96), 0u); }, nothing),
+                       head + audio.substr(96) + trailing));
+    }
+    EXPECT_TRUE(
+        same_bytes(run("", drop_by_restore, nothing), head + frames(1, 1) + frames(1, 3) + audio));
+}
+
+TEST_F(CloseTest, TooLittleSpaceKeepsTheEditsForTheNextOpen) {
+    std::string const audio = frames(10);
+    FFDHandle handle = open_with(m_sound, audio);
+    ASSERT_EQ(insert(handle, 480, frames(1, 3)), 0u);
+    platform_faults::pretend_free_bytes(1055);
+    close(handle, 6);
+    EXPECT_THAT(listing(), ElementsAre("a.DIR", "a.mp3"));
+    EXPECT_TRUE(same_bytes(read_file(m_sound), audio + frames(1, 3)));
+
+    platform_faults::pretend_free_bytes(1056);
+    handle = open(m_sound);
+    close(handle);
+    EXPECT_THAT(listing(), ElementsAre("a.mp3"));
+    EXPECT_TRUE(
+        same_bytes(read_file(m_sound), audio.substr(0, 480) + frames(1, 3) + audio.substr(480)));
+}
+
+// Each failure of a rebuild: its status, the files it leaves, and the next close, which works.
+TEST_F(CloseTest, ARebuildThatFailsLosesNothing) {
+    std::string const audio = frames(10);
+    std::string const dictation = audio.substr(0, 480) + frames(1, 3) + audio.substr(480);
+    struct {
+        char const* pszName;
+        std::function<void()> fault;
+        FFDError status;
+        bool bTempFile;
+    } const rows[] = {
+        {"free space", [] { platform_faults::fail(Call::GetDiskFreeSpaceEx, 1, 21); }, 6, false},
+        {"temporary file", [] { platform_faults::fail(Call::CreateFile, 1, 5); }, 29, false},
+        {"memory", [] { platform_faults::fail(Call::HeapAlloc, 1, 8); }, 27, true},
+        {"read", [] { platform_faults::fail(Call::ReadFile, 2, 1117); }, 29, true},
+        {"short read", [] { platform_faults::halve(Call::ReadFile, 2, 0); }, 29, true},
+        {"write", [] { platform_faults::fail(Call::WriteFile, 2, 112); }, 29, true},
+        {"short write", [] { platform_faults::halve(Call::WriteFile, 2, 0); }, 29, true},
+        {"flush", [] { platform_faults::fail(Call::FlushFileBuffers, 1, 1117); }, 29, true},
+        {"marker", [] { platform_faults::fail(Call::FlushFileBuffers, 2, 1117); }, 29, true},
+        {"removal of the old file", [] { platform_faults::fail(Call::DeleteFile, 1, 5); }, 29,
+         true},
+    };
+    for (auto const& row : rows) {
+        SCOPED_TRACE(row.pszName);
+        FFDHandle handle = open_with(m_sound, audio);
+        ASSERT_EQ(insert(handle, 480, frames(1, 3)), 0u);
+        row.fault();
+        close(handle, row.status);
+        platform_faults::reset();
+        EXPECT_EQ(!temp_file().empty(), row.bTempFile);
+        EXPECT_EQ(listing().size(), row.bTempFile ? 3u : 2u);
+        EXPECT_TRUE(same_bytes(read_file(m_sound), audio + frames(1, 3)));
+        if (row.bTempFile) {
+            fs::remove(temp_file());
+        }
+        handle = open(m_sound);
+        EXPECT_TRUE(same_bytes(read_all(handle), dictation));
+        close(handle);
+        EXPECT_TRUE(same_bytes(read_file(m_sound), dictation));
+        EXPECT_THAT(listing(), ElementsAre("a.mp3"));
+    }
+}
+
+TEST_F(CloseTest, ARenameThatFailsIsFinishedByTheNextOpen) {
+    std::string const audio = frames(10);
+    FFDHandle handle = open_with(m_sound, audio);
+    ASSERT_EQ(insert(handle, 0, frames(1, 3)), 0u);
+    platform_faults::fail(Call::MoveFile, 1, 5);
+    close(handle, 29);
+    EXPECT_FALSE(exists(m_sound));
+    EXPECT_TRUE(same_bytes(read_file(temp_file()), frames(1, 3) + audio));
+    platform_faults::reset();
+    EXPECT_EQ(open(m_sound, 1), nullptr); // a read-only open touches nothing
+    EXPECT_FALSE(exists(m_sound));
+    handle = open(m_sound);
+    EXPECT_TRUE(same_bytes(read_all(handle), frames(1, 3) + audio));
+    close(handle);
+    EXPECT_THAT(listing(), ElementsAre("a.mp3"));
+}
+
+// The process ends in front of each change of the disk within the close, one after the other.
+TEST_F(CloseTest, EveryInstantOfACloseCanBeTheLast) {
+    std::string const head = id3v2_tag(50);
+    std::string const audio = frames(20);
+    std::string const dictation = frames(3, 4) + audio.substr(0, 480) + audio.substr(960);
+    int nExitCode = 86;
+    unsigned nChange = 1;
+    for (; nExitCode == 86; ++nChange) {
+        SCOPED_TRACE(nChange);
+        write_file(m_sound, head + audio + id3v1_tag());
+        nExitCode = crash_after([&] {
+            FFDHandle const handle = open(m_sound);
+            EXPECT_EQ(insert(handle, 0, frames(3, 4)), 0u);
+            EXPECT_EQ(erase(handle, 768, 480), 0u);
+            platform_faults::stop_before_change(nChange);
+            close(handle);
+        });
+        FFDHandle const handle = open(m_sound);
+        ASSERT_EQ(m_status, 0u);
+        EXPECT_TRUE(same_bytes(read_all(handle), dictation));
+        close(handle);
+        EXPECT_TRUE(same_bytes(read_file(m_sound), head + dictation + id3v1_tag()));
+        // A copy that was cut off in the middle is all that nothing removes.
+        if (!temp_file().empty()) {
+            fs::remove(temp_file());
+        }
+        EXPECT_THAT(listing(), ElementsAre("a.mp3"));
+    }
+    EXPECT_EQ(nExitCode, 0);
+    EXPECT_GT(nChange, 8u);
+}
+
+TEST_F(CloseTest, TheMarkerToTheByte) {
+    FFDHandle const handle = open_with(m_sound, frames(10));
+    ASSERT_EQ(insert(handle, 0, frames(1, 3)), 0u);
+    platform_faults::fail(Call::MoveFile, 1, 5);
+    close(handle, 29);
+    platform_faults::reset();
+    std::string const marker = read_file(path("a.CLM"));
+    ASSERT_EQ(marker.size(), 540u);
+    std::string const temp = fs::path(temp_file()).filename().string();
+    EXPECT_EQ(marker.substr(0, 8), "XKIVCLM1");
+    EXPECT_EQ(marker.substr(12, 8), std::string("\x20\4\0\0\x20\4\0\0", 8)); // 1056 twice
+    EXPECT_EQ(marker.substr(20, 260), "a.mp3" + std::string(255, '\0'));
+    EXPECT_EQ(marker.substr(280, 260), temp + std::string(260 - temp.size(), '\0'));
+
+    // With the old file gone, nothing but the whole marker may decide anything: every damage of it
+    // fails the open and keeps all there is.
+    std::string const rebuilt = read_file(temp_file());
+    std::string const tempPath = temp_file();
+    for (size_t nByte = 0; nByte < 540; nByte += nByte < 40 ? 1 : 29) {
+        std::string damaged = marker;
+        damaged[nByte] = static_cast<char>(damaged[nByte] ^ 1);
+        write_file(path("a.CLM"), damaged);
+        EXPECT_EQ(open(m_sound), nullptr) << nByte;
+        EXPECT_FALSE(exists(m_sound));
+        EXPECT_TRUE(same_bytes(read_file(tempPath), rebuilt));
+        EXPECT_EQ(read_file(path("a.CLM.bad")), damaged);
+        fs::remove(path("a.CLM.bad"));
+    }
+    write_file(path("a.CLM"), marker);
+    FFDHandle const again = open(m_sound);
+    EXPECT_TRUE(same_bytes(read_all(again), rebuilt));
+    close(again);
+    EXPECT_THAT(listing(), ElementsAre("a.mp3"));
+}
+
+TEST_F(CloseTest, MarkersThatAreMetAtAnOpen) {
+    // A marker that was written, kept to be put beside other files.
+    FFDHandle handle = open_with(m_sound, frames(10));
+    ASSERT_EQ(insert(handle, 0, frames(1, 3)), 0u);
+    ASSERT_EQ(erase(handle, 96, 96), 0u);
+    platform_faults::fail(Call::MoveFile, 1, 5);
+    close(handle, 29);
+    platform_faults::reset();
+    std::string const marker = read_file(path("a.CLM"));
+    std::string const dir = read_file(path("a.DIR"));
+    std::string const temp = temp_file();
+    std::string const old = frames(10) + frames(1, 3);                     // 1056 bytes
+    std::string const rebuilt = frames(1, 3) + frames(10).substr(96, 864); // 960 bytes
+
+    struct {
+        char const* pszName;
+        std::string sound; // "" for none
+        std::string temp;
+        std::string contents;           // of the marker
+        std::string dictation;          // "" for a failed open
+        std::vector<std::string> names; // after a close that works
+    } const rows[] = {
+        {"nothing removed yet", old, rebuilt, marker, rebuilt, {"a.mp3"}},
+        {"old file removed", "", rebuilt, marker, rebuilt, {"a.mp3"}},
+        {"renamed", rebuilt, "", marker, rebuilt, {"a.mp3"}},
+        {"never filled", old, "", "", rebuilt, {"a.mp3"}},
+        {"torn", old, "", marker.substr(0, 300), rebuilt, {"a.CLM.bad", "a.mp3"}},
+        {"with bytes behind", old, "", marker + "x", rebuilt, {"a.CLM.bad", "a.mp3"}},
+        {"another file under the name",
+         frames(4, 9),
+         "",
+         marker,
+         frames(4, 9),
+         {"a.DIR.bad", "a.mp3"}},
+        {"no file at all", "", "", marker, "", {}},
+        {"a temporary file of another size", "", rebuilt + "x", marker, "", {}},
+    };
+    for (auto const& row : rows) {
+        SCOPED_TRACE(row.pszName);
+        for (std::string const& name : listing()) {
+            fs::remove(path(name));
+        }
+        write_file(path("a.CLM"), row.contents);
+        write_file(path("a.DIR"), dir);
+        if (!row.sound.empty()) {
+            write_file(m_sound, row.sound);
+        }
+        if (!row.temp.empty()) {
+            write_file(temp, row.temp);
+        }
+        std::vector<std::string> const before = listing();
+        handle = open(m_sound);
+        if (row.dictation.empty()) {
+            EXPECT_EQ(handle, nullptr);
+            EXPECT_EQ(listing(), before);
+            continue;
+        }
+        ASSERT_NE(handle, nullptr);
+        EXPECT_TRUE(same_bytes(read_all(handle), row.dictation));
+        close(handle);
+        EXPECT_TRUE(same_bytes(read_file(m_sound), row.dictation));
+        EXPECT_EQ(listing(), row.names);
+    }
+    // A sound file of its own name could be taken for its marker or its directory.
+    for (char const* pszName : {"b.DIR", "b.CLM"}) {
+        write_file(path(pszName), frames(2));
+        EXPECT_EQ(open(path(pszName)), nullptr);
+        EXPECT_EQ(m_status, 1u);
+        EXPECT_TRUE(same_bytes(read_file(path(pszName)), frames(2)));
+    }
+}
+
+TEST_F(CloseTest, TheRebuiltFileIsAFileOfItsOwnWithTheOldPermissions) {
+    std::string const audio = frames(10);
+    write_file(path("real.mp3"), audio);
+    ASSERT_EQ(chmod(path("real.mp3").c_str(), 0604), 0);
+    fs::create_symlink("real.mp3", m_sound);
+    FFDHandle const handle = open(m_sound);
+    ASSERT_EQ(insert(handle, 0, frames(1, 3)), 0u);
+    // A name that is taken is tried again a second later.
+    std::string const taken = path(std::to_string(time(nullptr)) + ".MP3");
+    write_file(taken, "taken");
+    close(handle);
+    EXPECT_EQ(read_file(taken), "taken");
+    struct stat info = {};
+    ASSERT_EQ(lstat(m_sound.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0604u);
+    EXPECT_TRUE(S_ISREG(info.st_mode));
+    EXPECT_TRUE(same_bytes(read_file(m_sound), frames(1, 3) + audio));
+    EXPECT_TRUE(same_bytes(read_file(path("real.mp3")), audio + frames(1, 3)));
+}
+
+// An hour of speech at 128 kbit/s opens without a platform call per frame.
+TEST_F(CloseTest, AnHourOfSpeech) {
+    std::string frame = std::string("\xFF\xFB\x90\xC0", 4) + noise(413);
+    std::string audio;
+    audio.reserve(size_t{137000} * 417);
+    for (unsigned nFrame = 0; nFrame < 137000; ++nFrame) {
+        audio += frame;
+    }
+    write_file(m_sound, audio);
+    platform_faults::reset();
+    FFDHandle const handle = open(m_sound);
+    EXPECT_LT(platform_faults::count(Call::Any), 2000u);
+    EXPECT_EQ(length(handle), 57129000u);
+    std::string const piece = std::string("\xFF\xFB\x90\xC0", 4) + noise(413, 2);
+    ASSERT_EQ(overwrite(handle, 28564500, piece), 0u); // 68500 frames
+    ASSERT_EQ(erase(handle, 28564917, 417 * 1000), 0u);
+    platform_faults::reset();
+    close(handle);
+    // One read and one write for each 40960 bytes, and a few around.
+    EXPECT_LT(platform_faults::count(Call::Any), 5700u);
+    audio.replace(28564500, 417, piece);
+    audio.erase(28564917, 417000);
+    EXPECT_TRUE(same_bytes(read_file(m_sound), audio));
+}
+
+} // namespace
