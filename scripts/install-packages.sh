@@ -1,0 +1,44 @@
+#!/usr/bin/env bash
+# Installs what building and testing need on Debian 12, as root or through sudo. What is there
+# already is left alone: with nothing missing this asks no registry and no password.
+set -euo pipefail
+
+packages=(
+    g++ cmake ninja-build binutils
+    libcli11-dev nlohmann-json3-dev   # the host
+    libgtest-dev libgmock-dev python3 # the tests
+    ffmpeg mpg123 mp3check mp3val     # judge the files that the driver leaves
+    valgrind
+)
+
+command -v dpkg-query >/dev/null || {
+    echo "install-packages.sh: no dpkg here; install by hand: ${packages[*]}" >&2
+    exit 1
+}
+
+missing=()
+for package in "${packages[@]}"; do
+    status=$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null || true)
+    [ "$status" = installed ] || missing+=("$package")
+done
+[ ${#missing[@]} -gt 0 ] || exit 0
+
+as_root=()
+if [ "$(id -u)" != 0 ]; then
+    command -v sudo >/dev/null || {
+        echo "install-packages.sh: needs root or sudo to install: ${missing[*]}" >&2
+        exit 1
+    }
+    as_root=(sudo)
+fi
+
+echo "Installing ${missing[*]}"
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+apt() {
+    # </dev/null: no package may wait for an answer.
+    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=300 "$@" \
+        </dev/null >"$log" 2>&1 || { cat "$log" >&2; return 1; }
+}
+apt update
+apt install --yes --no-install-recommends "${missing[@]}"
