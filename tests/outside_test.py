@@ -1,0 +1,152 @@
+"""What a close leaves behind, judged by programs that know nothing of the driver: mpg123 and ffmpeg
+decode it, ffprobe counts its frames, mp3val and mp3check look for anything out of place. FFDHOST
+names the host, FFD_SAMPLES the directory of the samples."""
+
+import os
+import pathlib
+import re
+import shutil
+import subprocess
+import tempfile
+import unittest
+
+HOST = os.environ["FFDHOST"]
+SAMPLES = pathlib.Path(os.environ["FFD_SAMPLES"])
+
+
+class Format:
+    """A sample, taken apart into head, frames and tail by its constant frame length."""
+
+    def __init__(self, name, frame_bytes):
+        self.name, self.frame_bytes = name, frame_bytes
+        data = (SAMPLES / name).read_bytes()
+        start = 10 + (data[8] << 7 | data[9]) if data[:3] == b"ID3" else 0
+        end = len(data) - (128 if data[-128:-125] == b"TAG" else 0)
+        self.head, self.tail = data[:start], data[end:]
+        self.frames = []
+        while start < end:
+            assert data[start] == 0xFF, (name, start)
+            following = start + frame_bytes + (data[start + 2] >> 1 & 1)
+            self.frames.append(data[start:following])
+            start = following
+
+    def border(self, frame):
+        """The dictation position of a frame."""
+        return sum(map(len, self.frames[:frame]))
+
+    def clean_run(self, first):
+        """The first of six frames in a row, at or behind a frame, whose contents hold nothing that
+        four bytes alone would show as a header: a search from inside a frame then ends at the next."""
+        reference = self.frames[0]
+
+        def clean(frame):
+            return not any(
+                frame[i] == 0xFF and (frame[i + 1] ^ reference[1]) & 0xFE == 0
+                and (frame[i + 2] ^ reference[2]) & 0x0C == 0
+                for i in range(1, len(frame) - 2))
+
+        while not all(map(clean, self.frames[first:first + 6])):
+            first += 1
+        return first
+
+
+FORMATS = [
+    Format("speech-22k-mono-tagged.mp3", 208),
+    Format("speech-44k-stereo.mp3", 417),
+    Format("speech-16k-mono.mp3", 108),
+]
+
+
+class OutsideTest(unittest.TestCase):
+    def setUp(self):
+        temporary = tempfile.TemporaryDirectory()
+        self.addCleanup(temporary.cleanup)
+        self.dir = pathlib.Path(temporary.name)
+        self.file = self.dir / "a.mp3"
+
+    def edit(self, sample, *operations):
+        shutil.copy(SAMPLES / sample.name, self.file)
+        subprocess.run([HOST, "edit", self.file, *map(str, operations)], check=True,
+                       capture_output=True)
+        self.assertEqual(sorted(p.name for p in self.dir.glob("a.*")), ["a.mp3"])
+
+    def clip(self, sample, first, last):
+        path = self.dir / "clip.mp3"
+        path.write_bytes(b"".join(sample.frames[first:last]))
+        return path
+
+    def judge(self, frame_count):
+        """No program complains, and all count the same frames."""
+        def run(*command):
+            done = subprocess.run([*command, self.file], capture_output=True, text=True)
+            self.assertEqual(done.returncode, 0, (command, done.stdout, done.stderr))
+            return done.stdout + done.stderr
+
+        self.assertEqual(run("mpg123", "-q", "-t"), "")
+        decode = subprocess.run(["ffmpeg", "-v", "error", "-xerror", "-i", self.file, "-f", "null",
+                                 "-"], capture_output=True, text=True)
+        self.assertEqual((decode.returncode, decode.stderr), (0, ""))
+        count = run("ffprobe", "-v", "error", "-count_frames", "-show_entries",
+                    "stream=nb_read_frames", "-of", "csv=p=0")
+        self.assertEqual(int(count), frame_count)
+        verdict = run("mp3val")
+        found = re.search(r"INFO: .*: (\d+) MPEG frames", verdict)
+        self.assertEqual(int(found.group(1)), frame_count, verdict)
+        verdict = re.sub(r"WARNING: .*: (No supported tags in the file)?\n", "", verdict)
+        self.assertNotRegex(verdict, "WARNING|ERROR|PROBLEM")
+        check = subprocess.run(["mp3check", "-e", self.file], capture_output=True, text=True)
+        lines = [line for line in check.stdout.splitlines()[1:]
+                 if not re.match("202 bytes of junk before first|valid id3 tag trailer", line)]
+        self.assertEqual((lines, check.stderr), ([], ""))
+
+    def test_edits_at_frame_borders(self):
+        for sample in FORMATS:
+            with self.subTest(sample.name):
+                clip = self.clip(sample, 10, 30)
+                self.edit(sample, "seek", sample.border(50), "insert", clip,
+                          "seek", sample.border(20), "delete", sample.border(30) - sample.border(20),
+                          "seek", 0, "overwrite", clip)
+                frames = sample.frames
+                # 20 frames inserted, 10 deleted; an overwrite takes as many bytes as it brings,
+                # and frames differ by a byte of padding.
+                kept = (frames[10:30] + frames[30:50] + frames[10:30] + frames[50:])
+                data = self.file.read_bytes()
+                self.assertEqual(data[:len(sample.head)], sample.head)
+                self.assertEqual(data[len(data) - len(sample.tail):], sample.tail)
+                audio = data[len(sample.head):len(data) - len(sample.tail)]
+                self.assertTrue(audio.endswith(b"".join(kept[-100:])))
+                self.judge(len(kept))
+
+    def test_edits_inside_frames_leave_whole_frames(self):
+        for sample in FORMATS:
+            with self.subTest(sample.name):
+                clip = self.clip(sample, 5, 25)
+                one = sample.clean_run(20)
+                two = sample.clean_run(one + 20)
+                begin, end = sample.border(two) + 33, sample.border(two + 2) + 57
+                self.edit(sample, "seek", begin, "delete", end - begin,
+                          "seek", sample.border(one) + 77, "insert", clip)
+                frames = sample.frames
+                expected = (frames[:one + 1] + frames[5:25] + frames[one + 1:two + 1]
+                            + frames[two + 3:])
+                self.assertEqual(self.file.read_bytes(),
+                                 sample.head + b"".join(expected) + sample.tail)
+                self.judge(len(expected))
+
+    def test_a_crash_and_what_the_next_close_makes_of_it(self):
+        for sample in FORMATS:
+            with self.subTest(sample.name):
+                shutil.copy(SAMPLES / sample.name, self.file)
+                clip = self.clip(sample, 0, 15)
+                crash = subprocess.run([HOST, "edit", self.file, "seek", str(sample.border(33)),
+                                        "insert", clip, "crash"], capture_output=True)
+                self.assertEqual(crash.returncode, 3)
+                subprocess.run([HOST, "edit", self.file, "show"], check=True, capture_output=True)
+                expected = sample.frames[:33] + sample.frames[:15] + sample.frames[33:]
+                self.assertEqual(self.file.read_bytes(),
+                                 sample.head + b"".join(expected) + sample.tail)
+                self.judge(len(expected))
+
+
+if __name__ == "__main__":
+    unittest.main()
