@@ -123,7 +123,7 @@ FFDError CKivmp3::set_membervar_path_and_filename(char const* lpFileName) {
     }
     m_cstrFilepath = std::string(parts.szDrive) + parts.szDirectory;
     m_cstrFilename = std::string(parts.szStem) + parts.szExtension;
-    strcpy(m_szFilePath, lpFileName);
+    snprintf(m_szFilePath, sizeof m_szFilePath, "%s", lpFileName);
     return FFD_NOERROR;
 }
 
