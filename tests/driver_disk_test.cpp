@@ -1,0 +1,157 @@
+// Disks and permissions as they are: a disk that runs full, files and folders that can't be
+// written.
+
+#include "tests/driver_fixture.h"
+
+#include <gmock/gmock.h>
+
+#include <filesystem>
+
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+using ::testing::ElementsAre;
+
+namespace {
+
+// A disk of so many KiB in a folder; gone with the object.
+class SmallDisk {
+public:
+    SmallDisk(std::string folder, unsigned nKib) : m_folder(std::move(folder)) {
+        fs::create_directory(m_folder);
+        m_bMounted = mount("none", m_folder.c_str(), "tmpfs", 0, options(nKib).c_str()) == 0;
+    }
+    ~SmallDisk() {
+        if (m_bMounted) {
+            umount2(m_folder.c_str(), MNT_DETACH);
+        }
+    }
+    SmallDisk(SmallDisk const&) = delete;
+    SmallDisk& operator=(SmallDisk const&) = delete;
+
+    bool mounted() const { return m_bMounted; }
+    void resize(unsigned nKib) {
+        ASSERT_EQ(mount("none", m_folder.c_str(), "tmpfs", MS_REMOUNT, options(nKib).c_str()), 0);
+    }
+
+private:
+    static std::string options(unsigned nKib) { return "size=" + std::to_string(nKib) + "k"; }
+    std::string m_folder;
+    bool m_bMounted = false;
+};
+
+// Ordinary rights, also where the tests run as root.
+class OrdinaryUser {
+public:
+    OrdinaryUser() {
+        if (geteuid() == 0) {
+            EXPECT_EQ(seteuid(65534), 0);
+        }
+    }
+    ~OrdinaryUser() {
+        if (getuid() == 0) {
+            EXPECT_EQ(seteuid(0), 0);
+        }
+    }
+    OrdinaryUser(OrdinaryUser const&) = delete;
+    OrdinaryUser& operator=(OrdinaryUser const&) = delete;
+};
+
+class DiskTest : public DriverTest {};
+
+TEST_F(DiskTest, ADiskThatRunsFull) {
+    SmallDisk disk(path("disk"), 400);
+    if (!disk.mounted()) {
+        GTEST_SKIP() << "no right to mount a small disk";
+    }
+    std::string const sound = path("disk/a.mp3");
+    std::string const audio = frames(1000); // 96,000 bytes, and 64 KiB for the directory
+    FFDHandle handle = open_with(sound, audio);
+    std::string dictation = audio;
+    FFDError status = 0;
+    for (unsigned nPiece = 0; nPiece < 30; ++nPiece) {
+        std::string const piece = frames(100, nPiece);
+        uint32_t const nAt = nPiece * 480;
+        uint64_t const nFileBytes = fs::file_size(sound);
+        status = nPiece % 2 != 0 ? overwrite(handle, nAt, piece) : insert(handle, nAt, piece);
+        if (status != 0) {
+            EXPECT_EQ(fs::file_size(sound), nFileBytes); // cut back
+            EXPECT_EQ(position(handle), nAt);
+            break;
+        }
+        dictation.replace(nAt, nPiece % 2 != 0 ? piece.size() : 0, piece);
+    }
+    EXPECT_EQ(status, 29u);
+    EXPECT_TRUE(same_bytes(read_all(handle), dictation));
+    ASSERT_EQ(erase(handle, 960, 9600), 0u); // needs no room
+    dictation.erase(960, 9600);
+    close(handle, 6);
+    EXPECT_TRUE(exists(path("disk/a.DIR")));
+
+    // With room again the next open finds everything.
+    disk.resize(2000);
+    handle = open(sound);
+    ASSERT_EQ(m_status, 0u);
+    EXPECT_TRUE(same_bytes(read_all(handle), dictation));
+    close(handle);
+    EXPECT_TRUE(same_bytes(read_file(sound), dictation));
+    EXPECT_FALSE(exists(path("disk/a.DIR")));
+}
+
+TEST_F(DiskTest, FilesAndFoldersThatCanNotBeWritten) {
+    std::string const audio = frames(10);
+    ASSERT_EQ(chmod(folder().c_str(), 0777), 0);
+    fs::create_directory(path("open"));
+    ASSERT_EQ(chmod(path("open").c_str(), 0777), 0);
+    fs::create_directory(path("shut"));
+    for (char const* pszName : {"open/readonly.mp3", "open/secret.mp3", "shut/a.mp3"}) {
+        write_file(path(pszName), audio);
+    }
+    ASSERT_EQ(chmod(path("open/readonly.mp3").c_str(), 0444), 0);
+    ASSERT_EQ(chmod(path("open/secret.mp3").c_str(), 0), 0);
+    ASSERT_EQ(chmod(path("shut").c_str(), 0555), 0);
+    OrdinaryUser const user;
+
+    struct {
+        char const* pszName;
+        FFDDesiredAccess access;
+        FFDError status;
+    } const rows[] = {
+        {"open/readonly.mp3", 1, 0}, {"open/readonly.mp3", 2, 29}, {"open/secret.mp3", 1, 29},
+        {"open/secret.mp3", 2, 29},  {"shut/a.mp3", 1, 0},         {"shut/a.mp3", 2, 29},
+    };
+    for (auto const& row : rows) {
+        SCOPED_TRACE(row.pszName);
+        FFDHandle const handle = open(path(row.pszName), row.access);
+        EXPECT_EQ(m_status, row.status);
+        if (handle != nullptr) {
+            EXPECT_TRUE(same_bytes(read_all(handle), audio));
+            close(handle);
+        }
+    }
+    EXPECT_FALSE(exists(path("shut/a.DIR")));
+    EXPECT_TRUE(same_bytes(read_file(path("open/readonly.mp3")), audio));
+}
+
+TEST_F(DiskTest, AFolderThatIsShutWhileAFileIsOpen) {
+    ASSERT_EQ(chmod(folder().c_str(), 0777), 0);
+    std::string const audio = frames(10);
+    std::string const sound = path("a.mp3");
+    OrdinaryUser const user;
+    fs::create_directory(path("sub"));
+    std::string const inside = path("sub/a.mp3");
+    FFDHandle handle = open_with(inside, audio);
+    ASSERT_EQ(insert(handle, 0, frames(1, 3)), 0u);
+    ASSERT_EQ(chmod(path("sub").c_str(), 0555), 0);
+    ASSERT_EQ(insert(handle, 0, frames(1, 4)), 0u); // the .DIR file is there already
+    close(handle, 29);
+    ASSERT_EQ(chmod(path("sub").c_str(), 0755), 0);
+    handle = open(inside);
+    EXPECT_TRUE(same_bytes(read_all(handle), frames(1, 4) + frames(1, 3) + audio));
+    close(handle);
+    EXPECT_TRUE(same_bytes(read_file(inside), frames(1, 4) + frames(1, 3) + audio));
+}
+
+} // namespace
