@@ -12,8 +12,8 @@ HANDLE open_for_probe(char const* lpszFilepath_p, DWORD dwDesiredAccess_p, DWORD
 }
 
 // What a probe with create-always answers: on a file that exists, what an open answers; the file is
-// made, with delete-on-close, only under a name that is free. The loop runs again only if another
-// process makes or removes the file between the two calls.
+// made only under a name that is free. The loop runs again only if another process makes or removes
+// the file between the two calls.
 HANDLE probe_create_always(char const* lpszFilepath_p, DWORD dwDesiredAccess_p, DWORD dwShareMode_p,
                            DWORD dwFlagsAndAttributes_p) {
     for (int nTry = 0;; ++nTry) {
@@ -27,6 +27,27 @@ HANDLE probe_create_always(char const* lpszFilepath_p, DWORD dwDesiredAccess_p, 
         if (hFile != INVALID_HANDLE_VALUE || GetLastError() != ERROR_FILE_EXISTS || nTry == 9) {
             return hFile;
         }
+    }
+}
+
+// Opens the file in such a way that one that exists is neither removed nor emptied, whatever
+// disposition and flags the caller wants.
+HANDLE probe(char const* lpszFilepath_p, DWORD dwDesiredAccess_p, DWORD dwShareMode_p,
+             DWORD dwCreationDistribution_p, DWORD dwFlagsAndAttributes_p) {
+    DWORD const dwHarmlessFlags = dwFlagsAndAttributes_p & ~DWORD{FILE_FLAG_DELETE_ON_CLOSE};
+    switch (dwCreationDistribution_p) {
+    case CREATE_NEW:
+        return open_for_probe(lpszFilepath_p, dwDesiredAccess_p, dwShareMode_p, CREATE_NEW,
+                              dwHarmlessFlags | FILE_FLAG_DELETE_ON_CLOSE);
+    case CREATE_ALWAYS:
+        return probe_create_always(lpszFilepath_p, dwDesiredAccess_p, dwShareMode_p,
+                                   dwHarmlessFlags);
+    case TRUNCATE_EXISTING:
+        return open_for_probe(lpszFilepath_p, dwDesiredAccess_p, dwShareMode_p, OPEN_EXISTING,
+                              dwHarmlessFlags);
+    default:
+        return open_for_probe(lpszFilepath_p, dwDesiredAccess_p, dwShareMode_p,
+                              dwCreationDistribution_p, dwHarmlessFlags);
     }
 }
 
@@ -44,17 +65,8 @@ DWORD KIVFBASE_test_create_file(char const* lpszFilepath_p, DWORD dwDesiredAcces
 
     // Keeps the platform from asking the user about an empty drive.
     UINT const nOldMode = SetErrorMode(SEM_FAILCRITICALERRORS);
-    HANDLE hFile = INVALID_HANDLE_VALUE;
-    if (dwCreationDistribution_p == CREATE_ALWAYS) {
-        hFile = probe_create_always(lpszFilepath_p, dwDesiredAccess_p, dwShareMode_p,
-                                    dwFlagsAndAttributes_p);
-    } else {
-        DWORD const dwFlags = dwCreationDistribution_p == CREATE_NEW
-                                  ? dwFlagsAndAttributes_p | FILE_FLAG_DELETE_ON_CLOSE
-                                  : dwFlagsAndAttributes_p;
-        hFile = open_for_probe(lpszFilepath_p, dwDesiredAccess_p, dwShareMode_p,
-                               dwCreationDistribution_p, dwFlags);
-    }
+    HANDLE const hFile = probe(lpszFilepath_p, dwDesiredAccess_p, dwShareMode_p,
+                               dwCreationDistribution_p, dwFlagsAndAttributes_p);
     DWORD dwError = NO_ERROR;
     if (hFile == INVALID_HANDLE_VALUE) {
         dwError = GetLastError();

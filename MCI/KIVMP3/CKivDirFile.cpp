@@ -51,7 +51,7 @@ void CKivDirFile::create_directory_mapping(LPCSTR pszFilePath_p, FFDCreation ffd
             clear_behind_end();
             return;
         }
-        HeapFree(GetProcessHeap(), 0, m_psDirHeader);
+        KIVMP3_free_block(m_psDirHeader);
         m_psDirHeader = nullptr;
         m_dwDirSize = DIR_FILE_SIZE;
         set_file_aside(pszFilePath_p);
@@ -88,7 +88,7 @@ bool CKivDirFile::open_existing_file(LPCSTR pszFilePath_p, DWORD* pdwFileSize_p)
     }
     if (ullFileSize == 0) {
         // A directory that never saw a flush.
-        CloseHandle(m_hDirFile);
+        KIVMP3_release_file(&m_hDirFile);
         m_hDirFile = nullptr;
         DeleteFileA(pszFilePath_p);
         return false;
@@ -98,7 +98,7 @@ bool CKivDirFile::open_existing_file(LPCSTR pszFilePath_p, DWORD* pdwFileSize_p)
 }
 
 void CKivDirFile::set_file_aside(LPCSTR pszFilePath_p) {
-    CloseHandle(m_hDirFile);
+    KIVMP3_release_file(&m_hDirFile);
     m_hDirFile = nullptr;
     if (!KIVMP3_set_file_aside(pszFilePath_p)) {
         TRACE_ERROR(FFD_FILE_IO_ERROR, "by KIVMP3_set_file_aside(.)");
@@ -146,7 +146,7 @@ void CKivDirFile::allocate_buffer(DWORD dwFileSize_p) {
         // A read that stops short of the size just asked for would pass for a shorter directory.
         if (!bRead || dwBytesRead < dwFileSize_p) {
             dwError = bRead ? ERROR_HANDLE_EOF : GetLastError();
-            HeapFree(hHeap, 0, pvBuffer);
+            KIVMP3_free_block(pvBuffer);
             pvBuffer = nullptr;
         }
     }
@@ -208,11 +208,11 @@ FFDError CKivDirFile::close_dir_file() {
     if (m_hDirFile == nullptr) {
         return FFD_NOERROR;
     }
-    if (!CloseHandle(m_hDirFile)) {
-        TRACE_ERROR(GetLastError(), "GetLastError() after CloseHandle(m_hDirFile)");
+    DWORD const dwError = KIVMP3_release_file(&m_hDirFile);
+    if (dwError != NO_ERROR) {
+        TRACE_ERROR(dwError, "GetLastError() after CloseHandle(m_hDirFile)");
         return FFD_FILE_IO_ERROR;
     }
-    m_hDirFile = nullptr;
     return FFD_NOERROR;
 }
 
@@ -220,8 +220,9 @@ FFDError CKivDirFile::close_dir_memory_mapping() {
     TRACE_ENTRY("-----CKivDirFile::close_dir_memory_mapping()");
     FFDError ffdError = FFD_NOERROR;
     if (m_psDirHeader != nullptr) {
-        BOOL const bReleased = m_bMapped ? UnmapViewOfFile(m_psDirHeader)
-                                         : HeapFree(GetProcessHeap(), 0, m_psDirHeader);
+        BOOL const bReleased =
+            m_bMapped ? UnmapViewOfFile(m_psDirHeader) || UnmapViewOfFile(m_psDirHeader)
+                      : KIVMP3_free_block(m_psDirHeader);
         if (bReleased) {
             m_psDirHeader = nullptr;
         } else {
@@ -234,10 +235,9 @@ FFDError CKivDirFile::close_dir_memory_mapping() {
     }
     if (m_bMapped) {
         if (m_hDirFileMapping != nullptr) {
-            if (CloseHandle(m_hDirFileMapping)) {
-                m_hDirFileMapping = nullptr;
-            } else {
-                TRACE_ERROR(GetLastError(), "GetLastError() after CloseHandle(m_hDirFileMapping)");
+            DWORD const dwError = KIVMP3_release_file(&m_hDirFileMapping);
+            if (dwError != NO_ERROR) {
+                TRACE_ERROR(dwError, "GetLastError() after CloseHandle(m_hDirFileMapping)");
                 ffdError = FFD_FILE_IO_ERROR;
             }
         }

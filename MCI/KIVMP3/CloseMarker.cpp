@@ -83,12 +83,61 @@ bool find_file(LPCSTR pszPath_p, uint64_t* pullFileSize_p) {
     }
     if (dwError == NO_ERROR) {
         dwError = KIVMP3_get_file_size(hFile, pullFileSize_p);
-        KIVMP3_close_file(&hFile);
+        KIVMP3_release_file(&hFile);
     }
     if (dwError != NO_ERROR) {
         throw FFDError{FFD_FILE_IO_ERROR};
     }
     return true;
+}
+
+// A number that follows from every byte of a file and its place: 64-bit FNV-1a over little-endian
+// words of eight bytes, the last filled up with zeros, with the high half folded into the low at
+// each step. A file that can't be read throws.
+uint64_t fingerprint_file(LPCSTR pszPath_p) {
+    CHeapBlock const buffer(KIVMP3_TRANSFER_BUFFER_SIZE);
+    if (buffer.get() == nullptr) {
+        throw FFDError{FFD_ERROR_OUTOFMEMORY};
+    }
+    DWORD dwError = NO_ERROR;
+    HANDLE hFile = KIVMP3_create_file(pszPath_p, &dwError, GENERIC_READ,
+                                      FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING, 0);
+    if (dwError != NO_ERROR) {
+        throw FFDError{FFD_FILE_IO_ERROR};
+    }
+    uint64_t ullFingerprint = 0xCBF29CE484222325u;
+    uint64_t ullBytes = 0;
+    uint64_t ullFileSize = 0;
+    DWORD dwBytesRead = KIVMP3_TRANSFER_BUFFER_SIZE;
+    bool bRead = KIVMP3_get_file_size(hFile, &ullFileSize) == NO_ERROR;
+    while (bRead && dwBytesRead == KIVMP3_TRANSFER_BUFFER_SIZE) {
+        bRead =
+            KIVMP3_read_file(hFile, buffer.get(), KIVMP3_TRANSFER_BUFFER_SIZE, &dwBytesRead) != 0;
+        if (!bRead) {
+            break;
+        }
+        ullBytes += dwBytesRead;
+        memset(buffer.get() + dwBytesRead, 0, KIVMP3_TRANSFER_BUFFER_SIZE - dwBytesRead);
+        for (DWORD dwByte = 0; dwByte < dwBytesRead; dwByte += 8) {
+            uint64_t ullWord = 0;
+            memcpy(&ullWord, buffer.get() + dwByte, sizeof ullWord);
+            ullFingerprint = (ullFingerprint ^ ullWord) * 0x100000001B3u;
+            ullFingerprint ^= ullFingerprint >> 32;
+        }
+    }
+    KIVMP3_release_file(&hFile);
+    if (!bRead || ullBytes != ullFileSize) {
+        throw FFDError{FFD_FILE_IO_ERROR};
+    }
+    return ullFingerprint;
+}
+
+// Whether a file is the rebuilt one of a marker. After an edit that only moves bytes both files
+// have one size, and the contents decide.
+bool is_rebuilt_file(LPCSTR pszPath_p, uint64_t ullFileSize_p, CloseMarkerRecord const& rRecord_p) {
+    return ullFileSize_p == rRecord_p.dwNewSize &&
+           (rRecord_p.dwNewSize != rRecord_p.dwOldSize ||
+            fingerprint_file(pszPath_p) == rRecord_p.ullNewFingerprint);
 }
 
 void delete_file(LPCSTR pszPath_p) {
@@ -123,9 +172,12 @@ void settle_files(LPCSTR pszMarkerPath_p, CloseMarkerRecord const& rRecord_p) {
 
     if (bSound && bRebuilt) {
         // Nothing was removed yet: the old file and its directory still hold every edit. A sound
-        // file of another size was put there by somebody else, and then the rebuilt file is kept.
+        // file of another size was put there by somebody else: the rebuilt file is kept then, and
+        // the directory belongs to neither.
         TRACE_INFO("interrupted close: forget the rebuilt file");
-        if (ullSoundSize == rRecord_p.dwOldSize && ullRebuiltSize == rRecord_p.dwNewSize) {
+        if (ullSoundSize != rRecord_p.dwOldSize) {
+            set_directory_aside(szDirPath);
+        } else if (ullRebuiltSize == rRecord_p.dwNewSize) {
             delete_file(szRebuiltPath);
         }
     } else if (bRebuilt && ullRebuiltSize == rRecord_p.dwNewSize) {
@@ -135,7 +187,7 @@ void settle_files(LPCSTR pszMarkerPath_p, CloseMarkerRecord const& rRecord_p) {
             throw FFDError{FFD_FILE_IO_ERROR};
         }
         delete_file(szDirPath);
-    } else if (bSound && ullSoundSize == rRecord_p.dwNewSize) {
+    } else if (bSound && is_rebuilt_file(szSoundPath, ullSoundSize, rRecord_p)) {
         TRACE_INFO("interrupted close: remove the directory of the old file");
         delete_file(szDirPath);
     } else if (bSound && ullSoundSize != rRecord_p.dwOldSize) {
@@ -159,6 +211,13 @@ FFDError CCloseMarker::write(LPCSTR pszSoundPath_p, LPCSTR pszRebuiltPath_p, DWO
     if (!copy_file_name(pszSoundPath_p, record.szSoundName) ||
         !copy_file_name(pszRebuiltPath_p, record.szRebuiltName)) {
         return FFD_INVALID_PATH;
+    }
+    if (dwOldSize_p == dwNewSize_p) {
+        try {
+            record.ullNewFingerprint = fingerprint_file(pszRebuiltPath_p);
+        } catch (FFDError ffdThrown) {
+            return ffdThrown;
+        }
     }
     record.dwCheck = check_of(record);
 
@@ -186,7 +245,7 @@ FFDError CCloseMarker::write(LPCSTR pszSoundPath_p, LPCSTR pszRebuiltPath_p, DWO
 
 void CCloseMarker::leave() {
     if (m_hMarkerFile != nullptr) {
-        KIVMP3_close_file(&m_hMarkerFile);
+        KIVMP3_release_file(&m_hMarkerFile);
     }
 }
 
@@ -206,8 +265,12 @@ FFDError CCloseMarker::remove() {
 void CCloseMarker::finish_interrupted_close(LPCSTR pszSoundPath_p) {
     TRACE_ENTRY("-----CCloseMarker::finish_interrupted_close(.)");
     char szMarkerPath[MAX_PATH];
-    FFDError const ffdError =
-        KIVMP3_make_sibling_path(pszSoundPath_p, szMarkerExtension, szMarkerPath);
+    char szDirPath[MAX_PATH];
+    FFDError ffdError = KIVMP3_make_sibling_path(pszSoundPath_p, szMarkerExtension, szMarkerPath);
+    if (ffdError == FFD_NOERROR) {
+        // The open is going to refuse such a name: no file may change for its sake.
+        ffdError = KIVMP3_make_sibling_path(pszSoundPath_p, ".DIR", szDirPath);
+    }
     if (ffdError != FFD_NOERROR) {
         TRACE_ERROR(ffdError, "by KIVMP3_make_sibling_path(...)");
         throw FFDError{ffdError};
@@ -243,7 +306,7 @@ void CCloseMarker::finish_interrupted_close(LPCSTR pszSoundPath_p) {
             ffdSettled = ffdThrown;
         }
     }
-    KIVMP3_close_file(&hMarkerFile);
+    KIVMP3_release_file(&hMarkerFile);
     if (ffdSettled != FFD_NOERROR) {
         TRACE_ERROR(ffdSettled, "interrupted close can not be settled");
         throw FFDError{ffdSettled};

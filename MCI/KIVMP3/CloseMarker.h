@@ -11,17 +11,21 @@
 #include "platform/platform.h"
 
 #include <cstddef>
+#include <cstdint>
 
 struct CloseMarkerRecord {
     char szMagic[8];              // "XKIVCLM1", not terminated
     DWORD dwCheck;                // CRC-32 (ISO-HDLC) of everything behind it
     DWORD dwOldSize;              // bytes of the sound file before the rebuild
     DWORD dwNewSize;              // bytes of the rebuilt file
+    DWORD dwReserved;             // 0
+    uint64_t ullNewFingerprint;   // of the rebuilt file's bytes, if both sizes are equal; else 0
     char szSoundName[MAX_PATH];   // file names without a directory, zero-terminated and
     char szRebuiltName[MAX_PATH]; // filled up with zeros
 };
-static_assert(sizeof(CloseMarkerRecord) == 540);
-static_assert(offsetof(CloseMarkerRecord, szSoundName) == 20);
+static_assert(sizeof(CloseMarkerRecord) == 552);
+static_assert(offsetof(CloseMarkerRecord, ullNewFingerprint) == 24);
+static_assert(offsetof(CloseMarkerRecord, szSoundName) == 32);
 
 class CCloseMarker {
 public:
@@ -44,7 +48,7 @@ public:
     // To be called before an open for writing touches anything else: finishes or forgets the close
     // that a marker beside the sound file tells of. Without a marker, and in an undisturbed
     // directory, nothing happens. Throws FFD_FILE_IO_ERROR, or FFD_INVALID_PATH for a sound file
-    // that could be its own marker; then everything is still there.
+    // that could be its own marker or directory file; then everything is still there.
     static void finish_interrupted_close(LPCSTR pszSoundPath_p);
 
 private:

@@ -50,6 +50,15 @@ DWORD KIVMP3_close_file(HANDLE* rhFile_p) {
     return NO_ERROR;
 }
 
+DWORD KIVMP3_release_file(HANDLE* rhFile_p) {
+    DWORD const dwError = KIVMP3_close_file(rhFile_p);
+    return dwError == NO_ERROR || *rhFile_p == nullptr ? dwError : KIVMP3_close_file(rhFile_p);
+}
+
+BOOL KIVMP3_free_block(void* pvBlock_p) {
+    return HeapFree(GetProcessHeap(), 0, pvBlock_p) || HeapFree(GetProcessHeap(), 0, pvBlock_p);
+}
+
 int KIVMP3_read_file(HANDLE hFile, void* pBuffer, DWORD dwBytesToRead_p, DWORD* pdwBytesRead) {
     TRACE_ENTRY("-----KIVMP3_read_file(...)");
     TRACE_PARAM("dwBytesToRead_p", "%lu", dwBytesToRead_p);

@@ -23,6 +23,14 @@ HANDLE KIVMP3_create_file(LPCSTR lpszFilepath_p, DWORD* pdwError_p, DWORD dwDesi
 // Closes and nulls the handle; on failure it keeps its value and the result is the error number.
 DWORD KIVMP3_close_file(HANDLE* rhFile_p);
 
+// The same for the last use of a handle: what the platform refuses is tried once more, since a
+// handle that stayed open would keep its file from everybody as long as the process lives. The
+// error number of the second refusal, else 0.
+DWORD KIVMP3_release_file(HANDLE* rhFile_p);
+
+// Gives a block of the process heap back, with a second try as well.
+BOOL KIVMP3_free_block(void* pvBlock_p);
+
 // 1 or 0. A read that meets the end of the file succeeds with a smaller count. The count may be
 // null; a failure leaves it untouched.
 int KIVMP3_read_file(HANDLE hFile, void* pBuffer, DWORD dwBytesToRead_p, DWORD* pdwBytesRead);
@@ -81,7 +89,7 @@ public:
     explicit CHeapBlock(size_t nBytes_p) : m_pvBlock(HeapAlloc(GetProcessHeap(), 0, nBytes_p)) {}
     ~CHeapBlock() {
         if (m_pvBlock != nullptr) {
-            HeapFree(GetProcessHeap(), 0, m_pvBlock);
+            KIVMP3_free_block(m_pvBlock);
         }
     }
     CHeapBlock(CHeapBlock const&) = delete;

@@ -40,7 +40,7 @@ FFDError CKivmp3::final_closing_work() {
     TRACE_ENTRY("-----CKivmp3::final_closing_work()");
     FFDError ffdError = FFD_NOERROR;
     if (m_oDirFile.is_read_only()) {
-        KIVMP3_close_file(&m_hMp3File);
+        KIVMP3_release_file(&m_hMp3File);
         m_oDirFile.close_dir_memory_mapping();
     } else {
         ffdError = close_written_file();
@@ -48,10 +48,9 @@ FFDError CKivmp3::final_closing_work() {
     free(m_pWfx);
     m_pWfx = nullptr;
     if (m_hStatusFile != nullptr) {
-        if (CloseHandle(m_hStatusFile)) {
-            m_hStatusFile = nullptr;
-        } else {
-            TRACE_ERROR(GetLastError(), "GetLastError() after CloseHandle(m_hStatusFile)");
+        DWORD const dwError = KIVMP3_release_file(&m_hStatusFile);
+        if (dwError != NO_ERROR) {
+            TRACE_ERROR(dwError, "GetLastError() after CloseHandle(m_hStatusFile)");
         }
     }
     return ffdError;
@@ -74,7 +73,7 @@ FFDError CKivmp3::close_written_file() {
             TRACE_ERROR(ffdError, "by rebuild_and_close_wav_file()");
         }
     } else {
-        KIVMP3_close_file(&m_hMp3File);
+        KIVMP3_release_file(&m_hMp3File);
     }
     // Only the directory knows now what the dictation is: the .DIR file holds it for the next open.
     bool const bKeepDirFile = ffdError != FFD_NOERROR;
@@ -120,18 +119,18 @@ FFDError CKivmp3::rebuild_and_close_wav_file() {
             TRACE_ERROR(GetLastError(), "GetLastError() after FlushFileBuffers(.)");
             throw FFDError{FFD_FILE_IO_ERROR};
         }
-        KIVMP3_close_file(&m_hMp3File);
-        KIVMP3_close_file(&hNewFile);
+        KIVMP3_release_file(&m_hMp3File);
+        KIVMP3_release_file(&hNewFile);
         replace_mp3_file(szTmpPath, static_cast<DWORD>(ullNewFileSize));
     } catch (FFDError ffdThrown) {
         TRACE_ERROR(ffdThrown, "catched in rebuild_file()");
         ffdError = ffdThrown;
     }
     if (m_hMp3File != nullptr) {
-        KIVMP3_close_file(&m_hMp3File);
+        KIVMP3_release_file(&m_hMp3File);
     }
     if (hNewFile != nullptr) {
-        KIVMP3_close_file(&hNewFile);
+        KIVMP3_release_file(&hNewFile);
     }
     return ffdError;
 }
@@ -230,7 +229,11 @@ uint64_t CKivmp3::copy_range(HANDLE hNewFile, uint64_t ullFileOffset_p, uint64_t
 // the frame that its end has cut. The result is the count of bytes that the new file got.
 uint64_t CKivmp3::copy_block(HANDLE hNewFile, DirEntry const& rEntry_p, BYTE* pcBuffer_p) {
     uint64_t const ullWantedOffset = uint64_t{m_dwFirstFrame} + rEntry_p.Startpos;
-    uint64_t const ullLimit = ullWantedOffset < m_dwBlockLimit ? m_dwBlockLimit : 0x100000000u;
+    // What an append has widened the block by is its own, also behind the frames found at open.
+    uint64_t const ullLimit =
+        ullWantedOffset < m_dwBlockLimit
+            ? std::max<uint64_t>(m_dwBlockLimit, uint64_t{m_dwFirstFrame} + rEntry_p.Endpos)
+            : 0x100000000u;
     DWORD dwBytesRead = 0;
     DWORD dwSkippedAtStart = 0;
     CReadAhead startSearch(m_hMp3File, pcBuffer_p, SEARCH_READ_AHEAD_SIZE);

@@ -73,7 +73,7 @@ FFDError CKivmp3::FFDCreateFile(char const* lpFileName, FFDDesiredAccess ffdDesi
 // The destructors release nothing, and a handle to the .DIR file that stayed open would refuse the
 // next open of the same name for as long as the process lives.
 void CKivmp3::release_failed_open() {
-    KIVMP3_close_file(&m_hMp3File);
+    KIVMP3_release_file(&m_hMp3File);
     m_oDirFile.close_dir_memory_mapping();
     free(m_pWfx);
     m_pWfx = nullptr;

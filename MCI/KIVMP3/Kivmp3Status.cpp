@@ -68,8 +68,9 @@ FFDError CKivmp3::FFDStoreActualFileStatus() {
 // Closes and removes the .csf file, if there is one; failures are traced and the rest goes on.
 void CKivmp3::drop_stored_status() {
     if (m_hStatusFile != nullptr) {
-        if (!CloseHandle(m_hStatusFile)) {
-            TRACE_ERROR(GetLastError(), "GetLastError() after CloseHandle(m_hStatusFile)");
+        DWORD const dwError = KIVMP3_release_file(&m_hStatusFile);
+        if (dwError != NO_ERROR) {
+            TRACE_ERROR(dwError, "GetLastError() after CloseHandle(m_hStatusFile)");
         }
         m_hStatusFile = nullptr;
     }
