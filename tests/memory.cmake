@@ -1,0 +1,6 @@
+# The driver over the platform layer in memory: no disk, one process, a clock of its own.
+get_target_property(driver_sources xkivmp3_testable SOURCES)
+list(TRANSFORM driver_sources PREPEND ${CMAKE_SOURCE_DIR}/MCI/)
+add_library(xkivmp3_memory STATIC ${driver_sources} ${CMAKE_CURRENT_LIST_DIR}/memory_platform.cpp)
+target_link_libraries(xkivmp3_memory PUBLIC kiv_common xkivlog)
+target_link_options(xkivmp3_memory INTERFACE -Wl,--wrap=time)
