@@ -2,8 +2,8 @@
 //
 // It is done by an object rather than by constructor and destructor attributes: at the end of a
 // process those of an object run in front of the other static objects of the library, which the
-// entry point may use, and not behind them. It must be the last object file of the library, so that
-// those objects exist at attach.
+// entry point may use, and not behind them. It must stand behind the object files of the library in
+// the link, so that those objects exist at attach.
 #include "platform/platform.h"
 
 #if !defined(_WIN32)

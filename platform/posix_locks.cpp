@@ -28,6 +28,7 @@ constexpr unsigned FROM_ACCESS_TO_DENIAL = 3;
 
 constexpr unsigned ACCESSES = READS | WRITES | REMOVES;
 static_assert(READS << FROM_ACCESS_TO_DENIAL == DENIES_READ);
+static_assert(WRITES << FROM_ACCESS_TO_DENIAL == DENIES_WRITE);
 static_assert(REMOVES << FROM_ACCESS_TO_DENIAL == DENIES_REMOVAL);
 
 struct LockBytes {
