@@ -202,7 +202,8 @@ typedef FFDError (*FFDGetFilePathProc)(FFDHandle ffdHandle, char* lpffdBuffer,
  * milliseconds: it can be less than the exact length, which a seek to the end gives. */
 typedef FFDError (*FFDGetSoundDataLengthProc)(FFDHandle ffdHandle, uint32_t* lpffdSoundDataLength);
 
-/* Slot 8. The free space, in bytes, below which FFDWriteData sends FIDM_DISKSPACE_WARNING. */
+/* Slot 8. FFDWriteData sends FIDM_DISKSPACE_WARNING when a third of the free space above the basic
+ * need (twice the file and its blocks, plus 10 MiB) is below so many bytes; 0 for no warning. */
 typedef FFDError (*FFDSetDiskspaceWarningTimeProc)(FFDHandle ffdHandle, uint32_t ffdWarningUnit);
 
 /* Slot 9. Replaces the callback target by a 32-bit address; 0 switches messages off. A target
