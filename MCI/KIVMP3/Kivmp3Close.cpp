@@ -63,11 +63,11 @@ FFDError CKivmp3::close_written_file() {
     int nKindOfClose = 0;
     m_oDirFile.get_kind_of_close(dwFileSize, &nKindOfClose);
     FFDError ffdError = FFD_NOERROR;
+    if (m_oDirFile.is_flush_pending()) {
+        // Whatever ends or fails from here on, the next open must find the directory as it is now.
+        m_oDirFile.flush_dir_file();
+    }
     if (nKindOfClose == KIVMP3_CLOSE_REBUILD) {
-        if (m_oDirFile.is_flush_pending()) {
-            // A crash in the rebuild must find the directory as it is now.
-            m_oDirFile.flush_dir_file();
-        }
         ffdError = rebuild_and_close_wav_file();
         if (ffdError != FFD_NOERROR) {
             TRACE_ERROR(ffdError, "by rebuild_and_close_wav_file()");
