@@ -1,7 +1,7 @@
 // What is left out of the layer that ships: other processes and threads (so no locks), permissions,
-// links, directories other than "/", "/d/" and "/tmp/", a disk that fills up before 1 GiB in one
-// file, and the flush, which has nothing to do. A handle is never given out twice, so that a use
-// after the close is error 6.
+// links, directories other than "/d/" and "/tmp/", requests that the driver never makes, and what a
+// flush does. A file holds up to 1 GiB. A handle is never given out twice, so that its use after
+// the close is error 6.
 #include "tests/memory_platform.h"
 
 #include "platform/split_path.h"
@@ -11,6 +11,7 @@
 #include <cstring>
 #include <ctime>
 #include <map>
+#include <set>
 #include <string_view>
 #include <utility>
 
@@ -36,7 +37,7 @@ struct State {
     Files files;
     std::map<uintptr_t, Object> objects; // what is open, by handle
     uintptr_t nHandlesGiven = 0;
-    std::map<void const*, size_t> views;
+    std::set<void const*> views;
     unsigned nHeapBlocks = 0;
     time_t now = 1700000000;
     UINT uErrorMode = 0;
@@ -83,88 +84,85 @@ std::string full_path(std::string_view path) {
     for (size_t begin = 0; begin < path.size();) {
         size_t const end = std::min(path.find('/', begin), path.size());
         std::string_view const component = path.substr(begin, end - begin);
-        if (!component.empty() && component != ".") {
+        if (!component.empty() && component != ".")
             full.append("/").append(component);
-        }
         begin = end + 1;
     }
     return full.empty() || path.back() == '/' ? full + "/" : full;
 }
 
-// The full path of a file, in a directory that is there and not itself one. NO_ERROR, or the error.
 DWORD locate(LPCSTR pszPath, std::string& path) {
-    auto const bDirectory = [](std::string const& name) {
-        return name == "/" || name == "/d/" || name == "/tmp/";
-    };
-    if (pszPath == nullptr || *pszPath == '\0') {
+    if (pszPath == nullptr || *pszPath == '\0')
         return ERROR_PATH_NOT_FOUND;
-    }
     path = full_path(pszPath);
-    if (bDirectory(path) || bDirectory(path + "/")) {
-        return ERROR_ACCESS_DENIED;
-    }
-    size_t const nameBegin = path.rfind('/') + 1;
-    if (path.size() - nameBegin > 255) {
-        return ERROR_FILENAME_EXCED_RANGE;
-    }
-    return bDirectory(path.substr(0, nameBegin)) ? NO_ERROR : ERROR_PATH_NOT_FOUND;
+    std::string const directory = path.substr(0, path.rfind('/') + 1);
+    bool const bThere = (directory == "/d/" || directory == "/tmp/") && directory != path;
+    return bThere ? NO_ERROR : ERROR_PATH_NOT_FOUND;
 }
 
-bool is_open(Files::iterator file) {
-    for (auto const& [handle, object] : state().objects) {
-        if (object.kind == Kind::File && object.file == file) {
-            return true;
-        }
-    }
-    return false;
+std::vector<Object*> handles_of(Files::iterator file) {
+    std::vector<Object*> found;
+    for (auto& [handle, object] : state().objects)
+        if (object.kind == Kind::File && object.file == file)
+            found.push_back(&object);
+    return found;
 }
 
 DWORD find_closed_file(LPCSTR pszPath, Files::iterator& file) {
     std::string path;
     DWORD const dwError = locate(pszPath, path);
-    if (dwError != NO_ERROR) {
+    if (dwError != NO_ERROR)
         return dwError;
-    }
     file = state().files.find(path);
-    if (file == state().files.end()) {
+    if (file == state().files.end())
         return ERROR_FILE_NOT_FOUND;
-    }
-    return is_open(file) ? ERROR_SHARING_VIOLATION : NO_ERROR;
+    return handles_of(file).empty() ? NO_ERROR : ERROR_SHARING_VIOLATION;
 }
 
 // Whether all handles that the file has share it with one more, and that one with them. A handle
 // without any access denies nothing.
 bool may_share(Object const& wanted, bool bEmpties) {
     DWORD const dwNeeded = wanted.dwAccess | (bEmpties ? GENERIC_WRITE : 0);
-    for (auto const& [handle, other] : state().objects) {
-        if (other.kind == Kind::File && other.file == wanted.file &&
-            ((other.dwAccess != 0 && (dwNeeded & ~other.dwShared) != 0) ||
-             (wanted.dwAccess != 0 && (other.dwAccess & ~wanted.dwShared) != 0))) {
+    for (Object const* const pOther : handles_of(wanted.file))
+        if ((pOther->dwAccess != 0 && (dwNeeded & ~pOther->dwShared) != 0) ||
+            (wanted.dwAccess != 0 && (pOther->dwAccess & ~wanted.dwShared) != 0))
             return false;
-        }
-    }
     return true;
 }
 
-bool is_valid_request(DWORD dwAccess, DWORD dwShare, DWORD dwDisposition) {
-    return (dwAccess & ~(GENERIC_READ | GENERIC_WRITE)) == 0 &&
-           (dwShare & ~(FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE)) == 0 &&
-           dwDisposition >= CREATE_NEW && dwDisposition <= TRUNCATE_EXISTING &&
-           (dwDisposition != TRUNCATE_EXISTING || (dwAccess & GENERIC_WRITE) != 0);
+DWORD open_file(LPCSTR pszPath, DWORD dwDisposition, Object& object) {
+    std::string path;
+    DWORD const dwError = locate(pszPath, path);
+    if (dwError != NO_ERROR)
+        return dwError;
+    Files& files = state().files;
+    bool const bEmpties = dwDisposition == CREATE_ALWAYS || dwDisposition == TRUNCATE_EXISTING;
+    object.file = files.find(path);
+    if (object.file == files.end()) {
+        if (dwDisposition == OPEN_EXISTING || dwDisposition == TRUNCATE_EXISTING)
+            return ERROR_FILE_NOT_FOUND;
+        object.file = files.emplace(path, std::string()).first;
+        return NO_ERROR;
+    }
+    if (dwDisposition == CREATE_NEW)
+        return ERROR_FILE_EXISTS;
+    if (!may_share(object, bEmpties))
+        return ERROR_SHARING_VIOLATION;
+    if (bEmpties)
+        object.file->second.clear();
+    return NO_ERROR;
 }
 
 DWORD low_half(uint64_t ullValue) {
     DWORD const dwLow = static_cast<DWORD>(ullValue);
-    if (dwLow == INVALID_SET_FILE_POINTER) {
+    if (dwLow == INVALID_SET_FILE_POINTER)
         SetLastError(NO_ERROR);
-    }
     return dwLow;
 }
 
 DWORD give_text(std::string const& text, char* pBuffer, DWORD dwBufferBytes) {
-    if (text.size() >= dwBufferBytes || pBuffer == nullptr) {
+    if (text.size() >= dwBufferBytes || pBuffer == nullptr)
         return static_cast<DWORD>(text.size() + 1);
-    }
     memcpy(pBuffer, text.c_str(), text.size() + 1);
     return static_cast<DWORD>(text.size());
 }
@@ -187,9 +185,8 @@ bool has_file(std::string const& path) {
 }
 std::vector<std::string> names() {
     std::vector<std::string> all;
-    for (auto const& [name, contents] : state().files) {
+    for (auto const& [name, contents] : state().files)
         all.push_back(name);
-    }
     return all;
 }
 unsigned open_handles() {
@@ -208,176 +205,119 @@ unsigned mapped_views() {
 // the second is over if such a name is taken: here every look at the clock finds a later second.
 extern "C" time_t __wrap_time(time_t* pTime);
 extern "C" time_t __wrap_time(time_t* pTime) {
-    if (pTime != nullptr) {
+    if (pTime != nullptr)
         *pTime = state().now;
-    }
     return state().now++;
 }
 
 HANDLE WINAPI CreateFileA(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
                           LPVOID /*lpSecurityAttributes*/, DWORD dwCreationDisposition,
                           DWORD dwFlagsAndAttributes, HANDLE /*hTemplateFile*/) {
-    std::string path;
-    DWORD dwError = locate(lpFileName, path);
-    if (dwError == NO_ERROR &&
-        !is_valid_request(dwDesiredAccess, dwShareMode, dwCreationDisposition)) {
-        dwError = ERROR_INVALID_PARAMETER;
-    }
-    if (dwError != NO_ERROR) {
-        fail(dwError);
-        return INVALID_HANDLE_VALUE;
-    }
-    Files& files = state().files;
     Object object;
     object.dwAccess = dwDesiredAccess;
-    if ((dwFlagsAndAttributes & FILE_FLAG_DELETE_ON_CLOSE) != 0) {
+    if ((dwFlagsAndAttributes & FILE_FLAG_DELETE_ON_CLOSE) != 0)
         object.dwAccess |= REMOVES;
-    }
     object.dwShared = ((dwShareMode & FILE_SHARE_READ) != 0 ? GENERIC_READ : 0) |
                       ((dwShareMode & FILE_SHARE_WRITE) != 0 ? GENERIC_WRITE : 0) |
                       ((dwShareMode & FILE_SHARE_DELETE) != 0 ? REMOVES : 0);
-    object.file = files.find(path);
-    bool const bThere = object.file != files.end();
-    bool const bEmpties =
-        dwCreationDisposition == CREATE_ALWAYS || dwCreationDisposition == TRUNCATE_EXISTING;
-    if (bThere && dwCreationDisposition == CREATE_NEW) {
-        fail(ERROR_FILE_EXISTS);
+    DWORD const dwError = open_file(lpFileName, dwCreationDisposition, object);
+    if (dwError != NO_ERROR) {
+        fail(dwError);
         return INVALID_HANDLE_VALUE;
-    }
-    if (!bThere &&
-        (dwCreationDisposition == OPEN_EXISTING || dwCreationDisposition == TRUNCATE_EXISTING)) {
-        fail(ERROR_FILE_NOT_FOUND);
-        return INVALID_HANDLE_VALUE;
-    }
-    if (bThere && !may_share(object, bEmpties)) {
-        fail(ERROR_SHARING_VIOLATION);
-        return INVALID_HANDLE_VALUE;
-    }
-    if (!bThere) {
-        object.file = files.emplace(path, std::string()).first;
-    } else if (bEmpties) {
-        object.file->second.clear();
     }
     return give_handle(object);
 }
 
 BOOL WINAPI CloseHandle(HANDLE hObject) {
     auto const found = state().objects.find(reinterpret_cast<uintptr_t>(hObject));
-    if (found == state().objects.end()) {
+    if (found == state().objects.end())
         return fail(ERROR_INVALID_HANDLE);
-    }
     Object const closed = found->second;
     state().objects.erase(found);
-    if (closed.kind == Kind::File && (closed.dwAccess & REMOVES) != 0 && !is_open(closed.file)) {
+    if (closed.kind == Kind::File && (closed.dwAccess & REMOVES) != 0 &&
+        handles_of(closed.file).empty())
         state().files.erase(closed.file);
-    }
     return TRUE;
 }
 
 BOOL WINAPI ReadFile(HANDLE hFile, LPVOID lpBuffer, DWORD nNumberOfBytesToRead,
                      LPDWORD lpNumberOfBytesRead, LPVOID /*lpOverlapped*/) {
-    if (lpNumberOfBytesRead != nullptr) {
+    if (lpNumberOfBytesRead != nullptr)
         *lpNumberOfBytesRead = 0;
-    }
     Object* const pFile = find_file(hFile, GENERIC_READ);
-    if (pFile == nullptr) {
+    if (pFile == nullptr)
         return FALSE;
-    }
     std::string const& bytes = pFile->file->second;
     if (pFile->ullFileOffset < bytes.size()) {
         size_t const count = bytes.copy(static_cast<char*>(lpBuffer), nNumberOfBytesToRead,
                                         static_cast<size_t>(pFile->ullFileOffset));
         pFile->ullFileOffset += count;
-        if (lpNumberOfBytesRead != nullptr) {
+        if (lpNumberOfBytesRead != nullptr)
             *lpNumberOfBytesRead = static_cast<DWORD>(count);
-        }
     }
     return TRUE;
 }
 
 BOOL WINAPI WriteFile(HANDLE hFile, LPCVOID lpBuffer, DWORD nNumberOfBytesToWrite,
                       LPDWORD lpNumberOfBytesWritten, LPVOID /*lpOverlapped*/) {
-    if (lpNumberOfBytesWritten != nullptr) {
+    if (lpNumberOfBytesWritten != nullptr)
         *lpNumberOfBytesWritten = 0;
-    }
     Object* const pFile = find_file(hFile, GENERIC_WRITE);
-    if (pFile == nullptr) {
+    if (pFile == nullptr)
         return FALSE;
-    }
     uint64_t const ullEnd = pFile->ullFileOffset + nNumberOfBytesToWrite;
     if (nNumberOfBytesToWrite != 0) {
-        if (ullEnd > MOST_FILE_BYTES) {
+        if (ullEnd > MOST_FILE_BYTES)
             return fail(ERROR_DISK_FULL);
-        }
         std::string& bytes = pFile->file->second;
-        if (bytes.size() < ullEnd) {
+        if (bytes.size() < ullEnd)
             bytes.resize(static_cast<size_t>(ullEnd));
-        }
         memcpy(bytes.data() + pFile->ullFileOffset, lpBuffer, nNumberOfBytesToWrite);
         pFile->ullFileOffset = ullEnd;
     }
-    if (lpNumberOfBytesWritten != nullptr) {
+    if (lpNumberOfBytesWritten != nullptr)
         *lpNumberOfBytesWritten = nNumberOfBytesToWrite;
-    }
     return TRUE;
 }
 
 DWORD WINAPI SetFilePointer(HANDLE hFile, LONG lDistanceToMove, PLONG lpDistanceToMoveHigh,
                             DWORD dwMoveMethod) {
     Object* const pFile = find_file(hFile, 0);
-    if (pFile == nullptr) {
+    if (pFile == nullptr)
         return INVALID_SET_FILE_POINTER;
-    }
     int64_t llDistance = lDistanceToMove;
-    if (lpDistanceToMoveHigh != nullptr) {
-        llDistance =
-            static_cast<int64_t>(uint64_t{static_cast<uint32_t>(*lpDistanceToMoveHigh)} << 32 |
-                                 static_cast<uint32_t>(lDistanceToMove));
-    }
+    if (lpDistanceToMoveHigh != nullptr)
+        llDistance = int64_t{*lpDistanceToMoveHigh} << 32 | static_cast<uint32_t>(lDistanceToMove);
     uint64_t const ullStart = dwMoveMethod == FILE_CURRENT ? pFile->ullFileOffset
                               : dwMoveMethod == FILE_END   ? pFile->file->second.size()
                                                            : 0;
-    int64_t llResult = 0;
-    DWORD dwError = NO_ERROR;
-    if (dwMoveMethod > FILE_END ||
-        __builtin_add_overflow(static_cast<int64_t>(ullStart), llDistance, &llResult)) {
-        dwError = ERROR_INVALID_PARAMETER;
-    } else if (llResult < 0) {
-        dwError = ERROR_NEGATIVE_SEEK;
-    } else if (lpDistanceToMoveHigh == nullptr && llResult > 0xFFFFFFFF) {
-        dwError = ERROR_INVALID_PARAMETER;
-    }
-    if (dwError != NO_ERROR) {
-        fail(dwError);
+    int64_t const llResult = static_cast<int64_t>(ullStart) + llDistance;
+    if (llResult < 0 || (lpDistanceToMoveHigh == nullptr && llResult > 0xFFFFFFFF)) {
+        fail(llResult < 0 ? ERROR_NEGATIVE_SEEK : ERROR_INVALID_PARAMETER);
         return INVALID_SET_FILE_POINTER;
     }
     pFile->ullFileOffset = static_cast<uint64_t>(llResult);
-    if (lpDistanceToMoveHigh != nullptr) {
+    if (lpDistanceToMoveHigh != nullptr)
         *lpDistanceToMoveHigh = static_cast<LONG>(pFile->ullFileOffset >> 32);
-    }
     return low_half(pFile->ullFileOffset);
 }
 
 BOOL WINAPI SetEndOfFile(HANDLE hFile) {
     Object* const pFile = find_file(hFile, GENERIC_WRITE);
-    if (pFile == nullptr) {
+    if (pFile == nullptr)
         return FALSE;
-    }
-    if (pFile->ullFileOffset > MOST_FILE_BYTES) {
+    if (pFile->ullFileOffset > MOST_FILE_BYTES)
         return fail(ERROR_DISK_FULL);
-    }
     pFile->file->second.resize(static_cast<size_t>(pFile->ullFileOffset));
     return TRUE;
 }
 
 DWORD WINAPI GetFileSize(HANDLE hFile, LPDWORD lpFileSizeHigh) {
     Object const* const pFile = find_file(hFile, 0);
-    if (pFile == nullptr) {
+    if (pFile == nullptr)
         return INVALID_FILE_SIZE;
-    }
-    if (lpFileSizeHigh != nullptr) {
+    if (lpFileSizeHigh != nullptr)
         *lpFileSizeHigh = 0;
-    }
     return low_half(pFile->file->second.size());
 }
 
@@ -388,9 +328,8 @@ BOOL WINAPI FlushFileBuffers(HANDLE hFile) {
 BOOL WINAPI DeleteFileA(LPCSTR lpFileName) {
     Files::iterator file;
     DWORD const dwError = find_closed_file(lpFileName, file);
-    if (dwError != NO_ERROR) {
+    if (dwError != NO_ERROR)
         return fail(dwError);
-    }
     state().files.erase(file);
     return TRUE;
 }
@@ -399,15 +338,12 @@ BOOL WINAPI MoveFileA(LPCSTR lpExistingFileName, LPCSTR lpNewFileName) {
     Files::iterator file;
     DWORD dwError = find_closed_file(lpExistingFileName, file);
     std::string newPath;
-    if (dwError == NO_ERROR) {
+    if (dwError == NO_ERROR)
         dwError = locate(lpNewFileName, newPath);
-    }
-    if (dwError == NO_ERROR && state().files.count(newPath) != 0) {
+    if (dwError == NO_ERROR && state().files.count(newPath) != 0)
         dwError = ERROR_ALREADY_EXISTS;
-    }
-    if (dwError != NO_ERROR) {
+    if (dwError != NO_ERROR)
         return fail(dwError);
-    }
     auto node = state().files.extract(file);
     node.key() = newPath;
     state().files.insert(std::move(node));
@@ -442,18 +378,13 @@ HANDLE WINAPI GetProcessHeap(void) {
 }
 
 LPVOID WINAPI HeapAlloc(HANDLE /*hHeap*/, DWORD dwFlags, SIZE_T dwBytes) {
-    if (dwBytes > MOST_FILE_BYTES) {
-        fail(ERROR_NOT_ENOUGH_MEMORY);
-        return nullptr;
-    }
     ++state().nHeapBlocks;
     return (dwFlags & HEAP_ZERO_MEMORY) != 0 ? calloc(1, dwBytes) : malloc(dwBytes);
 }
 
 BOOL WINAPI HeapFree(HANDLE /*hHeap*/, DWORD /*dwFlags*/, LPVOID lpMem) {
-    if (lpMem != nullptr) {
+    if (lpMem != nullptr)
         --state().nHeapBlocks;
-    }
     free(lpMem);
     return TRUE;
 }
@@ -475,28 +406,20 @@ LPVOID WINAPI MapViewOfFile(HANDLE hFileMappingObject, DWORD dwDesiredAccess,
                             DWORD dwFileOffsetHigh, DWORD dwFileOffsetLow,
                             SIZE_T dwNumberOfBytesToMap) {
     Object const* const pMapping = find(hFileMappingObject, Kind::Mapping);
-    DWORD dwError = NO_ERROR;
-    if (pMapping == nullptr) {
-        dwError = ERROR_INVALID_HANDLE;
-    } else if (dwDesiredAccess != FILE_MAP_WRITE || dwFileOffsetHigh != 0 || dwFileOffsetLow != 0) {
-        dwError = ERROR_INVALID_PARAMETER; // each view has its own bytes here: no parts of a whole
-    } else if (dwNumberOfBytesToMap > pMapping->mappingBytes) {
-        dwError = ERROR_ACCESS_DENIED;
-    }
-    if (dwError != NO_ERROR) {
-        fail(dwError);
+    // Each view has its own bytes here, so it must be the whole.
+    if (pMapping == nullptr || dwDesiredAccess != FILE_MAP_WRITE || dwFileOffsetHigh != 0 ||
+        dwFileOffsetLow != 0 || dwNumberOfBytesToMap > pMapping->mappingBytes) {
+        fail(pMapping == nullptr ? ERROR_INVALID_HANDLE : ERROR_INVALID_PARAMETER);
         return nullptr;
     }
-    size_t const bytes = dwNumberOfBytesToMap != 0 ? dwNumberOfBytesToMap : pMapping->mappingBytes;
-    void* const pView = calloc(1, bytes);
-    state().views[pView] = bytes;
+    void* const pView = calloc(1, pMapping->mappingBytes);
+    state().views.insert(pView);
     return pView;
 }
 
 BOOL WINAPI UnmapViewOfFile(LPCVOID lpBaseAddress) {
-    if (state().views.erase(lpBaseAddress) == 0) {
+    if (state().views.erase(lpBaseAddress) == 0)
         return fail(ERROR_INVALID_PARAMETER);
-    }
     free(const_cast<void*>(lpBaseAddress));
     return TRUE;
 }
@@ -513,11 +436,9 @@ BOOL WINAPI GetDiskFreeSpaceExA(LPCSTR /*lpDirectoryName*/, ULARGE_INTEGER* lpFr
                                 ULARGE_INTEGER* lpTotalNumberOfBytes,
                                 ULARGE_INTEGER* lpTotalNumberOfFreeBytes) {
     for (ULARGE_INTEGER* const pBytes :
-         {lpFreeBytesAvailable, lpTotalNumberOfBytes, lpTotalNumberOfFreeBytes}) {
-        if (pBytes != nullptr) {
+         {lpFreeBytesAvailable, lpTotalNumberOfBytes, lpTotalNumberOfFreeBytes})
+        if (pBytes != nullptr)
             pBytes->QuadPart = uint64_t{1} << 40;
-        }
-    }
     return TRUE;
 }
 
@@ -527,9 +448,8 @@ UINT WINAPI SetErrorMode(UINT uMode) {
 
 BOOL WINAPI DriverCallback(DWORD_PTR dwCallback, DWORD dwFlags, HDRVR hDevice, DWORD dwMsg,
                            DWORD_PTR dwUser, DWORD_PTR dwParam1, DWORD_PTR dwParam2) {
-    if (dwCallback == 0 || dwFlags != DCB_FUNCTION) {
+    if (dwCallback == 0 || dwFlags != DCB_FUNCTION)
         return FALSE;
-    }
     reinterpret_cast<LPDRVCALLBACK>(dwCallback)(hDevice, dwMsg, dwUser, dwParam1, dwParam2);
     return TRUE;
 }
