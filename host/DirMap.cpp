@@ -79,10 +79,14 @@ char const* state_text(BlockState state) {
     return "";
 }
 
-std::filesystem::path dir_file_of(std::string const& soundFile) {
+std::filesystem::path beside(std::string const& soundFile, std::string const& extension) {
     std::string const name = std::filesystem::path(soundFile).filename().string();
     return std::filesystem::path(soundFile).replace_filename(name.substr(0, name.rfind('.')) +
-                                                             ".DIR");
+                                                             extension);
+}
+
+std::filesystem::path dir_file_of(std::string const& soundFile) {
+    return beside(soundFile, ".DIR");
 }
 
 std::optional<uint64_t> leftover_size(std::string const& soundFile) {

@@ -33,6 +33,9 @@ struct DirMap {
 
 char const* state_text(BlockState state);
 
+// The file beside a sound file with its stem and another extension (dot included).
+std::filesystem::path beside(std::string const& soundFile, std::string const& extension);
+
 // The .DIR file that belongs to a sound file. Files that differ in their extension share one.
 std::filesystem::path dir_file_of(std::string const& soundFile);
 

@@ -1,5 +1,7 @@
 #include "StreamView.h"
 
+#include "Output.h"
+
 #include "DirMap.h"
 #include "Status.h"
 #include "Tags.h"
@@ -68,6 +70,12 @@ uint32_t find_audio(std::string const& path, std::vector<uint8_t> const& firstBy
 } // namespace
 
 std::unique_ptr<SoundFile> open_for_reading(Driver const& driver, std::string const& path) {
+    std::error_code error;
+    if (std::filesystem::exists(beside(path, ".CLM"), error)) {
+        print_warning(path +
+                      ": a close was interrupted, so that a .DIR file beside it may belong to "
+                      "the file before; 'ffdhost edit FILE show' finishes the close");
+    }
     try {
         return std::make_unique<SoundFile>(driver, path, Access::Read);
     } catch (Failure const& failure) {

@@ -228,6 +228,12 @@ class HostTest(unittest.TestCase):
 
     # ---- What is refused ----
 
+    def test_a_close_marker_is_told(self):
+        (self.dir / "a.CLM").write_bytes(b"")
+        for command in ("info", "map"):
+            self.assertIn(b"a close was interrupted", self.host(command, self.file).stderr)
+        self.assertNotIn(b"interrupted", self.host("info", self.clip).stderr)
+
     def test_damaged_directory_files(self):
         self.assertFalse(self.json("map", self.file)["edited"])
         good = entry(1, 0, 300) + entry(3, 300, 400) + entry(11, 500, 500) + entry(1, 400, 500)
