@@ -318,3 +318,13 @@ void CCloseMarker::finish_interrupted_close(LPCSTR pszSoundPath_p) {
         throw FFDError{FFD_FILE_IO_ERROR};
     }
 }
+
+void CCloseMarker::refuse_close_in_progress(LPCSTR pszSoundPath_p) {
+    char szMarkerPath[MAX_PATH];
+    uint64_t ullMarkerSize = 0;
+    if (KIVMP3_make_sibling_path(pszSoundPath_p, szMarkerExtension, szMarkerPath) != FFD_NOERROR ||
+        find_file(szMarkerPath, &ullMarkerSize)) {
+        TRACE_ERROR(FFD_FILE_IO_ERROR, "close in progress -> FFD_FILE_IO_ERROR");
+        throw FFDError{FFD_FILE_IO_ERROR};
+    }
+}

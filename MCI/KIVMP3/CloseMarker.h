@@ -51,6 +51,11 @@ public:
     // that could be its own marker or directory file; then everything is still there.
     static void finish_interrupted_close(LPCSTR pszSoundPath_p);
 
+    // To be called once the open has the .DIR file and the sound file to itself, so that no close
+    // can go on: throws FFD_FILE_IO_ERROR if one has begun since the call above, and either of the
+    // two files may be of before it and the other of behind it.
+    static void refuse_close_in_progress(LPCSTR pszSoundPath_p);
+
 private:
     HANDLE m_hMarkerFile = nullptr;
     char m_szMarkerPath[MAX_PATH] = "";

@@ -51,6 +51,7 @@ private:
                                    FFDCallbackParams const& ffdCallbackParams_new);
     void set_membervariables(FFDCallbackParams const& ffdCallbackParams, char const* lpFileName);
     FFDError set_membervar_path_and_filename(char const* lpFileName);
+    void refuse_second_writer();
     void open_mp3_file();
     void check_and_fill_filepath_variables();
     void read_and_check_info_from_mp3_file(BYTE* pbyReadAhead_p);

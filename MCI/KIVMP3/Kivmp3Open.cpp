@@ -42,7 +42,13 @@ FFDError CKivmp3::FFDCreateFile(char const* lpFileName, FFDDesiredAccess ffdDesi
             CCloseMarker::finish_interrupted_close(m_szFilePath);
         }
         m_oDirFile.create_directory_file(m_szFilePath, ffdCreation, ffdDesiredAccess);
+        if (!m_oDirFile.is_new_directory()) {
+            refuse_second_writer();
+        }
         open_mp3_file();
+        if (ffdDesiredAccess == FFD_ACCESS_READWRITE) {
+            CCloseMarker::refuse_close_in_progress(m_szFilePath);
+        }
         check_and_fill_filepath_variables();
 
         CHeapBlock const readAhead(READ_AHEAD_SIZE);
@@ -125,6 +131,18 @@ FFDError CKivmp3::set_membervar_path_and_filename(char const* lpFileName) {
     m_cstrFilename = std::string(parts.szStem) + parts.szExtension;
     snprintf(m_szFilePath, sizeof m_szFilePath, "%s", lpFileName);
     return FFD_NOERROR;
+}
+
+// A directory with edits is either left over or in use by another process, whose every flush lets
+// go of the .DIR file for a moment. That process has the MP3 file open for writing all the time.
+void CKivmp3::refuse_second_writer() {
+    DWORD dwError = NO_ERROR;
+    HANDLE hMp3File =
+        KIVMP3_create_file(m_szFilePath, &dwError, GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING, 0);
+    if (dwError != NO_ERROR) {
+        throw FFDError{FFD_FILE_IO_ERROR};
+    }
+    KIVMP3_release_file(&hMp3File);
 }
 
 void CKivmp3::open_mp3_file() {
