@@ -56,11 +56,14 @@ void CKivDirFile::create_directory_mapping(LPCSTR pszFilePath_p, FFDCreation ffd
         m_dwDirSize = DIR_FILE_SIZE;
         set_file_aside(pszFilePath_p);
     }
-    open_new_file(pszFilePath_p);
+    if (m_hDirFile == nullptr) {
+        open_new_file(pszFilePath_p);
+    }
     allocate_buffer(0);
 }
 
-// Whether there is a .DIR file with contents, open then, with its size in bytes.
+// Whether there is a .DIR file with contents, open then, with its size in bytes. An empty one,
+// which never saw a flush, is open too: made anew, it could be another process's by then.
 bool CKivDirFile::open_existing_file(LPCSTR pszFilePath_p, DWORD* pdwFileSize_p) {
     m_hDirFile = CreateFileA(pszFilePath_p, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr,
                              OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
@@ -87,10 +90,6 @@ bool CKivDirFile::open_existing_file(LPCSTR pszFilePath_p, DWORD* pdwFileSize_p)
         return false;
     }
     if (ullFileSize == 0) {
-        // A directory that never saw a flush.
-        KIVMP3_release_file(&m_hDirFile);
-        m_hDirFile = nullptr;
-        DeleteFileA(pszFilePath_p);
         return false;
     }
     *pdwFileSize_p = static_cast<DWORD>(ullFileSize);
@@ -106,9 +105,11 @@ void CKivDirFile::set_file_aside(LPCSTR pszFilePath_p) {
     }
 }
 
+// Leaves alone what a file of that name holds: it would be the edits of another process that came
+// in between.
 void CKivDirFile::open_new_file(LPCSTR pszFilePath_p) {
     m_hDirFile = CreateFileA(pszFilePath_p, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr,
-                             CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+                             OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (m_hDirFile == INVALID_HANDLE_VALUE) {
         m_hDirFile = nullptr;
         TRACE_ERROR(GetLastError(), "GetLastError() after CreateFile(...)");
@@ -132,7 +133,8 @@ void CKivDirFile::map_buffer() {
     }
 }
 
-// A zeroed buffer of m_dwDirSize bytes with the first dwFileSize_p bytes of the file in it.
+// A zeroed buffer of m_dwDirSize bytes with the dwFileSize_p bytes of the file in it;
+// FFD_FILE_IO_ERROR if the file holds fewer or more.
 void CKivDirFile::allocate_buffer(DWORD dwFileSize_p) {
     HANDLE const hHeap = GetProcessHeap();
     void* pvBuffer = HeapAlloc(hHeap, HEAP_ZERO_MEMORY, m_dwDirSize);
@@ -144,7 +146,7 @@ void CKivDirFile::allocate_buffer(DWORD dwFileSize_p) {
         bool const bRead =
             ReadFile(m_hDirFile, pvBuffer, m_dwDirSize, &dwBytesRead, nullptr) != FALSE;
         // A read that stops short of the size just asked for would pass for a shorter directory.
-        if (!bRead || dwBytesRead < dwFileSize_p) {
+        if (!bRead || dwBytesRead != dwFileSize_p) {
             dwError = bRead ? ERROR_HANDLE_EOF : GetLastError();
             KIVMP3_free_block(pvBuffer);
             pvBuffer = nullptr;
