@@ -14,7 +14,7 @@ namespace memory_platform {
 // Forgets all files; every handle must be closed.
 void reset();
 
-// Files by their absolute path ("/d/a.mp3"; the working directory is "/d/").
+// Files by their absolute path, without "." and "..". Each directory is there.
 void put_file(std::string const& path, std::string contents);
 std::string const& get_file(std::string const& path); // it must be there
 bool has_file(std::string const& path);
