@@ -101,6 +101,11 @@ public:
     // Whether the directory names no audio yet: no entry, or one that ends at audio position 0.
     bool is_new_directory() const;
 
+    // Whether entries that come from a file can stand in a directory: each with a Status that
+    // occurs, nothing reserved set, and no two that overlap. FFD_FILE_IO_ERROR if not,
+    // FFD_ERROR_OUTOFMEMORY if that could not be found out.
+    static FFDError check_entries(DirEntry const* psEntries_p, DWORD dwEntries_p);
+
     // Makes one live block of the audio area the whole directory. The .DIR file stays as it is.
     void set_first_entry(DWORD dwEndpos_p);
 
@@ -182,7 +187,6 @@ private:
     FFDError reopen_lost_file();
     FFDError close_dir_file();
     bool is_damaged(DWORD dwFileSize_p) const;
-    bool has_overlaps(DWORD dwEntries_p) const;
     void clear_behind_end();
     void move_dir_entries_one_up(DirEntry* pdirEntryStart_p, int nAfterStartEntry_p);
     DirEntry* last_live_entry();

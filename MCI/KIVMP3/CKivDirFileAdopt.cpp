@@ -62,33 +62,35 @@ bool CKivDirFile::is_damaged(DWORD dwFileSize_p) const {
             TRACE_ERROR(FFD_FILE_IO_ERROR, "dir file is damaged: entry cut by the end of the file");
             return true;
         }
-        if (!is_sound(m_psDirHeader[dwEntries])) {
-            TRACE_ERROR(FFD_FILE_IO_ERROR, "dir file is damaged: bad entry");
-            return true;
-        }
     }
-    if (has_overlaps(dwEntries)) {
-        TRACE_ERROR(FFD_FILE_IO_ERROR, "dir file is damaged: entries overlap");
-        return true;
+    FFDError const ffdError = check_entries(m_psDirHeader, dwEntries);
+    if (ffdError == FFD_ERROR_OUTOFMEMORY) {
+        throw FFDError{ffdError};
     }
-    return false;
+    if (ffdError != FFD_NOERROR) {
+        TRACE_ERROR(ffdError, "dir file is damaged: bad entries");
+    }
+    return ffdError != FFD_NOERROR;
 }
 
-bool CKivDirFile::has_overlaps(DWORD dwEntries_p) const {
+FFDError CKivDirFile::check_entries(DirEntry const* psEntries_p, DWORD dwEntries_p) {
+    if (!std::all_of(psEntries_p, psEntries_p + dwEntries_p, is_sound)) {
+        return FFD_FILE_IO_ERROR;
+    }
     CHeapBlock const buffer(size_t{dwEntries_p} * sizeof(Block) + 1);
     if (buffer.get() == nullptr) {
         TRACE_ERROR(FFD_ERROR_OUTOFMEMORY, "by HeapAlloc() -> FFD_ERROR_OUTOFMEMORY");
-        throw FFDError{FFD_ERROR_OUTOFMEMORY};
+        return FFD_ERROR_OUTOFMEMORY;
     }
     Block* const psBlocks = reinterpret_cast<Block*>(buffer.get());
     DWORD dwBlocks = 0;
-    sort_blocks(m_psDirHeader, dwEntries_p, psBlocks, &dwBlocks);
+    sort_blocks(psEntries_p, dwEntries_p, psBlocks, &dwBlocks);
     for (DWORD dwBlock = 1; dwBlock < dwBlocks; ++dwBlock) {
         if (psBlocks[dwBlock].dwStartpos < psBlocks[dwBlock - 1].dwEndpos) {
-            return true;
+            return FFD_FILE_IO_ERROR;
         }
     }
-    return false;
+    return FFD_NOERROR;
 }
 
 // Later moves shift the terminating entry up; what is left over behind it would come back as

@@ -194,6 +194,8 @@ void CKivmp3::read_status() {
     read_field(m_hStatusFile, &ffdCurrentPosInBy, sizeof ffdCurrentPosInBy, nullptr);
     read_field(m_hStatusFile, &ffdDataLengthInBy, sizeof ffdDataLengthInBy, nullptr);
     read_field(m_hStatusFile, &msLength, sizeof msLength, nullptr);
+    check_status(reinterpret_cast<DirEntry const*>(entries.get()), dwNrOfEntries,
+                 ffdCurrentPosInBy);
 
     memcpy(m_oDirFile.get_dir_header(), entries.get(), dwDirSize);
     m_oDirFile.set_flush_pending();
@@ -202,4 +204,22 @@ void CKivmp3::read_status() {
     m_ffdDataLengthInBy = ffdDataLengthInBy;
     m_msLength = msLength;
     m_oDirFile.ascertain_data_length();
+}
+
+// Nobody else can open the file while it counts, but what it holds is about to become the directory.
+void CKivmp3::check_status(DirEntry const* psEntries_p, DWORD dwNrOfEntries_p,
+                           DWORD dwCurrentPosInBy_p) {
+    constexpr DWORD dwSizeOfFields = 24;
+    uint64_t ullFileSize = 0;
+    bool bWhole = KIVMP3_get_file_size(m_hStatusFile, &ullFileSize) == NO_ERROR &&
+                  ullFileSize == dwSizeOfFields + uint64_t{dwNrOfEntries_p} * sizeof(DirEntry) &&
+                  CKivDirFile::check_entries(psEntries_p, dwNrOfEntries_p) == FFD_NOERROR;
+    uint64_t ullLength = 0;
+    for (DWORD dwEntry = 0; bWhole && dwEntry < dwNrOfEntries_p; ++dwEntry) {
+        ullLength += psEntries_p[dwEntry].is_deleted() ? 0 : psEntries_p[dwEntry].size();
+    }
+    if (!bWhole || dwCurrentPosInBy_p > ullLength) {
+        TRACE_ERROR(FFD_FILE_IO_ERROR, "file status file is damaged -> FFD_FILE_IO_ERROR");
+        throw FFDError{FFD_FILE_IO_ERROR};
+    }
 }
