@@ -184,6 +184,13 @@ TEST_F(OpenTest, HeaderIsFoundWhereverBlocksEnd) {
             EXPECT_EQ(length_of(frames(1) + noise(n) + frames(1, 3)), 192 + n);
         }
     }
+    // Frames that end around the end of what was read.
+    std::string const padded = frame(bytes("\xFF\xF3\x46\xC0"), 97);
+    std::string many_padded;
+    for (unsigned n = 1; n < 40; ++n) {
+        many_padded += padded;
+        EXPECT_EQ(length_of(frames(1365 - n) + many_padded + frames(3)), 131040 + n + 288);
+    }
 }
 
 TEST_F(OpenTest, EndOfTheFile) {
@@ -217,7 +224,7 @@ TEST_F(OpenTest, TagsInFrontAreSkippedByTheirSize) {
         {tag(bytes("\3\0\0\0\0\2\1"), noise(257)), 267},
         {tag(bytes("\2\0\0\0\0\1\x40"), hidden), 202},
         {tag(bytes("\4\xFF\0\0\0\1\x40"), hidden), 202},
-        {tag(bytes("\4\0\x10\0\0\0\0"), noise(10)), 20}, // a footer and nothing else
+        {tag(bytes("\4\0\x10\0\0\0\0"), hidden.substr(0, 10)), 20}, // a footer alone
         {tag(bytes("\3\0\xE0\0\0\1\x40"), hidden), 202},
         {tag(bytes("\3\0\0\0\1\0\0"), noise(16384)), 16394},
         {tag(bytes("\3\0\0\1\0\0\0"), noise(2097152)), 2097162},
