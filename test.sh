@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs all tests: on the build that ships, and then once more
-# with AddressSanitizer and UndefinedBehaviorSanitizer. --quick leaves the second out.
+# with AddressSanitizer and UndefinedBehaviorSanitizer; then each fuzz target for a moment. --quick
+# runs the first only.
 #
 # The last line tells the sum, "N passed, N failed"; the exit code is 0 if none failed.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
 
-presets=(release sanitizers)
+presets=(release sanitizers fuzz)
 case "${1-}" in
 "") ;;
 --quick) presets=(release) ;;

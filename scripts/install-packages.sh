@@ -9,6 +9,7 @@ packages=(
     libgtest-dev libgmock-dev python3 # the tests
     ffmpeg mpg123 mp3check mp3val     # judge the files that the driver leaves
     valgrind
+    clang-14 libclang-rt-14-dev       # the fuzz targets
 )
 
 command -v dpkg-query >/dev/null || {

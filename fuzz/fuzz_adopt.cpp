@@ -1,0 +1,193 @@
+// A small MP3 file beside whatever .DIR file and marker the input holds, then a short session. What
+// the .DIR file says after each edit is compared with what reads deliver.
+#include "fuzz/support.h"
+
+#include <cstring>
+#include <vector>
+
+namespace {
+
+std::string const SOUND = "/d/a.mp3";
+std::string const DIRECTORY = "/d/a.DIR";
+std::string const MARKER = "/d/a.CLM";
+std::string const REBUILT = "/d/1.MP3";
+constexpr uint32_t AUDIO = 8 * fuzz::FRAME;
+
+struct Entry {
+    uint32_t nStatus;
+    uint32_t nStartpos;
+    uint32_t nEndpos;
+};
+
+std::string put32(uint32_t nValue) {
+    std::string bytes(4, '\0');
+    memcpy(bytes.data(), &nValue, 4);
+    return bytes;
+}
+
+std::string directory(fuzz::Input& input, unsigned nKind) {
+    unsigned const nCount = input.byte();
+    std::string image;
+    if (nKind % 2 == 0) {
+        image = input.bytes(nCount);
+    } else {
+        uint32_t const anStatus[] = {1, 1, 3, 11};
+        for (unsigned nEntry = 0; nEntry < nCount && !input.empty(); ++nEntry) {
+            uint32_t const nStatus = anStatus[input.byte() % 4];
+            uint32_t const nStartpos = input.word();
+            image += put32(nStatus) + put32(nStartpos) + put32(nStartpos + input.word());
+        }
+    }
+    image.resize(nKind < 2 ? image.size() : 65536);
+    return image;
+}
+
+// A marker as a close writes it, with sizes and names of the input.
+std::string marker(fuzz::Input& input) {
+    uint32_t const anSizes[] = {AUDIO, 30 + AUDIO, 30 + AUDIO + 128, input.word()};
+    std::string record = put32(anSizes[input.byte() % 4]) + put32(anSizes[input.byte() % 4]);
+    for (std::string name : {"a.mp3", "1.MP3"}) {
+        name = input.byte() % 4 != 0 ? name : input.bytes(8);
+        name.resize(260);
+        record += name;
+    }
+    uint32_t nCrc = 0xFFFFFFFF;
+    for (char const byte : record) {
+        nCrc ^= static_cast<uint8_t>(byte);
+        for (int nBit = 0; nBit < 8; ++nBit) {
+            nCrc = nCrc >> 1 ^ (nCrc % 2 == 0 ? 0 : 0xEDB88320);
+        }
+    }
+    return "XKIVCLM1" + put32(~nCrc) + record;
+}
+
+// The entries of a .DIR file that is sound.
+std::vector<Entry> entries(std::string const& image) {
+    std::vector<Entry> all;
+    size_t nAt = 0;
+    for (Entry entry; nAt + 12 <= image.size() && image[nAt] != 0; nAt += 12) {
+        memcpy(&entry, image.data() + nAt, 12);
+        REQUIRE(entry.nStatus == 1 || entry.nStatus == 3 || entry.nStatus == 11);
+        REQUIRE(entry.nStartpos <= entry.nEndpos);
+        all.push_back(entry);
+    }
+    return all;
+}
+
+// Reads the whole dictation, and compares it with what the .DIR file says after a flush.
+void check(FFDHandle handle) {
+    std::string const& image = memory_platform::get_file(DIRECTORY);
+    std::vector<Entry> const all = entries(image);
+    REQUIRE(image.find_first_not_of('\0', all.size() * 12) == std::string::npos);
+    std::string const& sound = memory_platform::get_file(SOUND);
+    std::string expected;
+    uint32_t nLength = 0;
+    bool bCut = false;
+    for (Entry const& entry : all) {
+        if (entry.nStatus == 1) {
+            uint32_t const nSize = entry.nEndpos - entry.nStartpos;
+            uint64_t const nOffset = uint64_t{30} + entry.nStartpos;
+            nLength += nSize;
+            if (!bCut && nSize > 0 && nOffset < sound.size()) {
+                expected += sound.substr(nOffset, nSize);
+            }
+            bCut = bCut || (nSize > 0 && nOffset + nSize > sound.size());
+        }
+    }
+    uint32_t const nPosition = fuzz::position(handle);
+    REQUIRE(fuzz::length(handle) == nLength && nPosition <= nLength);
+    fuzz::seek(handle, 0);
+    FFDError status = 0;
+    REQUIRE(fuzz::read(handle, 0x10000, status) == expected);
+    REQUIRE(status == FFD_NOERROR || nLength == 0);
+    fuzz::seek(handle, nPosition);
+}
+
+void step(FFDHandle handle, fuzz::Input& input) {
+    FFDError status = 0;
+    bool bFlushed = false;
+    unsigned const nAction = input.byte();
+    switch (nAction % 8) {
+    case 0:
+        fuzz::seek(handle, input.word() * (nAction < 128 ? 1 : 0x10001));
+        break;
+    case 1:
+        fuzz::read(handle, input.word(), status);
+        REQUIRE(status == FFD_NOERROR || fuzz::length(handle) == 0);
+        break;
+    case 2:
+    case 3:
+        status = fuzz::write(handle, nAction % 8 - 1,
+                             nAction < 128 ? fuzz::frames(1) : fuzz::noise(1 + input.byte()));
+        bFlushed = true;
+        break;
+    case 4:
+        status = fuzz::erase(handle, input.word());
+        bFlushed = true;
+        break;
+    case 5:
+        status = fuzz::call(handle, FFD_SLOT_UNDO_LAST);
+        bFlushed = status == FFD_NOERROR;
+        REQUIRE(bFlushed || status == FFD_NOTHING_TO_UNDO);
+        break;
+    case 6:
+        REQUIRE(fuzz::call(handle, FFD_SLOT_STORE_ACTUAL_FILE_STATUS) == FFD_NOERROR);
+        break;
+    default:
+        status = fuzz::call(handle, FFD_SLOT_RESTORE_FILE_STATUS);
+        REQUIRE(status == FFD_NOERROR || status == FFD_NO_STORED_FILE_STATUS);
+    }
+    if (bFlushed) {
+        REQUIRE(status == FFD_NOERROR);
+        check(handle);
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(uint8_t const* pbyData, size_t nBytes) {
+    fuzz::start();
+    fuzz::Input input(pbyData, nBytes);
+    unsigned const nFlags = input.byte();
+    bool const bMarker = (nFlags & 16) != 0;
+    std::string const head = fuzz::head();
+    std::string const tag = (nFlags & 4) != 0 ? fuzz::tag() : "";
+    std::string const sound = head + fuzz::frames(8) + tag + fuzz::frames(nFlags / 8 % 2 * 3);
+    std::string const image = directory(input, nFlags % 4);
+    memory_platform::put_file(DIRECTORY, image);
+    bool bSound = true;
+    if (bMarker) {
+        memory_platform::put_file(MARKER, (nFlags & 32) != 0 ? input.bytes(16) : marker(input));
+        bSound = (nFlags & 64) != 0;
+        if ((nFlags & 128) != 0) {
+            memory_platform::put_file(REBUILT, head + fuzz::frames(8) + tag);
+        }
+    }
+    if (bSound) {
+        memory_platform::put_file(SOUND, sound);
+    }
+
+    FFDError status = 0;
+    FFDHandle const handle = fuzz::open(SOUND, FFD_ACCESS_READWRITE, status);
+    REQUIRE(!bSound || memory_platform::get_file(SOUND) == sound);
+    REQUIRE(bSound || memory_platform::has_file(SOUND) || memory_platform::has_file(REBUILT) ||
+            (nFlags & 128) == 0);
+    REQUIRE(handle != nullptr || (bMarker && status == FFD_FILE_IO_ERROR));
+    bool const bAdopted = bMarker || (nFlags & 8) != 0 ||
+                          !(memory_platform::has_file(DIRECTORY + ".bad") || image[0] == 0);
+    if (handle != nullptr) {
+        while (!input.empty()) {
+            step(handle, input);
+        }
+        REQUIRE(fuzz::close(handle) == FFD_NOERROR);
+        REQUIRE(!memory_platform::has_file(DIRECTORY) && !memory_platform::has_file(MARKER));
+        std::string const& closed = memory_platform::get_file(SOUND);
+        REQUIRE(closed.starts_with(head));
+        REQUIRE(bAdopted || closed.ends_with(tag));
+        FFDHandle const again = fuzz::open(SOUND, FFD_ACCESS_READ, status);
+        REQUIRE(again != nullptr || status == FFD_NO_MORE_FRAMES || closed == head);
+        REQUIRE(again == nullptr || fuzz::close(again) == FFD_NOERROR);
+    }
+    fuzz::finish();
+    return 0;
+}
