@@ -23,7 +23,7 @@ void fail(char const* pszCondition, char const* pszFile, int nLine) {
 }
 
 std::string Input::bytes(size_t nMost) {
-    std::string const taken = m_bytes.substr(m_nNext, nMost);
+    std::string taken = m_bytes.substr(m_nNext, nMost);
     m_nNext += taken.size();
     return taken;
 }
