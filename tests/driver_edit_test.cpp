@@ -5,9 +5,6 @@
 
 #include <gmock/gmock.h>
 
-#include <filesystem>
-#include <random>
-
 using ::testing::ElementsAre;
 
 namespace {
@@ -183,20 +180,6 @@ TEST_F(EditTest, AppendingBehindATruncatedFrame) {
     EXPECT_EQ(length(handle), 1172u);
 }
 
-TEST_F(EditTest, TheFileEndsBelowFourGigabytes) {
-    write_file(m_sound, frames(10));
-    std::filesystem::resize_file(m_sound, 0xFFFFFFFFu - 10);
-    FFDHandle const handle = open(m_sound);
-    ASSERT_EQ(m_status, 0u);
-    EXPECT_EQ(insert(handle, 100, noise(11)), 29u);
-    EXPECT_EQ(std::filesystem::file_size(m_sound), 0xFFFFFFFFu - 10);
-    EXPECT_EQ(insert(handle, 100, noise(10, 4)), 0u);
-    EXPECT_EQ(read(handle, 95, 20),
-              frames(10).substr(95, 5) + noise(10, 4) + frames(10).substr(100, 5));
-    EXPECT_EQ(insert(handle, 0, noise(1)), 29u);
-    EXPECT_EQ(length(handle), 970u);
-}
-
 // ---- The watch over the disk space ----
 
 std::vector<std::pair<unsigned, uint64_t>> g_messages;
@@ -257,56 +240,6 @@ TEST_F(EditTest, DiskSpaceMessages) {
     unsigned const nQueries = platform_faults::count(Call::GetDiskFreeSpaceEx);
     write_with({0, {}});
     EXPECT_EQ(platform_faults::count(Call::GetDiskFreeSpaceEx), nQueries);
-}
-
-// ---- Random sessions against a plain byte string ----
-
-TEST_F(EditTest, RandomSessionsPlayWhatAPlainStringHolds) {
-    for (unsigned nSeed = 0; nSeed < 40; ++nSeed) {
-        SCOPED_TRACE(nSeed);
-        std::mt19937 random(nSeed);
-        auto const below = [&](size_t nLimit) {
-            return static_cast<uint32_t>(random() % (nLimit + 1));
-        };
-        std::string dictation = frames(10);
-        std::string undo = dictation; // the dictation that an undo gives
-        FFDHandle handle = open_with(m_sound, dictation + (nSeed % 2 != 0 ? id3v1_tag() : ""));
-        bool bUndoable = false;
-        for (unsigned nStep = 0; nStep < 60; ++nStep) {
-            uint32_t const nAt = below(dictation.size());
-            std::string const piece = noise(1 + below(300), nStep);
-            switch (below(3)) {
-            case 0:
-                ASSERT_EQ(insert(handle, nAt, piece), 0u);
-                dictation.insert(nAt, piece);
-                bUndoable = false;
-                break;
-            case 1:
-                ASSERT_EQ(overwrite(handle, nAt, piece), 0u);
-                dictation.replace(nAt, piece.size(), piece);
-                bUndoable = false;
-                break;
-            case 2: {
-                uint32_t const nBytes = 1 + below(300);
-                ASSERT_EQ(erase(handle, nAt, nBytes), 0u);
-                if (dictation.size() < 96 || nAt <= dictation.size() - 96) {
-                    undo = dictation;
-                    dictation.erase(nAt, nBytes);
-                    bUndoable = undo.size() != dictation.size();
-                }
-                break;
-            }
-            default:
-                if (bUndoable) {
-                    ASSERT_EQ(driver().UndoLast(handle), 0u);
-                    dictation = undo;
-                    bUndoable = false;
-                }
-            }
-            ASSERT_TRUE(same_bytes(read_all(handle), dictation)) << "step " << nStep;
-        }
-        close(handle);
-    }
 }
 
 } // namespace
