@@ -106,8 +106,7 @@ private:
     void create_status_file();
     void write_status();
     void read_status();
-    void check_status(DirEntry const* psEntries_p, DWORD dwNrOfEntries_p,
-                      DWORD dwCurrentPosInBy_p);
+    void check_status(DirEntry const* psEntries_p, DWORD dwNrOfEntries_p, DWORD dwCurrentPosInBy_p);
 
     // ---- Closing (Kivmp3Close.cpp) ----
     FFDError final_closing_work();

@@ -206,7 +206,8 @@ void CKivmp3::read_status() {
     m_oDirFile.ascertain_data_length();
 }
 
-// Nobody else can open the file while it counts, but what it holds is about to become the directory.
+// Nobody else can open the file while it counts, but what it holds is about to become the
+// directory.
 void CKivmp3::check_status(DirEntry const* psEntries_p, DWORD dwNrOfEntries_p,
                            DWORD dwCurrentPosInBy_p) {
     constexpr DWORD dwSizeOfFields = 24;
