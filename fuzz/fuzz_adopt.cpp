@@ -98,7 +98,8 @@ void check(FFDHandle handle) {
     REQUIRE(fuzz::length(handle) == nLength && nPosition <= nLength);
     fuzz::seek(handle, 0);
     FFDError status = 0;
-    REQUIRE(fuzz::read(handle, 0x10000, status) == expected);
+    uint32_t const nMore = static_cast<uint32_t>(expected.size()) + 16;
+    REQUIRE(fuzz::read(handle, nMore, status) == expected);
     REQUIRE(status == FFD_NOERROR || nLength == 0);
     fuzz::seek(handle, nPosition);
 }
@@ -185,7 +186,10 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* pbyData, size_t nBytes) {
         REQUIRE(closed.starts_with(head));
         REQUIRE(bAdopted || closed.ends_with(tag));
         FFDHandle const again = fuzz::open(SOUND, FFD_ACCESS_READ, status);
-        REQUIRE(again != nullptr || status == FFD_NO_MORE_FRAMES || closed == head);
+        // The last frame of a file that was cut stays cut, and with what follows it may look like
+        // one of another bitrate.
+        REQUIRE(again != nullptr || status == FFD_NO_MORE_FRAMES || status == FFD_NOT_SUPPORTED ||
+                closed == head);
         REQUIRE(again == nullptr || fuzz::close(again) == FFD_NOERROR);
     }
     fuzz::finish();
