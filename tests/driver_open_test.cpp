@@ -39,6 +39,11 @@ class OpenTest : public DriverTest {
 protected:
     std::string const m_file = path("a.mp3");
 
+    FFDHandle open_to_read(std::string const& contents) {
+        write_file(m_file, contents);
+        return open(m_file, 1);
+    }
+
     FFDError status_of(std::string const& contents, FFDDesiredAccess access = 1) {
         write_file(m_file, contents);
         if (FFDHandle const handle = open(m_file, access)) {
@@ -47,24 +52,15 @@ protected:
         return m_status;
     }
 
-    // The dictation of a file opened for reading.
     std::string dictation(std::string const& contents) {
-        write_file(m_file, contents);
-        FFDHandle const handle = open(m_file, 1);
-        if (handle == nullptr) {
-            return "no dictation, status " + std::to_string(m_status);
-        }
+        FFDHandle const handle = open_to_read(contents);
         std::string all = read_all(handle);
         close(handle);
         return all;
     }
 
     uint32_t length_of(std::string const& contents) {
-        write_file(m_file, contents);
-        FFDHandle const handle = open(m_file, 1);
-        if (handle == nullptr) {
-            return 0xFFFFFFFF;
-        }
+        FFDHandle const handle = open_to_read(contents);
         uint32_t const nLength = length(handle);
         close(handle);
         return nLength;
@@ -82,44 +78,32 @@ protected:
 // ---- Frames ----
 
 TEST_F(OpenTest, EveryBitrateAndSamplingRateHasItsFrameLength) {
-    // For each bitrate index: bytes per second of MPEG 1, and of MPEG 2 and 2.5; bytes of a frame.
     static constexpr uint16_t anRate[9] = {44100, 48000, 32000, 22050, 24000,
                                            16000, 11025, 12000, 8000};
-    static constexpr uint16_t aanRows[14][11] = {
-        {4000, 1000, 104, 96, 144, 26, 24, 36, 52, 48, 72},
-        {5000, 2000, 130, 120, 180, 52, 48, 72, 104, 96, 144},
-        {6000, 3000, 156, 144, 216, 78, 72, 108, 156, 144, 216},
-        {7000, 4000, 182, 168, 252, 104, 96, 144, 208, 192, 288},
-        {8000, 5000, 208, 192, 288, 130, 120, 180, 261, 240, 360},
-        {10000, 6000, 261, 240, 360, 156, 144, 216, 313, 288, 432},
-        {12000, 7000, 313, 288, 432, 182, 168, 252, 365, 336, 504},
-        {14000, 8000, 365, 336, 504, 208, 192, 288, 417, 384, 576},
-        {16000, 10000, 417, 384, 576, 261, 240, 360, 522, 480, 720},
-        {20000, 12000, 522, 480, 720, 313, 288, 432, 626, 576, 864},
-        {24000, 14000, 626, 576, 864, 365, 336, 504, 731, 672, 1008},
-        {28000, 16000, 731, 672, 1008, 417, 384, 576, 835, 768, 1152},
-        {32000, 18000, 835, 768, 1152, 470, 432, 648, 940, 864, 1296},
-        {40000, 20000, 1044, 960, 1440, 522, 480, 720, 1044, 960, 1440},
-    };
+    // Bytes per second: of MPEG 1, of MPEG 2 and 2.5.
+    static constexpr uint16_t aanSpeed[2][14] = {
+        {4000, 5000, 6000, 7000, 8000, 10000, 12000, 14000, 16000, 20000, 24000, 28000, 32000,
+         40000},
+        {1000, 2000, 3000, 4000, 5000, 6000, 7000, 8000, 10000, 12000, 14000, 16000, 18000, 20000}};
     for (unsigned n = 0; n < 14 * 9; ++n) {
-        auto const& row = aanRows[n / 9];
-        unsigned const nColumn = n % 9;
-        uint16_t const nFrame = row[2 + nColumn];
+        unsigned const nVersion = n % 9 / 3;
+        uint16_t const nRate = anRate[n % 9];
+        uint16_t const nSpeed = aanSpeed[nVersion == 0 ? 0 : 1][n / 9];
+        unsigned const nFrame = (nVersion == 0 ? 1152u : 576u) * nSpeed / nRate;
         unsigned const nMode = n % 4;
-        std::string header = {'\xFF', "\xFB\xF3\xE3"[nColumn / 3],
-                              static_cast<char>((n / 9 + 1) << 4 | nColumn % 3 << 2),
+        std::string header = {'\xFF', "\xFB\xF3\xE3"[nVersion],
+                              static_cast<char>((n / 9 + 1) << 4 | n % 3 << 2),
                               static_cast<char>(nMode << 6)};
         std::string contents = frame(header, nFrame);
         header[2] |= 2; // padding
-        contents += frame(header, nFrame + 1u) + contents;
-        SCOPED_TRACE(testing::Message() << "row " << n / 9 << " at " << anRate[nColumn]);
-        EXPECT_EQ(length_of(contents), 3u * nFrame + 1);
-        FFDHandle const handle = open(m_file, 1);
+        contents += frame(header, nFrame + 1) + contents;
+        SCOPED_TRACE(testing::Message() << nSpeed << " at " << nRate);
+        FFDHandle const handle = open_to_read(contents);
+        EXPECT_EQ(length(handle), 3 * nFrame + 1);
         uint16_t format[15] = {};
         EXPECT_EQ(driver().GetWfx(handle, format, 30), 0u);
-        EXPECT_THAT(format,
-                    ElementsAre(85, nMode == 3 ? 1 : 2, anRate[nColumn], 0,
-                                row[nColumn < 3 ? 0 : 1], 0, 1, 0, 12, 1, 0, 0, nFrame, 1, 1393));
+        EXPECT_THAT(format, ElementsAre(85, nMode == 3 ? 1 : 2, nRate, 0, nSpeed, 0, 1, 0, 12, 1, 0,
+                                        0, nFrame, 1, 1393));
         close(handle);
     }
 }
@@ -254,11 +238,8 @@ TEST_F(OpenTest, FailedOpenLeavesTheFilesAsTheyWere) {
     } const rows[] = {
         {"", 9},
         {"\xFF\xF3\x44", 9},
-        {std::string("Only text. ") + std::string(5000, 't'), 9},
-        {std::string(5000, '\0'), 9},
         {std::string(5000, '\xFF'), 9},
         {noise(200000), 9},
-        {id3v2_tag(300) + noise(60), 9},
         {id3v2_tag(300) + "TAG", 9},
         {id3v2_tag(300), 26}, // nothing behind it: met again, and longer than the file then
         {id3v2_tag(300).substr(0, 299), 26},
@@ -311,87 +292,38 @@ TEST_F(OpenTest, ReaderNeitherMakesNorHeedsADirectory) {
 }
 
 TEST_F(OpenTest, OnlyReadersShareAFile) {
-    for (auto const& [first, second, expected] :
-         std::vector<std::array<unsigned, 3>>{{1, 1, 0}, {1, 2, 29}, {2, 1, 29}, {2, 2, 29}}) {
-        SCOPED_TRACE(testing::Message() << first << " and then " << second);
-        FFDDesiredAccess const access = second;
-        FFDError const status = expected;
-        write_file(m_file, frames(3));
-        FFDHandle const handle = open(m_file, first);
-        EXPECT_EQ(crash_after([&] {
-                      open(m_file, access);
-                      EXPECT_EQ(m_status, status);
-                  }),
-                  0);
-        FFDHandle const other = open(m_file, access);
-        EXPECT_EQ(m_status, status);
-        EXPECT_EQ(read_all(handle), frames(3));
-        close(handle);
-        close(other == nullptr ? open(m_file, access) : other);
-    }
-}
-
-TEST_F(OpenTest, FailingPlatformCallsStopTheOpen) {
-    struct {
-        Call call;
-        FFDDesiredAccess access;
-        std::vector<FFDError> statuses; // with the first call failing, the second, all others
-    } const rows[] = {
-        {Call::CreateFile, 1, {29}},
-        {Call::CreateFile, 2, {29, 29, 29, 29}}, // marker, directory twice, sound file
-        {Call::GetFileSize, 1, {29}},
-        {Call::GetFileSize, 2, {29}},
-        {Call::ReadFile, 1, {29, 29, 29, 29}},
-        {Call::ReadFile, 2, {29, 29, 29, 29, 29}},
-        {Call::HeapAlloc, 1, {27}},
-        {Call::HeapAlloc, 2, {29, 27}}, // of the directory; of the block to read in
-        {Call::CreateFileMapping, 1, {29}},
-        {Call::MapViewOfFile, 1, {29}},
-    };
-    std::string const contents = id3v2_tag(100) + frames(2000);
-    write_file(m_file, contents);
-    for (auto const& row : rows) {
-        for (size_t nth = 1, nLast = row.statuses.size();; ++nth) {
-            SCOPED_TRACE(testing::Message() << "row " << &row - rows << ", call " << nth);
-            std::filesystem::remove(path("a.DIR"));
-            platform_faults::reset();
-            platform_faults::fail(row.call, static_cast<unsigned>(nth), 1117);
-            FFDHandle const handle = open(m_file, row.access);
-            if (handle != nullptr) {
-                EXPECT_GT(nth, nLast);
-                EXPECT_LT(platform_faults::count(row.call), nth) << "a failure was passed over";
-                EXPECT_EQ(length(handle), 192000u);
-                close(handle);
-                break;
-            }
-            EXPECT_EQ(m_status, row.statuses[std::min(nth, nLast) - 1]);
-            EXPECT_TRUE(read_file(m_file) == contents);
+    write_file(m_file, frames(3));
+    for (FFDDesiredAccess const first : BOTH) {
+        for (FFDDesiredAccess const second : BOTH) {
+            FFDHandle const handle = open(m_file, first);
+            FFDHandle const other = open(m_file, second);
+            EXPECT_EQ(m_status, first == 1 && second == 1 ? 0u : 29u);
+            EXPECT_EQ(read_all(handle), frames(3));
+            close(handle);
+            close(other == nullptr ? open(m_file, second) : other);
         }
     }
 }
 
 TEST_F(OpenTest, FilesUpTo4GiB) {
-    // Sixteen tags up to the last 288 bytes, so that only the end has to be searched.
-    auto const make_sparse = [&](uint64_t nSize, std::string const& audio) {
-        write_file(m_file, "");
-        std::filesystem::resize_file(m_file, nSize);
+    for (FFDDesiredAccess const access : BOTH) {
+        write_file(m_file, frames(3));
+        std::filesystem::resize_file(m_file, 4294967296);
+        EXPECT_EQ(open(m_file, access), nullptr);
+        EXPECT_EQ(m_status, 19u);
+    }
+    // Sixteen tags up to the last 288 bytes, so that only the end has to be searched. The second
+    // time the end cuts the last frame by 40 bytes.
+    for (size_t const nNoise : {0u, 40u}) {
+        std::string const audio = frames(3).substr(0, 288 - nNoise);
+        std::filesystem::resize_file(m_file, 4294967295);
         std::fstream out(m_file, std::ios::binary | std::ios::in | std::ios::out);
         for (std::streamoff n = 0; n < 15; ++n) {
             out.seekp(n * 268435465) << tag(bytes("\3\0\0\x7F\x7F\x7F\x7F"), "");
         }
         out.seekp(4026531975) << tag(bytes("\3\0\0\x7F\x7F\x7C\x4E"), "");
-        out.seekp(4294967007) << audio;
+        out.seekp(4294967007) << noise(nNoise) << audio;
         ASSERT_TRUE(out.flush().good());
-    };
-    for (FFDDesiredAccess const access : BOTH) {
-        make_sparse(4294967296, frames(3));
-        EXPECT_EQ(open(m_file, access), nullptr);
-        EXPECT_EQ(m_status, 19u);
-    }
-    // The second time the end cuts the last frame by 40 bytes.
-    for (size_t const nNoise : {0u, 40u}) {
-        std::string const audio = frames(3).substr(0, 288 - nNoise);
-        make_sparse(4294967295, noise(nNoise) + audio);
         FFDHandle const handle = open(m_file);
         EXPECT_EQ(file_size(handle), 4294967295u);
         EXPECT_EQ(read(handle, 0, 288), audio);
@@ -403,12 +335,13 @@ TEST_F(OpenTest, FilesUpTo4GiB) {
 }
 
 TEST_F(OpenTest, WalkReadsTheFileInLargeBlocks) {
-    write_file(m_file, frames(20000));
     platform_faults::reset();
-    FFDHandle const handle = open(m_file);
+    EXPECT_EQ(length_of(frames(20000)), 1920000u);
     EXPECT_LT(platform_faults::count(Call::Any), 300u);
-    EXPECT_EQ(length(handle), 1920000u);
-    close(handle);
+    // One that can't be read is not the end of the audio.
+    platform_faults::fail(Call::ReadFile, platform_faults::count(Call::ReadFile), 1117);
+    EXPECT_EQ(open(m_file, 1), nullptr);
+    EXPECT_EQ(m_status, 29u);
 }
 
 // ---- Position and info ----
@@ -427,8 +360,8 @@ TEST_F(OpenTest, LengthComesFromWholeMilliseconds) {
         {frames(1) + noise(1) + frames(1), 193, 192},
     };
     for (auto const& row : rows) {
-        EXPECT_EQ(length_of(row.contents), row.nLength);
-        FFDHandle const handle = open(m_file, 1);
+        FFDHandle const handle = open_to_read(row.contents);
+        EXPECT_EQ(length(handle), row.nLength);
         uint32_t nLength = 0;
         EXPECT_EQ(driver().GetSoundDataLength(handle, &nLength), 0u);
         EXPECT_EQ(nLength, row.nFromMilliseconds);
