@@ -1,0 +1,253 @@
+// The stored status: the bytes of its file, what a restore brings back and what it leaves, and a
+// store that can't be.
+
+#include "tests/driver_folder.h"
+
+#include <gmock/gmock.h>
+
+#include <ctime>
+
+namespace fs = std::filesystem;
+using platform_faults::Call;
+using ::testing::ElementsAre;
+
+namespace {
+
+// The clock of this program: a second passes with each look at it (the linker puts this in the
+// place of time). Its seconds don't fit 32 bits.
+time_t g_nSeconds = 0;
+
+class StatusTest : public FolderTest {
+protected:
+    StatusTest() { g_nSeconds = 5000000000; }
+
+    static FFDError store(FFDHandle handle) { return driver().StoreActualFileStatus(handle); }
+    static FFDError restore(FFDHandle handle) { return driver().RestoreFileStatus(handle); }
+
+    static uint32_t sound_length(FFDHandle handle) {
+        uint32_t nLength = 0;
+        EXPECT_EQ(driver().GetSoundDataLength(handle, &nLength), 0u);
+        return nLength;
+    }
+
+    // The one .csf file in the folder, "" if there is none.
+    std::string csf() const {
+        std::string found;
+        for (std::string const& name : listing()) {
+            if (name.size() > 4 && name.substr(name.size() - 4) == ".csf") {
+                EXPECT_EQ(found, "");
+                found = path(name);
+            }
+        }
+        return found;
+    }
+
+    std::string const m_audio = frames(10); // 240 ms
+};
+
+} // namespace
+
+extern "C" time_t __wrap_time(time_t* pSeconds);
+
+extern "C" time_t __wrap_time(time_t* pSeconds) {
+    ++g_nSeconds;
+    return pSeconds == nullptr ? g_nSeconds : *pSeconds = g_nSeconds;
+}
+
+namespace {
+
+TEST_F(StatusTest, TheFileToTheByte) {
+    FFDHandle const handle = open_with(m_sound, m_audio);
+    seek(handle, 500);
+    ASSERT_EQ(store(handle), 0u);
+    EXPECT_THAT(listing(), ElementsAre("5000000002.csf", "a.DIR", "a.mp3"));
+    EXPECT_EQ(read_file(csf()), std::string("\1\0\0\0"
+                                            "\1\0\0\0\0\0\0\0\xC0\3\0\0"
+                                            "\0\0\0\0\0\0\0\0"
+                                            "\xF4\1\0\0\0\0\0\0\xF0\0\0\0",
+                                            36));
+    // The next store counts alone; deleted entries and their marks are in it.
+    ASSERT_EQ(erase(handle, 96, 192), 0u);
+    ASSERT_EQ(store(handle), 0u);
+    EXPECT_THAT(listing(), ElementsAre("5000000004.csf", "a.DIR", "a.mp3"));
+    EXPECT_EQ(read_file(csf()), std::string("\3\0\0\0"
+                                            "\1\0\0\0\0\0\0\0\x60\0\0\0"
+                                            "\xB\0\0\0\x60\0\0\0\x20\1\0\0"
+                                            "\1\0\0\0\x20\1\0\0\xC0\3\0\0"
+                                            "\0\0\0\0\0\0\0\0"
+                                            "\x60\0\0\0\0\0\0\0\xC0\0\0\0",
+                                            60));
+    // Nobody else gets at it.
+    EXPECT_EQ(CreateFileA(csf().c_str(), GENERIC_READ, 3, nullptr, 3, 0, nullptr),
+              INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), 32u);
+    close(handle);
+    EXPECT_THAT(listing(), ElementsAre("a.mp3"));
+}
+
+TEST_F(StatusTest, WhatARestoreBringsBack) {
+    using Session = std::function<void(FFDHandle)>;
+    std::string const deleted = m_audio.substr(0, 96) + m_audio.substr(288);
+    Session const nothing = [](FFDHandle) {};
+    Session const erase_some = [](FFDHandle h) { EXPECT_EQ(erase(h, 96, 192), 0u); };
+    Session const write_some = [](FFDHandle h) {
+        EXPECT_EQ(insert(h, 0, frames(2, 3)), 0u);
+        EXPECT_EQ(overwrite(h, 480, frames(2, 4)), 0u);
+    };
+    Session const erase_and_undo = [=](FFDHandle h) {
+        erase_some(h);
+        EXPECT_EQ(driver().UndoLast(h), 0u);
+    };
+    struct {
+        char const* pszName;
+        Session before, after; // the store
+        std::string dictation;
+        FFDError undo;
+        std::string undone;
+    } const rows[] = {
+        {"nothing", nothing, nothing, m_audio, 24, m_audio},
+        {"delete", nothing, erase_some, m_audio, 24, m_audio},
+        {"write", nothing, write_some, m_audio, 24, m_audio},
+        {"delete and undo", nothing, erase_and_undo, m_audio, 24, m_audio},
+        {"marks travel", erase_some, nothing, deleted, 0, m_audio},
+        {"marks come back", erase_some, [](FFDHandle h) { EXPECT_EQ(driver().UndoLast(h), 0u); },
+         deleted, 0, m_audio},
+        {"marks come back behind another delete", erase_some, erase_some, deleted, 0, m_audio},
+    };
+    for (auto const& row : rows) {
+        SCOPED_TRACE(row.pszName);
+        FFDHandle const handle = open_with(m_sound, m_audio);
+        EXPECT_EQ(restore(handle), 33u);
+        row.before(handle);
+        seek(handle, 288);
+        uint32_t const nSoundLength = sound_length(handle);
+        ASSERT_EQ(store(handle), 0u);
+        for (int nTime = 0; nTime < 2; ++nTime) { // the snapshot stays
+            row.after(handle);
+            std::string const dir = read_file(path("a.DIR"));
+            uint32_t nFileSize = 0;
+            uint32_t nFileSizeThen = 0;
+            EXPECT_EQ(driver().GetDictationFileSize(handle, &nFileSize), 0u);
+            EXPECT_EQ(restore(handle), 0u);
+            EXPECT_EQ(position(handle), 288u);
+            EXPECT_TRUE(same_bytes(read_all(handle), row.dictation));
+            EXPECT_EQ(sound_length(handle), nSoundLength);
+            EXPECT_EQ(driver().GetDictationFileSize(handle, &nFileSizeThen), 0u);
+            EXPECT_EQ(nFileSizeThen, nFileSize);
+            EXPECT_TRUE(same_bytes(read_file(path("a.DIR")), dir)); // no flush
+        }
+        EXPECT_EQ(driver().UndoLast(handle), row.undo);
+        EXPECT_TRUE(same_bytes(read_all(handle), row.undone));
+        close(handle);
+        // What was written behind the store is gone, though no entry is marked deleted.
+        EXPECT_TRUE(same_bytes(read_file(m_sound), row.undone));
+        EXPECT_THAT(listing(), ElementsAre("a.mp3"));
+    }
+}
+
+TEST_F(StatusTest, WhatARestoreLeaves) {
+    FFDHandle const handle = open_with(m_sound, m_audio);
+    seek(handle, 96);
+    ASSERT_EQ(store(handle), 0u);
+    // A read handle is as stale as its position.
+    std::string buffer(96, '\0');
+    auto const read_behind_restore = [&](uint32_t nPosition) {
+        seek(handle, nPosition);
+        FFDReadHandle* pReadHandle = nullptr;
+        EXPECT_EQ(driver().GetSizeOfData(handle, 96, &pReadHandle), 0u);
+        EXPECT_EQ(restore(handle), 0u);
+        return driver().ReadData(handle, pReadHandle, 96,
+                                 reinterpret_cast<uint8_t*>(buffer.data()));
+    };
+    EXPECT_EQ(read_behind_restore(192), 11u);
+    EXPECT_EQ(read_behind_restore(96), 0u);
+    EXPECT_EQ(buffer, m_audio.substr(96, 96));
+
+    // A later write goes behind what the restore has dropped.
+    ASSERT_EQ(insert(handle, 0, frames(2, 3)), 0u);
+    ASSERT_EQ(restore(handle), 0u);
+    ASSERT_EQ(insert(handle, 480, frames(1, 4)), 0u);
+    EXPECT_TRUE(same_bytes(read_file(m_sound), m_audio + frames(2, 3) + frames(1, 4)));
+    close(handle);
+    EXPECT_TRUE(same_bytes(read_file(m_sound),
+                           m_audio.substr(0, 480) + frames(1, 4) + m_audio.substr(480)));
+}
+
+// A last frame that the end of the file cuts short is counted whole; behind a store new audio must
+// not become the rest of it.
+TEST_F(StatusTest, AStoreCutsTheEntriesToTheFile) {
+    FFDHandle const handle = open_with(m_sound, m_audio.substr(0, 930));
+    seek(handle, 960);
+    ASSERT_EQ(store(handle), 0u);
+    ASSERT_EQ(insert(handle, 0, frames(2, 3)), 0u);
+    ASSERT_EQ(restore(handle), 0u);
+    EXPECT_EQ(position(handle), 930u);
+    EXPECT_TRUE(same_bytes(read_all(handle), m_audio.substr(0, 930)));
+}
+
+TEST_F(StatusTest, StoresThatFail) {
+    FFDHandle const reader = (write_file(m_sound, m_audio), open(m_sound, 1));
+    EXPECT_EQ(store(reader), 34u);
+    EXPECT_EQ(restore(reader), 34u);
+    EXPECT_THAT(listing(), ElementsAre("a.mp3"));
+    close(reader);
+
+    FFDHandle const handle = open(m_sound);
+    ASSERT_EQ(erase(handle, 96, 192), 0u);
+    seek(handle, 200);
+    std::string const dictation = read_all(handle);
+    auto const taken = [this](time_t nSeconds) { // from the first that a store tries
+        return [=, this] {
+            for (time_t nName = g_nSeconds + 2; nName < g_nSeconds + 2 + nSeconds; ++nName) {
+                write_file(path(std::to_string(nName) + ".csf"), "taken");
+            }
+        };
+    };
+    struct Row {
+        char const* pszName;
+        std::function<void()> arrange;
+        FFDError status;
+    };
+    auto const temp = [](std::string const& directory) {
+        return [directory] { setenv("TMPDIR", directory.c_str(), 1); };
+    };
+    std::vector<Row> rows = {
+        {"name taken for two seconds", taken(2), 0},
+        {"name taken for three seconds", taken(3), 29},
+        {"no such directory", temp(path("none")), 29},
+        {"a file for a directory", temp(m_sound), 29},
+        {"no temporary directory", [] { platform_faults::fail(Call::GetTempPath, 1, 3); }, 29},
+        {"not allowed", [] { platform_faults::fail(Call::CreateFile, 1, 5); }, 29},
+        {"directory of 260 characters", temp("/" + std::string(259, 'd')), 29},
+        {"a name that does not fit", temp(folder() + std::string(250 - folder().size(), 'd')), 29},
+        {"rewind", [] { platform_faults::fail(Call::SetFilePointer, 1, 1117); }, 29},
+    };
+    for (unsigned nWrite = 1; nWrite <= 6; ++nWrite) {
+        rows.push_back({"write", [=] { platform_faults::fail(Call::WriteFile, nWrite, 112); }, 29});
+        rows.push_back({"short", [=] { platform_faults::halve(Call::WriteFile, nWrite, 0); }, 29});
+    }
+    for (Row const& row : rows) {
+        SCOPED_TRACE(row.pszName);
+        ASSERT_EQ(store(handle), 0u); // whatever comes of the next one, this one is over
+        row.arrange();
+        EXPECT_EQ(store(handle), row.status);
+        platform_faults::reset();
+        setenv("TMPDIR", folder().c_str(), 1);
+        EXPECT_EQ(position(handle), 200u);
+        EXPECT_TRUE(same_bytes(read_all(handle), dictation));
+        EXPECT_EQ(restore(handle), row.status == 0 ? 0u : 33u);
+        EXPECT_TRUE(same_bytes(read_all(handle), dictation));
+        for (std::string const& name : listing()) {
+            if (name.find(".csf") == 10 && fs::file_size(path(name)) == 5) {
+                fs::remove(path(name)); // still there, and not the driver's
+            }
+        }
+        EXPECT_EQ(csf().empty(), row.status != 0);
+    }
+    EXPECT_EQ(driver().UndoLast(handle), 0u);
+    close(handle);
+    EXPECT_TRUE(same_bytes(read_file(m_sound), m_audio));
+    EXPECT_THAT(listing(), ElementsAre("a.mp3"));
+}
+
+} // namespace
