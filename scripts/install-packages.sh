@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Installs what building and testing need on Debian 12, as root or through sudo. What is there
-# already is left alone: with nothing missing this asks no registry and no password.
+# install-packages.sh [PACKAGE...]: installs what building and testing need on Debian 12, and these
+# packages, as root or through sudo. What is there already is left alone: with nothing missing this
+# asks no registry and no password.
 set -euo pipefail
 
 packages=(
@@ -10,6 +11,7 @@ packages=(
     ffmpeg mpg123 mp3check mp3val     # judge the files that the driver leaves
     valgrind
     clang-14 libclang-rt-14-dev       # the fuzz targets
+    "$@"
 )
 
 command -v dpkg-query >/dev/null || {

@@ -1,0 +1,14 @@
+# The driver at the limits of files and paths, and between processes.
+foreach(subject limits processes)
+    add_kiv_test(driver_${subject}_test LIBRARIES driver_fixture
+        SOURCES driver_${subject}_test.cpp driver_quick_clock.cpp driver_no_sync.cpp)
+    target_link_options(driver_${subject}_test PRIVATE -Wl,--wrap=time)
+endforeach()
+
+# The process tests step in in front of these calls.
+foreach(call CreateFileA CloseHandle DeleteFileA MoveFileA)
+    target_link_options(driver_processes_test PRIVATE -Wl,--wrap=${call})
+endforeach()
+
+# Every short session, over the platform layer in memory.
+add_kiv_test(session_test SOURCES session_test.cpp LIBRARIES xkivmp3_memory)
