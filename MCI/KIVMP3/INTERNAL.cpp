@@ -56,7 +56,8 @@ DWORD KIVMP3_release_file(HANDLE* rhFile_p) {
 }
 
 BOOL KIVMP3_free_block(void* pvBlock_p) {
-    return HeapFree(GetProcessHeap(), 0, pvBlock_p) || HeapFree(GetProcessHeap(), 0, pvBlock_p);
+    BOOL const bFreed = HeapFree(GetProcessHeap(), 0, pvBlock_p);
+    return bFreed ? bFreed : HeapFree(GetProcessHeap(), 0, pvBlock_p);
 }
 
 int KIVMP3_read_file(HANDLE hFile, void* pBuffer, DWORD dwBytesToRead_p, DWORD* pdwBytesRead) {
