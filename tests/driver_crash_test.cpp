@@ -38,7 +38,7 @@ std::vector<Step> session() {
             piece, true);
     };
     auto const erase = [&](uint32_t at, uint32_t bytes) {
-        std::string const erased = d.substr(at, bytes);
+        std::string erased = d.substr(at, bytes);
         d.erase(at, bytes);
         add(
             [=](FFDHandle h) {
