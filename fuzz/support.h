@@ -3,7 +3,7 @@
 #pragma once
 
 #include "ffd.h"
-#include "tests/memory_platform.h"
+#include "platform/memory_platform.h"
 
 #include <cstddef>
 #include <cstdint>

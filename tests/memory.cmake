@@ -6,6 +6,6 @@ add_library(xkivmp3_memory STATIC
     ${driver_sources}
     ${CMAKE_SOURCE_DIR}/platform/posix_errors.cpp
     ${CMAKE_SOURCE_DIR}/platform/posix_paths.cpp
-    ${CMAKE_CURRENT_LIST_DIR}/memory_platform.cpp)
+    ${CMAKE_SOURCE_DIR}/platform/memory_platform.cpp)
 target_link_libraries(xkivmp3_memory PUBLIC kiv_common xkivlog)
 target_link_options(xkivmp3_memory INTERFACE -Wl,--wrap=time)

@@ -7,7 +7,7 @@
 // ones there are.
 
 #include "tests/driver_fixture.h"
-#include "tests/memory_platform.h"
+#include "platform/memory_platform.h"
 
 #include <algorithm>
 #include <cstdlib>

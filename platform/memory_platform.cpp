@@ -2,7 +2,7 @@
 // links, directories (each one is there), requests that the driver never makes, and what a flush
 // does. Paths and error numbers come from the layer that ships. A handle is never given out twice,
 // so that its use after the close is error 6.
-#include "tests/memory_platform.h"
+#include "platform/memory_platform.h"
 
 #include "platform/posix_errors.h"
 
