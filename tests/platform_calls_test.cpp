@@ -7,7 +7,6 @@
 #include <cstdarg>
 #include <fcntl.h>
 #include <functional>
-#include <gtest/gtest.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -122,35 +121,31 @@ int fsync(int fd) {
 
 namespace {
 
-class PlatformCalls : public testing::Test {
+class PlatformCalls : public PlatformTest {
 protected:
-    void SetUp() override { g_behaviour = {}; }
-    void TearDown() override { g_behaviour = {}; }
-    ScratchDirectory const scratch;
+    PlatformCalls() { g_behaviour = {}; }
+    ~PlatformCalls() override { g_behaviour = {}; }
 };
 
 TEST_F(PlatformCalls, TransfersGoOnAfterInterruptionsAndShortPieces) {
     g_behaviour.interruptsAndSplits = true;
-    make_file(scratch / "a", "0123456789");
-    EXPECT_EQ(text_of(scratch / "a"), "0123456789");
+    make_file(a, "0123456789");
+    EXPECT_EQ(text_of(a), "0123456789");
     EXPECT_GE(g_behaviour.calls, 16u);
     g_behaviour.readError = EIO;
-    EXPECT_EQ(text_of(scratch / "a"), "error 1117");
+    EXPECT_EQ(text_of(a), "error 1117");
 }
 
 TEST_F(PlatformCalls, RenamingWhereNothingRenamesWithoutReplacing) {
-    std::string const a = scratch / "a";
-    std::string const b = scratch / "b";
     make_file(a, "a");
     make_file(b, "b");
     for (int const error : {EINVAL, ENOSYS}) {
         g_behaviour.renameError = error;
-        EXPECT_EQ(error_unless(MoveFileA(a.c_str(), b.c_str())), 183u);
-        EXPECT_EQ(text_of(a), "a");
-        EXPECT_EQ(text_of(b), "b");
-        EXPECT_TRUE(MoveFileA(a.c_str(), (scratch / "c").c_str()));
-        EXPECT_TRUE(MoveFileA((scratch / "c").c_str(), a.c_str()));
-        EXPECT_FALSE(std::filesystem::exists(scratch / "c"));
+        EXPECT_EQ(rename_error(a, b), 183u);
+        EXPECT_EQ(text_of(a) + text_of(b), "ab");
+        EXPECT_EQ(rename_error(a, path("c")), 0u);
+        EXPECT_EQ(rename_error(path("c"), a), 0u);
+        EXPECT_FALSE(std::filesystem::exists(path("c")));
         EXPECT_EQ(text_of(a), "a");
     }
 }
@@ -158,64 +153,56 @@ TEST_F(PlatformCalls, RenamingWhereNothingRenamesWithoutReplacing) {
 TEST_F(PlatformCalls, WhereThereAreNoLocksFilesStillOpen) {
     for (int const error : {ENOLCK, EOPNOTSUPP, EINVAL}) {
         g_behaviour.lockError = error;
-        make_file(scratch / "a", "old");
-        HANDLE alone = open_file(scratch / "a", READ, 0);
-        EXPECT_EQ(text_of(scratch / "a"), "old") << error;
-        EXPECT_TRUE(CloseHandle(alone));
-        EXPECT_TRUE(DeleteFileA((scratch / "a").c_str()));
+        make_file(a, "old");
+        {
+            Opened const alone(a, READ, 0);
+            EXPECT_EQ(text_of(a), "old") << error;
+        }
+        EXPECT_EQ(remove_error(a), 0u);
     }
 }
 
 TEST_F(PlatformCalls, TheGateIsWaitedForAndLeft) {
-    std::string const a = scratch / "a";
     g_behaviour.gateTakenByOthers = 5;
     make_file(a, "old");
     EXPECT_EQ(g_behaviour.gateTakenByOthers, 0u);
     EXPECT_FALSE(g_behaviour.gateHeld);
-    EXPECT_TRUE(MoveFileA(a.c_str(), (scratch / "b").c_str()));
-    EXPECT_TRUE(MoveFileA((scratch / "b").c_str(), a.c_str()));
+    EXPECT_EQ(rename_error(a, b), 0u);
+    EXPECT_EQ(rename_error(b, a), 0u);
     EXPECT_EQ(g_behaviour.locksSetOutsideTheGate, 0u);
     // One who never leaves it is waited for, but not for ever.
     g_behaviour.clockJumps = true;
     g_behaviour.gateTakenByOthers = 1000;
     EXPECT_EQ(open_error(a, READ_WRITE, 0, 2), 32u);
-    EXPECT_EQ(error_unless(DeleteFileA(a.c_str())), 32u);
+    EXPECT_EQ(remove_error(a), 32u);
     EXPECT_GT(g_behaviour.gateTakenByOthers, 900u);
     g_behaviour = {};
     EXPECT_EQ(text_of(a), "old");
 }
 
 TEST_F(PlatformCalls, AFileThatTakesTheNameMeanwhileIsTheOneThatCounts) {
-    std::string const a = scratch / "a";
-    std::string const other = scratch / "other";
-    std::vector<std::function<BOOL()>> const attempts{
-        [&] { return DeleteFileA(a.c_str()); },
-        [&] { return MoveFileA(a.c_str(), (scratch / "b").c_str()); },
-        [&] { return open_error(a, READ_WRITE, 0) == 0; },
-        [&] { return open_error(a, READ_WRITE, 0, 2) == 0; },
-    };
-    for (std::function<BOOL()> const& attempt : attempts) {
+    for (auto const& attempt : std::vector<std::function<DWORD()>>{
+             [this] { return remove_error(a); },
+             [this] { return rename_error(a, path("c")); },
+             [this] { return open_error(a, READ_WRITE, 0); },
+             [this] { return open_error(a, READ_WRITE, 0, 2); },
+         }) {
         make_file(a, "old");
-        make_file(other, "new");
-        HANDLE held = open_file(other, READ, 3);
-        g_behaviour.atTheGate = [&] { std::filesystem::rename(other, a); };
-        EXPECT_EQ(error_unless(attempt()), 32u);
-        EXPECT_EQ(read_text(held), "new");
-        EXPECT_TRUE(CloseHandle(held));
+        make_file(b, "new");
+        Opened const held(b, READ, 3);
+        g_behaviour.atTheGate = [this] { std::filesystem::rename(b, a); };
+        EXPECT_EQ(attempt(), 32u);
         EXPECT_EQ(text_of(a), "new");
     }
 }
 
 TEST_F(PlatformCalls, AFlushBringsANewNameToTheDiskOnce) {
-    HANDLE file = open_file(scratch / "a", READ_WRITE, 0, 1);
-    EXPECT_TRUE(FlushFileBuffers(file));
-    EXPECT_TRUE(FlushFileBuffers(file));
-    EXPECT_EQ(g_behaviour.directoryFlushes, 1u);
-    CloseHandle(file);
-    file = open_file(scratch / "a", READ_WRITE, 0, 2);
-    EXPECT_TRUE(FlushFileBuffers(file));
-    EXPECT_EQ(g_behaviour.directoryFlushes, 1u);
-    CloseHandle(file);
+    for (DWORD const disposition : {1, 2}) {
+        Opened const file(a, READ_WRITE, 0, disposition);
+        EXPECT_TRUE(FlushFileBuffers(file));
+        EXPECT_TRUE(FlushFileBuffers(file));
+        EXPECT_EQ(g_behaviour.directoryFlushes, 1u);
+    }
 }
 
 } // namespace

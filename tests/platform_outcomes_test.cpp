@@ -3,219 +3,157 @@
 // over the platform's own calls.
 #include "tests/platform_support.h"
 
-#include <functional>
-#include <gtest/gtest.h>
-#include <memory>
 #include <optional>
 
 namespace {
 
 using std::string;
+using PlatformOutcomes = PlatformTest;
 
-// A handle that closes itself.
-class Opened {
-public:
-    Opened(string const& path, DWORD access, DWORD share, DWORD disposition = 3, DWORD flags = 0)
-        : m_handle(open_file(path, access, share, disposition, flags)) {
-        EXPECT_NE(m_handle, INVALID_HANDLE_VALUE) << path << ": " << GetLastError();
-    }
-    ~Opened() { CloseHandle(m_handle); }
-    Opened(Opened const&) = delete;
-    Opened& operator=(Opened const&) = delete;
-    operator HANDLE() const { return m_handle; }
-
-private:
-    HANDLE m_handle;
-};
-
-struct Case {
+// Calls are made in the order of the rows.
+struct Outcome {
     char const* name;
     DWORD expected;
-    std::function<DWORD()> run;
+    DWORD got;
 };
 
-void expect_all(std::vector<Case> const& cases) {
-    for (Case const& one : cases)
-        EXPECT_EQ(one.run(), one.expected) << one.name;
+void expect_all(std::vector<Outcome> const& outcomes) {
+    for (Outcome const& one : outcomes)
+        EXPECT_EQ(one.got, one.expected) << one.name;
 }
 
-TEST(PlatformOutcomes, ShareModesInOneProcess) {
-    ScratchDirectory const scratch;
-    string const path = scratch / "a";
-    make_file(path, "old");
+TEST_F(PlatformOutcomes, ShareModesInOneProcess) {
+    make_file(a, "old");
     for (Sharing const& first : all_sharings()) {
-        Opened const held(path, first.access, first.share);
-        for (Sharing const& second : all_sharings())
-            EXPECT_EQ(open_error(path, second.access, second.share), expected_error(first, second))
-                << describe(first) << " then " << describe(second);
+        Opened const held(a, first.access, first.share);
+        expect_shared(a, first);
     }
-    // The opens of the driver, spelled out: the sound file, and the directory file beside it.
-    Opened const editor(path, READ_WRITE, 3);
-    Opened const secondEditor(path, READ_WRITE, 3);
-    EXPECT_EQ(open_error(path, READ, 1), 32u);
-    Opened const directoryFile(scratch / "a.DIR", READ_WRITE, 1, 2);
-    EXPECT_EQ(open_error(scratch / "a.DIR", READ_WRITE, 1), 32u);
-    EXPECT_EQ(open_error(scratch / "a.DIR", READ_WRITE, 1, 2), 32u);
-    EXPECT_EQ(open_error(scratch / "a.DIR", READ, 3), 0u);
+    Opened const editor(a, READ_WRITE, 3);
+    Opened const directoryFile(b, READ_WRITE, 1, 2);
+    expect_all({{"a second editor", 0, open_error(a, READ_WRITE, 3)},
+                {"a reader beside an editor", 32, open_error(a, READ, 1)},
+                {"a second owner", 32, open_error(b, READ_WRITE, 1)},
+                {"a second owner, to empty it", 32, open_error(b, READ_WRITE, 1, 2)},
+                {"a look at what is owned", 0, open_error(b, READ, 3)}});
 }
 
-TEST(PlatformOutcomes, ARefusedOpenLeavesNoTrace) {
-    ScratchDirectory const scratch;
-    string const path = scratch / "a";
-    make_file(path, "old");
+TEST_F(PlatformOutcomes, ARefusedOpenLeavesNoTrace) {
+    make_file(a, "old");
     {
-        Opened const reader(path, READ, 1);
-        EXPECT_EQ(open_error(path, READ_WRITE, 3, 2), 32u);
-        EXPECT_EQ(open_error(path, READ_WRITE, 3, 5), 32u);
-        EXPECT_EQ(open_error(path, READ, 3, 2), 32u); // to empty it is to write
-        EXPECT_EQ(open_error(path, READ, 0, 3, 0x04000000), 32u);
+        Opened const reader(a, READ, 1);
+        expect_all({{"create", 32, open_error(a, READ_WRITE, 3, 2)},
+                    {"empty", 32, open_error(a, READ_WRITE, 3, 5)},
+                    {"to empty it is to write", 32, open_error(a, READ, 3, 2)},
+                    {"delete on close", 32, open_error(a, READ, 0, 3, DELETE_ON_CLOSE)},
+                    {"read", 0, open_error(a, READ, 1)}});
         EXPECT_EQ(read_text(reader), "old");
-        EXPECT_EQ(open_error(path, READ, 1), 0u);
     }
-    EXPECT_EQ(open_error(path, READ_WRITE, 0), 0u);
-    EXPECT_EQ(text_of(path), "old");
+    EXPECT_EQ(open_error(a, READ_WRITE, 0), 0u);
+    EXPECT_EQ(text_of(a), "old");
 }
 
-TEST(PlatformOutcomes, ErrorNumbersOfOpening) {
-    ScratchDirectory const scratch;
-    string const old = scratch / "old";
-    string const missing = scratch / "missing";
-    string const noDirectory = scratch / "none/a";
-    make_file(old, "old");
-    auto const opening = [](string const& path, DWORD access, DWORD disposition, DWORD share = 0) {
-        return [=] { return open_error(path, access, share, disposition); };
-    };
-    expect_all({
-        {"existing", 0, opening(old, READ, 3)},
-        {"missing", 2, opening(missing, READ, 3)},
-        {"missing, to be emptied", 2, opening(missing, READ_WRITE, 5)},
-        {"missing directory", 3, opening(noDirectory, READ, 3)},
-        {"create in a missing directory", 3, opening(noDirectory, READ_WRITE, 1)},
-        {"create always in a missing directory", 3, opening(noDirectory, READ_WRITE, 2)},
-        {"a file as a directory", 3, opening(old + "/a", READ, 3)},
-        {"empty path", 3, opening("", READ, 3)},
-        {"a directory, to read", 5, opening(scratch.path(), READ, 3)},
-        {"a directory, to write", 5, opening(scratch.path(), READ_WRITE, 3)},
-        {"create new on an existing name", 80, opening(old, READ_WRITE, 1)},
-        {"empty without write access", 87, opening(old, READ, 5)},
-        {"disposition 0", 87, opening(old, READ, 0)},
-        {"disposition 6", 87, opening(old, READ, 6)},
-        {"an unknown share mode", 87, opening(old, READ, 3, 8)},
-    });
-    EXPECT_FALSE(std::filesystem::exists(missing));
-    EXPECT_EQ(text_of(old), "old");
-}
-
-TEST(PlatformOutcomes, Dispositions) {
+TEST_F(PlatformOutcomes, Dispositions) {
     struct Row {
-        DWORD disposition;
-        std::optional<string> onMissing; // what is there afterwards
-        std::optional<string> onExisting;
+        DWORD disposition, errorOnMissing, errorOnExisting;
+        char const* textOfExisting; // afterwards
     };
-    ScratchDirectory const scratch;
-    for (Row const& row : std::vector<Row>{{1, "", "old"},
-                                           {2, "", ""},
-                                           {3, std::nullopt, "old"},
-                                           {4, "", "old"},
-                                           {5, std::nullopt, ""}}) {
-        string const name = "d" + std::to_string(row.disposition);
-        make_file(scratch / (name + "old"), "old");
-        open_error(scratch / name, READ_WRITE, 0, row.disposition);
-        open_error(scratch / (name + "old"), READ_WRITE, 0, row.disposition);
-        EXPECT_EQ(std::filesystem::exists(scratch / name), row.onMissing.has_value()) << name;
-        if (row.onMissing) {
-            EXPECT_EQ(text_of(scratch / name), *row.onMissing) << name;
-        }
-        EXPECT_EQ(text_of(scratch / (name + "old")), *row.onExisting) << name;
+    for (Row const& row : std::vector<Row>{
+             {1, 0, 80, "old"}, {2, 0, 0, ""}, {3, 2, 0, "old"}, {4, 0, 0, "old"}, {5, 2, 0, ""}}) {
+        make_file(a, "old");
+        EXPECT_EQ(open_error(a, READ_WRITE, 0, row.disposition), row.errorOnExisting);
+        EXPECT_EQ(text_of(a), row.textOfExisting) << row.disposition;
+        EXPECT_EQ(open_error(b, READ_WRITE, 0, row.disposition), row.errorOnMissing);
+        EXPECT_EQ(std::filesystem::exists(b), row.errorOnMissing == 0) << row.disposition;
+        EXPECT_EQ(remove_error(b), row.errorOnMissing) << row.disposition;
     }
 }
 
-TEST(PlatformOutcomes, RemovingAndRenaming) {
-    ScratchDirectory const scratch;
-    string const a = scratch / "a";
-    string const b = scratch / "b";
+TEST_F(PlatformOutcomes, ErrorNumbersOfOpening) {
+    make_file(a, "old");
+    string const nowhere = path("none/a");
+    expect_all({
+        {"missing directory", 3, open_error(nowhere, READ, 0)},
+        {"create in a missing directory", 3, open_error(nowhere, READ_WRITE, 0, 1)},
+        {"create always in a missing directory", 3, open_error(nowhere, READ_WRITE, 0, 2)},
+        {"a file as a directory", 3, open_error(a + "/a", READ, 0)},
+        {"empty path", 3, open_error("", READ, 0)},
+        {"a directory, to read", 5, open_error(folder.string(), READ, 0)},
+        {"a directory, to write", 5, open_error(folder.string(), READ_WRITE, 0)},
+        {"empty without write access", 87, open_error(a, READ, 0, 5)},
+        {"disposition 0", 87, open_error(a, READ, 0, 0)},
+        {"disposition 6", 87, open_error(a, READ, 0, 6)},
+        {"an unknown share mode", 87, open_error(a, READ, 8)},
+    });
+    EXPECT_EQ(text_of(a), "old");
+}
+
+TEST_F(PlatformOutcomes, RemovingAndRenaming) {
     make_file(a, "a");
     make_file(b, "b");
-    auto const removing = [](string const& path) {
-        return [=] { return error_unless(DeleteFileA(path.c_str())); };
-    };
-    auto const renaming = [](string const& from, string const& to) {
-        return [=] { return error_unless(MoveFileA(from.c_str(), to.c_str())); };
-    };
-    std::vector<Case> const refused{
-        {"remove a missing file", 2, removing(scratch / "none")},
-        {"remove in a missing directory", 3, removing(scratch / "none/a")},
-        {"remove the empty path", 3, removing("")},
-        {"remove a directory", 5, removing(scratch.path())},
-        {"rename a missing file", 2, renaming(scratch / "none", scratch / "c")},
-        {"rename from a missing directory", 3, renaming(scratch / "none/a", scratch / "c")},
-        {"rename into a missing directory", 3, renaming(a, scratch / "none/c")},
-        {"rename onto an existing name", 183, renaming(a, b)},
-    };
-    expect_all(refused);
+    string const c = path("c");
+    expect_all({
+        {"remove a missing file", 2, remove_error(c)},
+        {"remove in a missing directory", 3, remove_error(path("none/a"))},
+        {"remove the empty path", 3, remove_error("")},
+        {"remove a directory", 5, remove_error(folder.string())},
+        {"rename a missing file", 2, rename_error(path("none"), c)},
+        {"rename from a missing directory", 3, rename_error(path("none/a"), c)},
+        {"rename into a missing directory", 3, rename_error(a, path("none/c"))},
+        {"rename onto an existing name", 183, rename_error(a, b)},
+    });
     for (Sharing const& sharing : all_sharings()) {
         if (sharing.access == 0)
             continue;
         Opened const held(a, sharing.access, sharing.share);
-        expect_all({{"remove an open file", 32, removing(a)},
-                    {"rename an open file", 32, renaming(a, scratch / "c")},
-                    {"rename an open file onto an existing name", 32, renaming(a, b)}});
+        expect_all({{"remove an open file", 32, remove_error(a)},
+                    {"rename an open file", 32, rename_error(a, c)},
+                    {"rename an open file onto an existing name", 32, rename_error(a, b)}});
     }
-    EXPECT_EQ(text_of(a), "a");
-    EXPECT_EQ(text_of(b), "b");
-    expect_all({{"remove", 0, removing(b)},
-                {"rename", 0, renaming(a, b)},
-                {"the old name is gone", 2, removing(a)}});
+    EXPECT_EQ(text_of(a) + text_of(b), "ab");
+    expect_all({{"remove", 0, remove_error(b)},
+                {"rename", 0, rename_error(a, b)},
+                {"the old name is gone", 2, remove_error(a)}});
     EXPECT_EQ(text_of(b), "a");
 }
 
-TEST(PlatformOutcomes, DeleteOnClose) {
-    ScratchDirectory const scratch;
-    string const path = scratch / "a";
+TEST_F(PlatformOutcomes, DeleteOnClose) {
     {
-        Opened const probe(path, READ_WRITE, 7, 1, 0x04000000);
-        EXPECT_TRUE(std::filesystem::exists(path));
-        EXPECT_EQ(open_error(path, READ, 3), 32u); // does not share removal
+        Opened const probe(a, READ_WRITE, 7, 1, DELETE_ON_CLOSE);
+        EXPECT_TRUE(std::filesystem::exists(a));
+        EXPECT_EQ(open_error(a, READ, 3), 32u); // does not share removal
     }
-    EXPECT_FALSE(std::filesystem::exists(path));
-    EXPECT_EQ(open_error(scratch / "none/a", READ_WRITE, 0, 1, 0x04000000), 3u);
+    EXPECT_FALSE(std::filesystem::exists(a));
+    EXPECT_EQ(open_error(path("none/a"), READ_WRITE, 0, 1, DELETE_ON_CLOSE), 3u);
 }
 
-TEST(PlatformOutcomes, HandlesThatAreNotOpenAndAccessThatIsNotThere) {
-    ScratchDirectory const scratch;
-    string const path = scratch / "a";
-    make_file(path, "old");
-    HANDLE closed = open_file(path, READ, 3);
+TEST_F(PlatformOutcomes, HandlesThatAreNotOpenAndAccessThatIsNotThere) {
+    make_file(a, "old");
+    HANDLE closed = open_file(a, READ, 3);
     ASSERT_TRUE(CloseHandle(closed));
-    Opened const reused(path, READ_WRITE, 3); // takes the place in the table
+    Opened const reused(a, READ_WRITE, 3); // takes the place in the table
     for (HANDLE bad : {closed, HANDLE{}, INVALID_HANDLE_VALUE}) {
-        char buffer[1];
-        DWORD moved = 0;
         expect_all({
-            {"close", 6, [&] { return error_unless(CloseHandle(bad)); }},
-            {"read", 6, [&] { return error_unless(ReadFile(bad, buffer, 1, &moved, nullptr)); }},
-            {"write", 6, [&] { return error_unless(WriteFile(bad, buffer, 1, &moved, nullptr)); }},
-            {"seek", 6,
-             [&] { return error_unless(SetFilePointer(bad, 0, nullptr, 0) != 0xFFFFFFFF); }},
-            {"size", 6, [&] { return error_unless(GetFileSize(bad, nullptr) != 0xFFFFFFFF); }},
-            {"cut", 6, [&] { return error_unless(SetEndOfFile(bad)); }},
-            {"flush", 6, [&] { return error_unless(FlushFileBuffers(bad)); }},
-            {"map", 6, [&] { return error_unless(MapViewOfFile(bad, 2, 0, 0, 1) != nullptr); }},
-            {"permissions", 6, [&] { return error_unless(PlatformCopyPermissions(reused, bad)); }},
+            {"close", 6, error_unless(CloseHandle(bad))},
+            {"write", 6, write_text(bad, "x")},
+            {"seek", 6, error_unless(SetFilePointer(bad, 0, nullptr, 0) != 0xFFFFFFFF)},
+            {"size", 6, error_unless(GetFileSize(bad, nullptr) != 0xFFFFFFFF)},
+            {"cut", 6, error_unless(SetEndOfFile(bad))},
+            {"flush", 6, error_unless(FlushFileBuffers(bad))},
+            {"map", 6, error_unless(MapViewOfFile(bad, 2, 0, 0, 1) != nullptr)},
+            {"permissions", 6, error_unless(PlatformCopyPermissions(reused, bad))},
         });
+        EXPECT_EQ(read_text(bad), "error 6");
     }
-    Opened const reader(path, READ, 3);
-    Opened const writer(path, WRITE, 3);
-    expect_all({
-        {"read without access", 5, [&] { return read_text(writer) == "error 5" ? 5u : 0u; }},
-        {"write without access", 5, [&] { return write_text(reader, "x"); }},
-        {"cut without access", 5, [&] { return error_unless(SetEndOfFile(reader)); }},
-        {"flush without access", 5, [&] { return error_unless(FlushFileBuffers(reader)); }},
-    });
-    EXPECT_EQ(text_of(path), "old");
+    Opened const reader(a, READ, 3);
+    Opened const writer(a, WRITE, 3);
+    EXPECT_EQ(read_text(writer), "error 5");
+    expect_all({{"write without access", 5, write_text(reader, "x")},
+                {"cut without access", 5, error_unless(SetEndOfFile(reader))},
+                {"flush without access", 5, error_unless(FlushFileBuffers(reader))}});
+    EXPECT_EQ(text_of(a), "old");
 }
 
-TEST(PlatformOutcomes, FilePointer) {
+TEST_F(PlatformOutcomes, FilePointer) {
     struct Row {
         char const* name;
         LONG distance;
@@ -225,8 +163,7 @@ TEST(PlatformOutcomes, FilePointer) {
         DWORD error;    // where the low half is 0xFFFFFFFF
         LONG expectedHigh;
     };
-    ScratchDirectory const scratch;
-    Opened const file(scratch / "a", READ_WRITE, 0, 1);
+    Opened const file(a, READ_WRITE, 0, 1);
     ASSERT_EQ(write_text(file, "0123456789"), 0u);
     constexpr DWORD NONE = 0xFFFFFFFF;
     for (Row const& row : std::vector<Row>{
@@ -246,11 +183,11 @@ TEST(PlatformOutcomes, FilePointer) {
          }) {
         LONG high = row.high.value_or(0);
         SetLastError(999);
-        DWORD const low =
-            SetFilePointer(file, row.distance, row.high ? &high : nullptr, row.method);
-        EXPECT_EQ(low, row.expected) << row.name;
-        EXPECT_EQ(high, row.expectedHigh) << row.name;
+        EXPECT_EQ(SetFilePointer(file, row.distance, row.high ? &high : nullptr, row.method),
+                  row.expected)
+            << row.name;
         EXPECT_EQ(GetLastError(), row.expected == NONE ? row.error : 999u) << row.name;
+        EXPECT_EQ(high, row.expectedHigh) << row.name;
     }
     SetFilePointer(file, 4, nullptr, 0);
     EXPECT_EQ(read_text(file, 2), "45");
@@ -265,9 +202,8 @@ TEST(PlatformOutcomes, FilePointer) {
     EXPECT_EQ(read_text(file), string("01234\0\0x", 8));
 }
 
-TEST(PlatformOutcomes, OffsetsBeyond4GiB) {
-    ScratchDirectory const scratch;
-    Opened const file(scratch / "a", READ_WRITE, 0, 1);
+TEST_F(PlatformOutcomes, OffsetsBeyond4GiB) {
+    Opened const file(a, READ_WRITE, 0, 1);
     LONG high = 1;
     ASSERT_EQ(SetFilePointer(file, 0x20000000, &high, 0), 0x20000000u);
     ASSERT_EQ(write_text(file, "tail"), 0u);
@@ -280,28 +216,24 @@ TEST(PlatformOutcomes, OffsetsBeyond4GiB) {
     EXPECT_EQ(SetFilePointer(file, -2, &high, 2), 0x20000002u);
     EXPECT_EQ(high, 1);
     EXPECT_EQ(read_text(file), "il");
-    // A size whose low half is 0xFFFFFFFF.
     high = 0;
     SetFilePointer(file, -1, &high, 0);
     ASSERT_TRUE(SetEndOfFile(file));
     SetLastError(999);
-    EXPECT_EQ(GetFileSize(file, nullptr), 0xFFFFFFFFu);
+    EXPECT_EQ(GetFileSize(file, nullptr), 0xFFFFFFFFu); // the size itself
     EXPECT_EQ(GetLastError(), 0u);
 }
 
-TEST(PlatformOutcomes, Mappings) {
+TEST_F(PlatformOutcomes, Mappings) {
     HANDLE mapping = CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, 4, 0, 65536, nullptr);
-    ASSERT_NE(mapping, nullptr);
     char* const view = static_cast<char*>(MapViewOfFile(mapping, 2, 0, 0, 65536));
     char* const second = static_cast<char*>(MapViewOfFile(mapping, 2, 0, 0, 0));
-    ASSERT_NE(view, nullptr);
-    ASSERT_NE(second, nullptr);
+    ASSERT_TRUE(view != nullptr && second != nullptr);
     EXPECT_EQ(view[0] | view[65535], 0);
     view[65535] = 'x';
     EXPECT_EQ(second[65535], 'x');
     EXPECT_EQ(error_unless(MapViewOfFile(mapping, 2, 0, 0, 65537) != nullptr), 5u);
-    // A mapping is no file.
-    EXPECT_EQ(error_unless(GetFileSize(mapping, nullptr) != 0xFFFFFFFF), 6u);
+    EXPECT_EQ(error_unless(GetFileSize(mapping, nullptr) != 0xFFFFFFFF), 6u); // no file
     EXPECT_TRUE(UnmapViewOfFile(second));
     EXPECT_FALSE(UnmapViewOfFile(second));
     EXPECT_TRUE(CloseHandle(mapping));
@@ -313,28 +245,23 @@ TEST(PlatformOutcomes, Mappings) {
     EXPECT_EQ(GetLastError(), 87u);
 }
 
-TEST(PlatformOutcomes, HeapAndTheRest) {
-    auto* const block = static_cast<unsigned char*>(HeapAlloc(GetProcessHeap(), 8, 65536));
+TEST_F(PlatformOutcomes, HeapAndTheRest) {
+    auto* const block = static_cast<char*>(HeapAlloc(GetProcessHeap(), 8, 65536));
     ASSERT_NE(block, nullptr);
-    unsigned sum = 0;
-    for (int i = 0; i < 65536; ++i)
-        sum += block[i];
-    EXPECT_EQ(sum, 0u);
+    EXPECT_EQ(string(block, 65536), string(65536, '\0'));
     EXPECT_TRUE(HeapFree(GetProcessHeap(), 0, block));
     EXPECT_EQ(HeapAlloc(GetProcessHeap(), 0, SIZE_MAX), nullptr);
 
     UINT const before = SetErrorMode(1);
     EXPECT_EQ(SetErrorMode(before), 1u);
 
-    ScratchDirectory const scratch;
     ULARGE_INTEGER available{}, total{}, free{};
-    EXPECT_TRUE(GetDiskFreeSpaceExA(scratch.path().c_str(), &available, &total, &free));
+    EXPECT_TRUE(GetDiskFreeSpaceExA(folder.string().c_str(), &available, &total, &free));
     EXPECT_LE(available.QuadPart, free.QuadPart);
     EXPECT_LE(free.QuadPart, total.QuadPart);
     EXPECT_GT(total.QuadPart, 0u);
-    EXPECT_EQ(
-        error_unless(GetDiskFreeSpaceExA((scratch / "none/").c_str(), &free, nullptr, nullptr)),
-        3u);
+    EXPECT_FALSE(GetDiskFreeSpaceExA(path("none/").c_str(), &free, nullptr, nullptr));
+    EXPECT_EQ(GetLastError(), 3u);
 }
 
 } // namespace
