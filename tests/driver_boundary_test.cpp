@@ -48,16 +48,6 @@ protected:
         EXPECT_EQ(handle, nullptr);
         return status;
     }
-
-    // A path of so many characters, in directories of 204 that exist.
-    std::string long_path(size_t nLength, std::string const& extension) const {
-        std::string directory = folder();
-        directory += std::string(90, 'd') + std::string("/") +
-                     std::string(203 - directory.size() - 91, 'd') + "/";
-        fs::create_directories(directory);
-        return directory + std::string(nLength - directory.size() - extension.size(), 'n') +
-               extension;
-    }
 };
 
 template <class T> T* untouchable() {
@@ -117,20 +107,6 @@ TEST_F(BoundaryTest, NoSlotFollowsAHandleThatIsNotOpen) {
     EXPECT_TRUE(exists(path("dictation.DIR")));
 }
 
-TEST_F(BoundaryTest, EachHandleReachesItsOwnFile) {
-    FFDHandle const first = open_with(path("a.mp3"), frames(3, 1));
-    FFDHandle const second = open_with(path("b.mp3"), frames(4, 2));
-    EXPECT_EQ(open(path("c.mp3")), nullptr);
-    EXPECT_EQ(insert(second, 0, frames(1, 3)), 0u);
-    EXPECT_EQ(read_all(first), frames(3, 1));
-    EXPECT_EQ(read_all(second), frames(1, 3) + frames(4, 2));
-    close(first);
-    EXPECT_EQ(driver().Close(first), 2u);
-    EXPECT_EQ(read_all(second), frames(1, 3) + frames(4, 2));
-    close(second);
-    EXPECT_EQ(read_file(path("b.mp3")), frames(1, 3) + frames(4, 2));
-}
-
 // ---- The arguments of an open ----
 
 TEST_F(BoundaryTest, ArgumentsOfAnOpenAreJudgedInTheirOrder) {
@@ -160,7 +136,6 @@ TEST_F(BoundaryTest, ArgumentsOfAnOpenAreJudgedInTheirOrder) {
         {std::string(256, 'n'), 1, 2, this, 1},                           // the stem
         {std::string("n.") + std::string(255, 'n'), 1, 2, this, 1},       // the extension
         {std::string("/") + std::string(254, 'n') + "/n", 1, 2, this, 1}, // the directory
-        {folder() + std::string(235, 'n') + ".mp", 2, 2, this, 1},        // the directory file: 260
         {path("a.DIR"), 2, 2, this, 1},
         {path("a.CLM"), 2, 2, this, 1},
     };
@@ -178,29 +153,15 @@ TEST_F(BoundaryTest, ArgumentsOfAnOpenAreJudgedInTheirOrder) {
     close(open(path("a.CLM"), 1));
 }
 
-TEST_F(BoundaryTest, LongestPathsWork) {
-    for (auto const& [length, access] :
-         std::vector<std::pair<size_t, FFDDesiredAccess>>{{259, 1}, {259, 2}, {258, 2}}) {
-        std::string const name = long_path(length, ".mp3");
-        FFDHandle const handle = open_with(name, frames(3));
-        EXPECT_EQ(erase(handle, 0, 96), 0u);
-        close(handle);
-        EXPECT_EQ(read_file(name), frames(3).substr(96));
-        close(open(name, access));
-    }
-    // The name fits, the directory file's would not.
-    write_file(long_path(259, ".m"), frames(3));
-    EXPECT_EQ(open(long_path(259, ".m")), nullptr);
-    EXPECT_EQ(m_status, 1u);
-    close(open(long_path(259, ".m"), 1));
-    // Nor does a short name behind a long working directory.
-    WorkingDirectory const here(fs::path(long_path(210, "")).parent_path());
-    write_file(std::string(80, 'n') + ".mp3", frames(3));
-    EXPECT_EQ(open(std::string(80, 'n') + ".mp3", 1), nullptr);
-    EXPECT_EQ(m_status, 1u);
-    EXPECT_EQ(open(std::string(80, 'n') + ".mp3", 2), nullptr);
-    EXPECT_EQ(m_status, 1u);
-    EXPECT_FALSE(fs::exists(std::string(80, 'n') + ".DIR"));
+TEST_F(BoundaryTest, ShortNameBehindALongWorkingDirectory) {
+    std::string const directory = folder() + std::string(90, 'd') + "/" + std::string(90, 'd');
+    fs::create_directories(directory);
+    WorkingDirectory const here(directory);
+    std::string const name = std::string(80, 'n') + ".mp3";
+    write_file(name, frames(3));
+    EXPECT_EQ(create(name.c_str(), 1, 2, this), 1u);
+    EXPECT_EQ(create(name.c_str(), 2, 2, this), 1u);
+    EXPECT_FALSE(exists(std::string(80, 'n') + ".DIR"));
 }
 
 // ---- Names, format, records ----
@@ -240,30 +201,23 @@ TEST_F(BoundaryTest, RelativeNamesBelongToTheFolderOfTheOpen) {
     EXPECT_THAT(listing(), ElementsAre("a.mp3", "dictation.mp3", "noext", "sub"));
 }
 
-TEST_F(BoundaryTest, FormatIsGivenByteForByte) {
+TEST_F(BoundaryTest, RecordsAndTheirSizes) {
     FFDHandle const handle = open_with(m_file, frames(3));
-    unsigned char const format[] = {0x55, 0, 1, 0, 0xC0, 0x5D, 0,  0, 0xA0, 0x0F, //
-                                    0,    0, 1, 0, 0,    0,    12, 0, 1,    0,    //
-                                    0,    0, 0, 0, 96,   0,    1,  0, 0x71, 0x05};
-    std::vector<unsigned char> buffer(30, 0xEE);
-    EXPECT_EQ(driver().GetWfx(handle, buffer.data(), 29), 15u);
-    EXPECT_THAT(buffer, Each(0xEE));
-    EXPECT_EQ(driver().GetWfx(handle, buffer.data(), 30), 0u);
-    EXPECT_THAT(buffer, ElementsAreArray(format));
-
+    std::vector<unsigned char> record(26, 0xEE);
+    EXPECT_EQ(driver().GetWfx(handle, record.data(), 29), 15u);
+    EXPECT_THAT(record, Each(0xEE));
     // 26 bytes are enough, whatever the host says of the size; what is not the driver's stays.
     unsigned char const info[26] = {0xEE, 0xEE, 0xEE, 0xEE, 1,    0, 0, 0, 0xEE,
                                     0xEE, 0xEE, 0xEE, 0xC0, 0x5D, 0, 0, 1, 0,
                                     0xEE, 0xEE, 0,    0xEE, 130,  0, 0, 0};
-    std::vector<unsigned char> record(26, 0xEE);
     EXPECT_EQ(driver().GetAudioInfo(handle, reinterpret_cast<FFDAudioInfo*>(record.data()), 0), 0u);
     EXPECT_THAT(record, ElementsAreArray(info));
     close(handle);
 }
 
 TEST_F(BoundaryTest, OperationsThatDoNothingTouchNothing) {
+    write_file(m_file, frames(3));
     for (FFDDesiredAccess const access : {1u, 2u}) {
-        write_file(m_file, frames(3));
         FFDHandle const handle = open(m_file, access);
         EXPECT_EQ(driver().GetGranularitySize(handle, untouchable<void>()), 19u);
         EXPECT_EQ(driver().GetDSSEncrypted(handle, untouchable<void>()), 19u);
@@ -295,12 +249,10 @@ TEST_F(BoundaryTest, LibraryUnloadedWithAnOpenFileLeavesItsEdits) {
         crash_after([&] {
             void* const library = dlopen(KIV_BUILD_DIR "/libxkivmp3.so", RTLD_NOW);
             ASSERT_NE(library, nullptr) << dlerror();
-            void** const table = static_cast<void**>(dlsym(library, "FFD_Function_Table"));
+            void* const table = dlsym(library, "FFD_Function_Table");
             ASSERT_NE(table, nullptr);
             ASSERT_NE(table, FFD_Function_Table);
-            EXPECT_EQ(std::count(table, table + 24, nullptr), 1);
-            EXPECT_EQ(table[22], nullptr);
-            Slots const& slots = *reinterpret_cast<Slots const*>(table);
+            Slots const& slots = *static_cast<Slots const*>(table);
             FFDError status = 1;
             FFDHandle const handle =
                 slots.CreateFile(m_file.c_str(), 2, 2, nullptr, m_callback, &status, nullptr);

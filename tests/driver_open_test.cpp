@@ -212,7 +212,6 @@ TEST_F(OpenTest, TagsInFrontAreSkippedByTheirSize) {
         {tag(bytes("\3\0\xE0\0\0\1\x40"), hidden), 202},
         {tag(bytes("\3\0\0\0\1\0\0"), noise(16384)), 16394},
         {tag(bytes("\3\0\0\1\0\0\0"), noise(2097152)), 2097162},
-        {id3v2_tag(30) + tag(bytes("\3\0\0\0\0\1\x40"), hidden), 232},
         {id3v2_tag(30) + id3v2_tag(10) + id3v2_tag(4000), 4040},
         {id3v2_tag(50) + noise(1500), 1550},
         // A tag that can't be sized counts as noise, and a frame in it as the first.
@@ -255,7 +254,6 @@ TEST_F(OpenTest, FailedOpenLeavesTheFilesAsTheyWere) {
         for (std::string const& dir : {std::string(), image}) {
             write_file(path("a.DIR"), dir);
             EXPECT_EQ(status_of(row.contents, 2), row.status);
-            EXPECT_EQ(status_of(row.contents, 2), row.status);
             EXPECT_TRUE(read_file(m_file) == row.contents);
             EXPECT_TRUE(read_file(path("a.DIR")) == dir);
             std::filesystem::remove(path("a.DIR"));
@@ -284,7 +282,7 @@ TEST_F(OpenTest, WhatIsNoFileIsAFileError) {
 TEST_F(OpenTest, ReaderNeitherMakesNorHeedsADirectory) {
     EXPECT_EQ(dictation(frames(4)), frames(4));
     EXPECT_FALSE(exists(path("a.DIR")));
-    for (std::string const& dir : {std::string(), dir_image({{1, 0, 96}}), std::string("damage")}) {
+    for (std::string const& dir : {dir_image({{1, 0, 96}}), std::string("damage")}) {
         write_file(path("a.DIR"), dir);
         EXPECT_EQ(dictation(frames(4)), frames(4));
         EXPECT_TRUE(read_file(path("a.DIR")) == dir);
