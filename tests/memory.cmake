@@ -2,7 +2,7 @@
 get_target_property(driver_sources xkivmp3 SOURCES)
 list(FILTER driver_sources INCLUDE REGEX "\\.cpp$")
 list(TRANSFORM driver_sources PREPEND ${CMAKE_SOURCE_DIR}/MCI/)
-add_library(xkivmp3_memory STATIC
+add_library(xkivmp3_memory STATIC EXCLUDE_FROM_ALL
     ${driver_sources}
     ${CMAKE_SOURCE_DIR}/platform/posix_errors.cpp
     ${CMAKE_SOURCE_DIR}/platform/posix_paths.cpp
