@@ -37,7 +37,7 @@ std::string const& all_frames() {
     static std::string const all = [] {
         std::string bytes;
         std::mt19937 random(1);
-        while (bytes.size() < FRAME * 4096) {
+        while (bytes.size() < size_t{FRAME} * 4096) {
             bytes += bytes.size() % FRAME == 0 ? std::string("\xFF\xF3\x44\xC0", 4)
                                                : std::string(1, static_cast<char>(random() % 255));
         }
