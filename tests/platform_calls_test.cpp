@@ -41,7 +41,9 @@ int fail_with(int error) {
 }
 
 // The number of bytes that a transfer moves; -1 with EINTR every second time.
-ssize_t split(size_t bytes) {
+ssize_t split(size_t bytes, int error = 0) {
+    if (error != 0)
+        return fail_with(error);
     if (!g_behaviour.interruptsAndSplits)
         return static_cast<ssize_t>(bytes);
     return ++g_behaviour.calls % 2 == 1 ? fail_with(EINTR)
@@ -53,9 +55,7 @@ ssize_t split(size_t bytes) {
 extern "C" {
 
 ssize_t pread(int fd, void* buffer, size_t bytes, off_t fileOffset) {
-    if (g_behaviour.readError != 0)
-        return fail_with(g_behaviour.readError);
-    ssize_t const piece = split(bytes);
+    ssize_t const piece = split(bytes, g_behaviour.readError);
     return piece < 0 ? piece : syscall(SYS_pread64, fd, buffer, piece, fileOffset);
 }
 
