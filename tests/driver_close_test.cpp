@@ -313,6 +313,7 @@ TEST_F(MarkerTest, MarkersThatAreMetAtAnOpen) {
             std::string marker;
             std::string dictation;     // "" for a failed open
             char const* pszAside = ""; // what is set aside
+            bool bTempStays = false;
         } const rows[] = {
             {"nothing removed yet", old, m_rebuilt, m_marker, m_rebuilt},
             {"the rebuilt file removed by hand", old, "", m_marker, m_rebuilt},
@@ -321,6 +322,8 @@ TEST_F(MarkerTest, MarkersThatAreMetAtAnOpen) {
             {"torn", old, "", torn, m_rebuilt, "a.CLM.bad"},
             {"with bytes behind", old, "", m_marker + "x", m_rebuilt, "a.CLM.bad"},
             {"another file under the name", other, "", m_marker, other, "a.DIR.bad"},
+            {"another file beside the rebuilt one", other, m_rebuilt, m_marker, other, "a.DIR.bad",
+             true},
             {"no file at all", "", "", m_marker, ""},
             {"a temporary file of another size", "", m_rebuilt + "x", m_marker, ""},
         };
@@ -352,7 +355,9 @@ TEST_F(MarkerTest, MarkersThatAreMetAtAnOpen) {
                 EXPECT_TRUE(same_bytes(read_all(handle), row.dictation)) << nChange;
                 close(handle);
                 EXPECT_TRUE(same_bytes(read_file(m_sound), row.dictation)) << nChange;
-                EXPECT_EQ(listing().size(), row.pszAside[0] == '\0' ? 1u : 2u);
+                EXPECT_EQ(exists(m_temp), row.bTempStays);
+                EXPECT_EQ(listing().size(),
+                          1u + (row.pszAside[0] == '\0' ? 0 : 1) + (row.bTempStays ? 1 : 0));
                 fs::remove(path(*row.pszAside == '\0' ? "none" : row.pszAside));
             }
             EXPECT_EQ(nExitCode, 0);
