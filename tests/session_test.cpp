@@ -6,8 +6,8 @@
 // KIV_SESSION_DEPTH sets how many steps the short sessions have, KIV_SESSION_SEEDS how many long
 // ones there are.
 
-#include "tests/driver_fixture.h"
 #include "platform/memory_platform.h"
+#include "tests/driver_fixture.h"
 
 #include <algorithm>
 #include <cstdlib>
