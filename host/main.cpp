@@ -132,6 +132,7 @@ int report(Failure const& failure, std::string const& file, bool json) {
 int run(int argc, char** argv) {
     CLI::App app("Drives the MP3 dictation driver: looks at dictations, reads and edits them.",
                  "ffdhost");
+    app.allow_windows_style_options(false); // a path may begin with '/' there too
     Arguments arguments;
     Command command;
     app.add_option("--driver", arguments.driver,

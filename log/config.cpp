@@ -20,7 +20,7 @@ constexpr size_t kIniLimit = 65536;
 
 // No state below has a constructor or a destructor that runs: calls come before the first and, from
 // threads that are still at work when the process ends, after the last.
-constinit std::mutex configuring;
+os::Mutex configuring;
 constinit std::atomic<bool> environmentRead{false};
 constinit std::atomic<int> current{-1};
 // Under the mutex:

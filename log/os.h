@@ -7,7 +7,7 @@
 
 namespace xkivlog::os {
 
-// Keeps the calling thread's error number across a log call: a caller may log first and ask after.
+// Keeps the calling thread's error numbers across a log call: a caller may log first and ask after.
 class PreserveError {
 public:
     PreserveError();
@@ -16,7 +16,14 @@ public:
     PreserveError& operator=(PreserveError const&) = delete;
 
 private:
-    int error_;
+    uint64_t error_; // in a form of the system's own
+};
+
+// The one mutex of the log. It has no constructor or destructor that runs, and so works before the
+// first and after the last.
+struct Mutex {
+    void lock();
+    void unlock();
 };
 
 // The variable's value, or null. Also null in a process that runs with rights its caller does not

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <mutex>
 #include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,6 +17,8 @@ namespace {
 // Numbers 0 to 2 stay free for what the host and its children take them for.
 constexpr int kFirstOwnDescriptor = 3;
 
+constinit std::mutex mutex;
+
 int move_above_standard(int descriptor) {
     if (descriptor < 0 || descriptor >= kFirstOwnDescriptor)
         return descriptor;
@@ -26,9 +29,16 @@ int move_above_standard(int descriptor) {
 
 } // namespace
 
-PreserveError::PreserveError() : error_(errno) {}
+PreserveError::PreserveError() : error_(static_cast<uint64_t>(errno)) {}
 PreserveError::~PreserveError() {
-    errno = error_;
+    errno = static_cast<int>(error_);
+}
+
+void Mutex::lock() {
+    mutex.lock();
+}
+void Mutex::unlock() {
+    mutex.unlock();
 }
 
 char const* environment(char const* name) {

@@ -18,7 +18,7 @@
 
 #if defined(_WIN32)
 #if defined(XKIVLOG_BUILD)
-#define XKIVLOG_API __declspec(dllexport)
+#define XKIVLOG_API // by number, in xkivlog.def
 #else
 #define XKIVLOG_API __declspec(dllimport)
 #endif

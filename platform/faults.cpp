@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <mutex>
 #include <optional>
-#include <unistd.h>
 
 namespace platform_faults {
 namespace {
@@ -35,6 +34,8 @@ struct State {
 std::mutex g_mutex;
 State g_state;
 std::array<std::atomic<int>, 3> g_tallies{};
+
+void (*g_end)() = [] { std::_Exit(EXIT_CODE_OF_A_STOP); };
 
 // What the present call of this thread is to do.
 thread_local bool t_halves = false;
@@ -96,6 +97,10 @@ void stop_before_change(unsigned nth) {
     g_state.changesUntilStop = nth;
 }
 
+void set_end_of_process(void (*end)()) {
+    g_end = end;
+}
+
 unsigned changes() {
     std::lock_guard const lock(g_mutex);
     return g_state.changes;
@@ -148,9 +153,12 @@ DWORD halved_error() {
 }
 
 void before_change() {
-    std::lock_guard const lock(g_mutex);
-    if (g_state.changesUntilStop == 1)
-        _exit(EXIT_CODE_OF_A_STOP);
+    std::unique_lock lock(g_mutex);
+    if (g_state.changesUntilStop == 1) {
+        g_state.changesUntilStop = 0;
+        lock.unlock();
+        g_end();
+    }
     if (g_state.changesUntilStop != 0)
         --g_state.changesUntilStop;
     ++g_state.changes;

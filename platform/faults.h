@@ -55,6 +55,10 @@ void halve(Call call, unsigned nth, DWORD dwError);
 // CopyPermissions. The exit code is 86.
 void stop_before_change(unsigned nth);
 
+// What a stop does in place of ending the process. It does not return. For a system on which a test
+// can't have the session in a process of its own.
+void set_end_of_process(void (*end)());
+
 // How many changes of the disk there were since reset.
 unsigned changes();
 
@@ -65,5 +69,9 @@ void pretend_free_bytes(uint64_t ullFreeBytes);
 unsigned open_handles();
 unsigned heap_blocks();
 unsigned mapped_views();
+
+// Windows alone: closes all handles, as the end of the process would, behind the back of whoever
+// opened them, and forgets what memory there was.
+void abandon_everything();
 
 } // namespace platform_faults

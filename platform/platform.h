@@ -23,7 +23,31 @@
 
 #include <mmreg.h>
 
-#define PLATFORM_EXPORT __declspec(dllexport)
+#include <mmddk.h>
+
+// The calls are named in full here. As macros the short names would rename what others call so.
+#undef CreateFile
+#undef DeleteFile
+#undef MoveFile
+#undef GetFullPathName
+#undef CreateFileMapping
+#undef GetSystemDirectory
+#undef GetTempPath
+#undef GetDiskFreeSpaceEx
+
+#define PLATFORM_EXPORT // in xkivmp3.def
+
+// The media layer has it, and not every set of its headers.
+extern "C" BOOL WINAPI DriverCallback(DWORD_PTR dwCallback, DWORD dwFlags, HDRVR hDevice,
+                                      DWORD dwMsg, DWORD_PTR dwUser, DWORD_PTR dwParam1,
+                                      DWORD_PTR dwParam2);
+
+// The library's entry point, which the loader calls.
+extern "C" BOOL WINAPI DllMain(HINSTANCE hinstDLL, DWORD fdwReason, LPVOID lpvReserved);
+
+#if defined(KIV_PLATFORM_FAULTS) && !defined(KIV_PLATFORM_OWN_CALLS)
+#include "platform/windows_fault_names.h"
+#endif
 
 #else
 

@@ -1,4 +1,5 @@
 // What the platform layer adds to the calls of Windows.
+#include "platform/fault_seam.h"
 #include "platform/platform.h"
 #include "platform/split_path.h"
 
@@ -35,6 +36,7 @@ bool PlatformSameFileName(LPCSTR pszName1, LPCSTR pszName2) {
 }
 
 BOOL PlatformCopyPermissions(HANDLE hFrom, HANDLE hTo) {
+    FAULT_POINT(CopyPermissions, FALSE);
     constexpr DWORD COPIED_ATTRIBUTES = FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN |
                                         FILE_ATTRIBUTE_SYSTEM | FILE_ATTRIBUTE_ARCHIVE |
                                         FILE_ATTRIBUTE_NOT_CONTENT_INDEXED;
@@ -45,5 +47,6 @@ BOOL PlatformCopyPermissions(HANDLE hFrom, HANDLE hTo) {
     to.FileAttributes = from.FileAttributes & COPIED_ATTRIBUTES;
     if (to.FileAttributes == 0)
         to.FileAttributes = FILE_ATTRIBUTE_NORMAL;
+    FAULT_CHANGE();
     return SetFileInformationByHandle(hTo, FileBasicInfo, &to, sizeof to);
 }

@@ -154,4 +154,25 @@ TEST_F(DiskTest, AFolderThatIsShutWhileAFileIsOpen) {
     EXPECT_TRUE(same_bytes(read_file(inside), frames(1, 4) + frames(1, 3) + audio));
 }
 
+TEST_F(DiskTest, TheRebuiltFileIsAFileOfItsOwnWithTheOldPermissions) {
+    std::string const sound = path("a.mp3");
+    std::string const audio = frames(10);
+    write_file(path("real.mp3"), audio);
+    ASSERT_EQ(chmod(path("real.mp3").c_str(), 0604), 0);
+    fs::create_symlink("real.mp3", sound);
+    FFDHandle const handle = open(sound);
+    ASSERT_EQ(insert(handle, 0, frames(1, 3)), 0u);
+    // A name that is taken is tried again a second later.
+    std::string const taken = path(std::to_string(time(nullptr)) + ".MP3");
+    write_file(taken, "taken");
+    close(handle);
+    EXPECT_EQ(read_file(taken), "taken");
+    struct stat info = {};
+    ASSERT_EQ(lstat(sound.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0604u);
+    EXPECT_TRUE(S_ISREG(info.st_mode));
+    EXPECT_TRUE(same_bytes(read_file(sound), frames(1, 3) + audio));
+    EXPECT_TRUE(same_bytes(read_file(path("real.mp3")), audio + frames(1, 3)));
+}
+
 } // namespace

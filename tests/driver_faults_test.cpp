@@ -70,7 +70,8 @@ std::vector<Fault> all_faults() {
             }
         }
     }
-    faults.push_back({Call::Any, [](unsigned nth) { g_nAllocationsLeft = long{nth} - 1; },
+    faults.push_back({Call::Any,
+                      [](unsigned nth) { g_nAllocationsLeft = static_cast<long>(nth) - 1; },
                       [](unsigned) { return g_nAllocationsLeft < 0; }});
     return faults;
 }

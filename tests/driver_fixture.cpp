@@ -1,13 +1,8 @@
 #include "tests/driver_fixture.h"
 
 #include <algorithm>
-#include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
-
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace fs = std::filesystem;
 
@@ -79,8 +74,7 @@ bool exists(std::string const& path) {
     return fs::exists(path);
 }
 
-::testing::AssertionResult same_bytes(std::string const& actual, std::string const& expected)
-{
+::testing::AssertionResult same_bytes(std::string const& actual, std::string const& expected) {
     size_t const nCommon = std::min(actual.size(), expected.size());
     size_t nByte = 0;
     while (nByte < nCommon && actual[nByte] == expected[nByte]) {
@@ -114,9 +108,15 @@ std::string dir_image(std::vector<Entry> const& entries, size_t nBytes) {
 // ---- The fixture ----
 
 DriverTest::DriverTest() {
-    char folder[] = "/tmp/kiv-test-XXXXXX";
-    EXPECT_NE(mkdtemp(folder), nullptr);
-    m_folder = std::string(folder) + "/";
+    // Taken before a test moves it.
+    static fs::path const root = fs::temp_directory_path();
+    static unsigned nFolder = 0;
+    fs::path folder;
+    do {
+        folder =
+            root / ("kiv-test-" + std::to_string(process_id()) + "-" + std::to_string(++nFolder));
+    } while (!fs::create_directory(folder));
+    m_folder = (folder / "").string();
     m_callback.hDriver = this;
     platform_faults::reset();
     driver();
@@ -164,17 +164,6 @@ FFDHandle DriverTest::open_with(std::string const& file, std::string const& cont
 void DriverTest::close(FFDHandle handle, FFDError expected) {
     m_open.erase(std::remove(m_open.begin(), m_open.end(), handle), m_open.end());
     EXPECT_EQ(driver().Close(handle), expected);
-}
-
-int DriverTest::crash_after(std::function<void()> const& session) {
-    pid_t const child = fork();
-    if (child == 0) {
-        session();
-        _exit(::testing::Test::HasFailure() ? 1 : 0);
-    }
-    int nStatus = -1;
-    waitpid(child, &nStatus, 0);
-    return WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -1;
 }
 
 uint32_t DriverTest::seek(FFDHandle handle, uint32_t position) {

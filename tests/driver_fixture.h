@@ -84,6 +84,13 @@ struct Entry {
 // The bytes of a .DIR file with these entries: 65536, or the size asked for.
 std::string dir_image(std::vector<Entry> const& entries, size_t nBytes = 65536);
 
+// ---- The system ----
+
+unsigned process_id();
+
+// Where the driver puts stored statuses from now on.
+void set_temp_directory(std::string const& path);
+
 class DriverTest : public ::testing::Test {
 protected:
     DriverTest();
@@ -106,7 +113,7 @@ protected:
 
     // Runs a session in a process of its own that ends without any clean-up behind it, as a crash
     // would. The result is the exit code, 0 if the session ran to its end.
-    static int crash_after(std::function<void()> const& session);
+    int crash_after(std::function<void()> const& session);
 
     static uint32_t seek(FFDHandle handle, uint32_t position);
     static uint32_t position(FFDHandle handle);

@@ -192,6 +192,6 @@ TEST_F(ServicesTest, FileHelpersTellFailureInTheirOwnWays) {
 
     char szTemp[260] = "";
     EXPECT_NE(KIVMP3_get_system_temp_path(szTemp, 260), 0u);
-    EXPECT_EQ(std::string(szTemp).back(), '/');
+    EXPECT_EQ(std::string(szTemp).back(), std::filesystem::path::preferred_separator);
     EXPECT_EQ(KIVMP3_get_system_temp_path(szTemp, 2), 0u);
 }

@@ -209,7 +209,7 @@ TEST_F(StatusTest, StoresThatFail) {
         FFDError status;
     };
     auto const temp = [](std::string const& directory) {
-        return [directory] { setenv("TMPDIR", directory.c_str(), 1); };
+        return [directory] { set_temp_directory(directory); };
     };
     std::vector<Row> rows = {
         {"name taken for two seconds", taken(2), 0},
@@ -232,7 +232,7 @@ TEST_F(StatusTest, StoresThatFail) {
         row.arrange();
         EXPECT_EQ(store(handle), row.status);
         platform_faults::reset();
-        setenv("TMPDIR", folder().c_str(), 1);
+        set_temp_directory(folder());
         EXPECT_EQ(position(handle), 200u);
         EXPECT_TRUE(same_bytes(read_all(handle), dictation));
         EXPECT_EQ(restore(handle), row.status == 0 ? 0u : 33u);

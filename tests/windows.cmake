@@ -1,0 +1,33 @@
+# The tests of the Windows build, run by wine. Of the programs built on Linux these are left out:
+# driver_shipped_test, valgrind   look at a library of Linux; contract_test.py looks at the DLLs
+# driver_processes_test           two processes, by fork
+# driver_disk_test                mounts a small disk, and Linux permissions
+# driver_limits_test              limits of a Linux process
+# log_test                        a process of its own for each case, by fork
+# platform_linux_test, platform_calls_test, platform_faults_test, platform_loader_test
+#                                 the Linux layer itself
+# session_test, the fuzz targets  over the layer in memory, a sibling of the Linux layer
+# host_test.py, outside_test.py   agreement_test.py compares the Windows host with the Linux one
+#
+# And of the programs built here these cases:
+set(left_out_of_driver_services_test ServicesTest.FreeSpaceSaturates) # error numbers of wine
+# Read or change a stored status that is open: the platform refuses that, the Linux layer can't.
+set(left_out_of_driver_status_test StatusTest.TheFileToTheByte)
+set(left_out_of_driver_torn_test TornTest.AStoredStatusThatIsNotWholeRestoresNothing)
+
+add_kiv_test(platform_outcomes_test SOURCES platform_outcomes_test.cpp LIBRARIES platform)
+target_compile_definitions(platform_outcomes_test PRIVATE KIV_WINE=true)
+
+add_library(driver_fixture STATIC driver_fixture.cpp driver_fixture_windows.cpp)
+target_link_libraries(driver_fixture PUBLIC xkivmp3_testable GTest::gmock)
+foreach(subject boundary services open directory edit close status faults crash torn)
+    add_kiv_test(driver_${subject}_test
+        SOURCES driver_${subject}_test.cpp LIBRARIES driver_fixture)
+endforeach()
+
+# The test's own clock: the C library's calls go through pointers.
+target_sources(driver_status_test PRIVATE driver_clock_windows.cpp)
+target_link_options(driver_status_test PRIVATE -Wl,--wrap=__imp__time64)
+
+# The memory of the test program can be made to run out.
+target_link_options(driver_faults_test PRIVATE -Wl,--wrap=malloc)
