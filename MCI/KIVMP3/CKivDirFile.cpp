@@ -7,9 +7,17 @@
 
 #include <algorithm>
 #include <cstring>
+#include <ctime>
 
 #define TRACE_MODULE "XKIVMP3.DLL"
 #include "log/trace.h"
+
+namespace {
+
+// How long a close tries to get the .DIR file back, in seconds.
+constexpr int64_t MOST_SECONDS_FOR_FLUSH = 3;
+
+} // namespace
 
 void CKivDirFile::create_directory_file(LPCSTR pszFilePath_p, FFDCreation ffdCreation_p,
                                         FFDDesiredAccess ffdDesiredAccess_p) {
@@ -162,7 +170,7 @@ void CKivDirFile::allocate_buffer(DWORD dwFileSize_p) {
 
 FFDError CKivDirFile::flush_dir_file() {
     TRACE_ENTRY("-----CKivDirFile::flush_dir_file()");
-    m_bFlushPending = true;
+    set_flush_pending();
     FFDError const ffdError = reopen_lost_file();
     if (ffdError != FFD_NOERROR) {
         return ffdError;
@@ -179,6 +187,7 @@ FFDError CKivDirFile::flush_dir_file() {
         TRACE_ERROR(GetLastError(), "GetLastError() after CloseHandle(..) -> FFD_FILE_IO_ERROR");
         return FFD_FILE_IO_ERROR;
     }
+    m_bOnDisk = true;
     m_hDirFile = CreateFileA(m_szDirFilePath, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ,
                              nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (m_hDirFile == INVALID_HANDLE_VALUE) {
@@ -189,9 +198,30 @@ FFDError CKivDirFile::flush_dir_file() {
     return FFD_NOERROR;
 }
 
+bool CKivDirFile::flush_before_close() {
+    if (!m_bFlushPending) {
+        return true;
+    }
+    bool const bOnDisk = m_bOnDisk;
+    // Another process that finds the .DIR file let go holds it until it sees that it comes second.
+    int64_t const llBegin = time(nullptr);
+    int64_t llNow = llBegin;
+    bool bHeldElsewhere = true;
+    while (bHeldElsewhere && llNow >= llBegin && llNow - llBegin <= MOST_SECONDS_FOR_FLUSH) {
+        bHeldElsewhere = flush_dir_file() != FFD_NOERROR && !is_held() &&
+                         GetLastError() == ERROR_SHARING_VIOLATION;
+        llNow = time(nullptr);
+    }
+    return !(bHeldElsewhere && (bOnDisk || m_bOnDisk));
+}
+
+bool CKivDirFile::is_held() const {
+    return m_hDirFile != INVALID_HANDLE_VALUE && m_hDirFile != nullptr;
+}
+
 // Gets the .DIR file back that an earlier flush wrote but could not open again.
 FFDError CKivDirFile::reopen_lost_file() {
-    if (m_hDirFile != INVALID_HANDLE_VALUE && m_hDirFile != nullptr) {
+    if (is_held()) {
         return FFD_NOERROR;
     }
     m_hDirFile = CreateFileA(m_szDirFilePath, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ,

@@ -81,6 +81,14 @@ public:
     // the next flush tries everything again.
     FFDError flush_dir_file();
 
+    // Brings what a flush has left undone to its end, and gets hold of the .DIR file again: as long
+    // as it is held, no other process gets at the sound file while this one closes it. False, with
+    // the .DIR file as it should be, if somebody else holds it and keeps it.
+    bool flush_before_close();
+
+    // Whether this object has the .DIR file open.
+    bool is_held() const;
+
     // Releases buffer and handles; goes through all its steps and answers FFD_FILE_IO_ERROR if one
     // failed. Run a second time it does nothing.
     FFDError close_dir_memory_mapping();
@@ -94,9 +102,12 @@ public:
     bool is_changed() const { return m_bDirChanged != FALSE; }
     void set_changed() { m_bDirChanged = TRUE; }
 
-    // Whether the .DIR file may differ from the buffer: a flush failed, or none has followed yet.
-    bool is_flush_pending() const { return m_bFlushPending; }
-    void set_flush_pending() { m_bFlushPending = true; }
+    // The .DIR file may differ from the buffer from now on: a flush failed, or has not followed
+    // yet.
+    void set_flush_pending() {
+        m_bFlushPending = true;
+        m_bOnDisk = false;
+    }
 
     // Whether the directory names no audio yet: no entry, or one that ends at audio position 0.
     bool is_new_directory() const;
@@ -205,4 +216,5 @@ private:
     BOOL m_bDirChanged = FALSE;   // edited since the open
     DWORD m_dwDataLengthInBy = 0; // length of the dictation
     bool m_bFlushPending = false;
+    bool m_bOnDisk = false; // of a flush that is pending: its bytes are in the file
 };

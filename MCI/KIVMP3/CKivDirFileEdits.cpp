@@ -174,8 +174,9 @@ FFDError CKivDirFile::undo_last() {
 }
 
 // The live entry that ends where a directory of so many bytes does; null if there is none, or if
-// blocks reach behind it: an end that equals the sum only by chance, as in a file with a tag between
-// its blocks, must not grow into them. An empty entry at that place counts only if it is alone.
+// blocks reach behind it: an end that equals the sum only by chance, as in a file with a tag
+// between its blocks, must not grow into them. An empty entry at that place counts only if it is
+// alone.
 DirEntry* CKivDirFile::highest_block(DWORD dwSizeFromDirectory_p) {
     DirEntry* pHighest = nullptr;
     for (DirEntry* pEntry = m_psDirHeader; pEntry->Status != 0; ++pEntry) {

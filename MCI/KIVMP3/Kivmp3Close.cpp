@@ -63,11 +63,13 @@ FFDError CKivmp3::close_written_file() {
     int nKindOfClose = 0;
     m_oDirFile.get_kind_of_close(dwFileSize, &nKindOfClose);
     FFDError ffdError = FFD_NOERROR;
-    if (m_oDirFile.is_flush_pending()) {
-        // Whatever ends or fails from here on, the next open must find the directory as it is now.
-        m_oDirFile.flush_dir_file();
-    }
-    if (nKindOfClose == KIVMP3_CLOSE_REBUILD) {
+    // Whatever ends or fails from here on, the next open must find the directory as it is now.
+    // Without the .DIR file in hand nothing is replaced: whoever has it may edit the file by then.
+    if (!m_oDirFile.flush_before_close()) {
+        TRACE_ERROR(FFD_FILE_IO_ERROR, "dir file is held by somebody else -> FFD_FILE_IO_ERROR");
+        ffdError = FFD_FILE_IO_ERROR;
+        KIVMP3_release_file(&m_hMp3File);
+    } else if (nKindOfClose == KIVMP3_CLOSE_REBUILD) {
         ffdError = rebuild_and_close_wav_file();
         if (ffdError != FFD_NOERROR) {
             TRACE_ERROR(ffdError, "by rebuild_and_close_wav_file()");
@@ -77,7 +79,8 @@ FFDError CKivmp3::close_written_file() {
     }
     // Only the directory knows now what the dictation is: the .DIR file holds it for the next open.
     bool const bKeepDirFile = ffdError != FFD_NOERROR;
-    if (bKeepDirFile) {
+    // A .DIR file that was lost may be in use elsewhere, or gone with a close there.
+    if (bKeepDirFile && m_oDirFile.is_held()) {
         m_oDirFile.flush_dir_file();
     }
     FFDError const ffdReleased = m_oDirFile.close_dir_memory_mapping();
