@@ -14,4 +14,6 @@ if [ ! -e "$WINEPREFIX/system.reg" ]; then
     flock "$WINEPREFIX" sh -c '[ -e "$2/system.reg" ] || { "$1" wineboot --init && "$(dirname "$1")/wineserver" -w; }' \
         init "$wine" "$WINEPREFIX" >/dev/null 2>&1
 fi
+# Stays for a while: the next program starts at once.
+"$(dirname "$wine")/wineserver" -p20 </dev/null >/dev/null 2>&1 || true
 exec "$wine" "$@"

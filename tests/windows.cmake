@@ -31,3 +31,19 @@ target_link_options(driver_status_test PRIVATE -Wl,--wrap=__imp__time64)
 
 # The memory of the test program can be made to run out.
 target_link_options(driver_faults_test PRIVATE -Wl,--wrap=malloc)
+
+find_package(Python3 COMPONENTS Interpreter REQUIRED)
+add_test(NAME contract COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_SOURCE_DIR}/contract_test.py)
+set_tests_properties(contract PROPERTIES ENVIRONMENT "BUILD=${CMAKE_BINARY_DIR}")
+
+# Against the release build of Linux.
+add_test(NAME agreement COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_SOURCE_DIR}/agreement_test.py)
+string(JOIN "\;" windows_host ${CMAKE_CROSSCOMPILING_EMULATOR} $<TARGET_FILE:ffdhost>)
+set_tests_properties(agreement PROPERTIES ENVIRONMENT
+    "LINUX_HOST=${CMAKE_SOURCE_DIR}/build/ffdhost;WINDOWS_HOST=${windows_host};WINE_PREFIX=${CMAKE_BINARY_DIR}/wine;FFD_SAMPLES=${CMAKE_CURRENT_SOURCE_DIR}/samples")
+
+# The layout of the records, as the compiler of this platform has it: assertions alone.
+configure_file(ffd_header_c.c ${CMAKE_CURRENT_BINARY_DIR}/ffd_header_cxx.cpp COPYONLY)
+add_library(ffd_header OBJECT ffd_header_c.c ${CMAKE_CURRENT_BINARY_DIR}/ffd_header_cxx.cpp)
+target_include_directories(ffd_header PRIVATE ${CMAKE_SOURCE_DIR}/include)
+target_compile_options(ffd_header PRIVATE -pedantic -Wall -Wextra -Werror)
