@@ -1,23 +1,26 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs all tests: on the build that ships, and then once more
-# with AddressSanitizer and UndefinedBehaviorSanitizer; then each fuzz target for a moment. --quick
-# runs the first only.
+# with AddressSanitizer and UndefinedBehaviorSanitizer; then each fuzz target for a moment; then the
+# Windows build, run by wine. --linux-only leaves out the last, --quick runs the first alone.
 #
 # The last line tells the sum, "N passed, N failed"; the exit code is 0 if none failed.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
 
-presets=(release sanitizers fuzz)
+presets=(release sanitizers fuzz windows)
+packages=()
 case "${1-}" in
 "") ;;
+--linux-only) presets=(release sanitizers fuzz) ;;
 --quick) presets=(release) ;;
 *)
-    echo "usage: test.sh [--quick]" >&2
+    echo "usage: test.sh [--linux-only | --quick]" >&2
     exit 2
     ;;
 esac
+[[ "${presets[*]}" != *windows* ]] || packages=(--windows)
 
-scripts/install-packages.sh
+scripts/install-packages.sh "${packages[@]}"
 
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT

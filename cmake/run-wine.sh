@@ -14,6 +14,13 @@ if [ ! -e "$WINEPREFIX/system.reg" ]; then
     flock "$WINEPREFIX" sh -c '[ -e "$2/system.reg" ] || { "$1" wineboot --init && "$(dirname "$1")/wineserver" -w; }' \
         init "$wine" "$WINEPREFIX" >/dev/null 2>&1
 fi
-# Stays for a while: the next program starts at once.
-"$(dirname "$wine")/wineserver" -p20 </dev/null >/dev/null 2>&1 || true
-exec "$wine" "$@"
+# What wine leaves running in the background holds on to what the first program wrote to: a caller
+# that waits for the end of a pipe would wait for it.
+output=$(mktemp -d)
+trap 'rm -rf "$output"' EXIT
+"$(dirname "$wine")/wineserver" -p20 </dev/null >/dev/null 2>&1 || true # the next starts at once
+code=0
+"$wine" "$@" >"$output/out" 2>"$output/error" || code=$?
+cat "$output/out"
+cat "$output/error" >&2
+exit "$code"

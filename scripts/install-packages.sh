@@ -1,8 +1,19 @@
 #!/usr/bin/env bash
-# install-packages.sh [PACKAGE...]: installs what building and testing need on Debian 12, and these
-# packages, as root or through sudo. What is there already is left alone: with nothing missing this
-# asks no registry and no password.
+# install-packages.sh [--windows] [PACKAGE...]: installs what building and testing need on Debian 12,
+# with --windows what the Windows build and its tests need too, and these packages, as root or
+# through sudo. What is there already is left alone: with nothing missing this asks no registry and
+# no password.
 set -euo pipefail
+
+windows=()
+if [ "${1-}" = --windows ]; then
+    shift
+    windows=(
+        g++-mingw-w64-x86-64-posix
+        googletest # its sources, built for Windows
+        wine64     # runs the tests
+    )
+fi
 
 packages=(
     g++ cmake ninja-build binutils
@@ -11,6 +22,7 @@ packages=(
     ffmpeg mpg123 mp3check mp3val     # judge the files that the driver leaves
     valgrind
     clang-14 libclang-rt-14-dev       # the fuzz targets
+    "${windows[@]}"
     "$@"
 )
 
