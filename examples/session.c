@@ -1,0 +1,105 @@
+/*
+ * session DRIVER SOUND CLIP: inserts the audio of CLIP into SOUND after the first second, deletes
+ * two seconds behind it, takes the deletion back, and closes. Plain C11 and ffd.h, on Linux and on
+ * Windows:
+ *
+ *     gcc -std=c11 -I include -o session examples/session.c
+ *     ./session build/libxkivmp3.so letter.mp3 addition.mp3
+ */
+#include "ffd.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#ifdef _WIN32
+#include <windows.h>
+static void* load_symbol(char const* library, char const* name) {
+    HMODULE const module = LoadLibraryA(library);
+    return module ? (void*)GetProcAddress(module, name) : NULL;
+}
+#else
+#include <dlfcn.h>
+static void* load_symbol(char const* library, char const* name) {
+    void* const handle = dlopen(library, RTLD_NOW | RTLD_LOCAL);
+    return handle ? dlsym(handle, name) : NULL;
+}
+#endif
+
+/* The slots of this session; the table holds them as plain pointers. */
+#define SLOT(type, number) ((type)table[number])
+static void** table;
+
+/* For brevity a failure ends the program without a close: as after a crash, the next open for
+ * writing finds the edits that were made. */
+static void check(char const* what, FFDError status) {
+    if (status != FFD_NOERROR) {
+        fprintf(stderr, "%s: status %llu\n", what, (unsigned long long)status);
+        exit(1);
+    }
+}
+
+static FFDHandle open_sound(char const* path, FFDDesiredAccess access) {
+    static int self; /* hDriver must not be null; no callback, so no messages about disk space */
+    FFDCallbackParams const callback = {.hDriver = &self};
+    FFDError status = FFD_NOERROR;
+    FFDHandle const sound = SLOT(FFDCreateFileProc, FFD_SLOT_CREATE_FILE)(
+        path, access, FFD_OPEN_EXISTING, NULL, callback, &status, NULL);
+    check(path, status);
+    return sound;
+}
+
+static uint32_t seek(FFDHandle sound, uint32_t position) {
+    uint32_t reached = 0;
+    check("seek", SLOT(FFDAudioSeekProc, FFD_SLOT_AUDIO_SEEK)(sound, position, &reached));
+    return reached;
+}
+
+/* A seek beyond the end stops there. */
+static void show_length(char const* what, FFDHandle sound) {
+    uint32_t position = 0;
+    check("position", SLOT(FFDGetCurrentPosProc, FFD_SLOT_GET_CURRENT_POS)(sound, &position));
+    printf("%-9s%u bytes\n", what, (unsigned)seek(sound, UINT32_MAX));
+    seek(sound, position);
+}
+
+int main(int argc, char** argv) {
+    if (argc != 4) {
+        fprintf(stderr, "usage: session DRIVER SOUND CLIP\n");
+        return 2;
+    }
+    table = load_symbol(argv[1], FFD_TABLE_SYMBOL);
+    if (table == NULL) {
+        fprintf(stderr, "%s: cannot be loaded\n", argv[1]);
+        return 1;
+    }
+
+    /* All audio of the clip, without its tags. */
+    FFDHandle const clip = open_sound(argv[3], FFD_ACCESS_READ);
+    FFDReadHandle* range = NULL;
+    check("size", SLOT(FFDGetSizeOfDataProc, FFD_SLOT_GET_SIZE_OF_DATA)(clip, UINT32_MAX, &range));
+    uint32_t const clipSize = range->RealSizeInBytes;
+    uint8_t* const audio = malloc(clipSize);
+    check("memory", audio ? FFD_NOERROR : FFD_ERROR_OUTOFMEMORY);
+    check("read", SLOT(FFDReadDataProc, FFD_SLOT_READ_DATA)(clip, range, clipSize, audio));
+    check("close", SLOT(FFDCloseProc, FFD_SLOT_CLOSE)(clip));
+
+    FFDHandle const sound = open_sound(argv[2], FFD_ACCESS_READWRITE);
+    uint8_t format[30];
+    uint32_t bytesPerSecond;
+    check("format", SLOT(FFDGetWfxProc, FFD_SLOT_GET_WFX)(sound, format, sizeof format));
+    memcpy(&bytesPerSecond, format + 8, sizeof bytesPerSecond); /* nAvgBytesPerSec */
+    show_length("opened", sound);
+
+    seek(sound, bytesPerSecond);
+    check("insert", SLOT(FFDWriteDataProc, FFD_SLOT_WRITE_DATA)(sound, FFD_METHOD_INSERT, clipSize,
+                                                                audio));
+    show_length("inserted", sound);
+    check("delete", SLOT(FFDDeleteDataProc, FFD_SLOT_DELETE_DATA)(sound, 2 * bytesPerSecond));
+    show_length("deleted", sound);
+    check("undo", SLOT(FFDUndoLastProc, FFD_SLOT_UNDO_LAST)(sound));
+    show_length("undone", sound);
+    check("close", SLOT(FFDCloseProc, FFD_SLOT_CLOSE)(sound));
+    free(audio);
+    return 0;
+}

@@ -1,0 +1,40 @@
+"""Runs each example on copies of the samples: all print the same lengths and leave the same file.
+EXAMPLES holds the commands, one a line, their words set apart by "|"; FFD_SAMPLES names the directory of the samples."""
+
+import os
+import pathlib
+import shutil
+import subprocess
+import tempfile
+import unittest
+
+SAMPLES = pathlib.Path(os.environ["FFD_SAMPLES"])
+# The 80457 bytes of the sound and the 16509 of the clip; two seconds are 16000.
+SHOWN = ("opened   80457 bytes\ninserted 96966 bytes\n"
+         "deleted  80966 bytes\nundone   96966 bytes\n")
+
+
+class ExamplesTest(unittest.TestCase):
+    def test_sessions(self):
+        for line in os.environ["EXAMPLES"].splitlines():
+            command = line.strip("|").split("|")
+            with self.subTest(command=command), tempfile.TemporaryDirectory() as folder:
+                folder = pathlib.Path(folder)
+                sound = shutil.copy(SAMPLES / "speech-22k-mono-tagged.mp3", folder / "letter.mp3")
+                clip = shutil.copy(SAMPLES / "insert-22k-mono.mp3", folder)
+                before, added = (pathlib.Path(path).read_bytes() for path in (sound, clip))
+                run = subprocess.run([*command, sound, clip], capture_output=True,
+                                     text=True)
+                self.assertEqual((run.returncode, run.stdout), (0, SHOWN), run.stderr)
+                self.assertEqual(sorted(os.listdir(folder)), ["insert-22k-mono.mp3", "letter.mp3"])
+                after = pathlib.Path(sound).read_bytes()
+                self.assertEqual((after[:202], after[-128:]), (before[:202], before[-128:]))
+                self.assertIn(added[-4000:], after)
+                missing = subprocess.run([*command, folder / "none.mp3", clip],
+                                         capture_output=True, text=True)
+                self.assertEqual(missing.returncode, 1)
+                self.assertIn("none.mp3", missing.stderr)
+
+
+if __name__ == "__main__":
+    unittest.main()
