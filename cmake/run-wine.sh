@@ -8,11 +8,16 @@ WINEDEBUG=-all
 export WINEPREFIX WINEDEBUG
 unset DISPLAY
 wine=$(command -v wine64 || echo /usr/lib/wine/wine64)
-if [ ! -e "$WINEPREFIX/system.reg" ]; then
+if [ ! -e "$WINEPREFIX/dosdevices/unc/localhost/z\$" ]; then
     mkdir -p "$WINEPREFIX"
     # The registry is written when its server ends.
     flock "$WINEPREFIX" sh -c '[ -e "$2/system.reg" ] || { "$1" wineboot --init && "$(dirname "$1")/wineserver" -w; }' \
         init "$wine" "$WINEPREFIX" >/dev/null 2>&1
+    # The drives as shares of this machine, under the names that they have on Windows.
+    network=$WINEPREFIX/dosdevices/unc/localhost
+    mkdir -p "$network"
+    ln -sfn ../../../drive_c "$network/c\$"
+    ln -sfn / "$network/z\$"
 fi
 # What wine leaves running in the background holds on to what the first program wrote to: a caller
 # that waits for the end of a pipe would wait for it.

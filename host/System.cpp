@@ -1,5 +1,6 @@
 #include "System.h"
 
+#include <cstdlib>
 #include <stdexcept>
 #include <system_error>
 
@@ -46,6 +47,12 @@ void make_stdout_binary() {
     _setmode(_fileno(stdout), _O_BINARY);
 }
 
+void end_process(int exitCode) {
+    // Leaving by the C library would still let the driver know.
+    TerminateProcess(GetCurrentProcess(), static_cast<UINT>(exitCode));
+    std::abort();
+}
+
 } // namespace ffdhost
 
 #else
@@ -84,6 +91,10 @@ bool stderr_is_terminal() {
 }
 
 void make_stdout_binary() {}
+
+void end_process(int exitCode) {
+    _exit(exitCode);
+}
 
 } // namespace ffdhost
 

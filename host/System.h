@@ -35,4 +35,7 @@ bool stderr_is_terminal();
 // Keeps the system from translating line ends in what goes to stdout.
 void make_stdout_binary();
 
+// Ends the process on the spot, without a word to any library.
+[[noreturn]] void end_process(int exitCode);
+
 } // namespace ffdhost

@@ -3,7 +3,6 @@
 #include "EditOps.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <memory>
 
 namespace ffdhost {
@@ -322,7 +321,7 @@ void Editor::crash() {
     }
     print_warning("crash: the process ends here without a close; the edits are in " +
                   m_dirFile.string());
-    std::_Exit(kExitCrash);
+    end_process(kExitCrash);
 }
 
 void Editor::report_failure(char const* key, Failure const& failure) {

@@ -1,10 +1,11 @@
 """One session of edits with a crash, its recovery, store, restore, tags and a rebuild, by the Linux
-and by the Windows build of the host on copies of the same file: outputs, exit codes and files are
-the same at every step. LINUX_HOST and WINDOWS_HOST (a command) name the two, WINE_PREFIX wine's
+and by the Windows build of the host on copies of the same file: outputs, exit codes, files and the trace
+are the same at every step. LINUX_HOST and WINDOWS_HOST (a command) name the two, WINE_PREFIX wine's
 folder, FFD_SAMPLES the samples."""
 
 import os
 import pathlib
+import re
 import shutil
 import subprocess
 import tempfile
@@ -12,6 +13,12 @@ import unittest
 
 SAMPLES = pathlib.Path(os.environ["FFD_SAMPLES"])
 WINDOWS_TEMP = "drive_c/users/*/Temp"
+# What differs from run to run: time and process, addresses, handles, names made of the time; and
+# the directories of the system.
+LOCAL = re.compile(r"(?m)^\S+ \S+ |(?<= = )0x[0-9a-f]{5,}$"
+                   r"|((?:rhFile_p|hNewFile|hSourceFile|hDestFile|m_psDirHeader) = ).*"
+                   r"|\d{10}(?=\.csf|\.MP3)|/etc(?=/XKIV)|C:/windows/system32(?=/XKIV)"
+                   r"|C:/users/[^/]+/Temp(?=/)")
 
 
 class Side:
@@ -23,18 +30,23 @@ class Side:
 
     def run(self, *arguments):
         """What the step showed, and what lies on the disk behind it."""
-        environment = {**os.environ, "TMPDIR": str(self.folder)}
+        environment = {**os.environ, "TMPDIR": str(self.folder), "XKIVLOG": "all:trace.log"}
         run = subprocess.run([*self.command, "--json", *arguments], cwd=self.folder,
                              env=environment, capture_output=True)
-        output = run.stdout.decode().replace("\r\n", "\n").replace("\\\\", "/")
-        output = output.replace("Z:", "").replace(str(self.folder), "")
+        output = self.without_places(run.stdout.decode().replace("\\\\", "/"))
+        log = self.folder / "trace.log"
+        trace = self.without_places(log.read_text().replace("\\", "/"))
+        log.unlink()
         files = {path.name: path.read_bytes() for path in self.folder.iterdir()
                  if path.is_file() and path.suffix != ".csf"}
         stored = []
         for path in self.temp():
             stored.append(path.read_bytes())
             path.unlink()
-        return run.returncode, output, files, stored
+        return run.returncode, output, files, stored, LOCAL.sub(r"\1", trace).splitlines()
+
+    def without_places(self, text):
+        return text.replace("\r\n", "\n").replace("Z:", "").replace(str(self.folder), "")
 
 
 class AgreementTest(unittest.TestCase):
@@ -82,6 +94,9 @@ class AgreementTest(unittest.TestCase):
                     self.assertEqual(right[2].keys(), left[2].keys())
                     self.assertEqual([n for n in left[2] if left[2][n] != right[2][n]], [])
                     self.assertEqual(right[3], left[3])
+                    different = [pair for pair in zip(left[4], right[4]) if pair[0] != pair[1]]
+                    self.assertEqual(different[:5], [])
+                    self.assertEqual(len(left[4]), len(right[4]))
                     stored += len(left[3])
             self.assertEqual(stored, 2)
 

@@ -20,7 +20,7 @@ target_compile_definitions(platform_outcomes_test PRIVATE KIV_WINE=true)
 
 add_library(driver_fixture STATIC driver_fixture.cpp driver_fixture_windows.cpp)
 target_link_libraries(driver_fixture PUBLIC xkivmp3_testable GTest::gmock)
-foreach(subject boundary services open directory edit close status faults crash torn)
+foreach(subject boundary services windows_paths open directory edit close status faults crash torn)
     add_kiv_test(driver_${subject}_test
         SOURCES driver_${subject}_test.cpp LIBRARIES driver_fixture)
 endforeach()
