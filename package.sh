@@ -20,6 +20,8 @@ done
 cp build-windows/libXKIVMP3.dll.a "$folder/lib/"
 cp include/* "$folder/include/"
 cp README.md LICENSE "$folder/"
+cp -r examples "$folder/"
+rm "$folder/examples/CMakeLists.txt"
 cp -r docs/* "$folder/docs/"
 
 mkdir -p dist
