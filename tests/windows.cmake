@@ -39,7 +39,8 @@ set_tests_properties(contract PROPERTIES ENVIRONMENT "BUILD=${CMAKE_BINARY_DIR}"
 # Against the release build of Linux.
 add_test(NAME agreement COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_SOURCE_DIR}/agreement_test.py)
 string(JOIN "\;" windows_host ${CMAKE_CROSSCOMPILING_EMULATOR} $<TARGET_FILE:ffdhost>)
-set_tests_properties(agreement PROPERTIES ENVIRONMENT
+# The other tests store their statuses in the same place.
+set_tests_properties(agreement PROPERTIES RUN_SERIAL ON ENVIRONMENT
     "LINUX_HOST=${CMAKE_SOURCE_DIR}/build/ffdhost;WINDOWS_HOST=${windows_host};WINE_PREFIX=${CMAKE_BINARY_DIR}/wine;FFD_SAMPLES=${CMAKE_CURRENT_SOURCE_DIR}/samples")
 
 # The layout of the records, as the compiler of this platform has it: assertions alone.
