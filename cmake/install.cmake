@@ -1,0 +1,50 @@
+# What `cmake --install` puts where, and the Debian package made of it by `cpack -G DEB`.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+# The driver finds its trace log beside itself, wherever the two are moved together.
+set_target_properties(xkivmp3 PROPERTIES INSTALL_RPATH "$<$<NOT:$<BOOL:${WIN32}>>:$ORIGIN>")
+target_include_directories(xkivmp3 INTERFACE $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+
+# For a host that loads the driver at run time: the headers alone.
+add_library(xkivmp3_host INTERFACE)
+set_target_properties(xkivmp3_host PROPERTIES EXPORT_NAME host)
+target_include_directories(xkivmp3_host INTERFACE $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+target_link_libraries(xkivmp3_host INTERFACE ${CMAKE_DL_LIBS})
+
+install(TARGETS xkivmp3 xkivlog xkivmp3_host ffdhost EXPORT xkivmp3)
+install(DIRECTORY ${CMAKE_SOURCE_DIR}/include/ TYPE INCLUDE)
+install(EXPORT xkivmp3 NAMESPACE xkivmp3:: FILE xkivmp3-targets.cmake
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/xkivmp3)
+configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/xkivmp3-config.cmake.in
+    ${CMAKE_BINARY_DIR}/xkivmp3-config.cmake
+    INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/xkivmp3)
+write_basic_package_version_file(${CMAKE_BINARY_DIR}/xkivmp3-config-version.cmake
+    COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_BINARY_DIR}/xkivmp3-config.cmake
+    ${CMAKE_BINARY_DIR}/xkivmp3-config-version.cmake
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/xkivmp3)
+file(RELATIVE_PATH prefix_of_pc /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
+configure_file(${CMAKE_CURRENT_LIST_DIR}/xkivmp3.pc.in ${CMAKE_BINARY_DIR}/xkivmp3.pc @ONLY)
+install(FILES ${CMAKE_BINARY_DIR}/xkivmp3.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+install(FILES README.md CHANGELOG.md TYPE DOC)
+install(DIRECTORY docs TYPE DOC PATTERN Doxyfile EXCLUDE)
+install(DIRECTORY examples TYPE DOC PATTERN CMakeLists.txt EXCLUDE)
+install(FILES LICENSE TYPE DOC RENAME copyright)
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME xkivmp3)
+set(CPACK_PACKAGE_CONTACT "${CMAKE_PROJECT_NAME} maintainers <maintainers@localhost>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "MP3 dictation driver and its command-line host")
+set(CPACK_PACKAGE_DESCRIPTION 
+"A shared library that a dictation recorder loads to read and edit MP3
+files through one table of 24 entry points, without decoding them; its
+headers, and ffdhost, which drives it from the command line and tells
+what is wrong with a file.")
+set(CPACK_STRIP_FILES ON)
+set(CPACK_PACKAGE_DIRECTORY ${CMAKE_SOURCE_DIR}/dist)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION sound)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+include(CPack)

@@ -1,0 +1,6 @@
+# Installed once, from the build that ships.
+if(TARGET ffdhost AND NOT CMAKE_CXX_FLAGS MATCHES "-fsanitize|--coverage")
+    add_test(NAME install COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/install_test.sh
+        ${CMAKE_SOURCE_DIR} ${CMAKE_BINARY_DIR} ${PROJECT_VERSION})
+    set_tests_properties(install PROPERTIES SKIP_RETURN_CODE 77)
+endif()

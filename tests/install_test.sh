@@ -1,0 +1,92 @@
+#!/usr/bin/env bash
+# install_test.sh SOURCE BUILD VERSION: what `cmake --install` lays down serves a project of its own,
+# by find_package and by pkg-config; the Debian package installs, works and goes away again in a
+# Debian root that has never seen it.
+set -euo pipefail
+
+source=$1 build=$2 version=$3
+samples=$source/tests/samples
+work=$(mktemp -d)
+as_root=()
+[ "$(id -u)" = 0 ] || as_root=(sudo -n)
+trap '"${as_root[@]}" rm -rf "$work"' EXIT
+
+fail() {
+    echo "install_test.sh: $*" >&2
+    exit 1
+}
+quietly() {
+    "$@" >"$work/log" 2>&1 || { cat "$work/log" >&2; fail "failed: $*"; }
+}
+# works COMMAND...: a session of the example on fresh copies of two samples.
+works() {
+    cp "$samples/speech-22k-mono-tagged.mp3" "$work/a.mp3"
+    [ "$("$@" "$work/a.mp3" "$samples/insert-22k-mono.mp3" | tail -n 1)" = "undone   96966 bytes" ] ||
+        fail "no session: $*"
+}
+
+prefix="$work/a prefix"
+quietly cmake --install "$build" --prefix "$prefix"
+[ "$("$prefix/bin/ffdhost" --version)" = "ffdhost $version" ] || fail "the version of ffdhost"
+quietly "$prefix/bin/ffdhost" info "$samples/speech-44k-stereo.mp3"
+
+mkdir "$work/project"
+cat >"$work/project/CMakeLists.txt" <<END
+cmake_minimum_required(VERSION 3.25)
+project(recorder C)
+find_package(xkivmp3 $version EXACT REQUIRED)
+add_executable(loads "$source/examples/session.c")
+target_link_libraries(loads xkivmp3::host)
+add_executable(links links.c)
+target_link_libraries(links xkivmp3::xkivmp3)
+file(GENERATE OUTPUT driver CONTENT "\$<TARGET_FILE:xkivmp3::xkivmp3>")
+END
+# The table of a driver that is linked is filled when main begins.
+cat >"$work/project/links.c" <<'END'
+#include <ffd.h>
+extern void* FFD_Function_Table[FFD_SLOT_COUNT];
+int main(void) {
+    FFDGetGranularitySizeProc const slot =
+        (FFDGetGranularitySizeProc)FFD_Function_Table[FFD_SLOT_GET_GRANULARITY_SIZE];
+    return slot(NULL, NULL) == FFD_INVALID_HANDLE ? 0 : 1;
+}
+END
+quietly cmake -S "$work/project" -B "$work/project/build" -DCMAKE_PREFIX_PATH="$prefix"
+quietly cmake --build "$work/project/build"
+works "$work/project/build/loads" "$(cat "$work/project/build/driver")"
+quietly "$work/project/build/links"
+
+PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name xkivmp3.pc)")
+export PKG_CONFIG_PATH
+[ "$(pkg-config --modversion xkivmp3)" = "$version" ] || fail "the version of pkg-config"
+eval "gcc -o '$work/loads' '$source/examples/session.c' $(pkg-config --cflags xkivmp3)"
+works "$work/loads" "$(pkg-config --variable=driver xkivmp3 | sed 's/\\//g')"
+eval "gcc -o '$work/links' '$work/project/links.c' $(pkg-config --cflags --libs xkivmp3)"
+LD_LIBRARY_PATH=$(dirname "$(find "$prefix" -name libxkivmp3.so)") quietly "$work/links"
+
+quietly "$source/package.sh" deb
+package=$source/dist/xkivmp3_${version}_$(dpkg --print-architecture).deb
+if ! "${as_root[@]}" true 2>/dev/null; then
+    echo "install_test.sh: neither root nor sudo: the package was made and not tried"
+    exit 77
+fi
+release=$(. /etc/os-release && echo "$VERSION_CODENAME")
+mirror=$(apt-get indextargets --format '$(REPO_URI)' "Codename: $release" | head -n 1)
+root=$work/root
+quietly "${as_root[@]}" debootstrap --variant=minbase "$release" "$root" "$mirror"
+"${as_root[@]}" cp "$package" "$root/package.deb"
+"${as_root[@]}" cp "$samples/speech-22k-mono-tagged.mp3" "$root/root/a.mp3"
+inside() {
+    "${as_root[@]}" chroot "$root" "$@"
+}
+everything() {
+    inside find /usr /etc /opt -not -path '/etc/ld.so.cache' | sort
+}
+everything >"$work/before"
+quietly inside dpkg --install /package.deb
+inside ldconfig -p | grep -q 'libxkivmp3\.so\.0 ' || fail "the loader does not know the driver"
+quietly inside ffdhost edit /root/a.mp3 seek 1s delete 1s show
+[ "$(inside ffdhost --version)" = "ffdhost $version" ] || fail "the version in the package"
+[ "$(inside dpkg-query -W -f '${Version}' xkivmp3)" = "$version" ] || fail "the package's version"
+quietly inside dpkg --purge xkivmp3
+everything | diff "$work/before" - >"$work/log" || { cat "$work/log"; fail "files are left"; }
