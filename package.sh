@@ -7,8 +7,8 @@ cd "$(dirname "${BASH_SOURCE[0]}")"
 
 make_deb() {
     scripts/install-packages.sh dpkg-dev
-    scripts/build-preset.sh package
-    (cd build-package && cpack -G DEB) | sed -nE 's|.*package: .*/(dist/.*) generated\.|\1|p'
+    scripts/build-preset.sh release xkivmp3 xkivlog ffdhost
+    (cd build && cpack -G DEB) | sed -nE 's|.*package: .*/(dist/.*) generated\.|\1|p'
 }
 
 make_zip() {

@@ -16,9 +16,17 @@ namespace {
                       " and its trace library beside ffdhost, or name it with --driver.");
 }
 
-// Absolute, so that the system does not go looking for a bare name in its own places.
+// Absolute, so that the system does not go looking for a bare name in its own places. Without a
+// path the driver is beside the program, or where both were installed.
 std::filesystem::path resolved(std::filesystem::path const& path) {
-    return path.empty() ? program_directory() / kDriverFileName : std::filesystem::absolute(path);
+    if (!path.empty()) {
+        return std::filesystem::absolute(path);
+    }
+    std::filesystem::path const beside = program_directory() / kDriverFileName;
+    std::filesystem::path const installed =
+        program_directory() / FFDHOST_LIBRARY_DIRECTORY / kDriverFileName;
+    std::error_code error;
+    return !exists(beside, error) && exists(installed, error) ? installed : beside;
 }
 
 Library load(std::filesystem::path const& path) {
