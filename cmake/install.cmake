@@ -29,7 +29,7 @@ configure_file(${CMAKE_CURRENT_LIST_DIR}/xkivmp3.pc.in ${CMAKE_BINARY_DIR}/xkivm
 install(FILES ${CMAKE_BINARY_DIR}/xkivmp3.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 install(FILES README.md CHANGELOG.md TYPE DOC)
-install(DIRECTORY docs TYPE DOC PATTERN Doxyfile EXCLUDE)
+install(DIRECTORY docs TYPE DOC PATTERN Doxyfile EXCLUDE PATTERN reference.md EXCLUDE)
 install(DIRECTORY examples TYPE DOC PATTERN CMakeLists.txt EXCLUDE)
 install(FILES LICENSE TYPE DOC RENAME copyright)
 

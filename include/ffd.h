@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * The host's view of the MP3 dictation driver.
  *
  * A host loads the driver at run time, looks up the data symbol `FFD_Function_Table`, and from then
@@ -27,98 +28,100 @@ extern "C" {
 
 /* ---- Basic types --------------------------------------------------------------------------- */
 
-/* The status of an operation, 64 bits wide everywhere; 0 is success. */
+/** The status of an operation, 64 bits wide everywhere; 0 is success. */
 typedef uint64_t FFDError;
 
-/* An open sound file, as the host holds it. Opaque; null means no file. Valid from a successful
+/** An open sound file, as the host holds it. Opaque; null means no file. Valid from a successful
  * FFDCreateFile up to the entry of FFDClose. */
 typedef void* FFDHandle;
 
-typedef uint32_t FFDDesiredAccess; /* FFD_ACCESS_...  */
-typedef uint32_t FFDCreation;      /* FFD_CREATE_NEW or FFD_OPEN_EXISTING */
-typedef uint32_t FFDMethod;        /* FFD_METHOD_... */
+typedef uint32_t FFDDesiredAccess; /**< FFD_ACCESS_...  */
+typedef uint32_t FFDCreation;      /**< FFD_CREATE_NEW or FFD_OPEN_EXISTING */
+typedef uint32_t FFDMethod;        /**< FFD_METHOD_... */
 
 /* ---- Status codes -------------------------------------------------------------------------- */
 
-#define FFD_NOERROR UINT64_C(0)               /* success */
-#define FFD_INVALID_PATH UINT64_C(1)          /* no file part, malformed, or too long a path */
-#define FFD_INVALID_HANDLE UINT64_C(2)        /* the handle is not that of an open file */
-#define FFD_ERROR_WRITE_PROTECT UINT64_C(4)   /* the medium is write-protected */
-#define FFD_ERROR_ACCESS_DENIED UINT64_C(5)   /* access denied, or a sharing violation */
-#define FFD_ERR_NOT_ENOUGH_DSPACE UINT64_C(6) /* too little free disk space for the rebuild */
-#define FFD_FILE_ALREADY_EXISTS UINT64_C(7)   /* the file exists */
-#define FFD_NO_MORE_FRAMES UINT64_C(9)        /* the file holds no MP3 frame */
-#define FFD_INVALID_POSITION UINT64_C(11)     /* a read handle older than the present position */
-#define FFD_INVALID_READ_HANDLE UINT64_C(14)  /* the read handle is null */
-#define FFD_BUFFER_OVERFLOW UINT64_C(15)      /* the caller's buffer is too small */
-#define FFD_GRANULARITY_ERROR UINT64_C(18)    /* a size is no multiple of the block align */
-#define FFD_NOT_SUPPORTED UINT64_C(19)      /* the operation or the kind of file is not supported */
-#define FFD_NOT_UNDOABLE UINT64_C(22)       /* the undo did not reach the directory file */
-#define FFD_FILE_NOT_FOUND UINT64_C(23)     /* the file does not exist */
-#define FFD_NOTHING_TO_UNDO UINT64_C(24)    /* no deletion is left to be taken back */
-#define FFD_INVALID_PARAMETER UINT64_C(25)  /* a bad argument */
-#define FFD_INVALID_FORMAT UINT64_C(26)     /* the ID3 tags of the file are corrupt */
-#define FFD_ERROR_OUTOFMEMORY UINT64_C(27)  /* no memory, or no room left in the edit directory */
-#define FFD_FILE_IO_ERROR UINT64_C(29)      /* a file operation failed */
-#define FFD_DIRECTORY_MISMATCH UINT64_C(31) /* directory and file disagree; stays in the driver */
-#define FFD_INTERNAL_ERROR UINT64_C(32)     /* a state that should not be */
-#define FFD_NO_STORED_FILE_STATUS UINT64_C(33) /* there is no stored status to restore */
-#define FFD_ERROR_READ_ONLY UINT64_C(34)       /* an edit of a file opened for reading only */
-#define FFD_TAG_VERSION_UNKNOWN UINT64_C(42)   /* an ID3 version above 4; stays in the driver */
+#define FFD_NOERROR UINT64_C(0)               /**< success */
+#define FFD_INVALID_PATH UINT64_C(1)          /**< no file part, malformed, or too long a path */
+#define FFD_INVALID_HANDLE UINT64_C(2)        /**< the handle is not that of an open file */
+#define FFD_ERROR_WRITE_PROTECT UINT64_C(4)   /**< the medium is write-protected */
+#define FFD_ERROR_ACCESS_DENIED UINT64_C(5)   /**< access denied, or a sharing violation */
+#define FFD_ERR_NOT_ENOUGH_DSPACE UINT64_C(6) /**< too little free disk space for the rebuild */
+#define FFD_FILE_ALREADY_EXISTS UINT64_C(7)   /**< the file exists */
+#define FFD_NO_MORE_FRAMES UINT64_C(9)        /**< the file holds no MP3 frame */
+#define FFD_INVALID_POSITION UINT64_C(11)     /**< a read handle older than the present position */
+#define FFD_INVALID_READ_HANDLE UINT64_C(14)  /**< the read handle is null */
+#define FFD_BUFFER_OVERFLOW UINT64_C(15)      /**< the caller's buffer is too small */
+#define FFD_GRANULARITY_ERROR UINT64_C(18)    /**< a size is no multiple of the block align */
+#define FFD_NOT_SUPPORTED UINT64_C(19)   /**< the operation or the kind of file is not supported */
+#define FFD_NOT_UNDOABLE UINT64_C(22)    /**< the undo did not reach the directory file */
+#define FFD_FILE_NOT_FOUND UINT64_C(23)  /**< the file does not exist */
+#define FFD_NOTHING_TO_UNDO UINT64_C(24) /**< no deletion is left to be taken back */
+#define FFD_INVALID_PARAMETER UINT64_C(25)     /**< a bad argument */
+#define FFD_INVALID_FORMAT UINT64_C(26)        /**< the ID3 tags of the file are corrupt */
+#define FFD_ERROR_OUTOFMEMORY UINT64_C(27)     /**< no memory, or the edit directory is full */
+#define FFD_FILE_IO_ERROR UINT64_C(29)         /**< a file operation failed */
+#define FFD_DIRECTORY_MISMATCH UINT64_C(31)    /**< directory against file; stays in the driver */
+#define FFD_INTERNAL_ERROR UINT64_C(32)        /**< a state that should not be */
+#define FFD_NO_STORED_FILE_STATUS UINT64_C(33) /**< there is no stored status to restore */
+#define FFD_ERROR_READ_ONLY UINT64_C(34)       /**< an edit of a file opened for reading only */
+#define FFD_TAG_VERSION_UNKNOWN UINT64_C(42)   /**< an ID3 version above 4; stays in the driver */
 
 /* ---- Argument values ----------------------------------------------------------------------- */
 
-#define FFD_ACCESS_READ 1u      /* read only; edits answer FFD_ERROR_READ_ONLY */
-#define FFD_ACCESS_READWRITE 2u /* read and edit */
+#define FFD_ACCESS_READ 1u      /**< read only; edits answer FFD_ERROR_READ_ONLY */
+#define FFD_ACCESS_READWRITE 2u /**< read and edit */
 
-#define FFD_CREATE_NEW 1u    /* refused with FFD_NOT_SUPPORTED: the driver makes no new file */
-#define FFD_OPEN_EXISTING 2u /* the one value that opens */
+#define FFD_CREATE_NEW 1u    /**< refused with FFD_NOT_SUPPORTED: the driver makes no new file */
+#define FFD_OPEN_EXISTING 2u /**< the one value that opens */
 
-#define FFD_METHOD_INSERT 1u    /* any value but 2 inserts */
-#define FFD_METHOD_OVERWRITE 2u /* the new bytes replace as many behind the position */
+#define FFD_METHOD_INSERT 1u    /**< any value but 2 inserts */
+#define FFD_METHOD_OVERWRITE 2u /**< the new bytes replace as many behind the position */
 
-/* Messages to the host's callback, see FFDCallbackParams. */
-#define FIDM_DISKSPACE_WARNING 1020u /* parameter 1: a third of the space left above the need */
-#define FIDM_OUT_OF_DISKSPACE 1021u  /* parameter 1: the value set by FFDSetDiskspaceWarningTime */
+/** Messages to the host's callback, see FFDCallbackParams. */
+#define FIDM_DISKSPACE_WARNING 1020u /**< parameter 1: a third of the space left above the need */
+#define FIDM_OUT_OF_DISKSPACE 1021u  /**< parameter 1: the unit set with slot 8 */
 
 /* ---- Records, little-endian, natural alignment --------------------------------------------- */
 
-/* What the next FFDReadData covers. FFDGetSizeOfData gives out a pointer to the one record of the
+/** What the next FFDReadData covers. FFDGetSizeOfData gives out a pointer to the one record of the
  * open file; the next call overwrites it. Owned by the driver, alive as long as the handle. */
 typedef struct FFDReadHandle {
-    uint32_t RealSizeInBytes;  /* bytes that the read covers */
-    uint32_t ValidSizeInBytes; /* the same value */
-    uint32_t RealStartPos;     /* dictation position of the first byte */
-    uint32_t RealEndPos;       /* RealStartPos + RealSizeInBytes */
+    uint32_t RealSizeInBytes;  /**< bytes that the read covers */
+    uint32_t ValidSizeInBytes; /**< the same value */
+    uint32_t RealStartPos;     /**< dictation position of the first byte */
+    uint32_t RealEndPos;       /**< RealStartPos + RealSizeInBytes */
 } FFDReadHandle;
 
-/* The format of an open file. The driver writes the fields so marked and nothing behind byte 25. */
+/** The format of an open file. The driver writes the fields so marked and nothing behind byte 25.
+ */
 typedef struct FFDAudioInfo {
-    uint32_t dwHost;          /* the host's, not written */
-    uint16_t wChannels;       /* written: 1 or 2 */
-    uint16_t wBitsPerSample;  /* written: 0 for MP3 */
-    uint32_t nAvgBytesPerSec; /* the host's, not written */
-    uint32_t dwSamplingRate;  /* written: samples per second */
-    uint16_t wBlockAlign;     /* written: 1 for MP3 */
-    uint8_t byPadding1[2];    /* not written */
-    uint8_t bySource;         /* written: 0 */
-    uint8_t byPadding2[1];    /* not written */
-    uint16_t wCodtype;        /* written: 130, the coding type of MP3 */
-    uint8_t byCodver;         /* written: 0 */
-    uint8_t byClosing;        /* written: 0 */
+    uint32_t dwHost;          /**< the host's, not written */
+    uint16_t wChannels;       /**< written: 1 or 2 */
+    uint16_t wBitsPerSample;  /**< written: 0 for MP3 */
+    uint32_t nAvgBytesPerSec; /**< the host's, not written */
+    uint32_t dwSamplingRate;  /**< written: samples per second */
+    uint16_t wBlockAlign;     /**< written: 1 for MP3 */
+    uint8_t byPadding1[2];    /**< not written */
+    uint8_t bySource;         /**< written: 0 */
+    uint8_t byPadding2[1];    /**< not written */
+    uint16_t wCodtype;        /**< written: 130, the coding type of MP3 */
+    uint8_t byCodver;         /**< written: 0 */
+    uint8_t byClosing;        /**< written: 0 */
 } FFDAudioInfo;
 
-/* Where the driver sends its messages. The target is called on the thread of FFDWriteData, as
+/** Where the driver sends its messages. The target is called on the thread of FFDWriteData, as
  * void target(hDriver, uint32 message, dwUser, parameter 1, parameter 2), each but the message
  * pointer-sized. */
 typedef struct FFDCallbackParams {
-    void* hDriver;        /* the host's driver handle; must not be null */
-    uint64_t dwCallback;  /* address of the callback function; 0 for none */
-    uint32_t dwHostValue; /* stored, never read */
-    uint32_t dwPadding;
-    uint64_t dwUser; /* handed to the callback */
+    void* hDriver;        /**< the host's driver handle; must not be null */
+    uint64_t dwCallback;  /**< address of the callback function; 0 for none */
+    uint32_t dwHostValue; /**< stored, never read */
+    uint32_t dwPadding;   /**< not used */
+    uint64_t dwUser;      /**< handed to the callback */
 } FFDCallbackParams;
 
+/** Fails to compile if the condition does not hold. */
 #ifdef __cplusplus
 #define FFD_ASSERT_LAYOUT(condition) static_assert(condition, #condition)
 #else
@@ -140,90 +143,91 @@ FFD_ASSERT_LAYOUT(offsetof(FFDCallbackParams, dwUser) == 24);
 
 /* ---- The table ----------------------------------------------------------------------------- */
 
-#define FFD_TABLE_SYMBOL "FFD_Function_Table" /* an array of FFD_SLOT_COUNT pointers */
+#define FFD_TABLE_SYMBOL "FFD_Function_Table" /**< an array of FFD_SLOT_COUNT pointers */
 
+/** The numbers of the slots. Each is a pointer to a function of the type named. */
 enum {
-    FFD_SLOT_GET_CURRENT_POS = 0,
-    FFD_SLOT_GET_DICTATION_FILE_SIZE = 1,
-    FFD_SLOT_GET_GRANULARITY_SIZE = 2,
-    FFD_SLOT_GET_AUDIO_INFO = 3,
-    FFD_SLOT_GET_SIZE_OF_DATA = 4,
-    FFD_SLOT_GET_FILE_NAME = 5,
-    FFD_SLOT_GET_FILE_PATH = 6,
-    FFD_SLOT_GET_SOUND_DATA_LENGTH = 7,
-    FFD_SLOT_SET_DISKSPACE_WARNING_TIME = 8,
-    FFD_SLOT_SET_CALLBACK_ADDRESS = 9,
-    FFD_SLOT_AUDIO_SEEK = 10,
-    FFD_SLOT_SAVE_AS = 11,
-    FFD_SLOT_CLOSE = 12,
-    FFD_SLOT_CREATE_FILE = 13,
-    FFD_SLOT_READ_DATA = 14,
-    FFD_SLOT_WRITE_DATA = 15,
-    FFD_SLOT_DELETE_DATA = 16,
-    FFD_SLOT_UNDO_LAST = 17,
-    FFD_SLOT_STORE_ACTUAL_FILE_STATUS = 18,
-    FFD_SLOT_RESTORE_FILE_STATUS = 19,
-    FFD_SLOT_GET_WFX = 20,
-    FFD_SLOT_GET_DOWNLOAD_LENGTH = 21,
-    FFD_SLOT_RESERVED = 22, /* null; must not be called */
-    FFD_SLOT_GET_DSS_ENCRYPTED = 23,
-    FFD_SLOT_COUNT = 24
+    FFD_SLOT_GET_CURRENT_POS = 0,            /**< FFDGetCurrentPosProc */
+    FFD_SLOT_GET_DICTATION_FILE_SIZE = 1,    /**< FFDGetDictationFileSizeProc */
+    FFD_SLOT_GET_GRANULARITY_SIZE = 2,       /**< FFDGetGranularitySizeProc */
+    FFD_SLOT_GET_AUDIO_INFO = 3,             /**< FFDGetAudioInfoProc */
+    FFD_SLOT_GET_SIZE_OF_DATA = 4,           /**< FFDGetSizeOfDataProc */
+    FFD_SLOT_GET_FILE_NAME = 5,              /**< FFDGetFileNameProc */
+    FFD_SLOT_GET_FILE_PATH = 6,              /**< FFDGetFilePathProc */
+    FFD_SLOT_GET_SOUND_DATA_LENGTH = 7,      /**< FFDGetSoundDataLengthProc */
+    FFD_SLOT_SET_DISKSPACE_WARNING_TIME = 8, /**< FFDSetDiskspaceWarningTimeProc */
+    FFD_SLOT_SET_CALLBACK_ADDRESS = 9,       /**< FFDSetCallbackAddressProc */
+    FFD_SLOT_AUDIO_SEEK = 10,                /**< FFDAudioSeekProc */
+    FFD_SLOT_SAVE_AS = 11,                   /**< FFDSaveAsProc */
+    FFD_SLOT_CLOSE = 12,                     /**< FFDCloseProc */
+    FFD_SLOT_CREATE_FILE = 13,               /**< FFDCreateFileProc */
+    FFD_SLOT_READ_DATA = 14,                 /**< FFDReadDataProc */
+    FFD_SLOT_WRITE_DATA = 15,                /**< FFDWriteDataProc */
+    FFD_SLOT_DELETE_DATA = 16,               /**< FFDDeleteDataProc */
+    FFD_SLOT_UNDO_LAST = 17,                 /**< FFDUndoLastProc */
+    FFD_SLOT_STORE_ACTUAL_FILE_STATUS = 18,  /**< FFDStoreActualFileStatusProc */
+    FFD_SLOT_RESTORE_FILE_STATUS = 19,       /**< FFDRestoreFileStatusProc */
+    FFD_SLOT_GET_WFX = 20,                   /**< FFDGetWfxProc */
+    FFD_SLOT_GET_DOWNLOAD_LENGTH = 21,       /**< FFDGetDownloadLengthProc */
+    FFD_SLOT_RESERVED = 22,                  /**< null; must not be called */
+    FFD_SLOT_GET_DSS_ENCRYPTED = 23,         /**< FFDGetDSSEncryptedProc */
+    FFD_SLOT_COUNT = 24                      /**< of all, the one reserved included */
 };
 
-/* Slot 0. The dictation position of the next read or edit, in bytes. */
+/** Slot 0. The dictation position of the next read or edit, in bytes. */
 typedef FFDError (*FFDGetCurrentPosProc)(FFDHandle ffdHandle, uint32_t* lpffdCurrentPos);
 
-/* Slot 1. The size of the whole MP3 file in bytes: tags, deleted and appended audio included. */
+/** Slot 1. The size of the whole MP3 file in bytes: tags, deleted and appended audio included. */
 typedef FFDError (*FFDGetDictationFileSizeProc)(FFDHandle ffdHandle, uint32_t* lpffdFileSize);
 
-/* Slot 2. Always FFD_NOT_SUPPORTED; lpffdGranuInfo is not touched. */
+/** Slot 2. Always FFD_NOT_SUPPORTED; lpffdGranuInfo is not touched. */
 typedef FFDError (*FFDGetGranularitySizeProc)(FFDHandle ffdHandle, void* lpffdGranuInfo);
 
-/* Slot 3. Fills the written fields of *lpAudioInfo. ffdBufferSize is not looked at: the record must
- * have at least 26 bytes. */
+/** Slot 3. Fills the written fields of *lpAudioInfo. ffdBufferSize is not looked at: the record
+ * must have at least 26 bytes. */
 typedef FFDError (*FFDGetAudioInfoProc)(FFDHandle ffdHandle, FFDAudioInfo* lpAudioInfo,
                                         uint32_t ffdBufferSize);
 
-/* Slot 4. Prepares a read of up to ffdLength bytes from the position on: gives out the record that
+/** Slot 4. Prepares a read of up to ffdLength bytes from the position on: gives out the record that
  * FFDReadData wants, with the length cut down to what is left. */
 typedef FFDError (*FFDGetSizeOfDataProc)(FFDHandle ffdHandle, uint32_t ffdLength,
                                          FFDReadHandle** lplpffdReadHandle);
 
-/* Slot 5. The file name with its extension. FFD_BUFFER_OVERFLOW, with the buffer untouched, if
+/** Slot 5. The file name with its extension. FFD_BUFFER_OVERFLOW, with the buffer untouched, if
  * ffdBufferSize (characters) does not hold the name and its terminator. */
 typedef FFDError (*FFDGetFileNameProc)(FFDHandle ffdHandle, char* lpffdBuffer,
                                        uint32_t ffdBufferSize);
 
-/* Slot 6. The directory of the file with its closing separator; else as slot 5. */
+/** Slot 6. The directory of the file with its closing separator; else as slot 5. */
 typedef FFDError (*FFDGetFilePathProc)(FFDHandle ffdHandle, char* lpffdBuffer,
                                        uint32_t ffdBufferSize);
 
-/* Slot 7. The length of the dictation in bytes, as it follows from its length in whole
+/** Slot 7. The length of the dictation in bytes, as it follows from its length in whole
  * milliseconds: it can be less than the exact length, which a seek to the end gives. */
 typedef FFDError (*FFDGetSoundDataLengthProc)(FFDHandle ffdHandle, uint32_t* lpffdSoundDataLength);
 
-/* Slot 8. FFDWriteData sends FIDM_DISKSPACE_WARNING when a third of the free space above the basic
+/** Slot 8. FFDWriteData sends FIDM_DISKSPACE_WARNING when a third of the free space above the basic
  * need (twice the file and its blocks, plus 10 MiB) is below so many bytes; 0 for no warning. */
 typedef FFDError (*FFDSetDiskspaceWarningTimeProc)(FFDHandle ffdHandle, uint32_t ffdWarningUnit);
 
-/* Slot 9. Replaces the callback target by a 32-bit address; 0 switches messages off. A target
+/** Slot 9. Replaces the callback target by a 32-bit address; 0 switches messages off. A target
  * above 4 GiB can be given with FFDCreateFile only. */
 typedef FFDError (*FFDSetCallbackAddressProc)(FFDHandle ffdHandle, uint32_t ffdCallbackAddress);
 
-/* Slot 10. Moves the position, to the end at most, and tells the position reached. */
+/** Slot 10. Moves the position, to the end at most, and tells the position reached. */
 typedef FFDError (*FFDAudioSeekProc)(FFDHandle ffdHandle, uint32_t ffdSeekPos,
                                      uint32_t* lpffdRealPos);
 
-/* Slot 11. Answers FFD_NOERROR and writes nothing. */
+/** Slot 11. Answers FFD_NOERROR and writes nothing. */
 typedef FFDError (*FFDSaveAsProc)(FFDHandle ffdHandle, char const* lpNewName);
 
-/* Slot 12. Folds the edits into the file, rebuilding it if they ask for it, and ends the handle,
+/** Slot 12. Folds the edits into the file, rebuilding it if they ask for it, and ends the handle,
  * whatever the status. After a status other than FFD_NOERROR the edits are still in the .DIR file
  * beside the sound file: the next open for writing finds them. FFD_ERR_NOT_ENOUGH_DSPACE,
  * FFD_FILE_IO_ERROR, FFD_ERROR_OUTOFMEMORY. */
 typedef FFDError (*FFDCloseProc)(FFDHandle ffdHandle);
 
-/* Slot 13. Opens an MP3 file with a constant bitrate. The result is the handle, or null with the
+/** Slot 13. Opens an MP3 file with a constant bitrate. The result is the handle, or null with the
  * status in *lpffdError (64 bits, written always, must not be null). lpddiOpenInfo and
  * pffdOpenInfoEx are not read through. FFD_INVALID_PATH, FFD_INVALID_PARAMETER, FFD_NOT_SUPPORTED
  * (a new file, a variable bitrate, 4 GiB and more), FFD_FILE_IO_ERROR, FFD_NO_MORE_FRAMES,
@@ -233,7 +237,7 @@ typedef FFDHandle (*FFDCreateFileProc)(char const* lpFileName, FFDDesiredAccess 
                                        FFDCallbackParams ffdCallbackParams, FFDError* lpffdError,
                                        void* pffdOpenInfoEx);
 
-/* Slot 14. Copies the bytes that the record of FFDGetSizeOfData covers into lpffdBuffer and moves
+/** Slot 14. Copies the bytes that the record of FFDGetSizeOfData covers into lpffdBuffer and moves
  * the position behind them. How far a read came shows in FFDGetCurrentPos.
  * FFD_INVALID_READ_HANDLE, FFD_BUFFER_OVERFLOW, FFD_INVALID_PARAMETER (null buffer),
  * FFD_INVALID_POSITION (the position has moved since FFDGetSizeOfData), FFD_INTERNAL_ERROR (nothing
@@ -241,36 +245,36 @@ typedef FFDHandle (*FFDCreateFileProc)(char const* lpFileName, FFDDesiredAccess 
 typedef FFDError (*FFDReadDataProc)(FFDHandle ffdHandle, FFDReadHandle const* lpcffdReadHandle,
                                     uint32_t ffdBufferSize, uint8_t* lpffdBuffer);
 
-/* Slot 15. Enters ffdBufferSize bytes of MP3 data at the position and moves it behind them; with
+/** Slot 15. Enters ffdBufferSize bytes of MP3 data at the position and moves it behind them; with
  * FFD_METHOD_OVERWRITE as many bytes behind them leave the dictation. The bytes are on the disk at
  * the return. FFD_ERROR_READ_ONLY, FFD_FILE_IO_ERROR (also at 4 GiB), FFD_ERROR_OUTOFMEMORY (the
  * edit directory is full): the dictation is as before. */
 typedef FFDError (*FFDWriteDataProc)(FFDHandle ffdHandle, FFDMethod ffdMethod,
                                      uint32_t ffdBufferSize, uint8_t* lpffdBuffer);
 
-/* Slot 16. Takes up to ffdLength bytes behind the position out of the dictation; FFDUndoLast brings
- * them back. Nothing is deleted at a position less than one frame before the end.
+/** Slot 16. Takes up to ffdLength bytes behind the position out of the dictation; FFDUndoLast
+ * brings them back. Nothing is deleted at a position less than one frame before the end.
  * FFD_ERROR_READ_ONLY, FFD_ERROR_OUTOFMEMORY, FFD_INTERNAL_ERROR. */
 typedef FFDError (*FFDDeleteDataProc)(FFDHandle ffdHandle, uint32_t ffdLength);
 
-/* Slot 17. Brings back what the last FFDDeleteData took out. FFD_ERROR_READ_ONLY,
+/** Slot 17. Brings back what the last FFDDeleteData took out. FFD_ERROR_READ_ONLY,
  * FFD_NOTHING_TO_UNDO, FFD_NOT_UNDOABLE (back in memory, but not in the .DIR file). */
 typedef FFDError (*FFDUndoLastProc)(FFDHandle ffdHandle);
 
-/* Slot 18. Takes a snapshot of the edit state, one per open file. */
+/** Slot 18. Takes a snapshot of the edit state, one per open file. */
 typedef FFDError (*FFDStoreActualFileStatusProc)(FFDHandle ffdHandle);
 
-/* Slot 19. Goes back to the snapshot. */
+/** Slot 19. Goes back to the snapshot. */
 typedef FFDError (*FFDRestoreFileStatusProc)(FFDHandle ffdHandle);
 
-/* Slot 20. Copies the wave format block, 30 bytes, an MPEGLAYER3WAVEFORMAT. FFD_BUFFER_OVERFLOW if
+/** Slot 20. Copies the wave format block, 30 bytes, an MPEGLAYER3WAVEFORMAT. FFD_BUFFER_OVERFLOW if
  * ffdBufferSize (bytes) is below that. */
 typedef FFDError (*FFDGetWfxProc)(FFDHandle ffdHandle, void* lpWfx, uint32_t ffdBufferSize);
 
-/* Slot 21. Answers FFD_NOERROR; lpffdDownloadLen is not touched. */
+/** Slot 21. Answers FFD_NOERROR; lpffdDownloadLen is not touched. */
 typedef FFDError (*FFDGetDownloadLengthProc)(FFDHandle ffdHandle, void* lpffdDownloadLen);
 
-/* Slot 23. FFD_NOT_SUPPORTED; lpffdBool is not touched. */
+/** Slot 23. FFD_NOT_SUPPORTED; lpffdBool is not touched. */
 typedef FFDError (*FFDGetDSSEncryptedProc)(FFDHandle ffdHandle, void* lpffdBool);
 
 #ifdef __cplusplus

@@ -11,3 +11,6 @@ configure_file(ffd_header_c.c ${CMAKE_CURRENT_BINARY_DIR}/ffd_header_cxx.cpp COP
 add_library(ffd_header OBJECT ffd_header_c.c ${CMAKE_CURRENT_BINARY_DIR}/ffd_header_cxx.cpp)
 target_include_directories(ffd_header PRIVATE ${CMAKE_SOURCE_DIR}/include)
 target_compile_options(ffd_header PRIVATE -pedantic -Wall -Wextra -Werror)
+
+# Everything that the headers declare is documented.
+add_test(NAME reference COMMAND ${CMAKE_SOURCE_DIR}/scripts/reference.sh)
