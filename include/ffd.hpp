@@ -1,0 +1,371 @@
+/**
+ * @file
+ * The C++20 face of the MP3 dictation driver: ffd.h with the driver loaded, files that close
+ * themselves, statuses as exceptions, and bytes as std::span. Header only; a call costs what the
+ * slot of the table costs.
+ *
+ *     ffd::Driver driver("libxkivmp3.so");
+ *     ffd::File sound(driver, "letter.mp3", ffd::Access::ReadWrite);
+ *     sound.seek(24000);
+ *     sound.insert(frames); // whole MP3 frames of the format of the file
+ *     sound.close();
+ *
+ * What holds for the table holds here: one thread at a time, and positions and lengths are bytes of
+ * the dictation. A driver must outlive its files.
+ */
+#pragma once
+
+#include "ffd.h"
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <limits>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#ifdef _WIN32
+#ifndef NOMINMAX
+#define NOMINMAX
+#endif
+#include <windows.h>
+
+#include <system_error>
+#else
+#include <dlfcn.h>
+#endif
+
+/** The driver for C++ hosts. */
+namespace ffd {
+
+/** A status in words. */
+struct StatusText {
+    FFDError status;          /**< the code */
+    std::string_view name;    /**< its name in ffd.h */
+    std::string_view meaning; /**< what has happened */
+};
+
+/** Every status that ffd.h names. */
+inline constexpr StatusText kStatusTexts[] = {
+    {FFD_NOERROR, "FFD_NOERROR", "success"},
+    {FFD_INVALID_PATH, "FFD_INVALID_PATH", "the path has no file name, is malformed or too long"},
+    {FFD_INVALID_HANDLE, "FFD_INVALID_HANDLE", "the file is not open"},
+    {FFD_ERROR_WRITE_PROTECT, "FFD_ERROR_WRITE_PROTECT", "the medium is write-protected"},
+    {FFD_ERROR_ACCESS_DENIED, "FFD_ERROR_ACCESS_DENIED", "access denied, or the file is in use"},
+    {FFD_ERR_NOT_ENOUGH_DSPACE, "FFD_ERR_NOT_ENOUGH_DSPACE",
+     "too little free disk space to rebuild the file"},
+    {FFD_FILE_ALREADY_EXISTS, "FFD_FILE_ALREADY_EXISTS", "the file exists"},
+    {FFD_NO_MORE_FRAMES, "FFD_NO_MORE_FRAMES", "the file holds no MP3 frame"},
+    {FFD_INVALID_POSITION, "FFD_INVALID_POSITION",
+     "the position has moved since the read was prepared"},
+    {FFD_INVALID_READ_HANDLE, "FFD_INVALID_READ_HANDLE", "the read was not prepared"},
+    {FFD_BUFFER_OVERFLOW, "FFD_BUFFER_OVERFLOW", "the buffer is too small"},
+    {FFD_GRANULARITY_ERROR, "FFD_GRANULARITY_ERROR", "a size is no multiple of the block align"},
+    {FFD_NOT_SUPPORTED, "FFD_NOT_SUPPORTED", "the operation or the kind of file is not supported"},
+    {FFD_NOT_UNDOABLE, "FFD_NOT_UNDOABLE", "the undo did not reach the .DIR file"},
+    {FFD_FILE_NOT_FOUND, "FFD_FILE_NOT_FOUND", "the file does not exist"},
+    {FFD_NOTHING_TO_UNDO, "FFD_NOTHING_TO_UNDO", "no deletion is left to be taken back"},
+    {FFD_INVALID_PARAMETER, "FFD_INVALID_PARAMETER", "a bad argument"},
+    {FFD_INVALID_FORMAT, "FFD_INVALID_FORMAT", "the ID3 tags of the file are corrupt"},
+    {FFD_ERROR_OUTOFMEMORY, "FFD_ERROR_OUTOFMEMORY",
+     "no memory, or no room left in the edit directory"},
+    {FFD_FILE_IO_ERROR, "FFD_FILE_IO_ERROR", "a file operation failed"},
+    {FFD_DIRECTORY_MISMATCH, "FFD_DIRECTORY_MISMATCH", "the .DIR file and the MP3 file disagree"},
+    {FFD_INTERNAL_ERROR, "FFD_INTERNAL_ERROR", "a state that should not be"},
+    {FFD_NO_STORED_FILE_STATUS, "FFD_NO_STORED_FILE_STATUS",
+     "there is no stored status to restore"},
+    {FFD_ERROR_READ_ONLY, "FFD_ERROR_READ_ONLY", "the file is open for reading only"},
+    {FFD_TAG_VERSION_UNKNOWN, "FFD_TAG_VERSION_UNKNOWN", "an ID3 version above 4"},
+};
+
+/** The text of a status. One that ffd.h does not name gets "unknown status". */
+constexpr StatusText describe(FFDError status) {
+    for (StatusText const& text : kStatusTexts) {
+        if (text.status == status) {
+            return text;
+        }
+    }
+    return {status, "unknown status", "a status that this header does not know"};
+}
+
+/** An operation that answered another status than FFD_NOERROR. */
+class Error : public std::runtime_error {
+public:
+    /** `operation` is a literal: it is kept as it is. */
+    Error(char const* operation, FFDError status)
+        : std::runtime_error(std::string(operation) + ": " + std::string(describe(status).meaning)),
+          m_operation(operation), m_status(status) {}
+
+    /** What was tried, in a word or two: "open for reading", "insert". */
+    char const* operation() const noexcept { return m_operation; }
+    /** The answer of the driver. */
+    FFDError status() const noexcept { return m_status; }
+
+private:
+    char const* m_operation;
+    FFDError m_status;
+};
+
+/** The slots of the table by name and type, in the order of their numbers. */
+struct Table {
+    FFDGetCurrentPosProc get_current_pos;                      /**< slot 0 */
+    FFDGetDictationFileSizeProc get_dictation_file_size;       /**< slot 1 */
+    FFDGetGranularitySizeProc get_granularity_size;            /**< slot 2 */
+    FFDGetAudioInfoProc get_audio_info;                        /**< slot 3 */
+    FFDGetSizeOfDataProc get_size_of_data;                     /**< slot 4 */
+    FFDGetFileNameProc get_file_name;                          /**< slot 5 */
+    FFDGetFilePathProc get_file_path;                          /**< slot 6 */
+    FFDGetSoundDataLengthProc get_sound_data_length;           /**< slot 7 */
+    FFDSetDiskspaceWarningTimeProc set_diskspace_warning_time; /**< slot 8 */
+    FFDSetCallbackAddressProc set_callback_address;            /**< slot 9 */
+    FFDAudioSeekProc audio_seek;                               /**< slot 10 */
+    FFDSaveAsProc save_as;                                     /**< slot 11 */
+    FFDCloseProc close;                                        /**< slot 12 */
+    FFDCreateFileProc create_file;                             /**< slot 13 */
+    FFDReadDataProc read_data;                                 /**< slot 14 */
+    FFDWriteDataProc write_data;                               /**< slot 15 */
+    FFDDeleteDataProc delete_data;                             /**< slot 16 */
+    FFDUndoLastProc undo_last;                                 /**< slot 17 */
+    FFDStoreActualFileStatusProc store_actual_file_status;     /**< slot 18 */
+    FFDRestoreFileStatusProc restore_file_status;              /**< slot 19 */
+    FFDGetWfxProc get_wfx;                                     /**< slot 20 */
+    FFDGetDownloadLengthProc get_download_length;              /**< slot 21 */
+    void* reserved;                                            /**< slot 22, null */
+    FFDGetDSSEncryptedProc get_dss_encrypted;                  /**< slot 23 */
+};
+static_assert(sizeof(Table) == FFD_SLOT_COUNT * sizeof(void*));
+static_assert(offsetof(Table, create_file) == FFD_SLOT_CREATE_FILE * sizeof(void*));
+static_assert(offsetof(Table, get_dss_encrypted) == FFD_SLOT_GET_DSS_ENCRYPTED * sizeof(void*));
+
+/** The loaded driver. Unloading closes no file: what was edited stays in the .DIR file then. */
+class Driver {
+public:
+    /**
+     * Loads the library: a path, or a name that the system looks for. Throws std::runtime_error
+     * with the system's own words, or if the library is no such driver.
+     */
+    explicit Driver(std::filesystem::path const& library) : m_library(load(library)) {
+        void const* const symbol = find(m_library, FFD_TABLE_SYMBOL);
+        if (symbol != nullptr) {
+            std::memcpy(&m_table, symbol, sizeof m_table);
+        }
+        if (m_table.create_file == nullptr) {
+            unload(m_library);
+            throw std::runtime_error(
+                "the library is no such driver: it has no filled " FFD_TABLE_SYMBOL);
+        }
+    }
+    ~Driver() { unload(m_library); }
+    Driver(Driver const&) = delete;
+    Driver& operator=(Driver const&) = delete;
+
+    /** The slots, for what File has no operation for. */
+    Table const& table() const noexcept { return m_table; }
+
+private:
+#ifdef _WIN32
+    static void* load(std::filesystem::path const& library) {
+        HMODULE const module = LoadLibraryW(library.c_str());
+        if (module == nullptr) {
+            throw std::runtime_error(
+                std::system_category().message(static_cast<int>(GetLastError())));
+        }
+        return module;
+    }
+    static void unload(void* library) {
+        FreeLibrary(static_cast<HMODULE>(library));
+    }
+    static void const* find(void* library, char const* name) {
+        return reinterpret_cast<void const*>(GetProcAddress(static_cast<HMODULE>(library), name));
+    }
+#else
+    static void* load(std::filesystem::path const& library) {
+        void* const handle = dlopen(library.c_str(), RTLD_NOW | RTLD_LOCAL);
+        if (handle == nullptr) {
+            char const* const words = dlerror();
+            throw std::runtime_error(words != nullptr ? words : "the library cannot be loaded");
+        }
+        return handle;
+    }
+    static void unload(void* library) {
+        dlclose(library);
+    }
+    static void const* find(void* library, char const* name) {
+        return dlsym(library, name);
+    }
+#endif
+
+    void* m_library;
+    Table m_table{};
+};
+
+/** For what a file is opened. */
+enum class Access : FFDDesiredAccess {
+    Read = FFD_ACCESS_READ,          /**< reads only */
+    ReadWrite = FFD_ACCESS_READWRITE /**< reads and edits; takes over the edits of a crash */
+};
+
+/** What the wave format block of a file says. */
+struct WaveFormat {
+    uint16_t channels;       /**< 1 or 2 */
+    uint32_t samplingRate;   /**< Hz */
+    uint32_t bytesPerSecond; /**< of the constant bitrate: turns times into positions */
+    uint16_t frameSize;      /**< bytes of a frame without padding */
+};
+
+/**
+ * An open sound file. Every operation throws Error for a status other than FFD_NOERROR; ffd.h tells
+ * which there are and what they leave behind. Positions and lengths are bytes of the dictation.
+ */
+class File {
+public:
+    /**
+     * Opens an MP3 file. `path` is in the narrow characters of the system, as the driver takes it.
+     * `messages` tells where messages about disk space go; without an hDriver it gets one.
+     */
+    File(Driver const& driver, std::string const& path, Access access,
+         FFDCallbackParams messages = {})
+        : m_table(&driver.table()) {
+        if (messages.hDriver == nullptr) {
+            messages.hDriver = const_cast<Driver*>(&driver); // only handed back
+        }
+        FFDError status = FFD_NOERROR;
+        m_handle = m_table->create_file(path.c_str(), static_cast<FFDDesiredAccess>(access),
+                                        FFD_OPEN_EXISTING, nullptr, messages, &status, nullptr);
+        if (m_handle == nullptr || status != FFD_NOERROR) {
+            throw Error(access == Access::Read ? "open for reading" : "open for writing",
+                        status != FFD_NOERROR ? status : FFD_INTERNAL_ERROR);
+        }
+    }
+    /** Closes what was not closed, and keeps silent about how that went: call close() for that. */
+    ~File() { abandon(); }
+    /** `other` holds no file afterwards. */
+    File(File&& other) noexcept
+        : m_table(other.m_table), m_handle(std::exchange(other.m_handle, nullptr)) {}
+    /** Closes the own file first. */
+    File& operator=(File&& other) noexcept {
+        if (this != &other) {
+            abandon();
+            m_table = other.m_table;
+            m_handle = std::exchange(other.m_handle, nullptr);
+        }
+        return *this;
+    }
+
+    /**
+     * Folds the edits in and ends the file, whatever the status. If it throws, the edits are in the
+     * .DIR file beside the sound file, and the next open for writing finds them.
+     */
+    void close() { check("close", m_table->close(std::exchange(m_handle, nullptr))); }
+
+    /** The handle, for the slots of the table. Null if no file is held. */
+    FFDHandle handle() const noexcept { return m_handle; }
+
+    /** The position of the next read or edit. */
+    uint32_t position() const {
+        uint32_t dictationPosition = 0;
+        check("get position", m_table->get_current_pos(m_handle, &dictationPosition));
+        return dictationPosition;
+    }
+    /** Moves the position, to the end at most. Gives the position reached. */
+    uint32_t seek(uint32_t dictationPosition) {
+        uint32_t reached = 0;
+        check("seek", m_table->audio_seek(m_handle, dictationPosition, &reached));
+        return reached;
+    }
+    /** The exact length: that of FFDGetSoundDataLength goes through whole milliseconds. */
+    uint32_t length() {
+        uint32_t const before = position();
+        uint32_t const end = seek(std::numeric_limits<uint32_t>::max());
+        seek(before);
+        return end;
+    }
+    /** Bytes of the whole MP3 file, with its tags and with what was deleted and appended. */
+    uint32_t file_size() const {
+        uint32_t size = 0;
+        check("get file size", m_table->get_dictation_file_size(m_handle, &size));
+        return size;
+    }
+    /** The format of the first frame, which is that of all. */
+    WaveFormat format() const {
+        std::array<unsigned char, 30> block{}; // an MPEGLAYER3WAVEFORMAT, little-endian
+        check("get format", m_table->get_wfx(m_handle, block.data(), block.size()));
+        auto const number = [&](size_t offset, int bytes) {
+            uint32_t value = 0;
+            for (int i = bytes; i-- > 0;) {
+                value = value << 8 | block[offset + static_cast<size_t>(i)];
+            }
+            return value;
+        };
+        return {static_cast<uint16_t>(number(2, 2)), number(4, 4), number(8, 4),
+                static_cast<uint16_t>(number(24, 2))};
+    }
+
+    /**
+     * Reads from the position on and moves it. Gives the count of bytes read, which is less than
+     * the buffer takes at the end of the dictation, and where the dictation promises bytes that the
+     * file does not hold: a last frame that the end of the file cuts short counts whole.
+     */
+    size_t read(std::span<std::byte> buffer) {
+        FFDReadHandle* range = nullptr;
+        uint32_t const size = size_of(buffer.size());
+        check("read", m_table->get_size_of_data(m_handle, size, &range));
+        if (range->RealSizeInBytes == 0) {
+            return 0; // at the end, where FFDReadData would answer a failure
+        }
+        uint32_t const from = range->RealStartPos;
+        check("read",
+              m_table->read_data(m_handle, range, size, reinterpret_cast<uint8_t*>(buffer.data())));
+        return position() - from;
+    }
+    /** Enters whole frames of the format of the file at the position, and moves it behind them. */
+    void insert(std::span<std::byte const> frames) { write("insert", FFD_METHOD_INSERT, frames); }
+    /** The same; as many bytes behind them leave the dictation. */
+    void overwrite(std::span<std::byte const> frames) {
+        write("overwrite", FFD_METHOD_OVERWRITE, frames);
+    }
+    /** Takes up to so many bytes behind the position out of the dictation. */
+    void erase(uint32_t length) { check("delete", m_table->delete_data(m_handle, length)); }
+    /** Brings back what the last erase() took out. */
+    void undo() { check("undo", m_table->undo_last(m_handle)); }
+    /** Takes a snapshot of the edit state, one per open file. */
+    void store() { check("store", m_table->store_actual_file_status(m_handle)); }
+    /** Goes back to the snapshot. */
+    void restore() { check("restore", m_table->restore_file_status(m_handle)); }
+
+private:
+    static void check(char const* operation, FFDError status) {
+        if (status != FFD_NOERROR) {
+            throw Error(operation, status);
+        }
+    }
+    static uint32_t size_of(size_t size) {
+        return static_cast<uint32_t>(size < std::numeric_limits<uint32_t>::max()
+                                         ? size
+                                         : std::numeric_limits<uint32_t>::max());
+    }
+    void write(char const* operation, FFDMethod method, std::span<std::byte const> frames) {
+        if (frames.size() > std::numeric_limits<uint32_t>::max()) {
+            throw Error(operation, FFD_INVALID_PARAMETER);
+        }
+        // The slot only reads the bytes, though it takes them as not constant.
+        auto* const bytes = const_cast<uint8_t*>(reinterpret_cast<uint8_t const*>(frames.data()));
+        check(operation,
+              m_table->write_data(m_handle, method, static_cast<uint32_t>(frames.size()), bytes));
+    }
+    void abandon() noexcept {
+        if (m_handle != nullptr) {
+            m_table->close(std::exchange(m_handle, nullptr));
+        }
+    }
+
+    Table const* m_table;
+    FFDHandle m_handle = nullptr;
+};
+
+} // namespace ffd
