@@ -1,9 +1,9 @@
 #include "Driver.h"
 
 #include "Status.h"
+#include "System.h"
 
-#include <cstring>
-#include <type_traits>
+#include <stdexcept>
 
 namespace ffdhost {
 
@@ -29,48 +29,19 @@ std::filesystem::path resolved(std::filesystem::path const& path) {
     return !exists(beside, error) && exists(installed, error) ? installed : beside;
 }
 
-Library load(std::filesystem::path const& path) {
-    std::error_code error;
-    if (!std::filesystem::exists(path, error)) {
-        load_failed(path, FFD_FILE_NOT_FOUND, "the driver does not exist");
-    }
-    try {
-        return Library(path);
-    } catch (std::runtime_error const& reason) {
-        load_failed(path, FFD_FILE_IO_ERROR, reason.what());
-    }
-}
-
 } // namespace
 
-Driver::Driver(std::filesystem::path const& path) : m_library(load(resolved(path))) {
-    auto const* table = static_cast<void* const*>(m_library.symbol(FFD_TABLE_SYMBOL));
-    if (table == nullptr) {
-        load_failed(resolved(path), FFD_NOT_SUPPORTED,
-                    "the library is no such driver: it exports no " FFD_TABLE_SYMBOL);
+Driver load_driver(std::filesystem::path const& path) {
+    std::filesystem::path const library = resolved(path);
+    std::error_code error;
+    if (!exists(library, error)) {
+        load_failed(library, FFD_FILE_NOT_FOUND, "the driver does not exist");
     }
-    auto const take = [&](auto& proc, int slot) {
-        static_assert(std::is_pointer_v<std::remove_reference_t<decltype(proc)>> &&
-                      sizeof proc == sizeof table[slot]);
-        if (table[slot] == nullptr) {
-            load_failed(resolved(path), FFD_NOT_SUPPORTED,
-                        "slot " + std::to_string(slot) + " of the driver's table is empty");
-        }
-        std::memcpy(&proc, &table[slot], sizeof proc);
-    };
-    take(create_file, FFD_SLOT_CREATE_FILE);
-    take(close, FFD_SLOT_CLOSE);
-    take(get_dictation_file_size, FFD_SLOT_GET_DICTATION_FILE_SIZE);
-    take(get_wfx, FFD_SLOT_GET_WFX);
-    take(get_current_pos, FFD_SLOT_GET_CURRENT_POS);
-    take(audio_seek, FFD_SLOT_AUDIO_SEEK);
-    take(get_size_of_data, FFD_SLOT_GET_SIZE_OF_DATA);
-    take(read_data, FFD_SLOT_READ_DATA);
-    take(write_data, FFD_SLOT_WRITE_DATA);
-    take(delete_data, FFD_SLOT_DELETE_DATA);
-    take(undo_last, FFD_SLOT_UNDO_LAST);
-    take(store_actual_file_status, FFD_SLOT_STORE_ACTUAL_FILE_STATUS);
-    take(restore_file_status, FFD_SLOT_RESTORE_FILE_STATUS);
+    try {
+        return Driver(library);
+    } catch (std::runtime_error const& reason) {
+        load_failed(library, FFD_FILE_IO_ERROR, reason.what());
+    }
 }
 
 } // namespace ffdhost

@@ -1,19 +1,15 @@
 #include "SoundFile.h"
 
-#include "Bytes.h"
 #include "Status.h"
 
-#include <algorithm>
-#include <array>
 #include <cinttypes>
 #include <cstdio>
+#include <span>
 #include <utility>
 
 namespace ffdhost {
 
 namespace {
-
-constexpr uint32_t kEnd = 0xFFFFFFFF; // a seek to it is cut down to the end
 
 // Called by the driver in the middle of a write, on this thread.
 void on_driver_message(void* /*hDriver*/, uint32_t message, uintptr_t user, uintptr_t parameter1,
@@ -33,109 +29,85 @@ void on_driver_message(void* /*hDriver*/, uint32_t message, uintptr_t user, uint
     }
 }
 
+ffd::File open(Driver const& driver, std::string const& path, Access access) {
+    FFDCallbackParams messages{};
+    messages.dwCallback = reinterpret_cast<uint64_t>(&on_driver_message);
+    messages.dwUser = reinterpret_cast<uint64_t>(&path);
+    return {driver, path, access, messages};
+}
+
+// Makes a call, and a Failure of its error.
+template <class Call> auto named(std::string const& path, Call call) {
+    try {
+        return call();
+    } catch (ffd::Error const& error) {
+        throw Failure(error.operation(), path, error.status());
+    }
+}
+
 } // namespace
 
 SoundFile::SoundFile(Driver const& driver, std::string path, Access access)
-    : m_driver(driver), m_path(std::move(path)) {
-    FFDCallbackParams callback{};
-    callback.hDriver = const_cast<Driver*>(&driver); // any value but null; the driver hands it back
-    callback.dwCallback = reinterpret_cast<uint64_t>(&on_driver_message);
-    callback.dwUser = reinterpret_cast<uint64_t>(&m_path);
-    FFDError status = FFD_NOERROR;
-    m_handle = m_driver.create_file(m_path.c_str(),
-                                    access == Access::Read ? FFD_ACCESS_READ : FFD_ACCESS_READWRITE,
-                                    FFD_OPEN_EXISTING, nullptr, callback, &status, nullptr);
-    check(access == Access::Read ? "open for reading" : "open for writing", status);
-    if (m_handle == nullptr) {
-        throw Failure("open", m_path, FFD_INTERNAL_ERROR);
-    }
-}
-
-SoundFile::~SoundFile() {
-    if (m_handle != nullptr) {
-        m_driver.close(m_handle);
-    }
-}
+    : m_path(std::make_unique<std::string>(std::move(path))),
+      m_file(named(*m_path, [&] { return open(driver, *m_path, access); })) {}
 
 void SoundFile::close() {
-    check("close", m_driver.close(std::exchange(m_handle, nullptr)));
+    named(*m_path, [&] { m_file.close(); });
 }
 
 WaveFormat SoundFile::wave_format() {
-    std::array<uint8_t, 30> block{};
-    check("get format", m_driver.get_wfx(m_handle, block.data(), block.size()));
-    WaveFormat const format{le16(&block[2]), le32(&block[4]), le32(&block[8]), le16(&block[24])};
+    WaveFormat const format = named(*m_path, [&] { return m_file.format(); });
     if (format.bytesPerSecond == 0) {
-        throw Failure("get format", m_path, FFD_INTERNAL_ERROR, "the file has a bitrate of 0");
+        throw Failure("get format", *m_path, FFD_INTERNAL_ERROR, "the file has a bitrate of 0");
     }
     return format;
 }
 
 uint32_t SoundFile::file_size() {
-    uint32_t size = 0;
-    check("get file size", m_driver.get_dictation_file_size(m_handle, &size));
-    return size;
+    return named(*m_path, [&] { return m_file.file_size(); });
 }
 
 uint32_t SoundFile::position() {
-    uint32_t dictationPosition = 0;
-    check("get position", m_driver.get_current_pos(m_handle, &dictationPosition));
-    return dictationPosition;
+    return named(*m_path, [&] { return m_file.position(); });
 }
 
 uint32_t SoundFile::length() {
-    // By a seek to the end: FFDGetSoundDataLength goes through whole milliseconds and loses bytes.
-    uint32_t const before = position();
-    uint32_t const end = seek(kEnd);
-    seek(before);
-    return end;
+    return named(*m_path, [&] { return m_file.length(); });
 }
 
 uint32_t SoundFile::seek(uint32_t dictationPosition) {
-    uint32_t reached = 0;
-    check("seek", m_driver.audio_seek(m_handle, dictationPosition, &reached));
-    return reached;
+    return named(*m_path, [&] { return m_file.seek(dictationPosition); });
 }
 
 std::vector<uint8_t> SoundFile::read(uint32_t size) {
-    FFDReadHandle* readHandle = nullptr;
-    check("read", m_driver.get_size_of_data(m_handle, size, &readHandle));
-    std::vector<uint8_t> bytes(readHandle->RealSizeInBytes);
-    if (bytes.empty()) {
-        return bytes; // an empty dictation would answer a read of nothing with a failure
-    }
-    uint32_t const from = readHandle->RealStartPos;
-    check("read",
-          m_driver.read_data(m_handle, readHandle, readHandle->RealSizeInBytes, bytes.data()));
-    bytes.resize(std::min<size_t>(position() - from, bytes.size()));
-    return bytes;
+    return named(*m_path, [&] {
+        std::vector<uint8_t> bytes(size);
+        bytes.resize(m_file.read(std::as_writable_bytes(std::span(bytes))));
+        return bytes;
+    });
 }
 
-void SoundFile::write(FFDMethod method, std::vector<uint8_t>& bytes) {
-    check(method == FFD_METHOD_OVERWRITE ? "overwrite" : "insert",
-          m_driver.write_data(m_handle, method, static_cast<uint32_t>(bytes.size()), bytes.data()));
+void SoundFile::write(FFDMethod method, std::vector<uint8_t> const& bytes) {
+    named(*m_path, [&] {
+        auto const frames = std::as_bytes(std::span(bytes));
+        method == FFD_METHOD_OVERWRITE ? m_file.overwrite(frames) : m_file.insert(frames);
+    });
 }
 
 void SoundFile::erase(uint32_t size) {
-    check("delete", m_driver.delete_data(m_handle, size));
+    named(*m_path, [&] { m_file.erase(size); });
 }
 
 void SoundFile::undo() {
-    check("undo", m_driver.undo_last(m_handle));
+    named(*m_path, [&] { m_file.undo(); });
 }
 
 void SoundFile::store() {
-    check("store", m_driver.store_actual_file_status(m_handle));
+    named(*m_path, [&] { m_file.store(); });
 }
 
 void SoundFile::restore() {
-    check("restore", m_driver.restore_file_status(m_handle));
-}
-
-void SoundFile::check(std::string const& operation, FFDError status) const {
-    if (status != FFD_NOERROR) {
-        throw Failure(operation, m_path, status);
-    }
+    named(*m_path, [&] { m_file.restore(); });
 }
 
 } // namespace ffdhost

@@ -1,23 +1,22 @@
 // Statuses in words, and the one exception type of the host.
 #pragma once
 
-#include <ffd.h>
+#include <ffd.hpp>
 
-#include <filesystem>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 namespace ffdhost {
 
 struct StatusText {
-    FFDError status;
-    char const* name;
-    char const* meaning;
+    std::string_view name;
+    std::string_view meaning;
     char const* advice; // one sentence: what the user can do about it
 };
 
 // Never fails: a status that the header does not name gets a text that says so.
-StatusText const& status_text(FFDError status);
+StatusText status_text(FFDError status);
 
 // An operation on a file that did not work. Faults that the host finds itself before it asks the
 // driver carry the status that fits best, with words and advice of their own.

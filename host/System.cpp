@@ -1,7 +1,6 @@
 #include "System.h"
 
 #include <cstdlib>
-#include <stdexcept>
 #include <system_error>
 
 #if defined(_WIN32)
@@ -25,20 +24,6 @@ std::filesystem::path program_directory() {
     return std::filesystem::path(name).parent_path();
 }
 
-Library::Library(std::filesystem::path const& path) : m_handle(LoadLibraryW(path.c_str())) {
-    if (m_handle == nullptr) {
-        throw std::runtime_error(std::system_category().message(static_cast<int>(GetLastError())));
-    }
-}
-
-Library::~Library() {
-    FreeLibrary(static_cast<HMODULE>(m_handle));
-}
-
-void* Library::symbol(char const* name) const {
-    return reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(m_handle), name));
-}
-
 bool stderr_is_terminal() {
     return _isatty(_fileno(stderr)) != 0;
 }
@@ -57,7 +42,6 @@ void end_process(int exitCode) {
 
 #else
 
-#include <dlfcn.h>
 #include <unistd.h>
 
 namespace ffdhost {
@@ -68,22 +52,6 @@ std::filesystem::path program_directory() {
     std::error_code error;
     std::filesystem::path const program = std::filesystem::read_symlink("/proc/self/exe", error);
     return error ? std::filesystem::current_path() : program.parent_path();
-}
-
-Library::Library(std::filesystem::path const& path)
-    : m_handle(dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL)) {
-    if (m_handle == nullptr) {
-        char const* const words = dlerror();
-        throw std::runtime_error(words != nullptr ? words : "the library cannot be loaded");
-    }
-}
-
-Library::~Library() {
-    dlclose(m_handle);
-}
-
-void* Library::symbol(char const* name) const {
-    return dlsym(m_handle, name);
 }
 
 bool stderr_is_terminal() {

@@ -13,22 +13,6 @@ extern char const* const kDriverFileName;
 // The directory of the running program; the working directory if the system does not tell.
 std::filesystem::path program_directory();
 
-// A library loaded into the process, unloaded with the object.
-class Library {
-public:
-    // Throws std::runtime_error with the system's own words.
-    explicit Library(std::filesystem::path const& path);
-    ~Library();
-    Library(Library const&) = delete;
-    Library& operator=(Library const&) = delete;
-
-    // Address of an exported data symbol, or null.
-    void* symbol(char const* name) const;
-
-private:
-    void* m_handle;
-};
-
 // Whether a person is watching stderr.
 bool stderr_is_terminal();
 

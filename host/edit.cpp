@@ -1,6 +1,7 @@
 #include "commands.h"
 
 #include "EditOps.h"
+#include "System.h"
 
 #include <algorithm>
 #include <memory>
@@ -150,7 +151,7 @@ void Editor::check_clips(StreamFormat const* target) const {
 }
 
 void Editor::open() {
-    m_sound = std::make_unique<SoundFile>(m_driver, m_file, Access::Write);
+    m_sound = std::make_unique<SoundFile>(m_driver, m_file, Access::ReadWrite);
     m_rate = m_sound->wave_format().bytesPerSecond;
     say("Opened", length_text(m_sound->length(), m_rate));
 }

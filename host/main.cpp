@@ -161,7 +161,7 @@ int run(int argc, char** argv) {
         return report(Failure("command line", "", FFD_INVALID_PARAMETER, error.what()), "", json);
     }
     try {
-        Driver const driver(arguments.driver);
+        Driver const driver = load_driver(arguments.driver);
         Outcome const outcome = command(driver);
         if (arguments.json) {
             print_document(outcome.document);

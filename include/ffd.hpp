@@ -216,6 +216,9 @@ struct WaveFormat {
     uint32_t samplingRate;   /**< Hz */
     uint32_t bytesPerSecond; /**< of the constant bitrate: turns times into positions */
     uint16_t frameSize;      /**< bytes of a frame without padding */
+
+    /** kbit/s. */
+    uint32_t bitrate() const noexcept { return bytesPerSecond / 125; }
 };
 
 /**

@@ -1,7 +1,16 @@
 # Every example with the driver of this build; a command a line, its words set apart by "|".
 find_package(Python3 COMPONENTS Interpreter REQUIRED)
-set(commands "${CMAKE_CROSSCOMPILING_EMULATOR}|$<TARGET_FILE:example_session_c>|$<TARGET_FILE:xkivmp3>")
-string(REPLACE ";" "|" commands "${commands}")
+set(commands)
+foreach(example c cpp)
+    list(JOIN CMAKE_CROSSCOMPILING_EMULATOR "|" emulator)
+    string(APPEND commands
+        "${emulator}|$<TARGET_FILE:example_session_${example}>|$<TARGET_FILE:xkivmp3>\n")
+endforeach()
+# Not within a library built for a sanitizer: the interpreter is not.
+if(NOT CMAKE_CROSSCOMPILING AND NOT CMAKE_CXX_FLAGS MATCHES "-fsanitize")
+    string(APPEND commands
+        "${Python3_EXECUTABLE}|${CMAKE_SOURCE_DIR}/examples/session.py|$<TARGET_FILE:xkivmp3>")
+endif()
 add_test(NAME examples COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_SOURCE_DIR}/examples_test.py)
 set_tests_properties(examples PROPERTIES ENVIRONMENT
     "EXAMPLES=${commands};FFD_SAMPLES=${CMAKE_CURRENT_SOURCE_DIR}/samples")
