@@ -33,6 +33,15 @@ install(DIRECTORY docs TYPE DOC PATTERN Doxyfile EXCLUDE PATTERN reference.md EX
 install(DIRECTORY examples TYPE DOC PATTERN CMakeLists.txt EXCLUDE)
 install(FILES LICENSE TYPE DOC RENAME copyright)
 
+if(NOT WIN32)
+    configure_file(${CMAKE_SOURCE_DIR}/host/ffdhost.1.in ${CMAKE_BINARY_DIR}/ffdhost.1 @ONLY)
+    install(FILES ${CMAKE_BINARY_DIR}/ffdhost.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+    install(FILES ${CMAKE_SOURCE_DIR}/host/completion/ffdhost.bash
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME ffdhost)
+    install(FILES ${CMAKE_SOURCE_DIR}/host/completion/_ffdhost
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
+endif()
+
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME xkivmp3)
 set(CPACK_PACKAGE_CONTACT "${CMAKE_PROJECT_NAME} maintainers <maintainers@localhost>")

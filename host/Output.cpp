@@ -5,11 +5,39 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <iomanip>
 #include <iostream>
 #include <utility>
 
 namespace ffdhost {
+
+namespace {
+
+constexpr std::chrono::seconds kPatience(1); // how long nothing need be shown
+
+void clear_line(std::string const& label) {
+    std::fprintf(stderr, "\r%*s\r", static_cast<int>(label.size() + 8), "");
+}
+
+bool wants_colour(Stream stream) {
+    char const* const noColour = std::getenv("NO_COLOR");
+    return (noColour == nullptr || *noColour == '\0') && terminal_has_colours(stream);
+}
+
+// The name of the program in front of what it has to complain about.
+char const* program_name(bool failed) {
+    if (!wants_colour(Stream::Error)) {
+        return "ffdhost:";
+    }
+    return failed ? "\033[1;31mffdhost:\033[0m" : "\033[1;33mffdhost:\033[0m";
+}
+
+} // namespace
+
+bool stdout_wants_colour() {
+    return wants_colour(Stream::Output);
+}
 
 void print_document(Json const& document) {
     std::cout << document.dump(2, ' ', false, Json::error_handler_t::replace) << '\n' << std::flush;
@@ -38,7 +66,7 @@ void print_table(std::vector<std::vector<std::string>> const& rows) {
 }
 
 void print_warning(std::string const& words) {
-    std::cerr << "ffdhost: warning: " << words << std::endl;
+    std::cerr << program_name(false) << " warning: " << words << std::endl;
 }
 
 Json status_json(FFDError status) {
@@ -52,7 +80,7 @@ Json failure_json(Failure const& failure) {
 }
 
 void print_failure(Failure const& failure) {
-    std::cerr << "ffdhost: " << failure.operation() << " failed"
+    std::cerr << program_name(true) << ' ' << failure.operation() << " failed"
               << (failure.file().empty() ? "" : ": " + failure.file()) << '\n'
               << "  " << status_text(failure.status()).name << " (" << failure.status()
               << "): " << failure.what() << '\n'
@@ -75,19 +103,48 @@ Json length_json(uint64_t byteCount, uint32_t bytesPerSecond) {
 }
 
 Progress::Progress(std::string label, uint64_t total)
-    : m_label(std::move(label)), m_total(total), m_shown(total > 0 && stderr_is_terminal()) {}
+    : m_label(std::move(label)), m_total(total), m_watched(total > 0 && is_terminal(Stream::Error)),
+      m_nextShown(std::chrono::steady_clock::now() + kPatience) {}
 
 Progress::~Progress() {
-    if (m_shown && m_done > 0) {
-        std::fprintf(stderr, "\r%*s\r", static_cast<int>(m_label.size() + 8), "");
+    if (m_shown) {
+        clear_line(m_label);
     }
 }
 
 void Progress::advance(uint64_t count) {
     m_done += count;
-    if (m_shown) {
+    auto const now = std::chrono::steady_clock::now();
+    if (m_watched && now >= m_nextShown) {
+        m_shown = true;
+        m_nextShown = now + std::chrono::milliseconds(100);
         std::fprintf(stderr, "\r%s  %3u %%", m_label.c_str(),
                      static_cast<unsigned>(m_done * 100 / m_total));
+    }
+}
+
+Waiting::Waiting(std::string label) {
+    if (!is_terminal(Stream::Error)) {
+        return;
+    }
+    m_thread = std::thread([this, label = std::move(label)] {
+        std::unique_lock lock(m_mutex);
+        if (!m_changed.wait_for(lock, kPatience, [this] { return m_done; })) {
+            std::fprintf(stderr, "\r%s ...", label.c_str());
+            m_changed.wait(lock, [this] { return m_done; });
+            clear_line(label);
+        }
+    });
+}
+
+Waiting::~Waiting() {
+    if (m_thread.joinable()) {
+        {
+            std::lock_guard const lock(m_mutex);
+            m_done = true;
+        }
+        m_changed.notify_one();
+        m_thread.join();
     }
 }
 

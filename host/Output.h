@@ -5,8 +5,12 @@
 
 #include <nlohmann/json.hpp>
 
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace ffdhost {
@@ -37,7 +41,11 @@ std::string bytes_text(uint64_t byteCount);
 std::string length_text(uint64_t byteCount, uint32_t bytesPerSecond);
 Json length_json(uint64_t byteCount, uint32_t bytesPerSecond);
 
-// The progress of one long operation, on stderr and only if a person is watching.
+// Whether a person is watching who sees colours and has not asked for none (NO_COLOR).
+bool stdout_wants_colour();
+
+// The progress of one long operation, on stderr, once it takes longer than a second and only if a
+// person is watching.
 class Progress {
 public:
     Progress(std::string label, uint64_t total);
@@ -52,7 +60,25 @@ private:
     std::string m_label;
     uint64_t m_total;
     uint64_t m_done = 0;
-    bool m_shown;
+    bool const m_watched;
+    std::chrono::steady_clock::time_point m_nextShown;
+    bool m_shown = false;
+};
+
+// The same for one call that tells nothing of itself before it is done.
+class Waiting {
+public:
+    explicit Waiting(std::string label);
+    // Clears the line.
+    ~Waiting();
+    Waiting(Waiting const&) = delete;
+    Waiting& operator=(Waiting const&) = delete;
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    bool m_done = false;
+    std::thread m_thread;
 };
 
 } // namespace ffdhost

@@ -1,7 +1,24 @@
 #include "System.h"
 
+#include <array>
 #include <cstdlib>
 #include <system_error>
+
+namespace ffdhost {
+
+namespace {
+
+// What the handler of an interruption writes: it can't take memory.
+std::array<char, 1000> g_words;
+size_t g_length = 0;
+
+void set_words(std::string const& words) {
+    g_length = words.copy(g_words.data(), g_words.size());
+}
+
+} // namespace
+
+} // namespace ffdhost
 
 #if defined(_WIN32)
 
@@ -24,12 +41,42 @@ std::filesystem::path program_directory() {
     return std::filesystem::path(name).parent_path();
 }
 
-bool stderr_is_terminal() {
-    return _isatty(_fileno(stderr)) != 0;
+bool is_terminal(Stream stream) {
+    return _isatty(_fileno(stream == Stream::Output ? stdout : stderr)) != 0;
+}
+
+bool terminal_has_colours(Stream stream) {
+    HANDLE const console =
+        GetStdHandle(stream == Stream::Output ? STD_OUTPUT_HANDLE : STD_ERROR_HANDLE);
+    DWORD mode = 0;
+    return GetConsoleMode(console, &mode) != 0 &&
+           SetConsoleMode(console, mode | 4 /* it follows escape sequences */) != 0;
+}
+
+namespace {
+
+BOOL WINAPI on_interrupt(DWORD /*event*/) {
+    DWORD written = 0;
+    WriteFile(GetStdHandle(STD_ERROR_HANDLE), g_words.data(), static_cast<DWORD>(g_length),
+              &written, nullptr);
+    TerminateProcess(GetCurrentProcess(), 130);
+    return TRUE;
+}
+
+} // namespace
+
+void tell_when_interrupted(std::string const& words) {
+    SetConsoleCtrlHandler(on_interrupt, FALSE);
+    set_words(words);
+    SetConsoleCtrlHandler(on_interrupt, TRUE);
 }
 
 void make_stdout_binary() {
     _setmode(_fileno(stdout), _O_BINARY);
+}
+
+void make_stdin_binary() {
+    _setmode(_fileno(stdin), _O_BINARY);
 }
 
 void end_process(int exitCode) {
@@ -42,6 +89,8 @@ void end_process(int exitCode) {
 
 #else
 
+#include <csignal>
+#include <cstring>
 #include <unistd.h>
 
 namespace ffdhost {
@@ -54,11 +103,48 @@ std::filesystem::path program_directory() {
     return error ? std::filesystem::current_path() : program.parent_path();
 }
 
-bool stderr_is_terminal() {
-    return isatty(STDERR_FILENO) != 0;
+bool is_terminal(Stream stream) {
+    return isatty(stream == Stream::Output ? STDOUT_FILENO : STDERR_FILENO) != 0;
+}
+
+bool terminal_has_colours(Stream stream) {
+    char const* const terminal = std::getenv("TERM");
+    return is_terminal(stream) && terminal != nullptr && std::strcmp(terminal, "dumb") != 0;
+}
+
+namespace {
+
+constexpr int kStops[] = {SIGINT, SIGTERM, SIGHUP};
+
+// Ends the process by the signal itself, so that the caller sees what it was.
+void on_interrupt(int signal) {
+    [[maybe_unused]] ssize_t const written = write(STDERR_FILENO, g_words.data(), g_length);
+    std::signal(signal, SIG_DFL);
+    std::raise(signal);
+}
+
+} // namespace
+
+void tell_when_interrupted(std::string const& words) {
+    sigset_t stops;
+    sigset_t before;
+    sigemptyset(&stops);
+    for (int const stop : kStops) {
+        sigaddset(&stops, stop);
+    }
+    sigprocmask(SIG_BLOCK, &stops, &before);
+    set_words(words);
+    for (int const stop : kStops) {
+        if (std::signal(stop, on_interrupt) == SIG_IGN) {
+            std::signal(stop, SIG_IGN); // the caller wants the program to go on, as nohup does
+        }
+    }
+    sigprocmask(SIG_SETMASK, &before, nullptr);
 }
 
 void make_stdout_binary() {}
+
+void make_stdin_binary() {}
 
 void end_process(int exitCode) {
     _exit(exitCode);

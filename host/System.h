@@ -13,11 +13,22 @@ extern char const* const kDriverFileName;
 // The directory of the running program; the working directory if the system does not tell.
 std::filesystem::path program_directory();
 
-// Whether a person is watching stderr.
-bool stderr_is_terminal();
+enum class Stream { Output, Error };
 
-// Keeps the system from translating line ends in what goes to stdout.
+// Whether a person is watching stdout or stderr.
+bool is_terminal(Stream stream);
+
+// Whether the terminal behind it shows colours.
+bool terminal_has_colours(Stream stream);
+
+// What is written to stderr when the user or the system stops the program (Ctrl-C, or the signals
+// that ask for it). Empty: nothing. The program ends on the spot, as in a crash. At most 1000
+// bytes.
+void tell_when_interrupted(std::string const& words);
+
+// Keeps the system from translating line ends in what goes to stdout, or comes from stdin.
 void make_stdout_binary();
+void make_stdin_binary();
 
 // Ends the process on the spot, without a word to any library.
 [[noreturn]] void end_process(int exitCode);

@@ -1,6 +1,7 @@
 #include "commands.h"
 
 #include "EditOps.h"
+#include "StandardInput.h"
 #include "System.h"
 
 #include <algorithm>
@@ -113,6 +114,11 @@ void Editor::check_paths(EditOp const& op) const {
     if (op.kind != EditOp::Kind::Read) {
         return;
     }
+    if (op.path == "-") {
+        throw Failure(op.name, m_file, FFD_INVALID_PARAMETER,
+                      "standard output takes the results of the edit",
+                      "Name a file for the audio, or use 'ffdhost read'.");
+    }
     check_output(op.name, op.path, m_file);
     for (EditOp const& other : m_ops) {
         if (other.takes_clip()) {
@@ -151,7 +157,12 @@ void Editor::check_clips(StreamFormat const* target) const {
 }
 
 void Editor::open() {
-    m_sound = std::make_unique<SoundFile>(m_driver, m_file, Access::ReadWrite);
+    tell_when_interrupted("\nffdhost: interrupted: the edits so far are kept beside " + m_file +
+                          "; the next open for writing finds them\n");
+    {
+        Waiting const waiting("opening");
+        m_sound = std::make_unique<SoundFile>(m_driver, m_file, Access::ReadWrite);
+    }
     m_rate = m_sound->wave_format().bytesPerSecond;
     say("Opened", length_text(m_sound->length(), m_rate));
 }
@@ -171,7 +182,11 @@ void Editor::perform_all() {
 void Editor::close() {
     uint32_t const length = m_sound->length();
     m_document["dictation"] = length_json(length, m_rate);
-    m_sound->close();
+    {
+        Waiting const waiting("closing");
+        m_sound->close();
+    }
+    tell_when_interrupted("");
     m_document["closed"] = status_json(FFD_NOERROR);
     say("Closed", length_text(length, m_rate));
 }
@@ -339,7 +354,17 @@ void Editor::report_failure(char const* key, Failure const& failure) {
 
 Outcome run_edit(Driver const& driver, std::string const& file,
                  std::vector<std::string> const& tokens, bool force, bool json) {
-    return Editor(driver, file, parse_edit_ops(tokens), force, json).run();
+    std::vector<EditOp> ops = parse_edit_ops(tokens);
+    std::optional<StandardInput> input;
+    for (EditOp& op : ops) {
+        if (op.takes_clip() && op.path == "-") {
+            if (!input) {
+                input.emplace();
+            }
+            op.path = input->file().string();
+        }
+    }
+    return Editor(driver, file, std::move(ops), force, json).run();
 }
 
 } // namespace ffdhost

@@ -50,7 +50,7 @@ void add_read(CLI::App& app, Arguments& arguments, Command& command) {
     read->add_option("--length", arguments.read.length, "how much to read (default: to the end)")
         ->type_name("N");
     read->add_option("-o,--output", arguments.read.output,
-                     "file to write (default: standard output)")
+                     "file to write (default, and '-': standard output)")
         ->type_name("OUT");
     read->footer(std::string(kPositions) +
                  "\nThe file is opened for reading only. Edits that a crash left in a .DIR file\n"
@@ -95,7 +95,8 @@ void add_edit(CLI::App& app, Arguments& arguments, Command& command) {
     edit->footer(
         "Operations:\n"
         "  seek POS          go to a position, or to the 'end'\n"
-        "  insert MP3        enter the audio of another file at the position\n"
+        "  insert MP3        enter the audio of another file at the position; '-' is standard\n"
+        "                    input\n"
         "  overwrite MP3     the same, and take out as much behind it\n"
         "  delete LENGTH     take out audio behind the position\n"
         "  undo              bring back what the last delete took out\n"
@@ -106,7 +107,8 @@ void add_edit(CLI::App& app, Arguments& arguments, Command& command) {
         "  crash             end the process without a close, as a crash would (exit code 3)\n\n" +
         std::string(kPositions) +
         "\nEverything is checked before the file is opened. If an operation fails, the ones\n"
-        "behind it are not done, and the file is closed with the edits so far.\n\n"
+        "behind it are not done, and the file is closed with the edits so far. Ctrl-C ends the\n"
+        "program without a close: the next open for writing finds the edits.\n\n"
         "Example:\n  ffdhost edit dictation.mp3 seek 0:10 insert addition.mp3 delete 2.5s show");
     edit->callback([&] {
         command = [&](Driver const& driver) {

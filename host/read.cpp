@@ -54,8 +54,12 @@ uint64_t copy_dictation(SoundFile& sound, uint64_t size, std::string const& outp
     return done;
 }
 
-Outcome run_read(Driver const& driver, std::string const& file, ReadOptions const& options,
+Outcome run_read(Driver const& driver, std::string const& file, ReadOptions const& given,
                  bool json) {
+    ReadOptions options = given;
+    if (options.output == "-") {
+        options.output.clear();
+    }
     Position const fromOption = parse_position("read", options.from);
     Position const lengthOption = options.length.empty() ? Position{Position::Unit::End, 0}
                                                          : parse_position("read", options.length);

@@ -4,7 +4,9 @@ directory of the samples. Expected bytes are cut out of the samples here, not as
 import json
 import os
 import pathlib
+import pty
 import shutil
+import signal
 import struct
 import subprocess
 import tempfile
@@ -221,6 +223,51 @@ class HostTest(unittest.TestCase):
         (self.dir / "a.CLM").write_bytes(b"")
         for command in ("info", "map"):
             self.assertIn(b"a close was interrupted", self.host(command, self.file).stderr)
+
+    def test_interrupt(self):
+        at = frame_border(self.audio, 3000)
+        run = subprocess.Popen([HOST, "edit", self.file, "seek", str(at)] +
+                               ["insert", self.clip] * 4000, cwd=self.dir, stdout=subprocess.PIPE,
+                               stderr=subprocess.PIPE)
+        for _ in range(5):
+            run.stdout.readline()
+        run.send_signal(signal.SIGINT)
+        said = run.communicate()[1]
+        self.assertEqual(run.returncode, -signal.SIGINT)
+        self.assertIn(b"interrupted: the edits so far are kept", said)
+        self.host("edit", self.file, "show")
+        after = self.host("read", self.file).stdout
+        inserts, rest = divmod(len(after) - len(self.audio), len(self.clip_audio))
+        self.assertEqual(rest, 0)
+        self.assertGreaterEqual(inserts, 3)  # two of the lines tell of the open and the seek
+        self.assertEqual(after, self.audio[:at] + self.clip_audio * inserts + self.audio[at:])
+
+    def test_standard_input_and_output(self):
+        at = frame_border(self.audio, 3000)
+        temp = self.dir / "temp"
+        temp.mkdir()
+        run = subprocess.run([HOST, "edit", self.file, "seek", str(at), "insert", "-"],
+                             input=self.clip.read_bytes(), cwd=self.dir, capture_output=True,
+                             env={**os.environ, "TMPDIR": str(temp)})
+        self.assertEqual((run.returncode, list(temp.iterdir())), (0, []), run.stderr)
+        self.assertEqual(self.host("read", self.file, "-o", "-").stdout,
+                         self.audio[:at] + self.clip_audio + self.audio[at:])
+        self.assertEqual(self.json("edit", self.file, "read", 100, "-", code=2)
+                         ["failure"]["status"], 25)
+
+    def test_colour(self):
+        def said(**environment):
+            keyboard, screen = pty.openpty()
+            subprocess.run([HOST, "info", "none.mp3"], cwd=self.dir, stderr=screen,
+                           env={**os.environ, "TERM": "xterm", **environment})
+            os.close(screen)
+            text = os.read(keyboard, 10000)
+            os.close(keyboard)
+            return text
+        self.assertIn(b"\033[", said())
+        for environment in ({"NO_COLOR": "1"}, {"TERM": "dumb"}):
+            self.assertNotIn(b"\033", said(**environment))
+        self.assertNotIn(b"\033", self.host("info", "none.mp3", code=1).stderr)
 
     # ---- What is refused ----
 
