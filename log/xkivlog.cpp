@@ -25,7 +25,7 @@ using xkivlog::Level;
 // A macro, since no function can be inlined both into the entries that have the attribute and into
 // those that have not.
 #define XKIVLOG_IS_OFF(level)                                                                      \
-    (__atomic_load_n(&xkivlog::gate, __ATOMIC_RELAXED) < static_cast<int>(level))
+    (__atomic_load_n(&xkivlog_gate, __ATOMIC_RELAXED) < static_cast<int>(level))
 
 namespace {
 

@@ -13,13 +13,25 @@ DirEntry* CKivDirFile::get_dir_entry(DWORD dwSearchPosBytes_p, DWORD* pdwDirEntr
     TRACE_ENTRY("-----CKivDirFile::get_dir_entry(..)");
     TRACE_PARAM("dwSearchPosBytes_p", "%lu", dwSearchPosBytes_p);
     *pdwDirEntryStartPosBytes_p = 0;
-    DWORD dwRunningPos = 0;
-    for (DirEntry* pEntry = m_psDirHeader; pEntry->Status != 0; ++pEntry) {
+    // The search begins at the last entry known that begins in front of the position: one that
+    // begins right there is not enough, since the border is the end of an entry in front.
+    DWORD dwEntry = m_dwKnownEntry;
+    DWORD dwRunningPos = m_dwKnownStart;
+    if (dwSearchPosBytes_p < dwRunningPos / 2) {
+        dwEntry = 0;
+        dwRunningPos = 0;
+    }
+    while (dwEntry > 0 && dwRunningPos >= dwSearchPosBytes_p) {
+        dwRunningPos -= m_psDirHeader[--dwEntry].live_size();
+    }
+    for (DirEntry* pEntry = m_psDirHeader + dwEntry; pEntry->Status != 0; ++pEntry) {
         if (pEntry->is_deleted()) {
             continue;
         }
         DWORD const dwBlockEnd = dwRunningPos + pEntry->size();
         if (dwSearchPosBytes_p <= dwBlockEnd) {
+            m_dwKnownEntry = static_cast<DWORD>(pEntry - m_psDirHeader);
+            m_dwKnownStart = dwRunningPos;
             *pdwDirEntryStartPosBytes_p = dwRunningPos;
             return pEntry;
         }
@@ -39,6 +51,7 @@ DirEntry* CKivDirFile::split_dir_entry(DirEntry* pdirEntry_p, DWORD dwBlockStart
     dirSecondPart.Startpos = pdirEntry_p->Startpos + dwNumberOfSplittingBytes;
     dirSecondPart.Endpos = pdirEntry_p->Endpos;
     pdirEntry_p->Endpos = dirSecondPart.Startpos;
+    entries_changed(pdirEntry_p);
     return insert_dir_entry(&dirSecondPart, pdirEntry_p, 1);
 }
 
@@ -64,8 +77,53 @@ DirEntry* CKivDirFile::insert_dir_entry(DirEntry const* pdirEntryNew_p, DirEntry
     pdirSlot->Status = pdirEntryNew_p->Status;
     pdirSlot->Startpos = pdirEntryNew_p->Startpos;
     pdirSlot->Endpos = pdirEntryNew_p->Endpos;
+    entries_changed(pdirSlot);
+    DWORD const dwSlot = static_cast<DWORD>(pdirSlot - m_psDirHeader);
+    m_dwUndoableFirst += dwSlot <= m_dwUndoableFirst ? 1 : 0;
+    m_dwUndoableEnd += dwSlot < m_dwUndoableEnd && m_dwUndoableEnd != 0xFFFFFFFFu ? 1 : 0;
     log_dir_entries("Log in insert_dir_entry()");
     return pdirSlot;
+}
+
+// What is known of the entries in front of this one stays true.
+void CKivDirFile::entries_changed(DirEntry const* pdirFirst_p) {
+    if (pdirFirst_p - m_psDirHeader < static_cast<ptrdiff_t>(m_dwKnownEntry)) {
+        m_dwKnownEntry = 0;
+        m_dwKnownStart = 0;
+    }
+}
+
+// All entries may be others than before.
+void CKivDirFile::forget_entries() {
+    m_dwKnownEntry = 0;
+    m_dwKnownStart = 0;
+    m_dwUndoableFirst = 0;
+    m_dwUndoableEnd = 0xFFFFFFFFu;
+    m_bDataLengthKnown = false;
+}
+
+// A change of the live entries has changed their sum by this much, modulo 2^32.
+void CKivDirFile::add_to_data_length(DWORD dwDifference_p) {
+    if (m_bDataLengthKnown) {
+        m_dwDataLengthInBy += dwDifference_p;
+    }
+}
+
+// Gives all undoable entries another Status. Whether there was one.
+bool CKivDirFile::clear_undoable(BYTE byStatus_p) {
+    bool bFound = false;
+    DWORD const dwEnd = std::min(m_dwUndoableEnd, count_entries());
+    for (DWORD dwEntry = m_dwUndoableFirst; dwEntry < dwEnd; ++dwEntry) {
+        DirEntry& rEntry = m_psDirHeader[dwEntry];
+        if ((rEntry.Status & DIR_ENTRY_UNDOABLE) != 0) {
+            rEntry.Status = byStatus_p;
+            entries_changed(&rEntry);
+            bFound = true;
+        }
+    }
+    m_dwUndoableFirst = 0;
+    m_dwUndoableEnd = 0;
+    return bFound;
 }
 
 DWORD CKivDirFile::calc_data_size() const {
@@ -79,11 +137,12 @@ DWORD CKivDirFile::calc_data_size() const {
 
 void CKivDirFile::ascertain_data_length() {
     TRACE_ENTRY("-----CKivDirFile::ascertain_data_length()");
-    m_dwDataLengthInBy = 0;
-    for (DirEntry const* pEntry = m_psDirHeader; pEntry->Status != 0; ++pEntry) {
-        if (!pEntry->is_deleted()) {
-            m_dwDataLengthInBy += pEntry->size();
+    if (!m_bDataLengthKnown) {
+        m_dwDataLengthInBy = 0;
+        for (DirEntry const* pEntry = m_psDirHeader; pEntry->Status != 0; ++pEntry) {
+            m_dwDataLengthInBy += pEntry->live_size();
         }
+        m_bDataLengthKnown = true;
     }
     TRACE_VALUE("m_dwDataLengthInBy", "%lu", m_dwDataLengthInBy);
 }
@@ -95,7 +154,8 @@ void CKivDirFile::log_dir_entries(LPCSTR pszLogText_p) const {
     }
     TRACE_VALUE("m_psDirHeader", "%8X",
                 static_cast<DWORD>(reinterpret_cast<DWORD_PTR>(m_psDirHeader) & 0xFFFFFFFFu));
-    if (m_psDirHeader == nullptr) {
+    // Six passes over all entries for an edit are most of what a large directory costs.
+    if (m_psDirHeader == nullptr || !TRACE_PASSES(XKIVLOG_VALUE)) {
         return;
     }
     for (DirEntry const* pEntry = m_psDirHeader; pEntry->Status != 0; ++pEntry) {
@@ -106,11 +166,11 @@ void CKivDirFile::log_dir_entries(LPCSTR pszLogText_p) const {
 }
 
 DWORD CKivDirFile::count_entries() const {
-    DWORD dwEntries = 0;
-    while (m_psDirHeader[dwEntries].Status != 0) {
-        ++dwEntries;
-    }
-    return dwEntries;
+    // Behind the end all is 0.
+    DirEntry const* const pEnd =
+        std::partition_point(m_psDirHeader, m_psDirHeader + get_capacity() + 1,
+                             [](DirEntry const& rEntry) { return rEntry.Status != 0; });
+    return static_cast<DWORD>(pEnd - m_psDirHeader);
 }
 
 DWORD CKivDirFile::get_capacity() const {
@@ -171,6 +231,9 @@ bool CKivDirFile::cut_entries(DWORD dwEndOfFile_p) {
             pEntry->Startpos = std::min(pEntry->Startpos, dwEndOfFile_p);
             bCut = true;
         }
+    }
+    if (bCut) {
+        forget_entries();
     }
     return bCut;
 }
