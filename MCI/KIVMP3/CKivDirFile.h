@@ -39,6 +39,7 @@ struct DirEntry {
 
     DWORD size() const { return Endpos - Startpos; }
     bool is_deleted() const;
+    DWORD live_size() const { return is_deleted() ? 0 : size(); } // bytes in the dictation
 };
 static_assert(sizeof(DirEntry) == 12);
 static_assert(offsetof(DirEntry, Startpos) == 4 && offsetof(DirEntry, Endpos) == 8);
@@ -96,8 +97,8 @@ public:
     // Removes the .DIR file and resets the object. FFD_FILE_IO_ERROR if a step failed.
     FFDError delete_directory_file();
 
-    DirEntry* get_dir_header() { return m_psDirHeader; } // borrowed
-    DWORD get_dir_size() const { return m_dwDirSize; }   // bytes of the buffer
+    DirEntry const* get_dir_header() const { return m_psDirHeader; } // borrowed
+    DWORD get_dir_size() const { return m_dwDirSize; }               // bytes of the buffer
     bool is_read_only() const { return m_bReadOnly != FALSE; }
     bool is_changed() const { return m_bDirChanged != FALSE; }
     void set_changed() { m_bDirChanged = TRUE; }
@@ -119,6 +120,10 @@ public:
 
     // Makes one live block of the audio area the whole directory. The .DIR file stays as it is.
     void set_first_entry(DWORD dwEndpos_p);
+
+    // Puts a copy of get_dir_size() bytes, entries that are checked and then zeroes, in the place
+    // of the directory, which differs from the .DIR file then.
+    void replace_entries(void const* pvEntries_p);
 
     // ---- Entries (CKivDirFileEntries.cpp) ----
 
@@ -203,6 +208,10 @@ private:
     DirEntry* last_live_entry();
     DirEntry* highest_block(DWORD dwSizeFromDirectory_p);
     bool is_inside_block(uint64_t ullPosInBytes_p);
+    void entries_changed(DirEntry const* pdirFirst_p);
+    void forget_entries();
+    void add_to_data_length(DWORD dwDifference_p);
+    bool clear_undoable(BYTE byStatus_p);
     DirEntry* begin_of_delete(DWORD dwCurrentPosInBytes, LPCSTR pszNotFound_p);
     DirEntry* end_of_delete(DirEntry* pdirFirst_p, DWORD ffdLength_p, DWORD dwCurrentPosInBytes);
 
@@ -217,4 +226,16 @@ private:
     DWORD m_dwDataLengthInBy = 0; // length of the dictation
     bool m_bFlushPending = false;
     bool m_bOnDisk = false; // of a flush that is pending: its bytes are in the file
+
+    // What is known of the entries, so that an edit or a read needs no pass over all of them. A
+    // change of the array must go through entries_changed() or forget_entries().
+    //
+    // The live entries in front of this index have this many bytes: the entry found last begins
+    // there, and the next one looked for is near it as a rule.
+    DWORD m_dwKnownEntry = 0;
+    DWORD m_dwKnownStart = 0;
+    // All undoable entries have an index in this range.
+    DWORD m_dwUndoableFirst = 0;
+    DWORD m_dwUndoableEnd = 0xFFFFFFFFu;
+    bool m_bDataLengthKnown = false; // m_dwDataLengthInBy is the sum of the live entries
 };

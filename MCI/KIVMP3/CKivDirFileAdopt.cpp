@@ -96,7 +96,12 @@ FFDError CKivDirFile::check_entries(DirEntry const* psEntries_p, DWORD dwEntries
 // Later moves shift the terminating entry up; what is left over behind it would come back as
 // entries.
 void CKivDirFile::clear_behind_end() {
-    DWORD const dwEndOffset = count_entries() * static_cast<DWORD>(sizeof(DirEntry));
+    DirEntry const* pEnd = m_psDirHeader;
+    while (pEnd->Status != 0) {
+        ++pEnd;
+    }
+    DWORD const dwEndOffset =
+        static_cast<DWORD>(pEnd - m_psDirHeader) * static_cast<DWORD>(sizeof(DirEntry));
     memset(reinterpret_cast<BYTE*>(m_psDirHeader) + dwEndOffset, 0, m_dwDirSize - dwEndOffset);
 }
 

@@ -26,12 +26,15 @@ FFDError CKivDirFile::insert_data(DirEntry const* pdirEntryNew_p, DWORD dwCurren
         TRACE_INFO("-Current Postion is at file begin (dwCurrentPosInBytes == 0) ");
         if (m_psDirHeader->Endpos == 0 && !m_psDirHeader->is_deleted()) {
             TRACE_INFO("-Update only very first entry with endpos of new entry.");
+            add_to_data_length(pdirEntryNew_p->live_size() - m_psDirHeader->size());
             m_psDirHeader->Status = pdirEntryNew_p->Status;
             m_psDirHeader->Startpos = pdirEntryNew_p->Startpos;
             m_psDirHeader->Endpos = pdirEntryNew_p->Endpos;
+            entries_changed(m_psDirHeader);
         } else {
             TRACE_INFO("-Insert new entry at beginning of the file");
             insert_dir_entry(pdirEntryNew_p, m_psDirHeader, 0);
+            add_to_data_length(pdirEntryNew_p->live_size());
         }
         m_bDirChanged = TRUE;
         return FFD_NOERROR;
@@ -51,14 +54,18 @@ FFDError CKivDirFile::insert_data(DirEntry const* pdirEntryNew_p, DWORD dwCurren
         TRACE_INFO("-Split block and insert new entry between.");
         split_dir_entry(pdirEntry, dwBlockStart, dwCurrentPosInBytes);
         insert_dir_entry(pdirEntryNew_p, pdirEntry, 1);
+        add_to_data_length(pdirEntryNew_p->live_size());
     } else {
         TRACE_INFO("-Current position is on block border.");
         if (pdirEntry->Endpos == pdirEntryNew_p->Startpos && !pdirEntry->is_deleted()) {
             TRACE_INFO("-Update only endpos of old entry with that one of the new entry.");
+            add_to_data_length(pdirEntryNew_p->Endpos - pdirEntry->Endpos);
             pdirEntry->Endpos = pdirEntryNew_p->Endpos;
+            entries_changed(pdirEntry);
         } else {
             TRACE_INFO("-Insert new entry after old entry.");
             insert_dir_entry(pdirEntryNew_p, pdirEntry, 1);
+            add_to_data_length(pdirEntryNew_p->live_size());
         }
     }
     m_bDirChanged = TRUE;
@@ -123,11 +130,7 @@ FFDError CKivDirFile::delete_data(DWORD ffdLength_p, DWORD dwCurrentPosInBytes, 
     }
     m_bFlushPending = true;
     if (bPureDelete_p) {
-        for (DirEntry* pEntry = m_psDirHeader; pEntry->Status != 0; ++pEntry) {
-            if ((pEntry->Status & DIR_ENTRY_UNDOABLE) != 0) {
-                pEntry->Status = DIR_STATUS_DELETED;
-            }
-        }
+        clear_undoable(DIR_STATUS_DELETED);
     }
     DirEntry* const pdirFirst = begin_of_delete(
         dwCurrentPosInBytes,
@@ -142,7 +145,13 @@ FFDError CKivDirFile::delete_data(DWORD ffdLength_p, DWORD dwCurrentPosInBytes, 
     for (DirEntry* pEntry = pdirFirst; pEntry < pdirBehind; ++pEntry) {
         if (!pEntry->is_deleted()) {
             pEntry->Status = byStatus;
+            add_to_data_length(0 - pEntry->size());
         }
+    }
+    entries_changed(pdirFirst);
+    if (bPureDelete_p) {
+        m_dwUndoableFirst = static_cast<DWORD>(pdirFirst - m_psDirHeader);
+        m_dwUndoableEnd = static_cast<DWORD>(pdirBehind - m_psDirHeader);
     }
     log_dir_entries("Log at end of delete_data()");
     ascertain_data_length();
@@ -151,17 +160,11 @@ FFDError CKivDirFile::delete_data(DWORD ffdLength_p, DWORD dwCurrentPosInBytes, 
 
 FFDError CKivDirFile::undo_last() {
     TRACE_ENTRY("---undo_last()");
-    bool bMarked = false;
-    for (DirEntry* pEntry = m_psDirHeader; pEntry->Status != 0; ++pEntry) {
-        if ((pEntry->Status & DIR_ENTRY_UNDOABLE) != 0) {
-            pEntry->Status = DIR_STATUS_LIVE;
-            bMarked = true;
-        }
-    }
-    if (!bMarked) {
+    if (!clear_undoable(DIR_STATUS_LIVE)) {
         TRACE_ERROR(FFD_NOTHING_TO_UNDO, "FFD_NOTHING_TO_UNDO");
         return FFD_NOTHING_TO_UNDO;
     }
+    m_bDataLengthKnown = false;
     FFDError const ffdError = flush_dir_file();
     if (ffdError != FFD_NOERROR) {
         TRACE_ERROR(ffdError, "by flush_dir_file()");
@@ -197,6 +200,7 @@ FFDError CKivDirFile::recover_directory(DWORD dwDataChunkSize_p, DWORD dwSizeFro
     TRACE_PARAM("dwSizeFromDirectory_p", "%lu", dwSizeFromDirectory_p);
     DirEntry* const pEntry = highest_block(dwSizeFromDirectory_p);
     if (pEntry != nullptr) {
+        forget_entries();
         if (pEntry->Startpos < dwDataChunkSize_p) {
             TRACE_INFO("pEntry->Startpos < dwDataChunkSize_p");
             TRACE_VALUE("Old pEntry->Endpos", "%lu", pEntry->Endpos);

@@ -197,8 +197,7 @@ void CKivmp3::read_status() {
     check_status(reinterpret_cast<DirEntry const*>(entries.get()), dwNrOfEntries,
                  ffdCurrentPosInBy);
 
-    memcpy(m_oDirFile.get_dir_header(), entries.get(), dwDirSize);
-    m_oDirFile.set_flush_pending();
+    m_oDirFile.replace_entries(entries.get());
     m_ffdCreateTime = ffdCreateTime;
     m_ffdCurrentPosInBy = ffdCurrentPosInBy;
     m_ffdDataLengthInBy = ffdDataLengthInBy;
@@ -217,7 +216,7 @@ void CKivmp3::check_status(DirEntry const* psEntries_p, DWORD dwNrOfEntries_p,
                   CKivDirFile::check_entries(psEntries_p, dwNrOfEntries_p) == FFD_NOERROR;
     uint64_t ullLength = 0;
     for (DWORD dwEntry = 0; bWhole && dwEntry < dwNrOfEntries_p; ++dwEntry) {
-        ullLength += psEntries_p[dwEntry].is_deleted() ? 0 : psEntries_p[dwEntry].size();
+        ullLength += psEntries_p[dwEntry].live_size();
     }
     if (!bWhole || dwCurrentPosInBy_p > ullLength) {
         TRACE_ERROR(FFD_FILE_IO_ERROR, "file status file is damaged -> FFD_FILE_IO_ERROR");
