@@ -50,7 +50,7 @@ void add_rule(Rule const& rule) {
 }
 
 bool is_transfer(Call call) {
-    return call == Call::ReadFile || call == Call::WriteFile;
+    return call == Call::ReadFile || call == Call::WriteFile || call == Call::CopyBytes;
 }
 
 // Counts the call for the rule and tells whether the rule bites.

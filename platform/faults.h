@@ -33,6 +33,7 @@ enum class Call {
     GetDiskFreeSpaceEx,
     DriverCallback,
     CopyPermissions,
+    CopyBytes,
     Any // in a rule or a question: every kind above
 };
 
@@ -45,14 +46,14 @@ unsigned count(Call call);
 // The nth call from now on, and the `times` - 1 behind it, does nothing and fails with the error.
 void fail(Call call, unsigned nth, DWORD dwError, unsigned times = 1);
 
-// The nth ReadFile or WriteFile from now on (Any: of both) moves half of its bytes. A read then
-// succeeds with the smaller count. A write fails with the error, or, with 0, succeeds with the
-// smaller count.
+// The nth ReadFile, WriteFile or CopyBytes from now on (Any: of all) moves half of its bytes. A
+// read then succeeds with the smaller count, as a copy does. A write fails with the error, or, with
+// 0, succeeds with the smaller count.
 void halve(Call call, unsigned nth, DWORD dwError);
 
 // The process ends at once, without any clean-up, in front of the nth call from now on that changes
 // the disk: CreateFile that makes or empties a file, WriteFile, SetEndOfFile, DeleteFile, MoveFile,
-// CopyPermissions. The exit code is 86.
+// CopyPermissions, CopyBytes. The exit code is 86.
 void stop_before_change(unsigned nth);
 
 // What a stop does in place of ending the process. It does not return. For a system on which a test

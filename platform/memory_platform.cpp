@@ -318,6 +318,10 @@ BOOL WINAPI DriverCallback(DWORD_PTR dwCallback, DWORD /*dwFlags*/, HDRVR hDevic
     return TRUE;
 }
 
+DWORD PlatformCopyBytes(HANDLE /*hFrom*/, HANDLE /*hTo*/, DWORD /*dwBytes*/) {
+    return 0;
+}
+
 BOOL PlatformCopyPermissions(HANDLE hFrom, HANDLE hTo) {
     return find_file(hFrom, 0) != nullptr && find_file(hTo, GENERIC_WRITE) != nullptr;
 }

@@ -283,3 +283,10 @@ bool PlatformSameFileName(LPCSTR pszName1, LPCSTR pszName2);
 // Gives the file behind hTo the permissions (Linux) or attributes (Windows) of the one behind
 // hFrom.
 BOOL PlatformCopyPermissions(HANDLE hFrom, HANDLE hTo);
+
+// Moves up to dwBytes bytes from the file pointer of one file to that of another, and the pointers
+// along with them, without taking the bytes through the process. The result is how many bytes that
+// were: fewer than asked for, down to 0, at the end of the file, after a failure, and where the
+// system has no such means, as on Windows. The caller goes on with ReadFile and WriteFile, which
+// tell what the matter is.
+DWORD PlatformCopyBytes(HANDLE hFrom, HANDLE hTo, DWORD dwBytes);

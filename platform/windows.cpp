@@ -35,6 +35,11 @@ bool PlatformSameFileName(LPCSTR pszName1, LPCSTR pszName2) {
            CSTR_EQUAL;
 }
 
+DWORD PlatformCopyBytes(HANDLE /*hFrom*/, HANDLE /*hTo*/, DWORD /*dwBytes*/) {
+    FAULT_POINT(CopyBytes, 0);
+    return 0;
+}
+
 BOOL PlatformCopyPermissions(HANDLE hFrom, HANDLE hTo) {
     FAULT_POINT(CopyPermissions, FALSE);
     constexpr DWORD COPIED_ATTRIBUTES = FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN |

@@ -62,7 +62,7 @@ std::vector<Fault> all_faults() {
         auto const is_met = [call](unsigned nth) { return platform_faults::count(call) >= nth; };
         faults.push_back(
             {call, [=](unsigned nth) { platform_faults::fail(call, nth, 5); }, is_met});
-        if (call == Call::ReadFile || call == Call::WriteFile) {
+        if (call == Call::ReadFile || call == Call::WriteFile || call == Call::CopyBytes) {
             for (DWORD const dwError : {112u, 0u}) {
                 faults.push_back({call,
                                   [=](unsigned nth) { platform_faults::halve(call, nth, dwError); },
@@ -204,6 +204,14 @@ std::vector<FaultsTest::Operation> FaultsTest::operations() {
         {"store again", Kind::Store, store, store_it, {29}, edited, edited},
         {"restore", Kind::Edit, store_and_write, restore, {29}, with_piece(edited, 0, 0), edited},
         {"close with a rebuild", Kind::Close, store, close_it, {6, 27, 29}, edited, edited},
+        {"close with a rebuild of a large block",
+         Kind::Close,
+         [](FFDHandle h) { EXPECT_EQ(erase(h, 0, 96), 0u); },
+         close_it,
+         {6, 27, 29},
+         frames(600).substr(96),
+         frames(600).substr(96),
+         {{"a.mp3", g_head + frames(600)}}},
         {"close behind a restore",
          Kind::Close,
          delete_and_restore,

@@ -24,6 +24,8 @@ TEST_F(PlatformFaults, EveryKindFailsOnceWithItsErrorAndDoesNothing) {
     void* block = nullptr;
     char text[300];
     DWORD moved = 0;
+    string const c = path("c");
+    make_file(c, "");
     struct Row {
         Call call;
         std::function<bool()> works;
@@ -38,6 +40,12 @@ TEST_F(PlatformFaults, EveryKindFailsOnceWithItsErrorAndDoesNothing) {
         {Call::GetFileSize, [&] { return GetFileSize(file, nullptr) == 2; }},
         {Call::FlushFileBuffers, [&] { return FlushFileBuffers(file); }},
         {Call::CopyPermissions, [&] { return PlatformCopyPermissions(file, file); }},
+        {Call::CopyBytes,
+         [&] {
+             Opened const other(c, READ_WRITE, 0);
+             return SetFilePointer(file, 0, nullptr, 0) == 0 &&
+                    PlatformCopyBytes(file, other, 1) == 1;
+         }},
         {Call::GetFullPathName, [&] { return GetFullPathNameA("a", 300, text, nullptr) != 0; }},
         {Call::HeapAlloc, [&] { return (block = HeapAlloc(GetProcessHeap(), 0, 1)) != nullptr; }},
         {Call::CreateFileMapping,

@@ -153,6 +153,28 @@ TEST_F(PlatformLinux, RightsAreCopiedFromFileToFile) {
     EXPECT_EQ(got.st_gid, expected.st_gid);
 }
 
+TEST_F(PlatformLinux, BytesAreCopiedBetweenFilePointers) {
+    make_file(a, "0123456789");
+    Opened const from(a, READ, 3);
+    Opened const to(b, READ_WRITE, 0, 1);
+    LONG lHigh = 1; // 4 GiB, and 5 bytes more: the pointers do not end with 32 bits
+    ASSERT_EQ(SetFilePointer(from, 2, nullptr, 0), 2u);
+    ASSERT_EQ(SetFilePointer(to, 5, &lHigh, 0), 5u);
+    EXPECT_EQ(PlatformCopyBytes(from, to, 3), 3u);
+    EXPECT_EQ(PlatformCopyBytes(from, to, 100), 5u); // the end of the file
+    EXPECT_EQ(PlatformCopyBytes(from, to, 100), 0u);
+    EXPECT_EQ(SetFilePointer(from, 0, nullptr, 1), 10u);
+    lHigh = -1;
+    EXPECT_EQ(SetFilePointer(to, -8, &lHigh, 1), 5u);
+    char text[9] = "";
+    DWORD dwRead = 0;
+    EXPECT_TRUE(ReadFile(to, text, 100, &dwRead, nullptr));
+    EXPECT_STREQ(text, "23456789");
+    // What can't be copied is left to the caller, whose own calls then tell why.
+    EXPECT_EQ(PlatformCopyBytes(to, from, 1) + PlatformCopyBytes(to, to, 1), 0u);
+    EXPECT_EQ(PlatformCopyBytes(nullptr, to, 1) + PlatformCopyBytes(from, nullptr, 1), 0u);
+}
+
 TEST_F(PlatformLinux, DisksThatAreFullOrReadOnly) {
     string const disk = path("disk");
     std::filesystem::create_directory(disk);
