@@ -56,7 +56,8 @@ void add_gaps(Lanes& lanes, std::vector<Block> const& fileOrder, uint64_t firstF
     add(end, fileSize, false);
 }
 
-// Puts pieces one behind the other and merges the thin ones.
+// Puts pieces one behind the other and merges the thin ones. What a kind has lost to another in a
+// merged piece it gets back in a later one, so that kinds keep their share of the lane.
 class PieceRow {
 public:
     explicit PieceRow(double least) : m_least(least) {}
@@ -71,7 +72,7 @@ public:
         Piece& piece = m_pieces.back();
         piece.to = from + place.size;
         ++piece.count;
-        m_bytes[static_cast<size_t>(place.kind)] += place.size;
+        m_bytes[static_cast<size_t>(place.kind)] += static_cast<int64_t>(place.size);
         if (static_cast<double>(piece.to - piece.from) >= m_least) {
             close();
         }
@@ -80,8 +81,16 @@ public:
     // What follows is not merged with what is there.
     void close() {
         if (m_open) {
-            m_pieces.back().kind = static_cast<PlaceKind>(
-                std::max_element(m_bytes.begin(), m_bytes.end()) - m_bytes.begin());
+            Piece& piece = m_pieces.back();
+            size_t most = static_cast<size_t>(piece.kind);
+            for (size_t kind = 0; kind < kPlaceKinds; ++kind) {
+                m_owed[kind] += m_bytes[kind];
+                if (m_bytes[kind] > 0 && m_owed[kind] > m_owed[most]) {
+                    most = kind;
+                }
+            }
+            m_owed[most] -= static_cast<int64_t>(piece.to - piece.from);
+            piece.kind = static_cast<PlaceKind>(most);
         }
         m_bytes.fill(0);
         m_open = false;
@@ -93,35 +102,25 @@ public:
     }
 
 private:
+    using Bytes = std::array<int64_t, kPlaceKinds>; // by kind
+
     double m_least;
     std::vector<Piece> m_pieces;
-    std::array<uint64_t, kPlaceKinds> m_bytes{}; // of the piece that still grows, by kind
+    Bytes m_bytes{}; // of the piece that still grows
+    Bytes m_owed{};
     bool m_open = false;
 };
-
-uint64_t tick_seconds(uint64_t seconds, unsigned most) {
-    for (uint64_t const step : {1, 2, 5, 10, 15, 30, 60, 120, 300, 600, 1800, 3600, 7200, 21600}) {
-        if (seconds / step < most) {
-            return step;
-        }
-    }
-    uint64_t step = 43200;
-    while (seconds / step >= most) {
-        step *= 2;
-    }
-    return step;
-}
 
 } // namespace
 
 std::optional<uint32_t> original_end(std::vector<Block> const& blocks) {
-    std::optional<uint32_t> end;
     std::vector<Block> const fileOrder = in_file_order(blocks);
-    for (size_t i = 1; i < fileOrder.size() && !end; ++i) {
+    for (size_t i = 1; i < fileOrder.size(); ++i) {
         if (fileOrder[i].audioFrom > fileOrder[i - 1].audioTo) {
-            end = fileOrder[i - 1].audioTo;
+            return fileOrder[i - 1].audioTo;
         }
     }
+    std::optional<uint32_t> end;
     uint32_t lowestBehind = 0xFFFFFFFF;
     for (size_t i = blocks.size(); i-- > 0;) {
         if (blocks[i].size() == 0) {
@@ -184,11 +183,23 @@ std::vector<Piece> file_pieces(Lanes const& lanes, double least) {
     return row.take();
 }
 
-std::vector<Tick> time_ticks(uint64_t length, uint32_t bytesPerSecond, unsigned most) {
+uint64_t tick_seconds(uint64_t length, uint32_t bytesPerSecond, unsigned most) {
     uint64_t const seconds = length / bytesPerSecond;
-    uint64_t const step = tick_seconds(seconds, most);
+    for (uint64_t const step : {1, 2, 5, 10, 15, 30, 60, 120, 300, 600, 1800, 3600, 7200, 21600}) {
+        if (seconds / step < most) {
+            return step;
+        }
+    }
+    uint64_t step = 43200;
+    while (seconds / step >= most) {
+        step *= 2;
+    }
+    return step;
+}
+
+std::vector<Tick> time_ticks(uint64_t length, uint32_t bytesPerSecond, uint64_t seconds) {
     std::vector<Tick> ticks;
-    for (uint64_t at = 0; at <= seconds; at += step) {
+    for (uint64_t at = 0; at <= length / bytesPerSecond; at += seconds) {
         std::string const label = time_text(at * 1000);
         ticks.push_back({at * bytesPerSecond, label.substr(0, label.find('.'))});
     }

@@ -45,7 +45,7 @@ struct Lanes {
 };
 
 // A stretch of one lane: a block, or several that are too thin to be told apart. Then it is of the
-// kind with the most bytes.
+// kind of one of them, so that the kinds of the lane keep their shares.
 struct Piece {
     PlaceKind kind;
     uint64_t from; // bytes from the beginning of the lane
@@ -73,7 +73,10 @@ Lanes lanes_of(DirMap const& map, uint64_t firstFrameOffset, uint64_t fileSize);
 std::vector<Piece> playing_pieces(Lanes const& lanes, double least);
 std::vector<Piece> file_pieces(Lanes const& lanes, double least);
 
-// Time marks from 0 on in round steps of a second or more, `most` of them at most and one at least.
-std::vector<Tick> time_ticks(uint64_t length, uint32_t bytesPerSecond, unsigned most);
+// Between two time marks: a round count of seconds that makes `most` marks at most.
+uint64_t tick_seconds(uint64_t length, uint32_t bytesPerSecond, unsigned most);
+
+// Time marks from 0 on.
+std::vector<Tick> time_ticks(uint64_t length, uint32_t bytesPerSecond, uint64_t seconds);
 
 } // namespace ffdhost

@@ -24,12 +24,14 @@ constexpr double kLaneHeight = 44;
 constexpr double kFileTop = 294;
 constexpr double kPlayingBottom = kPlayingTop + kLaneHeight;
 constexpr double kFileBottom = kFileTop + kLaneHeight;
-constexpr double kSlot = 10;       // the width of a gap, whatever its size
-constexpr double kSlotsMost = 100; // of all gaps but the front one
-constexpr size_t kGapLines = 3;    // lines of text for them
-constexpr double kThinBand = 2;    // a thinner one may be merged with its like
-constexpr size_t kMostThinBands = 1000;
-constexpr double kLetter = 6.4; // the width of a letter of the small text, about
+constexpr double kSlot = 10;           // the width of a gap, whatever its size
+constexpr double kSlotsMost = 100;     // of all gaps but the front one
+constexpr size_t kGapLines = 3;        // lines of text for them
+constexpr double kThinBand = 2;        // a thinner one may be merged with its like
+constexpr size_t kMostThinBands = 400; // of a kind
+constexpr double kThinPiece = 2;       // narrower ones are merged
+constexpr unsigned kMostTicks = 12;
+constexpr double kLetter = 6.7; // the width of a letter of the small text, about
 
 struct Look {
     char const* id; // of the pattern, and the class of what has it
@@ -37,9 +39,9 @@ struct Look {
 };
 
 Look look_of(PlaceKind kind) {
-    static constexpr std::array<Look, kPlaceKinds> kLooks = {{{"old", "audio of the file"},
+    static constexpr std::array<Look, kPlaceKinds> kLooks = {{{"old", "original audio"},
                                                               {"new", "appended audio"},
-                                                              {"undo", "deleted, undo is possible"},
+                                                              {"undo", "deleted, undoable"},
                                                               {"gone", "deleted"}}};
     return kLooks[static_cast<size_t>(kind)];
 }
@@ -51,7 +53,7 @@ text{font-family:system-ui,"Segoe UI","DejaVu Sans",Helvetica,Arial,sans-serif;f
 .name{font-size:19px;font-weight:600}
 .lane{font-size:14px;font-weight:600}
 .soft{fill:#55626e}
-.mid{text-anchor:middle}
+.time{text-anchor:middle;paint-order:stroke;stroke:#fdfcf8;stroke-width:4px}
 .mark{stroke:#7b8791;fill:none}
 .rail{fill:#f1efe9;stroke:#c9c5bb}
 .old{fill:#a3cbec}
@@ -61,7 +63,7 @@ text{font-family:system-ui,"Segoe UI","DejaVu Sans",Helvetica,Arial,sans-serif;f
 .gap{fill:#39434d}
 #playing rect,#file rect,#legend rect{stroke:#fdfcf8}
 #legend .undo,#legend .gone,#file .undo,#file .gone{stroke:#83768f}
-#playing .thin,#file .thin{stroke:none}
+#playing .thin,#file .thin{stroke:none;shape-rendering:crispEdges}
 .in{fill:#1c3550;text-anchor:middle}
 .in.new{fill:#fff}
 #bands .old{fill-opacity:.42;stroke:#4f86b5;stroke-opacity:.7;stroke-width:.7}
@@ -69,7 +71,6 @@ text{font-family:system-ui,"Segoe UI","DejaVu Sans",Helvetica,Arial,sans-serif;f
 #bands .undo{fill:none;stroke:#6d3f9c;stroke-dasharray:4 3}
 #bands .thin{stroke-opacity:.25}
 .back{fill:#6d3f9c}
-.cut{stroke:#55626e}
 </style>
 <defs>
 <pattern id="undo" width="7" height="7" patternUnits="userSpaceOnUse" patternTransform="rotate(45)"><rect width="7" height="7" fill="#fff"/><rect width="2.4" height="7" fill="#6d3f9c"/></pattern>
@@ -114,7 +115,7 @@ std::string shortened(std::string const& words, size_t most) {
         return words;
     }
     size_t const half = most / 2;
-    return words.substr(0, half) + " ... " + words.substr(words.size() - half);
+    return words.substr(0, half) + " \u2026 " + words.substr(words.size() - half);
 }
 
 // Hundredths of a pixel: rounded ends instead of rounded widths, so that no error adds up.
@@ -149,7 +150,8 @@ struct Band {
 class Picture {
 public:
     Picture(Lanes const& lanes, PictureWords const& words, uint32_t bytesPerSecond)
-        : m_lanes(lanes), m_words(words), m_bytesPerSecond(bytesPerSecond) {
+        : m_lanes(lanes), m_words(words), m_bytesPerSecond(bytesPerSecond),
+          m_tickSeconds(tick_seconds(lanes.audioLength, bytesPerSecond, kMostTicks)) {
         for (size_t i = 0; i < m_lanes.gaps.size(); ++i) {
             m_slots += m_lanes.gaps[i].inFront ? 0 : 1;
         }
@@ -163,10 +165,10 @@ public:
         draw_bands();
         m_body << "</g>\n";
         draw_playing_lane();
+        double const gapsBottom = draw_gaps(kFileBottom + 24);
         draw_file_lane();
-        double const bottom = draw_gaps(kFileBottom + 24);
-        draw_legend(bottom + 22);
-        return head(bottom + 54) + m_body.str() + "</svg>\n";
+        double const bottom = draw_legend(gapsBottom + 34);
+        return head(bottom + 26) + m_body.str() + "</svg>\n";
     }
 
 private:
@@ -194,7 +196,17 @@ private:
              std::string const& title) {
         m_body << "<rect x=\"" << number(from) << "\" y=\"" << number(top) << "\" width=\""
                << number(hundredths(to) - hundredths(from)) << "\" height=\"" << number(kLaneHeight)
-               << "\" class=\"" << kind << "\"><title>" << xml_text(title) << "</title></rect>\n";
+               << "\" class=\"" << kind << '"';
+        end_with_title("rect", title);
+    }
+
+    // Words that show when an element is pointed at.
+    void end_with_title(char const* element, std::string const& title) {
+        if (title.empty()) {
+            m_body << "/>\n";
+        } else {
+            m_body << "><title>" << xml_text(title) << "</title></" << element << ">\n";
+        }
     }
 
     std::string summary() const {
@@ -221,7 +233,8 @@ private:
              << time_of(m_lanes.dictationLength, m_bytesPerSecond) << "; the file holds "
              << time_of(m_lanes.audioLength, m_bytesPerSecond) << " of audio in " << summary()
              << ". The upper lane shows the blocks as they play, the lower one as they lie in the "
-                "file; a band joins the two places of a live block. Appended audio is what lies "
+                "file; a band joins the two places of a live block. Blocks too thin to be "
+                "seen are drawn together. Appended audio is what lies "
                 "behind the first gap between two blocks, or behind a block that plays in front of "
                 "audio in front of it: what was appended to the very end may look like audio of "
                 "the file.";
@@ -233,22 +246,20 @@ private:
              << "\" height=\"" << number(height - 1) << "\" rx=\"10\"/>\n"
              << "<text x=\"32\" y=\"38\" class=\"name\">" << xml_text(shortened(m_words.name, 72))
              << "</text>\n<text x=\"32\" y=\"60\" class=\"soft\">"
-             << xml_text(summary() + " - " + m_words.format) << "</text>\n";
+             << xml_text(summary() + " \u00B7 " + m_words.format) << "</text>\n";
         return head.str();
     }
 
     std::string piece_title(Piece const& piece) const {
-        std::string const what = std::string(look_of(piece.kind).name) + ", " +
-                                 time_of(piece.to - piece.from, m_bytesPerSecond) + " at " +
-                                 time_of(piece.from, m_bytesPerSecond);
-        return piece.count == 1 ? "block " + std::to_string(piece.block) + ": " + what
-                                : std::to_string(piece.count) + " blocks, mostly " + what;
+        return "block " + std::to_string(piece.block) + ": " + look_of(piece.kind).name + ", " +
+               time_of(piece.to - piece.from, m_bytesPerSecond) + " at " +
+               time_of(piece.from, m_bytesPerSecond);
     }
 
     void draw_piece(Piece const& piece, double from, double to, double top) {
         bool const thin = to - from < 4;
         box(from, to, top, std::string(look_of(piece.kind).id) + (thin ? " thin" : ""),
-            piece_title(piece));
+            piece.count > 1 ? "" : piece_title(piece));
         bool const hatched = piece.kind == PlaceKind::Undoable || piece.kind == PlaceKind::Deleted;
         std::string const block = std::to_string(piece.block);
         std::string const time = time_of(piece.to - piece.from, m_bytesPerSecond);
@@ -258,7 +269,7 @@ private:
         }
         bool const both = room >= kLetter * static_cast<double>(time.size());
         std::string const kind = std::string("in ") + look_of(piece.kind).id;
-        text((from + to) / 2, top + (both ? 19 : 27), kind, block);
+        text((from + to) / 2, top + (both ? 19 : 27), kind, both ? "block " + block : block);
         if (both) {
             text((from + to) / 2, top + 35, kind, time);
         }
@@ -272,11 +283,12 @@ private:
     void draw_playing_lane() {
         draw_lane_name(kPlayingTop, "As it plays", m_lanes.dictationLength);
         m_body << "<g id=\"playing-time\">\n";
-        for (Tick const& tick : time_ticks(m_lanes.dictationLength, m_bytesPerSecond, 11)) {
+        for (Tick const& tick :
+             time_ticks(m_lanes.dictationLength, m_bytesPerSecond, m_tickSeconds)) {
             draw_tick(plays_x(tick.at), kPlayingTop - 8, kPlayingTop - 2, kPlayingTop - 13, tick);
         }
         m_body << "</g>\n<g id=\"playing\">\n";
-        for (Piece const& piece : playing_pieces(m_lanes, 1 / m_scale)) {
+        for (Piece const& piece : playing_pieces(m_lanes, kThinPiece / m_scale)) {
             draw_piece(piece, plays_x(piece.from), plays_x(piece.to), kPlayingTop);
         }
         m_body << "</g>\n";
@@ -288,11 +300,11 @@ private:
     void draw_file_lane() {
         draw_lane_name(kFileTop, "In the file", m_lanes.audioLength);
         m_body << "<g id=\"file-time\">\n";
-        for (Tick const& tick : time_ticks(m_lanes.audioLength, m_bytesPerSecond, 11)) {
+        for (Tick const& tick : time_ticks(m_lanes.audioLength, m_bytesPerSecond, m_tickSeconds)) {
             draw_tick(lies_x(tick.at), kFileBottom + 2, kFileBottom + 8, kFileBottom + 21, tick);
         }
         m_body << "</g>\n<g id=\"file\">\n";
-        for (Piece const& piece : file_pieces(m_lanes, 1 / m_scale)) {
+        for (Piece const& piece : file_pieces(m_lanes, kThinPiece / m_scale)) {
             draw_piece(piece, lies_x(piece.from), lies_x(piece.to, true), kFileTop);
         }
         m_body << "</g>\n";
@@ -301,7 +313,7 @@ private:
     void draw_tick(double x, double from, double to, double label, Tick const& tick) {
         m_body << "<path class=\"mark\" d=\"M" << number(x) << ' ' << number(from) << 'V'
                << number(to) << "\"/>";
-        text(x, label, tick.at == 0 ? "soft" : "soft mid", tick.label);
+        text(x, label, tick.at == 0 ? "soft" : "soft time", tick.label);
     }
 
     // The gaps of the file lane, and below them what they are. The result is where that ends.
@@ -338,11 +350,7 @@ private:
 
     void draw_band(std::string const& kind, Band const& band, std::string const& title) {
         m_body << "<path class=\"" << kind << "\" d=\"" << outline(band) << '"';
-        if (title.empty()) {
-            m_body << "/>\n";
-        } else {
-            m_body << "><title>" << xml_text(title) << "</title></path>\n";
-        }
+        end_with_title("path", title);
     }
 
     static std::string outline(Band const& band) {
@@ -379,6 +387,10 @@ private:
             draw_band(look_of(place.kind).id, band,
                       "block " + std::to_string(place.block) +
                           (place.live() ? "" : ": an undo would bring it back here"));
+            if (!place.live()) {
+                m_body << "<path class=\"back\" d=\"M" << number(band.playsFrom) << ' '
+                       << number(kPlayingBottom) << "l-5 9h10z\"/>\n";
+            }
         }
         for (PlaceKind const kind :
              {PlaceKind::Original, PlaceKind::Appended, PlaceKind::Undoable}) {
@@ -413,7 +425,8 @@ private:
         m_body << "\"><title>" << bands.size() << " thin blocks</title></path>\n";
     }
 
-    void draw_legend(double top) {
+    // The result is the base of its last line.
+    double draw_legend(double top) {
         std::array<uint64_t, kPlaceKinds> bytes{};
         for (Place const& place : m_lanes.places) {
             bytes[static_cast<size_t>(place.kind)] += place.size;
@@ -421,10 +434,15 @@ private:
         m_body << "<g id=\"legend\">\n";
         double x = 32;
         auto const entry = [&](char const* id, std::string const& words) {
+            double const length = 24 + kLetter * static_cast<double>(words.size());
+            if (x + length > kWidth - 16) {
+                x = 32;
+                top += 22;
+            }
             m_body << "<rect x=\"" << number(x) << "\" y=\"" << number(top - 11)
                    << "\" width=\"18\" height=\"14\" class=\"" << id << "\"/>";
             text(x + 24, top, "", words);
-            x += 24 + kLetter * static_cast<double>(words.size()) + 18;
+            x += length + 16;
         };
         for (size_t kind = 0; kind < kPlaceKinds; ++kind) {
             if (bytes[kind] > 0) {
@@ -434,9 +452,10 @@ private:
             }
         }
         if (!m_lanes.gaps.empty()) {
-            entry("gap", "no audio (not to scale)");
+            entry("gap", "no audio, not to scale");
         }
         m_body << "</g>\n";
+        return top;
     }
 
     Lanes const& m_lanes;
@@ -445,6 +464,7 @@ private:
     size_t m_slots = 0;
     double m_slot = 0;  // pixels
     double m_scale = 0; // pixels for a byte
+    uint64_t m_tickSeconds;
     std::ostringstream m_body;
 };
 

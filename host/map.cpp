@@ -1,6 +1,7 @@
 #include "commands.h"
 
 #include "MapPicture.h"
+#include "MapStrip.h"
 #include "Position.h"
 #include "System.h"
 #include "Tags.h"
@@ -113,8 +114,8 @@ Outcome run_map(Driver const& driver, std::string const& file, std::string const
         print_line("Blocks of", source);
         print_line("Dictation", length_text(map.dictationLength, rate));
     }
+    Lanes const lanes = lanes_of(map, view.firstFrameOffset, view.fileSize);
     if (!svg.empty()) {
-        Lanes const lanes = lanes_of(map, view.firstFrameOffset, view.fileSize);
         std::string const name = std::filesystem::path(file).filename().string();
         write_picture(
             toStdout ? "" : svg,
@@ -124,6 +125,10 @@ Outcome run_map(Driver const& driver, std::string const& file, std::string const
         }
     } else if (!json) {
         print_map(blocks);
+        if (is_terminal(Stream::Output)) {
+            StripStyle const style{terminal_width(), stdout_wants_colour(), terminal_shows_utf8()};
+            std::cout << map_strip(lanes, rate, style) << std::flush;
+        }
     }
     for (Block const& block : map.blocks) {
         // A cut-off last frame does this to the one block of a file, which is no news here.
