@@ -233,11 +233,10 @@ private:
              << time_of(m_lanes.dictationLength, m_bytesPerSecond) << "; the file holds "
              << time_of(m_lanes.audioLength, m_bytesPerSecond) << " of audio in " << summary()
              << ". The upper lane shows the blocks as they play, the lower one as they lie in the "
-                "file; a band joins the two places of a live block. Blocks too thin to be "
-                "seen are drawn together. Appended audio is what lies "
-                "behind the first gap between two blocks, or behind a block that plays in front of "
-                "audio in front of it: what was appended to the very end may look like audio of "
-                "the file.";
+                "file; a band joins the two places of a live block. Blocks too thin to be seen are "
+                "drawn together. Appended audio is what lies behind the first gap between two "
+                "blocks, or behind a block that plays in front of audio in front of it: what was "
+                "appended to the very end may look like original audio.";
         if (m_lanes.gapsLeftOut > 0) {
             head << ' ' << m_lanes.gapsLeftOut << " more gaps between blocks are not shown.";
         }
