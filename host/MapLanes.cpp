@@ -185,7 +185,9 @@ std::vector<Piece> file_pieces(Lanes const& lanes, double least) {
 
 uint64_t tick_seconds(uint64_t length, uint32_t bytesPerSecond, unsigned most) {
     uint64_t const seconds = length / bytesPerSecond;
-    for (uint64_t const step : {1, 2, 5, 10, 15, 30, 60, 120, 300, 600, 1800, 3600, 7200, 21600}) {
+    static constexpr std::array<uint64_t, 14> kSteps = {1,   2,   5,   10,   15,   30,   60,
+                                                        120, 300, 600, 1800, 3600, 7200, 21600};
+    for (uint64_t const step : kSteps) {
         if (seconds / step < most) {
             return step;
         }

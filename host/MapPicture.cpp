@@ -53,9 +53,9 @@ text{font-family:system-ui,"Segoe UI","DejaVu Sans",Helvetica,Arial,sans-serif;f
 .name{font-size:19px;font-weight:600}
 .lane{font-size:14px;font-weight:600}
 .soft{fill:#55626e}
-.time{text-anchor:middle;paint-order:stroke;stroke:#fdfcf8;stroke-width:4px}
+.time{text-anchor:middle}
+.time,.over{paint-order:stroke;stroke:#fdfcf8;stroke-width:4px}
 .mark{stroke:#7b8791;fill:none}
-.rail{fill:#f1efe9;stroke:#c9c5bb}
 .old{fill:#a3cbec}
 .new{fill:#b4470f}
 .undo{fill:url(#undo)}
@@ -318,6 +318,12 @@ private:
     // The gaps of the file lane, and below them what they are. The result is where that ends.
     double draw_gaps(double top) {
         m_body << "<g id=\"gaps\">\n";
+        struct Label {
+            double left;
+            double base;
+            std::string words;
+        };
+        std::vector<Label> labels;
         std::vector<double> ends; // of what stands in each line so far
         for (size_t i = 0; i < m_lanes.gaps.size(); ++i) {
             Gap const& gap = m_lanes.gaps[i];
@@ -341,7 +347,10 @@ private:
             double const base = top + 18 * static_cast<double>(line + 1);
             m_body << "<path class=\"mark\" d=\"M" << number(mark) << ' ' << number(kFileBottom + 1)
                    << 'V' << number(base - 11) << "\"/>";
-            text(left, base, "", words);
+            labels.push_back({left, base, words});
+        }
+        for (Label const& label : labels) { // in front of all the marks
+            text(label.left, label.base, "over", label.words);
         }
         m_body << "</g>\n";
         return top + 18 * static_cast<double>(ends.size());

@@ -48,10 +48,10 @@ std::vector<PlaceKind> columns_of(Lanes const& lanes, unsigned width) {
             appended[column] += place.kind == PlaceKind::Appended ? share : -share;
         }
     }
-    std::vector<PlaceKind> columns;
-    for (double const share : appended) {
-        columns.push_back(share > 0 ? PlaceKind::Appended : PlaceKind::Original);
-    }
+    std::vector<PlaceKind> columns(width);
+    std::transform(appended.begin(), appended.end(), columns.begin(), [](double share) {
+        return share > 0 ? PlaceKind::Appended : PlaceKind::Original;
+    });
     std::vector<bool> taken(width + 2 * kCutDistance); // around each deletion
     for (PlaceKind const kind : {PlaceKind::Undoable, PlaceKind::Deleted}) {
         for (auto const& [cut, column] : cuts) {
