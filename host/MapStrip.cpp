@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
-#include <optional>
 #include <utility>
 #include <vector>
 
@@ -88,18 +87,19 @@ std::string map_strip(Lanes const& lanes, uint32_t bytesPerSecond, StripStyle co
         return "";
     }
     std::string strip;
-    std::optional<PlaceKind> last;
+    Sign const* last = nullptr; // whose colour is on
     auto const add = [&](PlaceKind kind) {
         Sign const& sign = kSigns[static_cast<size_t>(kind)];
-        if (style.colour && last != kind) {
-            strip += std::string(last ? "\033[0m" : "") + sign.colour;
+        if (style.colour && last != &sign) {
+            strip += last != nullptr ? "\033[0m" : "";
+            strip += sign.colour;
         }
-        last = kind;
+        last = &sign;
         strip += style.utf8 ? sign.utf8 : sign.ascii;
     };
     auto const plain = [&] {
         strip += style.colour ? "\033[0m" : "";
-        last.reset();
+        last = nullptr;
     };
 
     std::array<bool, kPlaceKinds> seen{};
@@ -108,13 +108,17 @@ std::string map_strip(Lanes const& lanes, uint32_t bytesPerSecond, StripStyle co
         add(kind);
     }
     plain();
-    strip += "\n" + time_marks(lanes.dictationLength, bytesPerSecond, style.width) + "\n";
+    strip += '\n';
+    strip += time_marks(lanes.dictationLength, bytesPerSecond, style.width);
+    strip += '\n';
     if (std::count(seen.begin(), seen.end(), true) > 1) {
         for (size_t kind = 0; kind < kPlaceKinds; ++kind) {
             if (seen[kind]) {
                 add(static_cast<PlaceKind>(kind));
                 plain();
-                strip += std::string(" ") + kSigns[kind].meaning + "\n";
+                strip += ' ';
+                strip += kSigns[kind].meaning;
+                strip += '\n';
             }
         }
     }
