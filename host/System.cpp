@@ -8,6 +8,8 @@ namespace ffdhost {
 
 namespace {
 
+constexpr unsigned kUsualWidth = 80; // of a terminal
+
 // What the handler of an interruption writes: it can't take memory.
 std::array<char, 1000> g_words;
 size_t g_length = 0;
@@ -53,6 +55,19 @@ bool terminal_has_colours(Stream stream) {
            SetConsoleMode(console, mode | 4 /* it follows escape sequences */) != 0;
 }
 
+unsigned terminal_width() {
+    CONSOLE_SCREEN_BUFFER_INFO console;
+    if (GetConsoleScreenBufferInfo(GetStdHandle(STD_OUTPUT_HANDLE), &console) == 0) {
+        return kUsualWidth;
+    }
+    int const width = console.srWindow.Right - console.srWindow.Left; // a full line would wrap
+    return width > 0 ? static_cast<unsigned>(width) : kUsualWidth;
+}
+
+bool terminal_shows_utf8() {
+    return GetConsoleOutputCP() == CP_UTF8;
+}
+
 namespace {
 
 BOOL WINAPI on_interrupt(DWORD /*event*/) {
@@ -91,6 +106,8 @@ void end_process(int exitCode) {
 
 #include <csignal>
 #include <cstring>
+#include <string_view>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace ffdhost {
@@ -110,6 +127,23 @@ bool is_terminal(Stream stream) {
 bool terminal_has_colours(Stream stream) {
     char const* const terminal = std::getenv("TERM");
     return is_terminal(stream) && terminal != nullptr && std::strcmp(terminal, "dumb") != 0;
+}
+
+unsigned terminal_width() {
+    winsize size{};
+    bool const told = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+    return told ? size.ws_col : kUsualWidth;
+}
+
+bool terminal_shows_utf8() {
+    for (char const* const name : {"LC_ALL", "LC_CTYPE", "LANG"}) {
+        char const* const locale = std::getenv(name);
+        if (locale != nullptr && *locale != '\0') {
+            std::string_view const words = locale;
+            return words.find("UTF-8") != words.npos || words.find("utf8") != words.npos;
+        }
+    }
+    return false;
 }
 
 namespace {

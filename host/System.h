@@ -21,6 +21,11 @@ bool is_terminal(Stream stream);
 // Whether the terminal behind it shows colours.
 bool terminal_has_colours(Stream stream);
 
+// What the terminal behind stdout can show: columns of text (80 if it does not tell), and letters
+// beyond ASCII.
+unsigned terminal_width();
+bool terminal_shows_utf8();
+
 // What is written to stderr when the user or the system stops the program (Ctrl-C, or the signals
 // that ask for it). Empty: nothing. The program ends on the spot, as in a crash. At most 1000
 // bytes.

@@ -28,7 +28,8 @@ struct ReadOptions {
 Outcome run_read(Driver const& driver, std::string const& file, ReadOptions const& options,
                  bool json);
 
-Outcome run_map(Driver const& driver, std::string const& file, bool json);
+// `svg` names the file for a picture of the blocks, or is '-' for standard output. Empty: text.
+Outcome run_map(Driver const& driver, std::string const& file, std::string const& svg, bool json);
 
 // `tokens` are the operations with their arguments, one behind the other.
 Outcome run_edit(Driver const& driver, std::string const& file,
@@ -40,7 +41,8 @@ Outcome run_edit(Driver const& driver, std::string const& file,
 // output if `output` is empty, piece by piece. The result is the count of bytes written.
 uint64_t copy_dictation(SoundFile& sound, uint64_t size, std::string const& output);
 
-// Throws a Failure if `output` is `file` or its .DIR file: writing it would destroy them.
+// Throws a Failure if `output` is `file` or its .DIR file, even one that is not there: writing it
+// would destroy them, or what the next open would take for one.
 void check_output(std::string const& operation, std::string const& output, std::string const& file);
 
 // The blocks with where they lie and play. `view` is what places them in the file; without it

@@ -21,6 +21,7 @@ struct Arguments {
     std::string driver;
     bool json = false;
     std::string file;
+    std::string svg;
     ReadOptions read;
     std::vector<std::string> operations;
     bool force = false;
@@ -68,14 +69,18 @@ void add_map(CLI::App& app, Arguments& arguments, Command& command) {
     CLI::App* const map =
         app.add_subcommand("map", "Show the blocks that make up the dictation; changes nothing");
     map->add_option("FILE", arguments.file, "an MP3 file")->type_name(" ")->required();
+    map->add_option("--svg", arguments.svg,
+                    "draw the blocks as a picture into a file ('-': standard output)")
+        ->type_name("OUT");
     map->footer(
         "The blocks are those of the .DIR file that a crash left beside the file, or else all\n"
         "the audio of the file as one block. An audio position says where bytes lie behind the\n"
         "first frame, a dictation position where they play.\n\n"
-        "Example:\n  ffdhost map dictation.mp3");
+        "Examples:\n  ffdhost map dictation.mp3\n"
+        "  ffdhost map dictation.mp3 --svg dictation.svg");
     map->callback([&] {
         command = [&](Driver const& driver) {
-            return run_map(driver, arguments.file, arguments.json);
+            return run_map(driver, arguments.file, arguments.svg, arguments.json);
         };
     });
 }

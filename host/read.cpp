@@ -12,8 +12,10 @@ namespace ffdhost {
 void check_output(std::string const& operation, std::string const& output,
                   std::string const& file) {
     std::error_code error;
+    std::filesystem::path const place = std::filesystem::weakly_canonical(output, error);
     for (std::filesystem::path const& kept : {std::filesystem::path(file), dir_file_of(file)}) {
-        if (std::filesystem::equivalent(output, kept, error)) {
+        if (std::filesystem::equivalent(output, kept, error) ||
+            (!place.empty() && place == std::filesystem::weakly_canonical(kept, error))) {
             throw Failure(operation, output, FFD_FILE_ALREADY_EXISTS,
                           "the output would overwrite the file that is read",
                           "Choose another name for the output.");

@@ -1,11 +1,13 @@
 #!/usr/bin/env bash
 # A dictation from end to end, on a copy of a real MP3 file: an edit session, a second session that
-# ends in a crash, the next open that finds every edit, and the file that the close rebuilds. Needs
-# the build of demo.sh.
+# ends in a crash, a picture of what it left, the next open that finds every edit, and the file that
+# the close rebuilds. Needs the build of demo.sh.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 host=$PWD/build/ffdhost
+picture=$PWD/build/map.svg
+kept_picture=$PWD/docs/images/map.svg
 samples=$PWD/tests/samples
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -27,9 +29,10 @@ step "A first session: insert, overwrite, delete, take the deletion back, close"
 run edit letter.mp3 seek 2s insert addition.mp3 seek 6s overwrite addition.mp3 \
     seek 9.5s delete 1s undo show
 
-step "A second session: two more edits, then the process dies without a close"
+step "A second session: more edits, then the process dies without a close"
 code=0
-run edit letter.mp3 seek 1s delete 750ms seek 3s insert addition.mp3 crash || code=$?
+run edit letter.mp3 seek 1s delete 750ms seek 3s insert addition.mp3 \
+    seek 9s overwrite addition.mp3 seek 6s delete 600ms crash || code=$?
 [ "$code" = 3 ] || { echo "demo: the crash did not happen" >&2; exit 1; }
 echo "(exit code 3: no close)"
 echo
@@ -40,6 +43,15 @@ cp letter.DIR crashed.DIR
 
 step "The map of the dictation before the rebuild, from the .DIR file"
 run map letter.mp3
+step "The same as a picture"
+printf '\n$ ffdhost map letter.mp3 --svg build/map.svg\n'
+"$host" map letter.mp3 --svg "$picture" >picture.log
+if cmp -s "$picture" "$kept_picture"; then
+    echo "It is that of README.md, docs/images/map.svg."
+else
+    echo "It is not that of README.md any more. To renew that: cp build/map.svg docs/images/map.svg"
+fi
+
 step "The next open finds every edit; its close rebuilds the file"
 run edit letter.mp3 show
 

@@ -1,19 +1,24 @@
 """Drives ffdhost as a user does, on real MP3 files. FFDHOST names the program, FFD_SAMPLES the
 directory of the samples. Expected bytes are cut out of the samples here, not asked of the driver."""
 
+import fcntl
 import json
 import os
 import pathlib
 import pty
+import re
 import shutil
 import signal
 import struct
 import subprocess
 import tempfile
+import termios
 import unittest
+import xml.etree.ElementTree
 
 HOST = os.environ["FFDHOST"]
 SAMPLES = pathlib.Path(os.environ["FFD_SAMPLES"])
+SVG = "{http://www.w3.org/2000/svg}"
 
 
 def audio_of(path):
@@ -255,19 +260,89 @@ class HostTest(unittest.TestCase):
         self.assertEqual(self.json("edit", self.file, "read", 100, "-", code=2)
                          ["failure"]["status"], 25)
 
+    def on_terminal(self, stream, *arguments, **environment):
+        """What a terminal of 61 columns gets to see of one of the two streams."""
+        keyboard, screen = pty.openpty()
+        fcntl.ioctl(screen, termios.TIOCSWINSZ, struct.pack("4H", 20, 61, 0, 0))
+        subprocess.run([HOST, *map(str, arguments)], cwd=self.dir, **{stream: screen},
+                       env={**os.environ, "TERM": "xterm", "LC_ALL": "C.UTF-8", **environment})
+        os.close(screen)
+        text = os.read(keyboard, 10000)
+        os.close(keyboard)
+        return text.decode()
+
     def test_colour(self):
-        def said(**environment):
-            keyboard, screen = pty.openpty()
-            subprocess.run([HOST, "info", "none.mp3"], cwd=self.dir, stderr=screen,
-                           env={**os.environ, "TERM": "xterm", **environment})
-            os.close(screen)
-            text = os.read(keyboard, 10000)
-            os.close(keyboard)
-            return text
-        self.assertIn(b"\033[", said())
+        self.assertIn("\033[", self.on_terminal("stderr", "info", "none.mp3"))
         for environment in ({"NO_COLOR": "1"}, {"TERM": "dumb"}):
-            self.assertNotIn(b"\033", said(**environment))
+            self.assertNotIn("\033", self.on_terminal("stderr", "info", "none.mp3", **environment))
         self.assertNotIn(b"\033", self.host("info", "none.mp3", code=1).stderr)
+
+    # ---- The map drawn ----
+
+    def edit_for_a_map(self):
+        """Inserts the clip at 24000 and deletes 2000 bytes at 10000: of 96966 bytes, 94966 play."""
+        self.file.write_bytes(self.original + self.clip_audio)
+        self.dir_file.write_bytes(entry(1, 0, 10000) + entry(11, 10000, 12000) +
+                                  entry(1, 12000, 24000) + entry(1, 80585, 97094) +
+                                  entry(1, 24000, 80457))
+
+    def picture(self, name, plays, audio):
+        """The kinds of both lanes and the titles of the bands; checks the widths of the lanes."""
+        text = self.host("map", self.dir / name, "--svg", "-").stdout
+        root = xml.etree.ElementTree.fromstring(text.decode("utf-8"))
+        groups = {group.get("id"): list(group) for group in root.iter(SVG + "g")}
+        lanes = [[piece for piece in groups[lane] if piece.tag == SVG + "rect"]
+                 for lane in ("playing", "file")]
+        widths = [sum(float(piece.get("width")) for piece in lane) for lane in lanes]
+        self.assertAlmostEqual(widths[0], widths[1] * plays / audio, delta=1)
+        self.assertLess(len(text), 150_000)
+        self.assertFalse({"href", "src"} & {key for each in root.iter() for key in each.keys()})
+        return (*([piece.get("class") for piece in lane] for lane in lanes),
+                [band.findtext(SVG + "title") for band in groups["bands"] if len(band)], root)
+
+    def test_picture(self):
+        self.edit_for_a_map()
+        for stem, shown in (('a<&">', 'a<&">'), ("a\udcff\x1b\uffff", "a" + 3 * "\ufffd")):
+            for path in (self.file, self.dir_file):
+                shutil.copy(path, self.dir / (stem + path.suffix))
+            playing, lying, bands, root = self.picture(stem + ".mp3", 94966, 96966)
+            self.assertEqual(playing, ["old", "old", "new", "old"])
+            self.assertEqual(lying, ["old", "undo", "old", "old", "new"])
+            self.assertEqual([title[:7] for title in bands], [f"block {i}" for i in range(5)])
+            self.assertEqual(root.findtext(SVG + "title"), f"Map of {shown}.mp3")
+            self.assertIn("ID3v1 1.1, 128 bytes", [each.text for each in root.iter(SVG + "text")])
+        self.dir_file.unlink()
+        self.file.write_bytes(self.original)
+        self.assertEqual(self.picture("a.mp3", 1, 1)[:3], (["old"], ["old"], ["block 0"]))
+        # Nothing takes the place of the dictation or of what may become its directory.
+        for output in ("a.mp3", "./a.DIR", self.dir / "a.DIR"):
+            self.assertEqual(self.json("map", self.file, "--svg", output, code=1)
+                             ["failure"]["status"], 7, output)
+        self.json("map", self.file, "--svg", "-", code=2)
+        self.assert_untouched()
+
+    def test_picture_of_a_full_directory(self):
+        for order in (range(5461), [i * 1000 % 5461 for i in range(5461)]):
+            self.dir_file.write_bytes(b"".join(
+                entry(3 if i % 5 == 0 else 1, i * 14, i * 14 + 14) for i in order))
+            bands = self.picture("a.mp3", 4368 * 14, 5461 * 14)[2]
+            self.assertEqual(sum(int(title.split()[0]) for title in bands), 4368)
+
+    def test_strip(self):
+        self.edit_for_a_map()
+        coloured = self.on_terminal("stdout", "map", self.file)
+        self.assertIn("\033[", coloured)
+        lines = self.on_terminal("stdout", "map", self.file, NO_COLOR="1").splitlines()
+        at = next(i for i, line in enumerate(lines) if set(line) == set("▒█u"))
+        # The cut at 10000, and the new audio from 22000 to 38509, of 94966 bytes.
+        self.assertEqual(lines[at], 6 * "▒" + "u" + 7 * "▒" + 11 * "█" + 36 * "▒")
+        self.assertEqual(lines[at + 1].index("|0:02"), 10)
+        self.assertNotIn("\033", "".join(lines))
+        self.assertEqual(re.sub("\033[^m]*m", "", coloured).splitlines(), lines)
+        ascii_lines = self.on_terminal("stdout", "map", self.file, LC_ALL="C").splitlines()
+        self.assertTrue(all(line.isascii() for line in ascii_lines))
+        self.assertNotIn("█", self.host("map", self.file).stdout.decode())
+        self.assertTrue(json.loads(self.on_terminal("stdout", "--json", "map", self.file)))
 
     # ---- What is refused ----
 
