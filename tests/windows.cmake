@@ -7,6 +7,7 @@
 # platform_linux_test, platform_calls_test, platform_faults_test, platform_loader_test
 #                                 the Linux layer itself
 # session_test, the fuzz targets  over the layer in memory, a sibling of the Linux layer
+# driver_calls_test               the same driver makes the same calls; the copies are Linux's alone
 # host_test.py, outside_test.py   agreement_test.py compares the Windows host with the Linux one
 #
 # And of the programs built here these cases:
