@@ -105,6 +105,25 @@ TEST_F(CallsTest, ReadsTakeOneForEachBlock) {
     close(handle);
 }
 
+// No read is answered from what an earlier one fetched: others may change the file in between.
+TEST_F(CallsTest, NothingIsKeptBetweenReads) {
+    std::string audio = frames(400);
+    FFDHandle const handle = open_with(m_sound, audio);
+    EXPECT_TRUE(same_bytes(read(handle, 0, 96), audio.substr(0, 96)));
+    audio.replace(96, 96, frames(1, 9));
+    std::fstream other(m_sound, std::ios::in | std::ios::out | std::ios::binary);
+    other.seekp(96) << frames(1, 9) << std::flush;
+    EXPECT_TRUE(same_bytes(read(handle, 96, 96), audio.substr(96, 96)));
+    // A cut by somebody else is a short read, and what comes back later is read again.
+    std::filesystem::resize_file(m_sound, 250);
+    EXPECT_TRUE(same_bytes(read_all(handle), audio.substr(0, 250)));
+    std::filesystem::resize_file(m_sound, 38400);
+    EXPECT_TRUE(same_bytes(read_all(handle), audio.substr(0, 250) + std::string(38150, '\0')));
+    ASSERT_EQ(insert(handle, 0, frames(1, 5)), 0u);
+    EXPECT_TRUE(same_bytes(read(handle, 0, 192), frames(1, 5) + audio.substr(0, 96)));
+    close(handle);
+}
+
 // A rebuild costs two searches and a copy for each block, and what the replacing costs.
 TEST_F(CallsTest, Closes) {
     FFDHandle handle = open_with(m_sound, frames(20));

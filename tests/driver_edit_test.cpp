@@ -100,27 +100,6 @@ TEST_F(EditTest, AWriteOfNothingDoesNothing) {
     EXPECT_EQ(platform_faults::count(platform_faults::Call::Any), 0u);
 }
 
-// The number of platform calls of an edit is part of its speed.
-TEST_F(EditTest, AnEditCostsTheSameFewCalls) {
-    using platform_faults::Call;
-    FFDHandle const handle = open_with(m_sound, frames(10));
-    for (FFDMethod const method : {1u, 2u}) {
-        platform_faults::reset();
-        ASSERT_EQ(write(handle, method, 300, noise(100)), 0u);
-        EXPECT_EQ(platform_faults::count(Call::WriteFile), 2u);
-        EXPECT_EQ(platform_faults::count(Call::FlushFileBuffers), 1u);
-        EXPECT_EQ(platform_faults::count(Call::CloseHandle), 1u);
-        EXPECT_EQ(platform_faults::count(Call::CreateFile), 1u);
-        EXPECT_EQ(platform_faults::count(Call::ReadFile), 0u);
-        EXPECT_EQ(platform_faults::count(Call::Any) - platform_faults::count(Call::SetFilePointer),
-                  5u);
-    }
-    platform_faults::reset();
-    ASSERT_EQ(erase(handle, 300, 100), 0u);
-    EXPECT_EQ(platform_faults::count(Call::FlushFileBuffers), 0u);
-    EXPECT_EQ(platform_faults::count(Call::Any) - platform_faults::count(Call::SetFilePointer), 3u);
-}
-
 TEST_F(EditTest, AWriteThatFailsIsTakenBack) {
     using platform_faults::Call;
     std::string const audio = frames(10) + id3v1_tag();

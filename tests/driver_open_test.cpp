@@ -332,11 +332,9 @@ TEST_F(OpenTest, FilesUpTo4GiB) {
     }
 }
 
-TEST_F(OpenTest, WalkReadsTheFileInLargeBlocks) {
+TEST_F(OpenTest, ABlockThatCannotBeReadIsNotTheEndOfTheAudio) {
     platform_faults::reset();
     EXPECT_EQ(length_of(frames(20000)), 1920000u);
-    EXPECT_LT(platform_faults::count(Call::Any), 300u);
-    // One that can't be read is not the end of the audio.
     platform_faults::fail(Call::ReadFile, platform_faults::count(Call::ReadFile), 1117);
     EXPECT_EQ(open(m_file, 1), nullptr);
     EXPECT_EQ(m_status, 29u);

@@ -7,11 +7,12 @@
 # platform_linux_test, platform_calls_test, platform_faults_test, platform_loader_test
 #                                 the Linux layer itself
 # session_test, the fuzz targets  over the layer in memory, a sibling of the Linux layer
-# driver_calls_test               the same driver makes the same calls; the copies are Linux's alone
 # host_test.py, outside_test.py   agreement_test.py compares the Windows host with the Linux one
 #
 # And of the programs built here these cases:
 set(left_out_of_driver_services_test ServicesTest.FreeSpaceSaturates) # error numbers of wine
+# Only Linux copies blocks by itself.
+set(left_out_of_driver_calls_test CallsTest.Closes)
 # Read or change a stored status that is open: the platform refuses that, the Linux layer can't.
 set(left_out_of_driver_status_test StatusTest.TheFileToTheByte)
 set(left_out_of_driver_torn_test TornTest.AStoredStatusThatIsNotWholeRestoresNothing)
@@ -21,7 +22,8 @@ target_compile_definitions(platform_outcomes_test PRIVATE KIV_WINE=true)
 
 add_library(driver_fixture STATIC driver_fixture.cpp driver_fixture_windows.cpp)
 target_link_libraries(driver_fixture PUBLIC xkivmp3_testable GTest::gmock)
-foreach(subject boundary services windows_paths open directory edit close status faults crash torn)
+foreach(subject boundary services windows_paths open directory edit close status calls
+        faults crash torn)
     add_kiv_test(driver_${subject}_test
         SOURCES driver_${subject}_test.cpp LIBRARIES driver_fixture)
 endforeach()
