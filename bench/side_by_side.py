@@ -1,0 +1,187 @@
+#!/usr/bin/env python3
+"""The driver beside the programs that people use and beside what the machine can do at best: runs
+all of them in turn on the same hour of speech and prints medians and ratios as tables.
+
+    bench/side_by_side.py [--rounds N] [--work FOLDER]
+
+needs the build of the preset "bench", ffmpeg, and, for the rows that name them, mp3val, mpg123 and
+mp3splt; a program that is missing is skipped by name. FOLDER keeps the files for the next time."""
+
+import argparse
+import pathlib
+import subprocess
+import sys
+import tempfile
+
+import measure
+from measure import HOUR_BYTES_PER_SECOND, Race, Skipped, copy_of, median, peer, run
+
+BUILD = measure.TOP / "build-bench"
+JOBS = BUILD / "jobs"
+DRIVER = BUILD / "libxkivmp3.so"
+TRACELESS = BUILD / "libxkivmp3_traceless.so"
+SILENT = {"stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
+
+
+def table(title, head, rows):
+    print(f"\n### {title}\n")
+    print("| " + " | ".join(head) + " |")
+    print("|" + "---|" * len(head))
+    for row in rows:
+        print("| " + " | ".join(row) + " |", flush=True)
+
+
+def process(*command):
+    command = [str(word) for word in command]
+    return lambda: subprocess.run(command, check=True, **SILENT)
+
+
+def add_peer(race, name, make):
+    try:
+        race.add(name, *make())
+    except Skipped as why:
+        print(f"skipped: {name}: {why}", file=sys.stderr)
+
+
+def compare(race, first, bars):
+    """Rows of a race: each job with its median and how many times the first job's time that is."""
+    return [[name, f"{race.milliseconds(name):.1f} ms", f"{race.ratio(name, first):.2f}",
+             bars.get(name, "")] for name in race.jobs]
+
+
+def opens(hour, rounds):
+    race = Race(rounds)
+    race.add("the driver: open, info, close", process(JOBS, "open", DRIVER, hour))
+    race.add("the same without trace calls", process(JOBS, "open", TRACELESS, hour))
+    race.add("plain loop, 64 KiB reads", process(JOBS, "loop", hour))
+    add_peer(race, "mp3val", lambda: [process(peer("mp3val"), hour)])
+    add_peer(race, "ffprobe, counting packets", lambda: [process(
+        peer("ffprobe"), "-v", "error", "-count_packets", "-show_entries",
+        "stream=nb_read_packets", hour)])
+    add_peer(race, "mpg123, scanning", lambda: [process(
+        peer("mpg123"), "-q", "--index", "-t", "-n", "1", hour)])
+    race.go()
+    ours = "the driver: open, info, close"
+    print(f"\nbar: {race.ratio(ours, 'plain loop, 64 KiB reads'):.2f} x the plain loop (2.0); "
+          f"{race.ratio(ours, 'the same without trace calls'):.3f} x without trace calls (1.05)")
+    table("Finding every frame of an hour", ["whole process", "median", "of the driver's", ""],
+          compare(race, ours, {}))
+
+
+def cuts(hour, folder, rounds):
+    race = Race(rounds)
+    middle = hour.stat().st_size // 2 / HOUR_BYTES_PER_SECOND
+    ours, quiet, plain = "the driver: open, delete, close", "the same without trace calls", \
+        "cp of the whole file, then a flush"
+    cut, copy, out = folder / "cut.mp3", folder / "copy.mp3", folder / "out.mp3"
+
+    def fresh():
+        copy_of(hour, cut)
+
+    def gone():
+        copy.unlink(missing_ok=True)
+        out.unlink(missing_ok=True)
+
+    def cp():
+        subprocess.run(["cp", hour, copy], check=True)
+        measure.flush(copy)
+
+    def clock(seconds):
+        return f"{int(seconds // 60)}.{int(seconds % 60)}.{int(seconds * 100 % 100):02d}"
+
+    def splt():
+        program = peer("mp3splt")
+
+        def work():
+            for name, begin, end in (("a", "0.0", clock(middle)), ("b", clock(middle + 10), "EOF")):
+                subprocess.run([program, "-Q", "-d", folder, "-o", name, hour, begin, end],
+                               check=True, **SILENT)
+            with open(out, "wb") as joined:
+                subprocess.run(["cat", folder / "a.mp3", folder / "b.mp3"], check=True,
+                               stdout=joined)
+        return work, gone
+
+    def concat():
+        parts = folder / "parts"
+        parts.write_text(f"file '{hour}'\noutpoint {middle}\nfile '{hour}'\ninpoint {middle + 10}\n")
+        return process(peer("ffmpeg"), "-v", "error", "-y", "-f", "concat", "-safe", "0", "-i",
+                       parts, "-c", "copy", out), gone
+
+    race.add(ours, process(JOBS, "cut", DRIVER, cut, 10), fresh)
+    race.add(quiet, process(JOBS, "cut", TRACELESS, cut, 10), fresh)
+    race.add(plain, cp, gone)
+    add_peer(race, "mp3splt, two parts joined, no flush", splt)
+    add_peer(race, "ffmpeg, stream copy with concat, no flush", concat)
+    race.go()
+    print(f"\nbar: {race.ratio(ours, plain):.2f} x cp and a flush (1.5); "
+          f"{race.ratio(ours, quiet):.3f} x without trace calls (1.05)")
+    table("Taking 10 s out of the middle of an hour",
+          ["whole process", "median", "of the driver's", ""], compare(race, ours, {}))
+
+
+def against_plain(driver, sound, job, arguments, rounds):
+    """Columns of seconds: the driver, the plain calls, and the plain calls of the other kind."""
+    return measure.rounds_of(run([JOBS, job, driver, sound, *arguments, rounds]))
+
+
+def ratio(columns, other):
+    return median([a / b for a, b in zip(columns[0], columns[other])])
+
+
+def inside(hour, folder, rounds):
+    """The jobs within a process: each pair of processes, with and without trace calls, in turn."""
+    rows = []
+    sound = folder / "edit.mp3"
+    jobs = [(f"{kind}, {entries:,} entries", entries, "edits", [kind], 30)
+            for entries in (1, 5000) for kind in ("insert", "overwrite", "delete")]
+    jobs.append(("read 5,000 blocks in 4 KiB pieces", 5000, "reads", [], 1))
+    for name, entries, job, arguments, repeats in jobs:
+        columns = {DRIVER: [[], [], []], TRACELESS: [[], [], []]}
+        for turn in range(max(rounds, 2)):
+            for driver in (DRIVER, TRACELESS) if turn % 2 == 0 else (TRACELESS, DRIVER):
+                copy_of(hour, sound)
+                if entries > 1:
+                    measure.make_blocks(sound, entries)
+                for column, more in zip(columns[driver],
+                                        against_plain(driver, sound, job, arguments, repeats)):
+                    column += more
+        ours, quiet = columns[DRIVER], columns[TRACELESS]
+        unit, factor = ("ms", 1e3) if job == "reads" else ("µs", 1e6)
+        rows.append([name, *(f"{factor * median(column):.1f} {unit}" for column in ours),
+                     f"{ratio(ours, 1):.2f}", f"{ratio(ours, 2):.2f}",
+                     f"{ratio(ours, 1) / ratio(quiet, 1):.3f}"])
+    table("Edits and reads beside the plain system calls",
+          ["job", "the driver", "the same calls", "fewer calls", "of the same", "of the fewer",
+           "of traceless"], rows)
+
+
+def memory(hour, folder):
+    rows = []
+    for size in (1 << 20, hour.stat().st_size, 1 << 30):
+        sound = measure.make_bytes(folder / "large.mp3", hour, size)
+        row = [f"{size / 1e6:,.0f} MB"]
+        for job in (["open", DRIVER, sound], ["cut", DRIVER, sound, 10]):
+            words = run([JOBS, *job], env={"JOBS_MEMORY": "1"}).split()
+            row.append(f"{int(words[words.index('peak-bytes') + 1]) / 1024:,.0f} KiB")
+        rows.append(row)
+        sound.unlink()
+    table("Peak memory above the start of the process",
+          ["file", "open for reading, info, close", "open, delete, close with a rebuild"], rows)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--rounds", type=int, default=21)
+    parser.add_argument("--work", type=pathlib.Path)
+    arguments = parser.parse_args()
+    with tempfile.TemporaryDirectory(dir=arguments.work) as folder:
+        folder = pathlib.Path(folder)
+        hour = measure.make_hour((arguments.work or folder).resolve() / "hour.mp3")
+        opens(hour, arguments.rounds)
+        cuts(hour, folder, arguments.rounds)
+        inside(hour, folder, arguments.rounds // 3)
+        memory(hour, folder)
+
+
+if __name__ == "__main__":
+    main()
