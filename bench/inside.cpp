@@ -107,7 +107,7 @@ void Walk(benchmark::State& state) {
     Folder const folder;
     uint32_t const frames = static_cast<uint32_t>(state.range(0));
     folder.put(frames, 1);
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         close_sound(open_sound(folder, FFD_ACCESS_READ));
     }
     state.SetBytesProcessed(state.iterations() * int64_t{frames} * kFrameBytes);
@@ -151,7 +151,7 @@ void Lookup(benchmark::State& state) {
     DWORD const length = directory->get_data_length();
     DWORD seed = 1;
     DWORD start = 0;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         benchmark::DoNotOptimize(directory->get_dir_entry(next_position(seed, length), &start));
     }
 }
@@ -162,7 +162,7 @@ void LookupOnwards(benchmark::State& state) {
     DWORD const length = directory->get_data_length();
     DWORD position = 0;
     DWORD start = 0;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         benchmark::DoNotOptimize(directory->get_dir_entry(position, &start));
         position = (position + kPieceBytes / 2) % length;
     }
@@ -174,7 +174,7 @@ template <typename Edit> void edit_directory(benchmark::State& state, Edit edit)
     constexpr int kEdits = 50; // each adds two entries at most
     Directory directory(static_cast<uint32_t>(state.range(0)));
     DWORD seed = 1;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         state.PauseTiming();
         directory.reset();
         state.ResumeTiming();
@@ -213,7 +213,7 @@ void Read(benchmark::State& state) {
     auto const size_of_data = slot<FFDGetSizeOfDataProc>(FFD_SLOT_GET_SIZE_OF_DATA);
     auto const read = slot<FFDReadDataProc>(FFD_SLOT_READ_DATA);
     std::vector<uint8_t> piece(kPieceBytes);
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         uint32_t position = 0;
         seek(handle, 0, &position);
         FFDReadHandle* range = nullptr;
@@ -230,7 +230,7 @@ BENCHMARK(Read)->Arg(1)->Arg(100)->Arg(5000)->Unit(benchmark::kMillisecond);
 void Rebuild(benchmark::State& state) {
     Folder const folder;
     constexpr uint32_t kFrames = 20000;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         state.PauseTiming();
         folder.put(kFrames, static_cast<uint32_t>(state.range(0)));
         FFDHandle const handle = open_sound(folder, FFD_ACCESS_READWRITE);
@@ -243,7 +243,7 @@ BENCHMARK(Rebuild)->Arg(2)->Arg(100)->Arg(5000)->Unit(benchmark::kMillisecond)->
 
 // A trace call with the log off, as a library in place of the own one would get it.
 void TraceCall(benchmark::State& state) {
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         LogValue("XKIVMP3.DLL", __FILE__, __LINE__, "name", "%lu", 1u);
     }
 }
