@@ -158,9 +158,16 @@ void Findings::directory() {
     if (m_next.unnamedBytes > 0) {
         attention("audio_not_named",
                   bytes_text(m_next.unnamedBytes) + " of the file are named by no edit" +
-                      (m_next.close.rebuilds ? ", and the close leaves them out" : ""),
-                  "Keep a copy of the file before anybody opens it for writing: 'ffdhost recover "
-                  "--copy' does.");
+                      (m_next.drops_audio() ? ", and the close leaves them out" : ""),
+                  "The .DIR file is torn, or of another file. Keep a copy before anybody opens the "
+                  "file for writing: 'ffdhost recover --copy' does.");
+    }
+    if (m_next.close.leavesNoAudio) {
+        attention("no_audio_left",
+                  "the dictation has no whole frame: the close leaves a file that can't be opened "
+                  "again",
+                  "If nobody has deleted the whole dictation, keep a copy before anybody opens the "
+                  "file for writing: 'ffdhost recover --copy' does.");
     }
     if (m_next.directory == DirState::Empty) {
         note("directory_empty",

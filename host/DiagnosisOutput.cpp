@@ -118,6 +118,7 @@ Json next_open_json(NextOpen const& next) {
         open["close"] = status_json(next.close.status);
         open["close"]["rebuild"] = next.close.rebuilds;
         open["close"]["reason"] = next.close.reason;
+        open["close"]["leaves_no_audio"] = next.close.leavesNoAudio;
         open["close"]["needed_bytes"] = next.close.rebuilds ? next.walk->fileSize : 0;
         open["close"]["free_bytes"] = next.close.freeBytes;
     }

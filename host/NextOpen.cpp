@@ -334,6 +334,11 @@ void Prediction::predict_close() {
     if (!close.rebuilds) {
         return;
     }
+    std::vector<Block> const& blocks = m_next.map.blocks;
+    uint32_t const frame = m_next.walk->first->format().wave.frameSize;
+    close.leavesNoAudio = std::none_of(blocks.begin(), blocks.end(), [&](Block const& block) {
+        return block.live() && block.size() >= frame;
+    });
     if (m_next.walk->fileSize > close.freeBytes) {
         close.status = FFD_ERR_NOT_ENOUGH_DSPACE;
     } else if (!may_write(m_folder)) {

@@ -35,8 +35,9 @@ enum class DirState {
 
 struct NextClose {
     bool rebuilds = false;
-    std::string reason;     // why it does
-    uint64_t freeBytes = 0; // on the disk; a rebuild needs as many as the sound file has
+    std::string reason;         // why it does
+    bool leavesNoAudio = false; // no block of the dictation is as long as a frame
+    uint64_t freeBytes = 0;     // on the disk; a rebuild needs as many as the sound file has
     FFDError status = FFD_NOERROR;
 };
 
@@ -61,6 +62,9 @@ struct NextOpen {
     // close. A rebuild leaves them out.
     uint64_t unnamedBytes = 0;
     NextClose close;
+
+    // Whether the rebuild takes bytes out of the file that nobody has deleted.
+    bool drops_audio() const { return close.rebuilds && unnamedBytes > 0; }
 };
 
 // Throws a Failure if something can't be read.

@@ -148,8 +148,10 @@ void add_recover(CLI::App& app, Arguments& arguments, Command& command) {
                       "keep a copy first, in a new folder beside the file");
     recover->footer(
         "Takes over the edits that a crash has left, settles an interrupted close, and closes the\n"
-        "file. A file that has nothing of the kind beside it is left alone, and so is one that\n"
-        "'ffdhost check' finds an open for writing, or its close, would fail on.\n\n"
+        "file. A file that has nothing of the kind beside it is left alone, and so is one that an\n"
+        "open for writing, or its close, would fail on. If audio would be left out that nobody "
+        "has\n"
+        "deleted, as with a torn .DIR file, --copy must be given.\n\n"
         "The copy has the names of the original: the file, its .DIR file, its close marker and "
         "the\n"
         "file that the marker names. Its folder has the name of the file and '.kept', or '.kept1'\n"

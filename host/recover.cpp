@@ -61,8 +61,8 @@ std::vector<fs::path> keep_copy(Diagnosis const& diagnosis) {
 }
 
 // Why an open for writing and a close are not even tried: they would fail, and an open that fails
-// can leave an empty .DIR file.
-std::optional<Failure> obstacle(Diagnosis const& diagnosis) {
+// can leave an empty .DIR file; or they would take audio away that is nowhere else.
+std::optional<Failure> obstacle(Diagnosis const& diagnosis, bool copy) {
     NextOpen const& next = diagnosis.next;
     if (diagnosis.in_use()) {
         return Failure("recover", diagnosis.file, diagnosis.readStatus, diagnosis.verdict(),
@@ -77,6 +77,11 @@ std::optional<Failure> obstacle(Diagnosis const& diagnosis) {
                        std::string(status_text(next.close.status).meaning),
                        std::string(status_text(next.close.status).advice) +
                            " Nothing was changed.");
+    }
+    if ((next.drops_audio() || next.close.leavesNoAudio) && !copy) {
+        return Failure("recover", diagnosis.file, FFD_DIRECTORY_MISMATCH,
+                       "the close would leave audio out that may be wanted",
+                       "See 'ffdhost check', and use --copy. Nothing was changed.");
     }
     return std::nullopt;
 }
@@ -111,7 +116,7 @@ Outcome Recovery::run(bool copy) {
     m_document["before"] = diagnosis_json(m_before);
     m_document["copy"] = nullptr;
     say("Before", m_before.verdict());
-    if (std::optional<Failure> const reason = obstacle(m_before)) {
+    if (std::optional<Failure> const reason = obstacle(m_before, copy)) {
         return failed(*reason);
     }
     if (!m_before.has_work()) {
