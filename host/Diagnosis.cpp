@@ -162,12 +162,13 @@ void Findings::directory() {
                   "The .DIR file is torn, or of another file. Keep a copy before anybody opens the "
                   "file for writing: 'ffdhost recover --copy' does.");
     }
-    if (m_next.close.leavesNoAudio) {
-        attention("no_audio_left",
-                  "the dictation has no whole frame: the close leaves a file that can't be opened "
-                  "again",
+    if (m_next.status == FFD_NOERROR && m_next.close.after.status != FFD_NOERROR) {
+        attention("close_spoils",
+                  "the close leaves a file that can't be opened again: " +
+                      m_next.close.after.reason,
                   "If nobody has deleted the whole dictation, keep a copy before anybody opens the "
-                  "file for writing: 'ffdhost recover --copy' does.");
+                  "file for writing, and send it to the developers: 'ffdhost recover --copy' "
+                  "keeps one.");
     }
     if (m_next.directory == DirState::Empty) {
         note("directory_empty",

@@ -111,14 +111,21 @@ Json next_open_json(NextOpen const& next) {
     open["dictation"] = nullptr;
     open["close"] = nullptr;
     if (next.status == FFD_NOERROR) {
-        open["dictation"] =
-            length_json(next.map.dictationLength, next.walk->first->format().wave.bytesPerSecond);
+        uint32_t const rate = next.walk->first->format().wave.bytesPerSecond;
+        open["dictation"] = length_json(next.map.dictationLength, rate);
         open["missing_bytes"] = next.missingBytes;
         open["unnamed_bytes"] = next.unnamedBytes;
         open["close"] = status_json(next.close.status);
         open["close"]["rebuild"] = next.close.rebuilds;
         open["close"]["reason"] = next.close.reason;
-        open["close"]["leaves_no_audio"] = next.close.leavesNoAudio;
+        FrameWalk const& after = next.close.after;
+        open["close"]["after"] = status_json(after.status);
+        open["close"]["after"]["reason"] = after.reason;
+        open["close"]["after"]["size"] = after.fileSize;
+        open["close"]["after"]["dictation"] =
+            after.first
+                ? length_json(after.audio_length(), after.first->format().wave.bytesPerSecond)
+                : Json();
         open["close"]["needed_bytes"] = next.close.rebuilds ? next.walk->fileSize : 0;
         open["close"]["free_bytes"] = next.close.freeBytes;
     }

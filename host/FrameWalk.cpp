@@ -31,16 +31,26 @@ bool begins_with(std::span<uint8_t const> bytes, std::string_view text) {
     return bytes.size() >= text.size() && std::memcmp(bytes.data(), text.data(), text.size()) == 0;
 }
 
-// A file seen through a piece of it.
+uint64_t size_on_disk(std::string const& path) {
+    std::error_code error;
+    uint64_t const size = std::filesystem::file_size(path, error);
+    if (error) {
+        throw Failure("read file", path, FFD_FILE_IO_ERROR);
+    }
+    return size;
+}
+
+// Ranges of a file, one behind the other, seen as one file through a piece of it.
 class FileWindow {
 public:
-    explicit FileWindow(std::string const& path) : m_path(path), m_file(path, std::ios::binary) {
-        std::error_code error;
-        m_fileSize = std::filesystem::file_size(path, error);
-        if (error || !m_file) {
-            throw Failure("read file", path, FFD_FILE_IO_ERROR);
+    FileWindow(std::string const& path, std::vector<Extent> extents)
+        : m_path(path), m_file(path, std::ios::binary), m_extents(std::move(extents)) {
+        for (Extent const& extent : m_extents) {
+            m_fileSize += extent.size;
         }
     }
+
+    explicit FileWindow(std::string const& path) : FileWindow(path, {{0, size_on_disk(path)}}) {}
 
     uint64_t file_size() const { return m_fileSize; }
 
@@ -51,20 +61,41 @@ public:
         }
         uint64_t const wantedEnd = std::min<uint64_t>(fileOffset + least, m_fileSize);
         if (fileOffset < m_start || wantedEnd > m_start + m_bytes.size()) {
-            m_bytes = read_at(m_file, fileOffset, kPieceSize);
-            m_start = fileOffset;
-            if (wantedEnd > m_start + m_bytes.size()) {
-                throw Failure("read file", m_path, FFD_FILE_IO_ERROR,
-                              "reading fails at file offset " +
-                                  std::to_string(m_start + m_bytes.size()));
-            }
+            fill(fileOffset);
         }
         return std::span<uint8_t const>(m_bytes).subspan(static_cast<size_t>(fileOffset - m_start));
     }
 
 private:
+    void fill(uint64_t fileOffset) {
+        m_bytes.clear();
+        m_start = fileOffset;
+        uint64_t passed = 0;
+        for (Extent const& extent : m_extents) {
+            uint64_t const place = m_start + m_bytes.size();
+            if (place < passed + extent.size && m_bytes.size() < kPieceSize) {
+                uint64_t const inside = place - passed;
+                auto const wanted = static_cast<size_t>(
+                    std::min<uint64_t>(extent.size - inside, kPieceSize - m_bytes.size()));
+                append(extent.fileOffset + inside, wanted);
+            }
+            passed += extent.size;
+        }
+    }
+
+    void append(uint64_t fileOffset, size_t size) {
+        std::vector<uint8_t> const piece = read_at(m_file, fileOffset, size);
+        if (piece.size() != size) {
+            throw Failure("read file", m_path, FFD_FILE_IO_ERROR,
+                          "reading fails at file offset " +
+                              std::to_string(fileOffset + piece.size()));
+        }
+        m_bytes.insert(m_bytes.end(), piece.begin(), piece.end());
+    }
+
     std::string m_path;
     std::ifstream m_file;
+    std::vector<Extent> m_extents;
     uint64_t m_fileSize = 0;
     std::vector<uint8_t> m_bytes;
     uint64_t m_start = 0; // file offset of the first of them
@@ -150,8 +181,8 @@ std::vector<FrameDifference> differences_of(FrameHeader const& found, FrameHeade
 // Fills in a FrameWalk.
 class Walker {
 public:
-    explicit Walker(std::string const& path)
-        : m_file(path), m_progress("checking", m_file.file_size()) {
+    Walker(std::string const& path, FileWindow file)
+        : m_file(std::move(file)), m_progress("checking", m_file.file_size()) {
         m_walk.path = path;
         m_walk.fileSize = m_file.file_size();
     }
@@ -376,7 +407,11 @@ StreamFormat FrameHeader::format() const {
 }
 
 FrameWalk walk_frames(std::string const& path) {
-    return Walker(path).walk();
+    return Walker(path, FileWindow(path)).walk();
+}
+
+FrameWalk walk_frames(std::string const& path, std::vector<Extent> const& extents) {
+    return Walker(path, FileWindow(path, extents)).walk();
 }
 
 std::optional<uint64_t> find_next_frame(FrameWalk const& walk, uint64_t fileOffset) {

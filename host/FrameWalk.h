@@ -103,8 +103,17 @@ struct FrameWalk {
     uint64_t held() const { return fileSize - firstFrameOffset; }
 };
 
+// A range of a file.
+struct Extent {
+    uint64_t fileOffset;
+    uint64_t size;
+};
+
 // Reads the whole file, in large pieces. Throws a Failure with FFD_FILE_IO_ERROR.
 FrameWalk walk_frames(std::string const& path);
+
+// The same for the file that ranges of this one would make, in their order.
+FrameWalk walk_frames(std::string const& path, std::vector<Extent> const& extents);
 
 // The file offset of the next frame like the first of the walked file, from a file offset on.
 std::optional<uint64_t> find_next_frame(FrameWalk const& walk, uint64_t fileOffset);

@@ -12,6 +12,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr size_t kLongestPath = 259; // bytes
+constexpr uint64_t kLargestOffset = 0xFFFFFFFF;
 
 // Where the driver would give up; the steps so far are done.
 struct Refusal {
@@ -51,6 +52,8 @@ private:
     void account_for_bytes(uint64_t held);
     void predict_close();
 
+    std::vector<Extent> rebuilt_file() const;
+    void copy_block(Block const& block, std::vector<Extent>& extents) const;
     std::string rebuild_reason() const;
     void remove(fs::path const& file, std::string const& reason);
     void rename(fs::path const& file, fs::path const& newName, std::string const& reason);
@@ -61,6 +64,7 @@ private:
     fs::path const m_dirFile;
     fs::path const m_folder;
     bool m_directoryGone = false;
+    Extent m_trailing = {0, 0}; // with a directory taken over: bytes that are no audio
     std::optional<DirMap> m_taken;
     NextOpen m_next;
 };
@@ -295,7 +299,9 @@ void Prediction::account_for_bytes(uint64_t held) {
             // Up to the next frame it is what stood behind the audio, such as a tag, and is kept.
             uint64_t const from = m_next.walk->firstFrameOffset + named;
             std::optional<uint64_t> const frame = find_next_frame(*m_next.walk, from);
-            unnamed -= frame ? std::min(*frame - from, unnamed) : unnamed;
+            uint64_t const kept = frame ? std::min(*frame - from, unnamed) : unnamed;
+            unnamed -= kept;
+            m_trailing = {from, kept};
             first = false;
         }
         m_next.unnamedBytes += unnamed;
@@ -324,9 +330,52 @@ std::string Prediction::rebuild_reason() const {
     return "";
 }
 
+// What a rebuild copies: what stands in front of the audio, the blocks, what trails it.
+std::vector<Extent> Prediction::rebuilt_file() const {
+    FrameWalk const& walk = *m_next.walk;
+    std::vector<Extent> extents = {{0, walk.firstFrameOffset}};
+    for (Block const& block : m_next.map.blocks) {
+        if (block.live() && block.size() >= walk.first->format().wave.frameSize) {
+            copy_block(block, extents);
+        }
+    }
+    extents.push_back(m_trailing);
+    for (Extent& extent : extents) {
+        uint64_t const there =
+            walk.fileSize > extent.fileOffset ? walk.fileSize - extent.fileOffset : 0;
+        extent.size = std::min(extent.size, there);
+    }
+    return extents;
+}
+
+// A block moves forward so that it begins with a frame, and on to the end of the frame that its end
+// has cut.
+void Prediction::copy_block(Block const& block, std::vector<Extent>& extents) const {
+    FrameWalk const& walk = *m_next.walk;
+    uint64_t const audioLimit = m_trailing.size > 0 ? m_trailing.fileOffset : kLargestOffset;
+    uint64_t const wanted = walk.firstFrameOffset + block.audioFrom;
+    uint64_t const limit = wanted < audioLimit
+                               ? std::max(audioLimit, walk.firstFrameOffset + block.audioTo)
+                               : kLargestOffset + 1;
+    std::optional<uint64_t> const start = find_next_frame(walk, wanted);
+    if (!start || *start >= limit) {
+        return;
+    }
+    uint64_t const size = std::min<uint64_t>(block.size(), limit - *start);
+    extents.push_back({*start, size});
+    uint64_t const end = *start + size;
+    if (block.audioTo == walk.audio_length() || end >= limit) {
+        return;
+    }
+    if (std::optional<uint64_t> const next = find_next_frame(walk, end)) {
+        extents.back().size += std::min(*next - end, limit - end);
+    }
+}
+
 void Prediction::predict_close() {
     NextClose& close = m_next.close;
     close.reason = rebuild_reason();
+    close.after = *m_next.walk;
     close.rebuilds = !close.reason.empty();
     std::error_code error;
     fs::space_info const space = fs::space(m_folder, error);
@@ -334,11 +383,9 @@ void Prediction::predict_close() {
     if (!close.rebuilds) {
         return;
     }
-    std::vector<Block> const& blocks = m_next.map.blocks;
-    uint32_t const frame = m_next.walk->first->format().wave.frameSize;
-    close.leavesNoAudio = std::none_of(blocks.begin(), blocks.end(), [&](Block const& block) {
-        return block.live() && block.size() >= frame;
-    });
+    if (m_taken) {
+        close.after = walk_frames(m_present.string(), rebuilt_file());
+    }
     if (m_next.walk->fileSize > close.freeBytes) {
         close.status = FFD_ERR_NOT_ENOUGH_DSPACE;
     } else if (!may_write(m_folder)) {

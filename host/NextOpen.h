@@ -35,10 +35,11 @@ enum class DirState {
 
 struct NextClose {
     bool rebuilds = false;
-    std::string reason;         // why it does
-    bool leavesNoAudio = false; // no block of the dictation is as long as a frame
-    uint64_t freeBytes = 0;     // on the disk; a rebuild needs as many as the sound file has
+    std::string reason;     // why it does
+    uint64_t freeBytes = 0; // on the disk; a rebuild needs as many as the sound file has
     FFDError status = FFD_NOERROR;
+    // The frames of the file that a close which works leaves.
+    FrameWalk after;
 };
 
 struct NextOpen {

@@ -78,9 +78,9 @@ std::optional<Failure> obstacle(Diagnosis const& diagnosis, bool copy) {
                        std::string(status_text(next.close.status).advice) +
                            " Nothing was changed.");
     }
-    if ((next.drops_audio() || next.close.leavesNoAudio) && !copy) {
+    if ((next.drops_audio() || next.close.after.status != FFD_NOERROR) && !copy) {
         return Failure("recover", diagnosis.file, FFD_DIRECTORY_MISMATCH,
-                       "the close would leave audio out that may be wanted",
+                       "the close would leave out audio that may be wanted, or spoil the file",
                        "See 'ffdhost check', and use --copy. Nothing was changed.");
     }
     return std::nullopt;
