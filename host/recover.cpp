@@ -14,7 +14,7 @@ namespace fs = std::filesystem;
 // Makes a folder "STEM.kept" beside the sound file, or ".kept1" and so on if that is taken.
 fs::path make_kept_folder(std::string const& file) {
     for (int number = 0;; ++number) {
-        fs::path const folder = beside(file, ".kept" + (number == 0 ? "" : std::to_string(number)));
+        fs::path folder = beside(file, ".kept" + (number == 0 ? "" : std::to_string(number)));
         std::error_code error;
         if (fs::create_directory(folder, error)) {
             return folder;
