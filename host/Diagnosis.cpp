@@ -55,8 +55,8 @@ private:
     void marker();
     void directory();
     void close();
-    void frames();
     void others();
+    void frames();
     void disagreement();
 
     void attention(std::string const& code, std::string const& text, std::string const& advice) {
@@ -83,8 +83,8 @@ void Findings::collect() {
     marker();
     directory();
     close();
-    frames();
     others();
+    frames();
     disagreement();
     std::stable_partition(m_diagnosis.findings.begin(), m_diagnosis.findings.end(),
                           [](Finding const& finding) { return finding.attention; });
@@ -138,6 +138,27 @@ void Findings::directory() {
                   recover() + " No audio is lost, but edit the dictation again; keep the file that "
                               "is set aside for whoever looks into the cause.");
     }
+    if (m_next.status == FFD_NOERROR && m_next.close.after.status != FFD_NOERROR) {
+        attention("close_spoils",
+                  "the close leaves a file that can't be opened again: " +
+                      m_next.close.after.reason,
+                  "If nobody has deleted the whole dictation, keep a copy before anybody opens the "
+                  "file for writing, and send it to the developers: 'ffdhost recover --copy' "
+                  "keeps one.");
+    }
+    if (m_next.unnamedBytes > 0) {
+        attention("audio_not_named",
+                  bytes_text(m_next.unnamedBytes) + " of the file are named by no edit" +
+                      (m_next.drops_audio() ? ", and the close leaves them out" : ""),
+                  "The .DIR file is torn, or of another file. Keep a copy before anybody opens the "
+                  "file for writing: 'ffdhost recover --copy' does.");
+    }
+    if (m_next.missingBytes > 0) {
+        attention("audio_missing",
+                  bytes_text(m_next.missingBytes) + " that the edits name are not in the file",
+                  "Find out whether the sound file was replaced or cut since the crash. What the "
+                  "file does not hold is left out.");
+    }
     if (m_next.directory == DirState::Repaired) {
         attention("edits_waiting",
                   "edits are waiting in " + name +
@@ -148,27 +169,6 @@ void Findings::directory() {
         attention("edits_waiting",
                   "edits are waiting in " + name + "; the next open for writing takes them over",
                   recover() + " Until then keep both files together.");
-    }
-    if (m_next.missingBytes > 0) {
-        attention("audio_missing",
-                  bytes_text(m_next.missingBytes) + " that the edits name are not in the file",
-                  "Find out whether the sound file was replaced or cut since the crash. What the "
-                  "file does not hold is left out.");
-    }
-    if (m_next.unnamedBytes > 0) {
-        attention("audio_not_named",
-                  bytes_text(m_next.unnamedBytes) + " of the file are named by no edit" +
-                      (m_next.drops_audio() ? ", and the close leaves them out" : ""),
-                  "The .DIR file is torn, or of another file. Keep a copy before anybody opens the "
-                  "file for writing: 'ffdhost recover --copy' does.");
-    }
-    if (m_next.status == FFD_NOERROR && m_next.close.after.status != FFD_NOERROR) {
-        attention("close_spoils",
-                  "the close leaves a file that can't be opened again: " +
-                      m_next.close.after.reason,
-                  "If nobody has deleted the whole dictation, keep a copy before anybody opens the "
-                  "file for writing, and send it to the developers: 'ffdhost recover --copy' "
-                  "keeps one.");
     }
     if (m_next.directory == DirState::Empty) {
         note("directory_empty",
@@ -188,6 +188,32 @@ void Findings::close() {
                                  std::to_string(m_next.close.freeBytes) + " are free"
                            : "no file can be made in the folder"),
                   status.advice);
+    }
+}
+
+void Findings::others() {
+    for (fs::path const& path : m_diagnosis.setAside) {
+        if (same_file_name(path.stem().extension(), ".DIR")) {
+            attention("set_aside_earlier",
+                      path.string() + " was set aside at an earlier open: the order of edits in "
+                                      "front of that was lost, no audio",
+                      "Ask whether the dictation was edited again since. Move the file out of the "
+                      "folder, and keep it for whoever looks into the cause.");
+        } else {
+            note("marker_set_aside_earlier", path.string() + " was set aside at an earlier open",
+                 "It may be deleted.");
+        }
+    }
+    for (fs::path const& path : m_diagnosis.copies) {
+        bool const named = m_next.marker && m_next.marker->whole &&
+                           same_file_name(path.filename(), m_next.marker->rebuiltFile.filename());
+        if (!named) {
+            note("copy_left",
+                 path.string() + " has the name of a copy that a close makes, of this file or of "
+                                 "another in the folder",
+                 "Once every file of the folder with a .DIR or .CLM file is recovered and right, "
+                 "it may be deleted. Until then keep it.");
+        }
     }
 }
 
@@ -234,32 +260,6 @@ void Findings::frames() {
                  std::to_string(*walk.infoFrame->frames) + " frames, the file has " +
                  std::to_string(walk.frames - 1) + " behind it",
              "Players may show a wrong length. The audio is right.");
-    }
-}
-
-void Findings::others() {
-    for (fs::path const& path : m_diagnosis.setAside) {
-        if (same_file_name(path.stem().extension(), ".DIR")) {
-            attention("set_aside_earlier",
-                      path.string() + " was set aside at an earlier open: the order of edits in "
-                                      "front of that was lost, no audio",
-                      "Ask whether the dictation was edited again since. Move the file out of the "
-                      "folder, and keep it for whoever looks into the cause.");
-        } else {
-            note("marker_set_aside_earlier", path.string() + " was set aside at an earlier open",
-                 "It may be deleted.");
-        }
-    }
-    for (fs::path const& path : m_diagnosis.copies) {
-        bool const named = m_next.marker && m_next.marker->whole &&
-                           same_file_name(path.filename(), m_next.marker->rebuiltFile.filename());
-        if (!named) {
-            note("copy_left",
-                 path.string() + " has the name of a copy that a close makes, of this file or of "
-                                 "another in the folder",
-                 "Once every file of the folder with a .DIR or .CLM file is recovered and right, "
-                 "it may be deleted. Until then keep it.");
-        }
     }
 }
 

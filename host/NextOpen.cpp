@@ -216,8 +216,9 @@ void Prediction::look_at_directory() {
             throw;
         }
         m_next.directory = DirState::Damaged;
-        m_next.directoryFault = failure.what();
-        rename(m_dirFile, aside_name(m_dirFile), failure.what());
+        std::string const words = failure.what();
+        m_next.directoryFault = words.substr(words.find(": ") + 2); // which say that it is damaged
+        rename(m_dirFile, aside_name(m_dirFile), "it is damaged, " + m_next.directoryFault);
     }
 }
 
@@ -319,13 +320,13 @@ std::string Prediction::rebuild_reason() const {
             return "parts were deleted";
         }
         if (block.audioFrom != end) {
-            return "the blocks play in another order than they lie in the file, or not all of it";
+            return "its blocks do not play as they lie in the file";
         }
         end = block.audioTo;
     }
     if (end < m_next.walk->held()) {
         return m_taken ? "the file holds bytes behind the last block"
-                       : "bytes stand behind the audio; the file will be the same";
+                       : "bytes stand behind the audio; the file stays the same";
     }
     return "";
 }

@@ -158,6 +158,9 @@ class SupportTest(unittest.TestCase):
                 self.agree({**files, "a.mp3": files["a.mp3"] + AUDIO[:2085]})
                 self.agree({**files, "a.mp3": STEREO})
 
+        # Bytes behind this cut look like the header of a frame of another bitrate.
+        self.agree(self.crashed(TAGGED, "seek", 40589, "delete", 529), "close_spoils")
+
     def test_what_is_missing_and_what_is_not_named(self):
         size = len(AUDIO)  # audio positions are file offsets here
         missing = self.agree({"a.mp3": AUDIO, "a.DIR": entry(1, 0, 900)
