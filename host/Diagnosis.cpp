@@ -139,12 +139,11 @@ void Findings::directory() {
                               "is set aside for whoever looks into the cause.");
     }
     if (m_next.status == FFD_NOERROR && m_next.close.after.status != FFD_NOERROR) {
-        attention("close_spoils",
-                  "the close leaves a file that can't be opened again: " +
-                      m_next.close.after.reason,
-                  "If nobody has deleted the whole dictation, keep a copy before anybody opens the "
-                  "file for writing, and send it to the developers: 'ffdhost recover --copy' "
-                  "keeps one.");
+        attention(
+            "close_spoils",
+            "the close leaves a file that can't be opened again: " + m_next.close.after.reason,
+            "If nobody has deleted the whole dictation, copy the file and its .DIR file "
+            "elsewhere before anybody opens it for writing, and send them to the developers.");
     }
     if (m_next.unnamedBytes > 0) {
         attention("audio_not_named",
