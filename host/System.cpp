@@ -33,6 +33,18 @@ void set_words(std::string const& words) {
 namespace ffdhost {
 
 char const* const kDriverFileName = "XKIVMP3.dll";
+char const* const kNameSeparators = "\\/:";
+
+bool same_file_name(std::filesystem::path const& name1, std::filesystem::path const& name2) {
+    return CompareStringOrdinal(name1.c_str(), -1, name2.c_str(), -1, TRUE) == CSTR_EQUAL;
+}
+
+// Of a directory the attribute says nothing.
+bool may_write(std::filesystem::path const& path) {
+    DWORD const attributes = GetFileAttributesW(path.c_str());
+    return attributes == INVALID_FILE_ATTRIBUTES || (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 ||
+           (attributes & FILE_ATTRIBUTE_READONLY) == 0;
+}
 
 std::filesystem::path program_directory() {
     wchar_t name[MAX_PATH];
@@ -113,6 +125,15 @@ void end_process(int exitCode) {
 namespace ffdhost {
 
 char const* const kDriverFileName = "libxkivmp3.so";
+char const* const kNameSeparators = "/";
+
+bool same_file_name(std::filesystem::path const& name1, std::filesystem::path const& name2) {
+    return name1 == name2;
+}
+
+bool may_write(std::filesystem::path const& path) {
+    return access(path.c_str(), W_OK) == 0;
+}
 
 std::filesystem::path program_directory() {
     std::error_code error;

@@ -10,6 +10,15 @@ namespace ffdhost {
 // The name under which the driver is built on this system.
 extern char const* const kDriverFileName;
 
+// What a file name alone can't hold.
+extern char const* const kNameSeparators;
+
+// Whether the file system takes two names for one.
+bool same_file_name(std::filesystem::path const& name1, std::filesystem::path const& name2);
+
+// Whether this user may write to a file, or make files in a directory. Nothing is opened.
+bool may_write(std::filesystem::path const& path);
+
 // The directory of the running program; the working directory if the system does not tell.
 std::filesystem::path program_directory();
 

@@ -6,6 +6,7 @@
 #include "DirMap.h"
 #include "Output.h"
 #include "StreamView.h"
+#include "Tags.h"
 
 #include <optional>
 #include <string>
@@ -35,6 +36,12 @@ Outcome run_map(Driver const& driver, std::string const& file, std::string const
 Outcome run_edit(Driver const& driver, std::string const& file,
                  std::vector<std::string> const& tokens, bool force, bool json);
 
+// The exit code is kExitFailed if something needs attention.
+Outcome run_check(Driver const& driver, std::string const& file, bool json);
+
+// `copy`: keeps what is there in a new folder first.
+Outcome run_recover(Driver const& driver, std::string const& file, bool copy, bool json);
+
 // ---- Shared by commands ------------------------------------------------------------------------
 
 // Copies up to `size` bytes of the dictation from the position on into a file, or to standard
@@ -49,5 +56,11 @@ void check_output(std::string const& operation, std::string const& output, std::
 // their file offsets are not known.
 Json map_json(DirMap const& map, std::optional<StreamView> const& view, uint32_t bytesPerSecond);
 void print_map(Json const& blocks);
+
+Json format_json(StreamFormat const& format);
+
+// What stands in front of the audio or behind it.
+Json regions_json(std::vector<Region> const& regions);
+void print_regions(std::string const& name, std::vector<Region> const& regions);
 
 } // namespace ffdhost

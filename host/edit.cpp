@@ -97,7 +97,9 @@ void Editor::check_before_open() {
         m_view = look_at(m_driver, m_file);
     } catch (Failure const&) {
         // After a crash the open for writing may have to mend the file before it can be read.
-        if (leftover_size(m_file).value_or(0) == 0) {
+        std::error_code error;
+        if (leftover_size(m_file).value_or(0) == 0 &&
+            !std::filesystem::exists(beside(m_file, ".CLM"), error)) {
             throw;
         }
     }

@@ -1,12 +1,18 @@
 #include "commands.h"
 
-#include "Tags.h"
-
 #include <fstream>
 
 namespace ffdhost {
 
 namespace {
+
+std::string leftover_text(std::string const& name, uint64_t size) {
+    return name + (size == 0 ? ", empty: it holds no edits"
+                             : ", edits that no close has folded in yet: the next open for "
+                               "writing takes them over");
+}
+
+} // namespace
 
 Json regions_json(std::vector<Region> const& regions) {
     Json list = Json::array();
@@ -37,13 +43,12 @@ void print_regions(std::string const& name, std::vector<Region> const& regions) 
     }
 }
 
-std::string leftover_text(std::string const& name, uint64_t size) {
-    return name + (size == 0 ? ", empty: it holds no edits"
-                             : ", edits that no close has folded in yet: the next open for "
-                               "writing takes them over");
+Json format_json(StreamFormat const& format) {
+    return {{"mpeg_version", format.mpegVersion}, {"layer", format.layer},
+            {"channels", format.wave.channels},   {"sampling_rate", format.wave.samplingRate},
+            {"bitrate", format.wave.bitrate()},   {"bytes_per_second", format.wave.bytesPerSecond},
+            {"frame_size", format.wave.frameSize}};
 }
-
-} // namespace
 
 Outcome run_info(Driver const& driver, std::string const& file, bool json) {
     StreamView const view = look_at(driver, file);
@@ -78,14 +83,7 @@ Outcome run_info(Driver const& driver, std::string const& file, bool json) {
              {"ok", true},
              {"file", file},
              {"file_size", view.fileSize},
-             {"format",
-              {{"mpeg_version", view.format.mpegVersion},
-               {"layer", view.format.layer},
-               {"channels", wave.channels},
-               {"sampling_rate", wave.samplingRate},
-               {"bitrate", wave.bitrate()},
-               {"bytes_per_second", wave.bytesPerSecond},
-               {"frame_size", wave.frameSize}}},
+             {"format", format_json(view.format)},
              {"dictation", length_json(view.audioLength, wave.bytesPerSecond)},
              {"first_frame_offset", view.firstFrameOffset},
              {"missing_bytes",

@@ -25,6 +25,7 @@ struct Arguments {
     ReadOptions read;
     std::vector<std::string> operations;
     bool force = false;
+    bool copy = false;
 };
 
 using Command = std::function<Outcome(Driver const&)>;
@@ -123,6 +124,51 @@ void add_edit(CLI::App& app, Arguments& arguments, Command& command) {
     });
 }
 
+void add_check(CLI::App& app, Arguments& arguments, Command& command) {
+    CLI::App* const check = app.add_subcommand(
+        "check", "Tell what is wrong with an MP3 file and what the next open for writing makes of "
+                 "it; changes nothing");
+    check->add_option("FILE", arguments.file, "an MP3 file")->type_name(" ")->required();
+    check->footer(
+        "Reads the whole file and what lies beside it, and tells of frames that differ, of bytes\n"
+        "that are no frames, of tags, and of what a crash has left: a .DIR file with edits, a\n"
+        "close marker, copies. The last line is the verdict.\n\n"
+        "Exit code 0: the file is sound, there may be notes. 1: something needs attention: an\n"
+        "open for writing would fail, lose the order of edits or has edits to take over, a close\n"
+        "was interrupted or would fail, or frames are cut off, differ, or have bytes between\n"
+        "them.\n\n"
+        "Example:\n  ffdhost check dictation.mp3");
+    check->callback([&] {
+        command = [&](Driver const& driver) {
+            return run_check(driver, arguments.file, arguments.json);
+        };
+    });
+}
+
+void add_recover(CLI::App& app, Arguments& arguments, Command& command) {
+    CLI::App* const recover = app.add_subcommand(
+        "recover", "Say what an open for writing and a close will do to an MP3 file, and do it");
+    recover->add_option("FILE", arguments.file, "an MP3 file")->type_name(" ")->required();
+    recover->add_flag("--copy", arguments.copy,
+                      "keep a copy first, in a new folder beside the file");
+    recover->footer(
+        "Takes over the edits that a crash has left, settles an interrupted close, and closes the\n"
+        "file. A file that has nothing of the kind beside it is left alone, and so is one that an\n"
+        "open for writing, or its close, would fail on. If audio would be left out that nobody "
+        "has\n"
+        "deleted, as with a torn .DIR file, --copy must be given.\n\n"
+        "The copy has the names of the original: the file, its .DIR file, its close marker and "
+        "the\n"
+        "file that the marker names. Its folder has the name of the file and '.kept', or '.kept1'\n"
+        "and so on: nothing is overwritten.\n\n"
+        "Example:\n  ffdhost recover --copy dictation.mp3");
+    recover->callback([&] {
+        command = [&](Driver const& driver) {
+            return run_recover(driver, arguments.file, arguments.copy, arguments.json);
+        };
+    });
+}
+
 int report(Failure const& failure, std::string const& file, bool json) {
     Failure const complete =
         failure.file().empty()
@@ -149,14 +195,16 @@ int run(int argc, char** argv) {
     app.set_version_flag("--version", "ffdhost " FFDHOST_VERSION);
     app.require_subcommand(1);
     app.fallthrough();
-    app.footer(
-        "'ffdhost COMMAND --help' tells more about a command.\n"
-        "Exit codes: 0 success, 1 an operation failed, 2 a wrong command line, 3 'crash'.\n\n"
-        "Example:\n  ffdhost info dictation.mp3");
+    app.footer("'ffdhost COMMAND --help' tells more about a command.\n"
+               "Exit codes: 0 success, 1 an operation failed or 'check' found something, 2 a wrong "
+               "command line, 3 'crash'.\n\n"
+               "Example:\n  ffdhost info dictation.mp3");
     add_info(app, arguments, command);
     add_read(app, arguments, command);
     add_map(app, arguments, command);
     add_edit(app, arguments, command);
+    add_check(app, arguments, command);
+    add_recover(app, arguments, command);
 
     try {
         app.parse(argc, argv);

@@ -7,7 +7,8 @@
 # platform_linux_test, platform_calls_test, platform_faults_test, platform_loader_test
 #                                 the Linux layer itself
 # session_test, the fuzz targets  over the layer in memory, a sibling of the Linux layer
-# host_test.py, outside_test.py   agreement_test.py compares the Windows host with the Linux one
+# host_test.py, support_test.py, outside_test.py
+#                                 agreement_test.py compares the Windows host with the Linux one
 #
 # And of the programs built here these cases:
 set(left_out_of_driver_services_test ServicesTest.FreeSpaceSaturates) # error numbers of wine

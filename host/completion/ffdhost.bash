@@ -13,7 +13,7 @@ _ffdhost() {
 
     local words=""
     case "$previous" in
-    --driver | -o | --output | --svg | --copy | insert | overwrite)
+    --driver | -o | --output | --svg | insert | overwrite)
         mapfile -t COMPREPLY < <(compgen -f -- "$word")
         compopt -o filenames
         return

@@ -1,0 +1,335 @@
+#include "Diagnosis.h"
+
+#include "System.h"
+
+#include <algorithm>
+#include <fstream>
+
+namespace ffdhost {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr size_t kTimeDigits = 10; // of the seconds since 1970 in a temporary name
+
+bool is_digits(std::string const& text) {
+    return text.find_first_not_of("0123456789") == std::string::npos;
+}
+
+// The names that a close or an open gives, in the folder of the sound file.
+void look_around(Diagnosis& diagnosis) {
+    fs::path const folder = fs::absolute(diagnosis.file).parent_path();
+    fs::path const own = fs::path(diagnosis.file).filename();
+    std::error_code error;
+    for (fs::directory_iterator entry(folder, error), end; !error && entry != end;
+         entry.increment(error)) {
+        fs::path const name = entry->path().filename();
+        std::string const stem = name.stem().string();
+        if (stem.size() == kTimeDigits && is_digits(stem) &&
+            same_file_name(name.extension(), ".MP3") && !same_file_name(name, own)) {
+            diagnosis.copies.push_back(beside(diagnosis.file, "").replace_filename(name));
+        }
+        std::string const extension = name.extension().string();
+        bool const bad = extension.starts_with(".bad") && is_digits(extension.substr(4));
+        for (char const* const kind : {".DIR", ".CLM"}) {
+            if (bad && same_file_name(name.stem(), beside(diagnosis.file, kind).filename())) {
+                diagnosis.setAside.push_back(beside(diagnosis.file, "").replace_filename(name));
+            }
+        }
+    }
+    std::sort(diagnosis.copies.begin(), diagnosis.copies.end());
+    std::sort(diagnosis.setAside.begin(), diagnosis.setAside.end());
+}
+
+// Collects the findings, in the order of their gravity.
+class Findings {
+public:
+    Findings(Diagnosis& diagnosis, std::optional<uint32_t> readLength)
+        : m_diagnosis(diagnosis), m_next(diagnosis.next), m_readLength(readLength) {}
+
+    void collect();
+
+private:
+    void refused();
+    void marker();
+    void directory();
+    void close();
+    void others();
+    void frames();
+    void disagreement();
+
+    void attention(std::string const& code, std::string const& text, std::string const& advice) {
+        m_diagnosis.findings.push_back({true, code, text, advice});
+    }
+    void note(std::string const& code, std::string const& text, std::string const& advice) {
+        m_diagnosis.findings.push_back({false, code, text, advice});
+    }
+    std::string recover() const { return "Run 'ffdhost recover --copy " + m_diagnosis.file + "'."; }
+
+    Diagnosis& m_diagnosis;
+    NextOpen const& m_next;
+    std::optional<uint32_t> const m_readLength; // as the driver counts the audio
+};
+
+void Findings::collect() {
+    if (m_diagnosis.in_use()) {
+        attention("in_use",
+                  "another program has the file open, so that what lies beside it is at work",
+                  "Close that program, or wait for it, and check again.");
+        return;
+    }
+    refused();
+    marker();
+    directory();
+    close();
+    others();
+    frames();
+    disagreement();
+    std::stable_partition(m_diagnosis.findings.begin(), m_diagnosis.findings.end(),
+                          [](Finding const& finding) { return finding.attention; });
+}
+
+void Findings::refused() {
+    if (m_next.status == FFD_NOERROR) {
+        return;
+    }
+    StatusText const status = status_text(m_next.status);
+    std::string detail;
+    std::string advice = status.advice;
+    if (m_next.walk && m_next.walk->framesOfBitrate.size() > 1) {
+        detail = "; " + difference_text(*m_next.walk->firstDifferent);
+    }
+    if (!m_next.walk && m_next.directory == DirState::Taken) {
+        detail = "; its .DIR file holds edits";
+        advice = "Find the file that the .DIR file belongs to and put it back under this name. "
+                 "Delete nothing.";
+    }
+    attention("refused",
+              "an open for writing fails with " + std::string(status.name) + " (" +
+                  std::to_string(m_next.status) + "): " + m_next.reason + detail,
+              advice);
+}
+
+void Findings::marker() {
+    if (!m_next.marker) {
+        return;
+    }
+    if (m_next.marker->whole) {
+        attention("close_interrupted",
+                  "a close was interrupted at its very end; the next open for writing settles it",
+                  recover() + " Delete and rename nothing before.");
+    } else {
+        attention(
+            "marker_not_whole",
+            m_next.marker->path.string() +
+                (m_next.marker->size == 0 ? " is empty" : " is not whole, or of another file") +
+                ": a close was interrupted before it had changed anything",
+            recover());
+    }
+}
+
+void Findings::directory() {
+    std::string const name = dir_file_of(m_diagnosis.file).string();
+    if (m_next.directory == DirState::Damaged) {
+        attention("directory_damaged",
+                  name + " is damaged (" + m_next.directoryFault +
+                      "): it is set aside, and the audio plays in the order of the file",
+                  recover() + " No audio is lost, but edit the dictation again; keep the file that "
+                              "is set aside for whoever looks into the cause.");
+    }
+    if (m_next.status == FFD_NOERROR && m_next.close.after.status != FFD_NOERROR) {
+        attention(
+            "close_spoils",
+            "the close leaves a file that can't be opened again: " + m_next.close.after.reason,
+            "If nobody has deleted the whole dictation, copy the file and its .DIR file "
+            "elsewhere before anybody opens it for writing, and send them to the developers.");
+    }
+    if (m_next.unnamedBytes > 0) {
+        attention("audio_not_named",
+                  bytes_text(m_next.unnamedBytes) + " of the file are named by no edit" +
+                      (m_next.drops_audio() ? ", and the close leaves them out" : ""),
+                  "The .DIR file is torn, or of another file. Keep a copy before anybody opens the "
+                  "file for writing: 'ffdhost recover --copy' does.");
+    }
+    if (m_next.missingBytes > 0) {
+        attention("audio_missing",
+                  bytes_text(m_next.missingBytes) + " that the edits name are not in the file",
+                  "Find out whether the sound file was replaced or cut since the crash. What the "
+                  "file does not hold is left out.");
+    }
+    if (m_next.directory == DirState::Repaired) {
+        attention("edits_waiting",
+                  "edits are waiting in " + name +
+                      "; they are taken over and repaired: " + m_next.repair,
+                  recover() + " Listen to the end of the last edit afterwards.");
+    }
+    if (m_next.directory == DirState::Taken && m_next.status == FFD_NOERROR) {
+        attention("edits_waiting",
+                  "edits are waiting in " + name + "; the next open for writing takes them over",
+                  recover() + " Until then keep both files together.");
+    }
+    if (m_next.directory == DirState::Empty) {
+        note("directory_empty",
+             name + " holds no edit: an open for writing was refused, or crashed before one",
+             "Nothing to do: the next open for writing makes it anew.");
+    }
+}
+
+void Findings::close() {
+    if (m_next.status == FFD_NOERROR && m_next.close.status != FFD_NOERROR) {
+        StatusText const status = status_text(m_next.close.status);
+        attention("close_refused",
+                  "the close behind an open for writing fails with " + std::string(status.name) +
+                      " (" + std::to_string(m_next.close.status) + "): " +
+                      (m_next.close.status == FFD_ERR_NOT_ENOUGH_DSPACE
+                           ? "it needs " + bytes_text(m_next.walk->fileSize) + " of disk space, " +
+                                 std::to_string(m_next.close.freeBytes) + " are free"
+                           : "no file can be made in the folder"),
+                  status.advice);
+    }
+}
+
+void Findings::others() {
+    for (fs::path const& path : m_diagnosis.setAside) {
+        if (same_file_name(path.stem().extension(), ".DIR")) {
+            attention("set_aside_earlier",
+                      path.string() + " was set aside at an earlier open: the order of edits in "
+                                      "front of that was lost, no audio",
+                      "Ask whether the dictation was edited again since. Move the file out of the "
+                      "folder, and keep it for whoever looks into the cause.");
+        } else {
+            note("marker_set_aside_earlier", path.string() + " was set aside at an earlier open",
+                 "It may be deleted.");
+        }
+    }
+    for (fs::path const& path : m_diagnosis.copies) {
+        bool const named = m_next.marker && m_next.marker->whole &&
+                           same_file_name(path.filename(), m_next.marker->rebuiltFile.filename());
+        if (!named) {
+            note("copy_left",
+                 path.string() + " has the name of a copy that a close makes, of this file or of "
+                                 "another in the folder",
+                 "Once every file of the folder with a .DIR or .CLM file is recovered and right, "
+                 "it may be deleted. Until then keep it.");
+        }
+    }
+}
+
+void Findings::frames() {
+    if (!m_next.walk || !m_next.walk->first) {
+        return;
+    }
+    FrameWalk const& walk = *m_next.walk;
+    // What an edit has appended may stand behind a tag, or end within a frame.
+    bool const edited =
+        m_next.directory == DirState::Taken || m_next.directory == DirState::Repaired;
+    auto const found = [&](bool grave, char const* code, std::string const& text,
+                           char const* advice) {
+        grave ? attention(code, text, advice) : note(code, text, advice);
+    };
+    if (walk.cut) {
+        found(!edited, "last_frame_cut", "the last frame is cut off: " + cut_text(*walk.cut),
+              "The end of the recording is missing: the file was cut in a transfer, or its "
+              "recorder crashed. Compare its size with that of the original.");
+    }
+    bool const tagBeforeEdits = edited && walk.gaps == 1 && walk.firstGap->kind == "ID3v1 tag";
+    if (walk.gaps > 0 && !tagBeforeEdits) {
+        found(!edited, "bytes_between_frames",
+              "bytes that are no frames stand between frames: " + gap_text(walk),
+              "The driver counts them as audio and players skip them. If the file sounds wrong "
+              "there, encode it anew.");
+    }
+    bool const sameBitrate = walk.framesOfBitrate.size() == 1;
+    if (walk.firstDifferent && sameBitrate) {
+        found(walk.firstDifferent->differences[0].what != "channels", "frames_differ",
+              std::to_string(walk.differentFrames) + " of the frames differ, first " +
+                  difference_text(*walk.firstDifferent),
+              "The file was put together from different recordings. If it sounds wrong there, "
+              "encode it anew.");
+    }
+    if (walk.first->layer() != 3) {
+        note("not_layer_3", "the frames are not of Layer III, and the driver measures them as such",
+             "Encode the file anew as MP3.");
+    }
+    if (walk.infoFrame && walk.infoFrame->frames && *walk.infoFrame->frames != walk.frames - 1 &&
+        *walk.infoFrame->frames != walk.frames) {
+        note("info_frame_stale",
+             "the " + walk.infoFrame->kind + " frame tells of " +
+                 std::to_string(*walk.infoFrame->frames) + " frames, the file has " +
+                 std::to_string(walk.frames - 1) + " behind it",
+             "Players may show a wrong length. The audio is right.");
+    }
+}
+
+// The driver measures a file by itself: should it come to something else, one of both is wrong.
+void Findings::disagreement() {
+    if (!m_next.walk) {
+        return;
+    }
+    bool const sameStatus = m_diagnosis.readStatus == m_next.walk->status;
+    bool const sameLength = !m_readLength || *m_readLength == m_next.walk->audio_length();
+    if (!sameStatus || !sameLength) {
+        attention("disagreement",
+                  "the driver's own look at the file comes to another result: " +
+                      std::string(status_text(m_diagnosis.readStatus).name) +
+                      (m_readLength ? ", " + bytes_text(*m_readLength) : ""),
+                  "Check again while no other program is at work on the file. If it stays, send "
+                  "the file to the developers.");
+    }
+}
+
+} // namespace
+
+bool Diagnosis::in_use() const {
+    return next.walk && readStatus == FFD_FILE_IO_ERROR;
+}
+
+bool Diagnosis::needs_attention() const {
+    return !findings.empty() && findings.front().attention;
+}
+
+bool Diagnosis::has_work() const {
+    return !next.steps.empty() || (next.directory != DirState::None);
+}
+
+std::string Diagnosis::verdict_code() const {
+    return needs_attention() ? findings.front().code : "sound";
+}
+
+std::string Diagnosis::verdict() const {
+    auto const grave = std::count_if(findings.begin(), findings.end(),
+                                     [](Finding const& finding) { return finding.attention; });
+    if (grave == 0) {
+        return findings.empty() ? "sound" : "sound, see the notes";
+    }
+    return findings.front().text +
+           (grave > 1 ? "; and " + std::to_string(grave - 1) + " more" : "");
+}
+
+Diagnosis diagnose(Driver const& driver, std::string const& file) {
+    Diagnosis diagnosis;
+    diagnosis.file = file;
+    diagnosis.next = predict_open(file);
+    std::optional<uint32_t> readLength;
+    if (diagnosis.next.walk) {
+        FrameWalk const& walk = *diagnosis.next.walk;
+        try {
+            SoundFile sound(driver, walk.path, Access::Read);
+            readLength = sound.length();
+            sound.close();
+        } catch (Failure const& failure) {
+            diagnosis.readStatus = failure.status();
+        }
+        if (walk.first) {
+            std::ifstream stream(walk.path, std::ios::binary);
+            diagnosis.inFront = regions_in_front(stream, walk.fileSize, walk.firstFrameOffset);
+            diagnosis.behind = regions_behind(stream, walk.fileSize, walk.audioEndOffset);
+        }
+    }
+    look_around(diagnosis);
+    Findings(diagnosis, readLength).collect();
+    return diagnosis;
+}
+
+} // namespace ffdhost

@@ -1,0 +1,55 @@
+// What is wrong with a sound file, and what the next open for writing makes of it. Found by looking
+// alone.
+#pragma once
+
+#include "NextOpen.h"
+#include "Output.h"
+#include "Tags.h"
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace ffdhost {
+
+struct Finding {
+    bool attention; // or it is worth knowing alone
+    std::string code;
+    std::string text;
+    std::string advice;
+};
+
+struct Diagnosis {
+    std::string file;
+    NextOpen next;
+    // What the driver answers to an open for reading of the file as it is named now, or will be.
+    FFDError readStatus = FFD_NOERROR;
+    std::vector<Region> inFront; // of the audio
+    std::vector<Region> behind;
+    std::vector<std::filesystem::path> copies; // rebuilt files of a close that failed, of any file
+    std::vector<std::filesystem::path> setAside; // .DIR and .CLM files of this name
+    std::vector<Finding> findings;               // the gravest first
+
+    // The file is open in another program, and what lies beside it belongs to that session.
+    bool in_use() const;
+    bool needs_attention() const;
+    // Whether an open for writing and a close change anything but what every close changes.
+    bool has_work() const;
+    // The gravest finding, in one line.
+    std::string verdict() const;
+    std::string verdict_code() const; // of that finding, or "sound"
+};
+
+Diagnosis diagnose(Driver const& driver, std::string const& file);
+
+// Peculiarities of frames in words.
+std::string difference_text(DifferentFrame const& frame);
+std::string gap_text(FrameWalk const& walk); // only if there is a gap
+std::string cut_text(CutFrame const& cut);
+
+Json diagnosis_json(Diagnosis const& diagnosis);
+void print_diagnosis(Diagnosis const& diagnosis);
+// What the next open for writing and its close do.
+void print_plan(NextOpen const& next);
+
+} // namespace ffdhost

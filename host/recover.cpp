@@ -1,0 +1,188 @@
+#include "commands.h"
+
+#include "Diagnosis.h"
+#include "System.h"
+
+#include <memory>
+
+namespace ffdhost {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// Makes a folder "STEM.kept" beside the sound file, or ".kept1" and so on if that is taken.
+fs::path make_kept_folder(std::string const& file) {
+    for (int number = 0;; ++number) {
+        fs::path folder = beside(file, ".kept" + (number == 0 ? "" : std::to_string(number)));
+        std::error_code error;
+        if (fs::create_directory(folder, error)) {
+            return folder;
+        }
+        if (!fs::exists(fs::symlink_status(folder, error))) {
+            throw Failure("copy", folder.string(), FFD_FILE_IO_ERROR, "the folder can't be made",
+                          "Check that the folder of the sound file may be written to and that the "
+                          "disk is not full; nothing was changed.");
+        }
+    }
+}
+
+// Everything that a recovery may change, under the names it has: in its folder the copy can be
+// checked and recovered as the original can. The result are the copies. Throws a Failure, and
+// leaves no folder then.
+std::vector<fs::path> keep_copy(Diagnosis const& diagnosis) {
+    std::vector<fs::path> files = {diagnosis.file, dir_file_of(diagnosis.file)};
+    if (diagnosis.next.marker) {
+        files.push_back(diagnosis.next.marker->path);
+        files.push_back(diagnosis.next.marker->rebuiltFile);
+    }
+    fs::path const folder = make_kept_folder(diagnosis.file);
+    std::vector<fs::path> copies;
+    for (fs::path const& file : files) {
+        std::error_code error;
+        if (file.empty() || !fs::exists(file, error)) {
+            continue;
+        }
+        fs::path const copy = folder / file.filename();
+        fs::copy_file(file, copy, error);
+        if (error) {
+            std::error_code ignored;
+            fs::remove_all(folder, ignored);
+            throw Failure("copy", file.string(), FFD_FILE_IO_ERROR, error.message(),
+                          "Free disk space, or recover without --copy; nothing was changed.");
+        }
+        fs::file_time_type const time = fs::last_write_time(file, error);
+        if (!error) {
+            fs::last_write_time(copy, time, error); // the copy is right without it, too
+        }
+        copies.push_back(copy);
+    }
+    return copies;
+}
+
+// Why an open for writing and a close are not even tried: they would fail, and an open that fails
+// can leave an empty .DIR file; or they would take audio away that is nowhere else.
+std::optional<Failure> obstacle(Diagnosis const& diagnosis, bool copy) {
+    NextOpen const& next = diagnosis.next;
+    if (diagnosis.in_use()) {
+        return Failure("recover", diagnosis.file, diagnosis.readStatus, diagnosis.verdict(),
+                       "Close the other program and try again; nothing was changed.");
+    }
+    if (next.status != FFD_NOERROR) {
+        return Failure("recover", diagnosis.file, next.status, next.reason,
+                       std::string(status_text(next.status).advice) + " Nothing was changed.");
+    }
+    if (next.close.status != FFD_NOERROR) {
+        return Failure("recover", diagnosis.file, next.close.status,
+                       std::string(status_text(next.close.status).meaning),
+                       std::string(status_text(next.close.status).advice) +
+                           " Nothing was changed.");
+    }
+    if ((next.drops_audio() || next.close.after.status != FFD_NOERROR) && !copy) {
+        return Failure("recover", diagnosis.file, FFD_DIRECTORY_MISMATCH,
+                       "the close would leave out audio that may be wanted, or spoil the file",
+                       "See 'ffdhost check', and use --copy. Nothing was changed.");
+    }
+    return std::nullopt;
+}
+
+class Recovery {
+public:
+    Recovery(Driver const& driver, std::string const& file, bool json)
+        : m_driver(driver), m_file(file), m_json(json),
+          m_before(diagnose(driver, file)), m_document{{"command", "recover"},
+                                                       {"ok", false},
+                                                       {"file", file}} {}
+
+    Outcome run(bool copy);
+
+private:
+    void open_and_close();
+    Outcome failed(Failure const& failure);
+    void say(std::string const& name, std::string const& value) const {
+        if (!m_json) {
+            print_line(name, value);
+        }
+    }
+
+    Driver const& m_driver;
+    std::string const m_file;
+    bool const m_json;
+    Diagnosis const m_before;
+    Json m_document;
+};
+
+Outcome Recovery::run(bool copy) {
+    m_document["before"] = diagnosis_json(m_before);
+    m_document["copy"] = nullptr;
+    say("Before", m_before.verdict());
+    if (std::optional<Failure> const reason = obstacle(m_before, copy)) {
+        return failed(*reason);
+    }
+    if (!m_before.has_work()) {
+        say("Recovery", "nothing to do");
+        m_document["ok"] = true;
+        return {m_document, 0};
+    }
+    if (!m_json) {
+        print_plan(m_before.next);
+    }
+    try {
+        if (copy) {
+            m_document["copy"] = Json::array();
+            for (fs::path const& path : keep_copy(m_before)) {
+                say(m_document["copy"].empty() ? "Copy kept" : "", path.string());
+                m_document["copy"].push_back(path.string());
+            }
+        }
+        open_and_close();
+    } catch (Failure const& failure) {
+        return failed(failure);
+    }
+    Diagnosis const after = diagnose(m_driver, m_file);
+    m_document["after"] = diagnosis_json(after);
+    m_document["ok"] = true;
+    say("After", after.verdict());
+    return {m_document, 0};
+}
+
+void Recovery::open_and_close() {
+    tell_when_interrupted("\nffdhost: interrupted: the next open for writing of " + m_file +
+                          " goes on from here\n");
+    std::unique_ptr<SoundFile> sound;
+    {
+        Waiting const waiting("opening");
+        sound = std::make_unique<SoundFile>(m_driver, m_file, Access::ReadWrite);
+    }
+    uint32_t const rate = sound->wave_format().bytesPerSecond;
+    uint32_t const length = sound->length();
+    m_document["dictation"] = length_json(length, rate);
+    say("Opened", length_text(length, rate));
+    if (length != m_before.next.map.dictationLength) {
+        print_warning("the dictation is not as long as expected: keep what was kept of the file, "
+                      "and report it");
+    }
+    {
+        Waiting const waiting("closing");
+        sound->close();
+    }
+    tell_when_interrupted("");
+    m_document["closed"] = status_json(FFD_NOERROR);
+    say("Closed", length_text(length, rate));
+}
+
+Outcome Recovery::failed(Failure const& failure) {
+    m_document["failure"] = failure_json(failure);
+    if (!m_json) {
+        print_failure(failure);
+    }
+    return {m_document, kExitFailed};
+}
+
+} // namespace
+
+Outcome run_recover(Driver const& driver, std::string const& file, bool copy, bool json) {
+    return Recovery(driver, file, json).run(copy);
+}
+
+} // namespace ffdhost
