@@ -419,4 +419,31 @@ std::optional<uint64_t> find_next_frame(FrameWalk const& walk, uint64_t fileOffs
     return find_frame(file, fileOffset, walk.first);
 }
 
+std::optional<uint64_t> find_frame_to_cut_at(FrameWalk const& walk, uint64_t fileOffset) {
+    FileWindow file(walk.path);
+    auto const header_at = [&](uint64_t offset) {
+        return FrameHeader::parse(file.from(offset, FrameHeader::kSize));
+    };
+    auto const is_followed = [&](uint64_t offset) {
+        FrameHeader const header = *header_at(offset);
+        uint64_t const next = offset + header.frame_length();
+        auto const second = header_at(next);
+        return next == walk.audioEndOffset || next == walk.fileSize ||
+               (second && second->fits(*walk.first) && second->bitrate() == header.bitrate());
+    };
+    std::optional<uint64_t> const first = find_frame(file, fileOffset, walk.first);
+    if (!first || is_followed(*first)) {
+        return first;
+    }
+    uint64_t const most = *first + walk.first->format().wave.frameSize + 1;
+    auto next = find_frame(file, *first + 1, walk.first);
+    while (next && *next <= most) {
+        if (header_at(*next)->bitrate() == walk.first->bitrate() && is_followed(*next)) {
+            return next;
+        }
+        next = find_frame(file, *next + 1, walk.first);
+    }
+    return first;
+}
+
 } // namespace ffdhost

@@ -358,7 +358,7 @@ void Prediction::copy_block(Block const& block, std::vector<Extent>& extents) co
     uint64_t const limit = wanted < audioLimit
                                ? std::max(audioLimit, walk.firstFrameOffset + block.audioTo)
                                : kLargestOffset + 1;
-    std::optional<uint64_t> const start = find_next_frame(walk, wanted);
+    std::optional<uint64_t> const start = find_frame_to_cut_at(walk, wanted);
     if (!start || *start >= limit) {
         return;
     }
@@ -368,7 +368,7 @@ void Prediction::copy_block(Block const& block, std::vector<Extent>& extents) co
     if (block.audioTo == walk.audio_length() || end >= limit) {
         return;
     }
-    if (std::optional<uint64_t> const next = find_next_frame(walk, end)) {
+    if (std::optional<uint64_t> const next = find_frame_to_cut_at(walk, end)) {
         extents.back().size += std::min(*next - end, limit - end);
     }
 }

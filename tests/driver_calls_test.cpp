@@ -111,8 +111,8 @@ TEST_F(CallsTest, NothingIsKeptBetweenReads) {
     FFDHandle const handle = open_with(m_sound, audio);
     EXPECT_TRUE(same_bytes(read(handle, 0, 96), audio.substr(0, 96)));
     audio.replace(96, 96, frames(1, 9));
-    std::fstream other(m_sound, std::ios::in | std::ios::out | std::ios::binary);
-    other.seekp(96) << frames(1, 9) << std::flush;
+    std::fstream(m_sound, std::ios::in | std::ios::out | std::ios::binary).seekp(96)
+        << frames(1, 9);
     EXPECT_TRUE(same_bytes(read(handle, 96, 96), audio.substr(96, 96)));
     // A cut by somebody else is a short read, and what comes back later is read again.
     std::filesystem::resize_file(m_sound, 250);

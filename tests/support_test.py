@@ -159,7 +159,8 @@ class SupportTest(unittest.TestCase):
                 self.agree({**files, "a.mp3": STEREO})
 
         # Bytes behind this cut look like the header of a frame of another bitrate.
-        self.agree(self.crashed(TAGGED, "seek", 40589, "delete", 529), "close_spoils")
+        self.agree(self.crashed(TAGGED, "seek", 40589, "delete", 529), "edits_waiting")
+        self.agree(self.crashed(TAGGED, "delete", 99999), "close_spoils")
 
     def test_what_is_missing_and_what_is_not_named(self):
         size = len(AUDIO)  # audio positions are file offsets here

@@ -117,6 +117,8 @@ private:
     void reorganize(HANDLE hNewFile);
     uint64_t copy_range(HANDLE hNewFile, uint64_t ullFileOffset_p, uint64_t ullBytes_p,
                         BYTE* pcBuffer_p, LPCSTR pszFailed_p);
+    FFDError search_block_frame(uint64_t ullFileOffset_p, BYTE* pcBuffer_p, DWORD* pdwSkipped_p);
+    bool is_followed_by_frame(CReadAhead& rFile_p, uint64_t ullFileOffset_p);
     uint64_t copy_block(HANDLE hNewFile, DirEntry const& rEntry_p, BYTE* pcBuffer_p);
     void replace_mp3_file(LPCSTR pszTmpPath_p, DWORD dwNewFileSize_p);
 

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 
 #define TRACE_MODULE "XKIVMP3.DLL"
@@ -228,6 +229,70 @@ uint64_t CKivmp3::copy_range(HANDLE hNewFile, uint64_t ullFileOffset_p, uint64_t
     return ullExpected;
 }
 
+// Finds the first frame at or behind a file offset, at which a copy may be cut; its header is in
+// m_byFrameHeader then, and *pdwSkipped_p the bytes to it.
+//
+// A search that begins inside a frame can meet four bytes of audio that look like a header, of
+// another bitrate as a rule. A file cut there would be refused at its next open. So a header that
+// no second one follows gives way to one that has one, if that is of the file's bitrate and comes
+// within the length of a frame: where the first one lies inside a true frame, the next does.
+FFDError CKivmp3::search_block_frame(uint64_t ullFileOffset_p, BYTE* pcBuffer_p,
+                                     DWORD* pdwSkipped_p) {
+    CReadAhead file(m_hMp3File, pcBuffer_p, SEARCH_READ_AHEAD_SIZE);
+    if (!file.set_file_pointer(ullFileOffset_p)) {
+        throw FFDError{FFD_FILE_IO_ERROR};
+    }
+    DWORD dwBytesRead = 0;
+    FFDError const ffdError = search_frame_sync(file, false, dwBytesRead, *pdwSkipped_p);
+    uint64_t ullFound = ullFileOffset_p + *pdwSkipped_p;
+    if (ffdError != FFD_NOERROR || is_followed_by_frame(file, ullFound)) {
+        return ffdError;
+    }
+    BYTE abyFirstHeader[FRAME_HEADER_SIZE];
+    memcpy(abyFirstHeader, m_byFrameHeader, FRAME_HEADER_SIZE);
+    uint64_t const ullMostOffset = ullFound + m_pWfx->nBlockSize + 1; // one byte of padding
+    while (ullFound < ullMostOffset) {
+        DWORD dwSkipped = 0;
+        if (!file.set_file_pointer(ullFound + 1)) {
+            throw FFDError{FFD_FILE_IO_ERROR};
+        }
+        if (search_frame_sync(file, false, dwBytesRead, dwSkipped) != FFD_NOERROR) {
+            break;
+        }
+        ullFound += 1 + dwSkipped;
+        if (ullFound <= ullMostOffset && frame_bitrate(m_byFrameHeader) == m_wLowestBitrate &&
+            is_followed_by_frame(file, ullFound)) {
+            TRACE_INFO("bytes that look like a frame header are passed over");
+            *pdwSkipped_p = static_cast<DWORD>(ullFound - ullFileOffset_p);
+            return FFD_NOERROR;
+        }
+    }
+    memcpy(m_byFrameHeader, abyFirstHeader, FRAME_HEADER_SIZE);
+    return FFD_NOERROR;
+}
+
+// Whether the frame whose header is in m_byFrameHeader ends where one of the same kind and bitrate
+// begins, or where the audio ends.
+bool CKivmp3::is_followed_by_frame(CReadAhead& rFile_p, uint64_t ullFileOffset_p) {
+    uint64_t const ullNext = ullFileOffset_p + frame_length(frame_bitrate(m_byFrameHeader),
+                                                            frame_length_factor(m_byFrameHeader),
+                                                            frame_sampling_rate(m_byFrameHeader),
+                                                            frame_padding(m_byFrameHeader));
+    if (ullNext == m_dwLastFrame || ullNext == m_dwFileSize) {
+        return true;
+    }
+    BYTE const* pbyHeader = nullptr;
+    DWORD dwBytesRead = 0;
+    if (!rFile_p.set_file_pointer(ullNext) ||
+        !KIVMP3_read_file(rFile_p, &pbyHeader, FRAME_HEADER_SIZE, &dwBytesRead)) {
+        throw FFDError{FFD_FILE_IO_ERROR};
+    }
+    return dwBytesRead == FRAME_HEADER_SIZE &&
+           ((frame_header_word(pbyHeader) ^ m_dwReferenceHeader) & FRAME_REFERENCE_MASK) == 0 &&
+           check_frame_header(pbyHeader) == FFD_NOERROR &&
+           frame_bitrate(pbyHeader) == frame_bitrate(m_byFrameHeader);
+}
+
 // Copies one block, moved forward so that it begins with a frame header, and widened to the end of
 // the frame that its end has cut. The result is the count of bytes that the new file got.
 uint64_t CKivmp3::copy_block(HANDLE hNewFile, DirEntry const& rEntry_p, BYTE* pcBuffer_p) {
@@ -237,13 +302,8 @@ uint64_t CKivmp3::copy_block(HANDLE hNewFile, DirEntry const& rEntry_p, BYTE* pc
         ullWantedOffset < m_dwBlockLimit
             ? std::max<uint64_t>(m_dwBlockLimit, uint64_t{m_dwFirstFrame} + rEntry_p.Endpos)
             : 0x100000000u;
-    DWORD dwBytesRead = 0;
     DWORD dwSkippedAtStart = 0;
-    CReadAhead startSearch(m_hMp3File, pcBuffer_p, SEARCH_READ_AHEAD_SIZE);
-    if (!startSearch.set_file_pointer(ullWantedOffset)) {
-        throw FFDError{FFD_FILE_IO_ERROR};
-    }
-    if (search_frame_sync(startSearch, false, dwBytesRead, dwSkippedAtStart) != FFD_NOERROR) {
+    if (search_block_frame(ullWantedOffset, pcBuffer_p, &dwSkippedAtStart) != FFD_NOERROR) {
         TRACE_ERROR(FFD_NO_MORE_FRAMES, "block without a frame header is left out");
         return 0;
     }
@@ -267,11 +327,7 @@ uint64_t CKivmp3::copy_block(HANDLE hNewFile, DirEntry const& rEntry_p, BYTE* pc
         return ullCopied;
     }
     DWORD dwSkippedAtEnd = 0;
-    CReadAhead endSearch(m_hMp3File, pcBuffer_p, SEARCH_READ_AHEAD_SIZE);
-    if (!endSearch.set_file_pointer(ullEndOffset)) {
-        throw FFDError{FFD_FILE_IO_ERROR};
-    }
-    if (search_frame_sync(endSearch, false, dwBytesRead, dwSkippedAtEnd) == FFD_NOERROR &&
+    if (search_block_frame(ullEndOffset, pcBuffer_p, &dwSkippedAtEnd) == FFD_NOERROR &&
         dwSkippedAtEnd != 0) {
         ullCopied += copy_range(hNewFile, ullEndOffset,
                                 std::min<uint64_t>(dwSkippedAtEnd, ullLimit - ullEndOffset),
