@@ -122,12 +122,8 @@ ObjectUse::ObjectUse(HANDLE handle, Kind kind) {
 }
 
 ObjectUse::~ObjectUse() {
-    if (m_pObject == nullptr)
-        return;
-    std::unique_ptr<Object> pLast;
-    std::lock_guard const lock(g_mutex);
-    if (let_go(*m_pObject))
-        pLast.reset(m_pObject);
+    if (m_pObject != nullptr && let_go(*m_pObject))
+        delete m_pObject;
 }
 
 DWORD close_handle(HANDLE handle) {

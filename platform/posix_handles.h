@@ -8,6 +8,7 @@
 
 #include "platform/platform.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <memory>
 #include <mutex>
@@ -48,8 +49,10 @@ struct Object {
     // number of the close.
     DWORD finish();
 
-    // The table, while the handle is open, and every call in progress. Guarded by the table.
-    uint32_t uHolders = 0;
+    // The table, while the handle is open, and every call in progress. A new one comes under the
+    // table's mutex and while the handle is open, so that the count never rises from 0; letting go
+    // needs no mutex.
+    std::atomic<uint32_t> uHolders = 0;
 };
 
 // A place in the table, taken before anything on the disk changes so that nothing can fail behind
