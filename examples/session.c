@@ -92,8 +92,8 @@ int main(int argc, char** argv) {
     show_length("opened", sound);
 
     seek(sound, bytesPerSecond);
-    check("insert", SLOT(FFDWriteDataProc, FFD_SLOT_WRITE_DATA)(sound, FFD_METHOD_INSERT, clipSize,
-                                                                audio));
+    check("insert",
+          SLOT(FFDWriteDataProc, FFD_SLOT_WRITE_DATA)(sound, FFD_METHOD_INSERT, clipSize, audio));
     show_length("inserted", sound);
     check("delete", SLOT(FFDDeleteDataProc, FFD_SLOT_DELETE_DATA)(sound, 2 * bytesPerSecond));
     show_length("deleted", sound);

@@ -198,7 +198,8 @@ FFDError KIVMP3_transfer_mp3_data(HANDLE hSourceFile, HANDLE hDestFile, LONG lBy
     TRACE_PARAM("pcBuffer_p", "%p", static_cast<void*>(pcBuffer_p));
     TRACE_PARAM("lBufferSize_p", "%ld", lBufferSize_p);
     TRACE_ENTRY("----------------------------------");
-    // As much as the system moves by itself; the blocks below do the rest, and meet what stopped it.
+    // As much as the system moves by itself; the blocks below do the rest, and meet what stopped
+    // it.
     if (lBytesToTransfer_p > lBufferSize_p) {
         lBytesToTransfer_p -= static_cast<LONG>(
             PlatformCopyBytes(hSourceFile, hDestFile, static_cast<DWORD>(lBytesToTransfer_p)));
