@@ -65,7 +65,9 @@ private:
     void note(std::string const& code, std::string const& text, std::string const& advice) {
         m_diagnosis.findings.push_back({false, code, text, advice});
     }
-    std::string recover() const { return "Run 'ffdhost recover --copy " + m_diagnosis.file + "'."; }
+    std::string recover() const {
+        return "Run 'ffdhost recover --copy " + command_word(m_diagnosis.file) + "'.";
+    }
 
     Diagnosis& m_diagnosis;
     NextOpen const& m_next;

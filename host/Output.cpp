@@ -4,10 +4,12 @@
 #include "System.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <iomanip>
 #include <iostream>
+#include <string_view>
 #include <utility>
 
 namespace ffdhost {
@@ -34,6 +36,25 @@ char const* program_name(bool failed) {
 }
 
 } // namespace
+
+std::string command_word(std::string const& fileName) {
+    bool const plain = std::all_of(fileName.begin(), fileName.end(), [](unsigned char letter) {
+        return letter >= 0x80 || std::isalnum(letter) != 0 ||
+               std::string_view("./:_-+,").find(static_cast<char>(letter)) !=
+                   std::string_view::npos;
+    });
+    if (plain) {
+        return fileName;
+    }
+    std::string word = "\"";
+    for (char const letter : fileName) {
+        if (std::string_view("\"$`").find(letter) != std::string_view::npos) {
+            word += '\\';
+        }
+        word += letter;
+    }
+    return word + "\"";
+}
 
 bool stdout_wants_colour() {
     return wants_colour(Stream::Output);

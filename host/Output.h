@@ -41,6 +41,9 @@ std::string bytes_text(uint64_t byteCount);
 std::string length_text(uint64_t byteCount, uint32_t bytesPerSecond);
 Json length_json(uint64_t byteCount, uint32_t bytesPerSecond);
 
+// A file name as a word of a command to be typed: in double quotes if a shell would take it apart.
+std::string command_word(std::string const& fileName);
+
 // Whether a person is watching who sees colours and has not asked for none (NO_COLOR).
 bool stdout_wants_colour();
 

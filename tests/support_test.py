@@ -162,6 +162,11 @@ class SupportTest(unittest.TestCase):
         self.agree(self.crashed(TAGGED, "seek", 40589, "delete", 529), "edits_waiting")
         self.agree(self.crashed(TAGGED, "delete", 99999), "close_spoils")
 
+        # The command to type is one that a shell takes.
+        self.make({"a $b.mp3": AUDIO, "a $b.DIR": entry(1, 0, 300)})
+        told = subprocess.run([HOST, "check", "a $b.mp3"], capture_output=True, cwd=self.dir)
+        self.assertIn(b"'ffdhost recover --copy \"a \\$b.mp3\"'", told.stdout)
+
     def test_what_is_missing_and_what_is_not_named(self):
         size = len(AUDIO)  # audio positions are file offsets here
         missing = self.agree({"a.mp3": AUDIO, "a.DIR": entry(1, 0, 900)
