@@ -432,7 +432,7 @@ std::optional<uint64_t> find_frame_to_cut_at(FrameWalk const& walk, uint64_t fil
                (second && second->fits(*walk.first) && second->bitrate() == header.bitrate());
     };
     std::optional<uint64_t> const first = find_frame(file, fileOffset, walk.first);
-    if (!first || is_followed(*first)) {
+    if (!first || *first == walk.firstFrameOffset || is_followed(*first)) {
         return first;
     }
     uint64_t const most = *first + walk.first->format().wave.frameSize + 1;

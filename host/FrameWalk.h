@@ -118,8 +118,9 @@ FrameWalk walk_frames(std::string const& path, std::vector<Extent> const& extent
 // The file offset of the next frame like the first of the walked file, from a file offset on.
 std::optional<uint64_t> find_next_frame(FrameWalk const& walk, uint64_t fileOffset);
 
-// The same, as a rebuild cuts: a header that no second one follows gives way to one that has one, if
-// that is of the file's bitrate and comes within the length of a frame.
+// The same, as a rebuild cuts: a header, but not the first of the file, that no second one follows
+// gives way to one that has one, if that is of the file's bitrate and comes within the length of a
+// frame.
 std::optional<uint64_t> find_frame_to_cut_at(FrameWalk const& walk, uint64_t fileOffset);
 
 } // namespace ffdhost

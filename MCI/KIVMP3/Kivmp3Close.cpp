@@ -245,7 +245,9 @@ FFDError CKivmp3::search_block_frame(uint64_t ullFileOffset_p, BYTE* pcBuffer_p,
     DWORD dwBytesRead = 0;
     FFDError const ffdError = search_frame_sync(file, false, dwBytesRead, *pdwSkipped_p);
     uint64_t ullFound = ullFileOffset_p + *pdwSkipped_p;
-    if (ffdError != FFD_NOERROR || is_followed_by_frame(file, ullFound)) {
+    // The first frame of the file is one whatever follows: the open has measured from there.
+    if (ffdError != FFD_NOERROR || ullFound == m_dwFirstFrame ||
+        is_followed_by_frame(file, ullFound)) {
         return ffdError;
     }
     BYTE abyFirstHeader[FRAME_HEADER_SIZE];
