@@ -63,8 +63,8 @@ uint32_t find_audio(std::string const& path, std::vector<uint8_t> const& firstBy
     }
     throw Failure(failure.operation(), path, failure.status(),
                   "the file is gone, but its .DIR file holds edits: a close was interrupted",
-                  "Run 'ffdhost edit FILE show': an open for writing finishes what the close "
-                  "began.");
+                  "Run 'ffdhost recover --copy " + command_word(path) +
+                      "': an open for writing finishes what the close began.");
 }
 
 } // namespace
@@ -74,7 +74,8 @@ std::unique_ptr<SoundFile> open_for_reading(Driver const& driver, std::string co
     if (std::filesystem::exists(beside(path, ".CLM"), error)) {
         print_warning(path +
                       ": a close was interrupted, so that a .DIR file beside it may belong to "
-                      "the file before; 'ffdhost edit FILE show' finishes the close");
+                      "the file before; 'ffdhost recover --copy " +
+                      command_word(path) + "' finishes the close");
     }
     try {
         return std::make_unique<SoundFile>(driver, path, Access::Read);

@@ -56,7 +56,7 @@ void add_read(CLI::App& app, Arguments& arguments, Command& command) {
         ->type_name("OUT");
     read->footer(std::string(kPositions) +
                  "\nThe file is opened for reading only. Edits that a crash left in a .DIR file\n"
-                 "beside it are not seen: 'ffdhost edit FILE show' opens it for writing and folds\n"
+                 "beside it are not seen: 'ffdhost recover FILE' opens it for writing and folds\n"
                  "them in.\n\n"
                  "Example:\n  ffdhost read dictation.mp3 --from 1:02.5 --length 10s -o part.mp3");
     read->callback([&] {

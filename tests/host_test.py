@@ -218,7 +218,7 @@ class HostTest(unittest.TestCase):
         # As an interrupted close leaves it: reading points to the open that mends the file.
         self.file.rename(self.dir / "12345.MP3")
         for command in ("info", "map", "read"):
-            self.assertIn(b"ffdhost edit", self.host(command, self.file, code=1).stderr)
+            self.assertIn(b"ffdhost recover", self.host(command, self.file, code=1).stderr)
         (self.dir / "12345.MP3").rename(self.file)
         self.json("edit", self.file, "show")
         self.assertEqual(self.host("read", self.file).stdout,
