@@ -43,10 +43,11 @@ def add_peer(race, name, make):
         print(f"skipped: {name}: {why}", file=sys.stderr)
 
 
-def compare(race, first, bars):
-    """Rows of a race: each job with its median and how many times the first job's time that is."""
-    return [[name, f"{race.milliseconds(name):.1f} ms", f"{race.ratio(name, first):.2f}",
-             bars.get(name, "")] for name in race.jobs]
+def compare(title, race, first):
+    """A table: each job with its median and how many times the first job's time that is."""
+    table(title, ["whole process", "median", "times the driver's"],
+          [[name, f"{race.milliseconds(name):.1f} ms", f"{race.ratio(name, first):.2f}"]
+           for name in race.jobs])
 
 
 def opens(hour, rounds):
@@ -64,8 +65,7 @@ def opens(hour, rounds):
     ours = "the driver: open, info, close"
     print(f"\nbar: {race.ratio(ours, 'plain loop, 64 KiB reads'):.2f} x the plain loop (2.0); "
           f"{race.ratio(ours, 'the same without trace calls'):.3f} x without trace calls (1.05)")
-    table("Finding every frame of an hour", ["whole process", "median", "of the driver's", ""],
-          compare(race, ours, {}))
+    compare("Finding every frame of an hour", race, ours)
 
 
 def cuts(hour, folder, rounds):
@@ -121,8 +121,7 @@ def cuts(hour, folder, rounds):
     race.go()
     print(f"\nbar: {race.ratio(ours, plain):.2f} x cp and a flush (1.5); "
           f"{race.ratio(ours, quiet):.3f} x without trace calls (1.05)")
-    table("Taking 10 s out of the middle of an hour",
-          ["whole process", "median", "of the driver's", ""], compare(race, ours, {}))
+    compare("Taking 10 s out of the middle of an hour", race, ours)
 
 
 def against_plain(driver, sound, job, arguments, rounds):
@@ -157,8 +156,8 @@ def inside(hour, folder, rounds):
                      f"{ratio(ours, 1):.2f}", f"{ratio(ours, 2):.2f}",
                      f"{ratio(ours, 1) / ratio(quiet, 1):.3f}"])
     table("Edits and reads beside the plain system calls",
-          ["job", "the driver", "the same calls", "fewer calls", "of the same", "of the fewer",
-           "of traceless"], rows)
+          ["job", "the driver", "the same calls", "fewer calls", "ratio to the same",
+           "ratio to the fewer", "ratio to traceless"], rows)
 
 
 def memory(hour, folder):
