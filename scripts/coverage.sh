@@ -11,7 +11,7 @@ scripts/install-packages.sh gcovr
 
 tests=()
 for source in tests/driver_*_test.cpp tests/session_test.cpp; do
-    tests+=("$(basename "$source" .cpp)")
+    [[ $source == *windows* ]] || tests+=("$(basename "$source" .cpp)")
 done
 scripts/build-preset.sh coverage xkivmp3 "${tests[@]}"
 
