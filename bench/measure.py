@@ -2,6 +2,7 @@
 
 import os
 import pathlib
+import random
 import shutil
 import statistics
 import struct
@@ -110,7 +111,8 @@ def peer(name):
 
 class Race:
     """Jobs that are done in turn, round after round, so that a change of the machine's mood meets all
-    of them. A job is a pair: what to do before, unmeasured, and what to measure."""
+    of them, and in another order each time, since a job finds the caches as the one before it left
+    them. A job is a pair: what to do before, unmeasured, and what to measure."""
 
     def __init__(self, rounds):
         self.rounds = rounds
@@ -124,8 +126,9 @@ class Race:
         names = list(self.jobs)
         self.times = {name: [] for name in names}
         for turn in range(-1, self.rounds):  # the first to warm up
-            for i in range(len(names)):
-                name = names[(i + turn) % len(names)]
+            order = names.copy()
+            random.Random(turn).shuffle(order)
+            for name in order:
                 before, work = self.jobs[name]
                 before()
                 begin = time.perf_counter()

@@ -139,7 +139,7 @@ def inside(hour, folder, rounds):
     sound = folder / "edit.mp3"
     jobs = [(f"{kind}, {entries:,} entries", entries, "edits", [kind], 30)
             for entries in (1, 5000) for kind in ("insert", "overwrite", "delete")]
-    jobs.append(("read 5,000 blocks in 4 KiB pieces", 5000, "reads", [], 1))
+    jobs.append(("read 5,000 blocks in 4 KiB pieces", 5000, "reads", [], 9))
     for name, entries, job, arguments, repeats in jobs:
         columns = {DRIVER: [[], [], []], TRACELESS: [[], [], []]}
         for turn in range(max(rounds, 2)):
@@ -182,7 +182,7 @@ def main():
     with tempfile.TemporaryDirectory(dir=arguments.work) as folder:
         folder = pathlib.Path(folder)
         hour = measure.make_hour((arguments.work or folder).resolve() / "hour.mp3")
-        opens(hour, arguments.rounds)
+        opens(hour, 3 * arguments.rounds)  # short enough for as many
         cuts(hour, folder, arguments.rounds)
         inside(hour, folder, arguments.rounds // 3)
         memory(hour, folder)
