@@ -22,7 +22,7 @@ packages=(
     ffmpeg mpg123 mp3check mp3val     # judge the files that the driver leaves
     valgrind
     doxygen                           # the reference of the headers
-    pkgconf dpkg-dev debootstrap      # the installation and the package, tried out
+    pkgconf dpkg-dev file debootstrap # the installation and the package, tried out
     clang-14 libclang-rt-14-dev       # the fuzz targets
     "${windows[@]}"
     "$@"
