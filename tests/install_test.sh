@@ -71,7 +71,7 @@ if ! "${as_root[@]}" true 2>/dev/null; then
     exit 77
 fi
 release=$(. /etc/os-release && echo "$VERSION_CODENAME")
-mirror=$(apt-get indextargets --format '$(REPO_URI)' "Codename: $release" | head -n 1)
+mirror=$(apt-get indextargets --format '$(REPO_URI)' "Codename: $release" | sed -n 1p)
 root=$work/root
 quietly "${as_root[@]}" debootstrap --variant=minbase "$release" "$root" "$mirror"
 "${as_root[@]}" cp "$package" "$root/package.deb"
@@ -84,7 +84,8 @@ everything() {
 }
 everything >"$work/before"
 quietly inside dpkg --install /package.deb
-inside ldconfig -p | grep -q 'libxkivmp3\.so\.0 ' || fail "the loader does not know the driver"
+inside ldconfig -p >"$work/log"
+grep -q 'libxkivmp3\.so\.0 ' "$work/log" || fail "the loader does not know the driver"
 quietly inside ffdhost edit /root/a.mp3 seek 1s delete 1s show
 [ "$(inside ffdhost --version)" = "ffdhost $version" ] || fail "the version in the package"
 [ "$(inside dpkg-query -W -f '${Version}' xkivmp3)" = "$version" ] || fail "the package's version"
