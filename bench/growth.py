@@ -74,8 +74,8 @@ def reads(hour, folder, rounds):
 
 
 def rebuild(source, folder, rounds, blocks):
-    """Milliseconds of a whole process that opens and closes a directory of so many blocks, and of cp
-    with a flush."""
+    """Milliseconds of a whole process that takes a second out of a dictation of so many blocks, which
+    its close then rebuilds, and of cp with a flush."""
     cut, copy = folder / "cut.mp3", folder / "copy.mp3"
 
     def fresh():

@@ -1,5 +1,6 @@
 """What the scripts of this folder share: making the files, running jobs in turn, medians."""
 
+import math
 import os
 import pathlib
 import random
@@ -33,7 +34,7 @@ def flush(path):
 
 def copy_of(source, target):
     """A fresh copy, on the disk and in the page cache, with nothing of an earlier job beside it."""
-    for suffix in (".mp3", ".DIR", ".CLM", ".bad"):
+    for suffix in (".mp3", ".DIR", ".CLM"):
         target.with_suffix(suffix).unlink(missing_ok=True)
     for suffix in (".plain", ".plain.DIR"):
         pathlib.Path(str(target) + suffix).unlink(missing_ok=True)
@@ -80,16 +81,11 @@ def make_blocks(sound, blocks):
     an order of its own, the same each time."""
     size = sound.stat().st_size
     cuts = [size * i // blocks for i in range(blocks + 1)]
-    stride = next(s for s in range(blocks * 5 // 8 + 1, 2 * blocks + 2) if gcd(s, blocks) == 1)
+    stride = next(s for s in range(blocks * 5 // 8 + 1, 2 * blocks + 2)
+                  if math.gcd(s, blocks) == 1)
     order = [i * stride % blocks for i in range(blocks)]
     entries = b"".join(struct.pack("<B3xII", 1, cuts[i], cuts[i + 1]) for i in order)
     sound.with_suffix(".DIR").write_bytes(entries.ljust(65536, b"\0"))
-
-
-def gcd(a, b):
-    while b:
-        a, b = b, a % b
-    return a
 
 
 def run(command, **options):

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs what the benchmarks need, builds them, and runs them all: the driver beside its peers, how
-# its cost grows, and its parts one by one. Takes about ten minutes on an idle machine, of which one
+# its cost grows, and its parts one by one. Takes about five minutes on an idle machine, of which one
 # makes the hour of speech; --charts also renews the charts of docs/performance.md.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."

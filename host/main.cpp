@@ -154,13 +154,11 @@ void add_recover(CLI::App& app, Arguments& arguments, Command& command) {
     recover->footer(
         "Takes over the edits that a crash has left, settles an interrupted close, and closes the\n"
         "file. A file that has nothing of the kind beside it is left alone, and so is one that an\n"
-        "open for writing, or its close, would fail on. If audio would be left out that nobody "
-        "has\n"
-        "deleted, as with a torn .DIR file, --copy must be given.\n\n"
-        "The copy has the names of the original: the file, its .DIR file, its close marker and "
-        "the\n"
-        "file that the marker names. Its folder has the name of the file and '.kept', or '.kept1'\n"
-        "and so on: nothing is overwritten.\n\n"
+        "open for writing, or its close, would fail on. If audio would be left out that nobody\n"
+        "has deleted, as with a torn .DIR file, --copy must be given.\n\n"
+        "The copy has the names of the original: the file, its .DIR file, its close marker and\n"
+        "the file that the marker names. Its folder has the name of the file and '.kept', or\n"
+        "'.kept1' and so on: nothing is overwritten.\n\n"
         "Example:\n  ffdhost recover --copy dictation.mp3");
     recover->callback([&] {
         command = [&](Driver const& driver) {

@@ -37,6 +37,7 @@ std::vector<fs::path> keep_copy(Diagnosis const& diagnosis) {
         files.push_back(diagnosis.next.marker->rebuiltFile);
     }
     fs::path const folder = make_kept_folder(diagnosis.file);
+    Waiting const waiting("keeping a copy");
     std::vector<fs::path> copies;
     for (fs::path const& file : files) {
         std::error_code error;

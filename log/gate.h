@@ -3,8 +3,8 @@
 // The library answers to its seven operations alone, and another one may take its place that has
 // nothing else. This one also gives out the number that each of them compares first: with the log
 // off, as it nearly always is, a call through the procedure linkage table comes down to a look at
-// memory. Where there is no such number, in a library that took this
-// one's place and on Windows, every call is made.
+// memory. Where there is no such number, in a library that took this one's place and on Windows,
+// every call is made.
 #pragma once
 
 // What a call needs to pass.

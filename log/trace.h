@@ -33,6 +33,7 @@
             operation(TRACE_MODULE, __FILE__, __LINE__, name, format, traced);                     \
     } while (false)
 
+// 0 always passes: LogInit also reads the configuration.
 #define TRACE_INIT(path) TRACE_TEXT(0, LogInit, path)
 #define TRACE_ENTRY(text) TRACE_TEXT(XKIVLOG_ENTRY, LogEntry, text)
 #define TRACE_INFO(text) TRACE_TEXT(XKIVLOG_INFO, LogInfo, text)
