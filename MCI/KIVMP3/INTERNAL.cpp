@@ -16,6 +16,12 @@ void const* as_mask(DWORD dwMask_p) {
     return reinterpret_cast<void const*>(DWORD_PTR{dwMask_p});
 }
 
+void hand_up(DWORD* pdwError_p, DWORD dwError_p) {
+    if (pdwError_p != nullptr) {
+        *pdwError_p = dwError_p;
+    }
+}
+
 } // namespace
 
 HANDLE KIVMP3_create_file(LPCSTR lpszFilepath_p, DWORD* pdwError_p, DWORD dwDesiredAccess_p,
@@ -78,20 +84,24 @@ int KIVMP3_read_file(CReadAhead& rFile_p, BYTE const** ppbyData, DWORD dwBytesTo
                      DWORD* pdwBytesRead) {
     TRACE_ENTRY("-----KIVMP3_read_file(...)");
     TRACE_PARAM("dwBytesToRead_p", "%lu", dwBytesToRead_p);
-    if (!rFile_p.read(ppbyData, dwBytesToRead_p, pdwBytesRead)) {
-        TRACE_ERROR(GetLastError(), "GetLastError() after ReadFile()");
+    DWORD dwError = NO_ERROR;
+    if (!rFile_p.read(ppbyData, dwBytesToRead_p, pdwBytesRead, &dwError)) {
+        TRACE_ERROR(dwError, "GetLastError() after ReadFile()");
         return 0;
     }
     return 1;
 }
 
 int KIVMP3_write_file(HANDLE hFile, void const* pBuffer, DWORD dwBytesToWrite_p,
-                      DWORD* pdwBytesWritten) {
+                      DWORD* pdwBytesWritten, DWORD* pdwError_p) {
     TRACE_ENTRY("-----KIVMP3_write_file(...)");
     TRACE_PARAM("dwBytesToWrite_p", "%lu", dwBytesToWrite_p);
+    hand_up(pdwError_p, NO_ERROR);
     DWORD dwBytesWritten = 0;
     if (!WriteFile(hFile, pBuffer, dwBytesToWrite_p, &dwBytesWritten, nullptr)) {
-        TRACE_ERROR(GetLastError(), "GetLastError() after WriteFile()");
+        DWORD const dwError = GetLastError();
+        TRACE_ERROR(dwError, "GetLastError() after WriteFile()");
+        hand_up(pdwError_p, dwError);
         return 0;
     }
     if (pdwBytesWritten != nullptr) {
@@ -100,14 +110,17 @@ int KIVMP3_write_file(HANDLE hFile, void const* pBuffer, DWORD dwBytesToWrite_p,
     return 1;
 }
 
-int KIVMP3_set_file_pointer(HANDLE hFile, DWORD dwFileOffset_p) {
+int KIVMP3_set_file_pointer(HANDLE hFile, DWORD dwFileOffset_p, DWORD* pdwError_p) {
+    hand_up(pdwError_p, NO_ERROR);
     // With a high half the low one is unsigned: an offset past 2 GiB is not taken for a step back.
     LONG lHigh = 0;
     SetLastError(NO_ERROR);
     DWORD const dwLow =
         SetFilePointer(hFile, static_cast<LONG>(dwFileOffset_p), &lHigh, FILE_BEGIN);
-    if (dwLow == INVALID_SET_FILE_POINTER && GetLastError() != NO_ERROR) {
-        TRACE_ERROR(GetLastError(), "GetLastError() after SetFilePointer()");
+    DWORD const dwError = dwLow == INVALID_SET_FILE_POINTER ? GetLastError() : NO_ERROR;
+    if (dwError != NO_ERROR) {
+        TRACE_ERROR(dwError, "GetLastError() after SetFilePointer()");
+        hand_up(pdwError_p, dwError);
         return 0;
     }
     return 1;

@@ -2,7 +2,9 @@
 // failure for each call. Nothing here knows of MP3 or of the edit directory, and nothing throws.
 //
 // Every call that takes a handle works at the handle's file pointer; positioning is the caller's
-// business. Platform error numbers stay inside the driver: callers turn them into a status.
+// business. Platform error numbers stay inside the driver: callers turn them into a status. A helper
+// that traces leaves nothing in GetLastError that a caller could rely on, since the log may change
+// it; where a caller wants the number, *pdwError_p receives it, 0 on success.
 #pragma once
 
 #include "ffd.h"
@@ -40,12 +42,12 @@ int KIVMP3_read_file(HANDLE hFile, void* pBuffer, DWORD dwBytesToRead_p, DWORD* 
 int KIVMP3_read_file(CReadAhead& rFile_p, BYTE const** ppbyData, DWORD dwBytesToRead_p,
                      DWORD* pdwBytesRead);
 
-// 1 or 0.
+// 1 or 0. A count smaller than asked for is a success here.
 int KIVMP3_write_file(HANDLE hFile, void const* pBuffer, DWORD dwBytesToWrite_p,
-                      DWORD* pdwBytesWritten);
+                      DWORD* pdwBytesWritten, DWORD* pdwError_p = nullptr);
 
 // Moves the file pointer to a file offset, which may use all 32 bits. 1 or 0.
-int KIVMP3_set_file_pointer(HANDLE hFile, DWORD dwFileOffset_p);
+int KIVMP3_set_file_pointer(HANDLE hFile, DWORD dwFileOffset_p, DWORD* pdwError_p = nullptr);
 
 // Moves the file pointer to the end of the file and tells where that is. 1 or 0.
 int KIVMP3_seek_to_end(HANDLE hFile, uint64_t* pullFileSize_p);

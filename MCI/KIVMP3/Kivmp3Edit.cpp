@@ -96,9 +96,10 @@ void CKivmp3::append_to_file(uint8_t const* lpffdBuffer, DWORD dwBufferSize_p, b
     adopt_end_of_file(ullEndOfFile);
 
     DWORD dwBytesWritten = 0;
-    if (!KIVMP3_write_file(m_hMp3File, lpffdBuffer, dwBufferSize_p, &dwBytesWritten) ||
+    DWORD dwError = NO_ERROR;
+    if (!KIVMP3_write_file(m_hMp3File, lpffdBuffer, dwBufferSize_p, &dwBytesWritten, &dwError) ||
         dwBytesWritten != dwBufferSize_p) {
-        TRACE_ERROR(GetLastError(), "GetLastError() after WriteFile(..) -> FFD_FILE_IO_ERROR");
+        TRACE_ERROR(dwError, "GetLastError() after WriteFile(..) -> FFD_FILE_IO_ERROR");
         take_back_append(m_dwFileSize);
         throw FFDError{FFD_FILE_IO_ERROR};
     }
@@ -118,10 +119,14 @@ void CKivmp3::adopt_end_of_file(uint64_t ullEndOfFile_p) {
 
 // Cuts the file back to its size before a write that failed.
 void CKivmp3::take_back_append(DWORD dwOldFileSize_p) {
-    if (KIVMP3_set_file_pointer(m_hMp3File, dwOldFileSize_p) && SetEndOfFile(m_hMp3File)) {
-        return;
+    DWORD dwError = NO_ERROR;
+    if (KIVMP3_set_file_pointer(m_hMp3File, dwOldFileSize_p, &dwError)) {
+        if (SetEndOfFile(m_hMp3File)) {
+            return;
+        }
+        dwError = GetLastError();
     }
-    TRACE_ERROR(GetLastError(), "GetLastError() after SetEndOfFile()");
+    TRACE_ERROR(dwError, "GetLastError() after SetEndOfFile()");
     uint64_t ullFileSize = 0;
     if (KIVMP3_get_file_size(m_hMp3File, &ullFileSize) == NO_ERROR && ullFileSize <= 0xFFFFFFFFu) {
         m_dwFileSize = static_cast<DWORD>(ullFileSize);

@@ -141,8 +141,9 @@ void CKivmp3::write_status() {
     if (m_oDirFile.is_changed()) {
         m_ffdModTime = time(nullptr);
     }
-    if (!KIVMP3_set_file_pointer(m_hStatusFile, 0)) {
-        TRACE_ERROR(GetLastError(), "GetLastError() after SetFilePointer() file status file");
+    DWORD dwError = NO_ERROR;
+    if (!KIVMP3_set_file_pointer(m_hStatusFile, 0, &dwError)) {
+        TRACE_ERROR(dwError, "GetLastError() after SetFilePointer() file status file");
         throw FFDError{FFD_FILE_IO_ERROR};
     }
 }
@@ -168,8 +169,9 @@ FFDError CKivmp3::FFDRestoreFileStatus() {
 
 // Reads the whole file before anything changes, so that a failure leaves all as it was.
 void CKivmp3::read_status() {
-    if (!KIVMP3_set_file_pointer(m_hStatusFile, 0)) {
-        TRACE_ERROR(GetLastError(), "GetLastError() after SetFilePointer() filestatus file");
+    DWORD dwError = NO_ERROR;
+    if (!KIVMP3_set_file_pointer(m_hStatusFile, 0, &dwError)) {
+        TRACE_ERROR(dwError, "GetLastError() after SetFilePointer() filestatus file");
         throw FFDError{FFD_FILE_IO_ERROR};
     }
     constexpr LPCSTR pszEntriesFailed =

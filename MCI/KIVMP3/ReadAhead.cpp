@@ -16,13 +16,18 @@ int CReadAhead::set_file_pointer(uint64_t ullFileOffset_p) {
                : KIVMP3_set_file_pointer(m_hFile, static_cast<DWORD>(ullFileOffset_p));
 }
 
-int CReadAhead::read(BYTE const** ppbyData_p, DWORD dwBytesToRead_p, DWORD* pdwBytesRead_p) {
+int CReadAhead::read(BYTE const** ppbyData_p, DWORD dwBytesToRead_p, DWORD* pdwBytesRead_p,
+                     DWORD* pdwError_p) {
     if (!is_buffered(m_ullFilePointer, dwBytesToRead_p)) {
         m_dwBuffered = 0;
         m_ullBufferStart = m_ullFilePointer;
         if (m_ullFilePointer <= 0xFFFFFFFFu) {
-            if (!KIVMP3_set_file_pointer(m_hFile, static_cast<DWORD>(m_ullFilePointer)) ||
-                !ReadFile(m_hFile, m_pbyBuffer, m_dwBufferSize, &m_dwBuffered, nullptr)) {
+            if (!KIVMP3_set_file_pointer(m_hFile, static_cast<DWORD>(m_ullFilePointer),
+                                         pdwError_p)) {
+                return 0;
+            }
+            if (!ReadFile(m_hFile, m_pbyBuffer, m_dwBufferSize, &m_dwBuffered, nullptr)) {
+                *pdwError_p = GetLastError();
                 m_dwBuffered = 0;
                 return 0;
             }

@@ -25,8 +25,7 @@ public:
     CReadAhead(CReadAhead const&) = delete;
     CReadAhead& operator=(CReadAhead const&) = delete;
 
-    // Moves the pointer to a file offset. 0 if the platform refused, with its error in GetLastError
-    // and in the trace.
+    // Moves the pointer to a file offset. 0 if the platform refused, with its error in the trace.
     int set_file_pointer(uint64_t ullFileOffset_p);
 
     // The file offset of the next read.
@@ -34,8 +33,9 @@ public:
 
     // Hands out up to dwBytesToRead_p bytes (at most the size of the buffer) and moves the pointer
     // behind them. Fewer mean the end of the file. 0 if the platform failed, with its error in
-    // GetLastError.
-    int read(BYTE const** ppbyData_p, DWORD dwBytesToRead_p, DWORD* pdwBytesRead_p);
+    // *pdwError_p.
+    int read(BYTE const** ppbyData_p, DWORD dwBytesToRead_p, DWORD* pdwBytesRead_p,
+             DWORD* pdwError_p);
 
 private:
     bool is_buffered(uint64_t ullFileOffset_p, DWORD dwBytes_p) const {
