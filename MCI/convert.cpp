@@ -4,6 +4,7 @@
 #include "log/trace.h"
 
 DWORD PtrdiffTToDWord(ptrdiff_t llDifference_p) {
+    TRACE_ENTRY("-----PtrdiffTToDWord(.)");
     if (llDifference_p > static_cast<ptrdiff_t>(0xFFFFFFFF)) {
         TRACE_WARNING("", "PtrdiffTToDWord, truncating data");
     }

@@ -8,9 +8,9 @@
 #include <cstring>
 #include <mutex>
 
-int xkivlog_gate = static_cast<int>(xkivlog::Level::Value);
-
 namespace xkivlog {
+
+int gate = static_cast<int>(Level::Value);
 
 namespace {
 
@@ -30,7 +30,7 @@ os::FileStamp iniStamp;
 char iniText[kIniLimit];
 
 void set_gate(Level level) {
-    __atomic_store_n(&xkivlog_gate, static_cast<int>(level), __ATOMIC_RELEASE);
+    __atomic_store_n(&gate, static_cast<int>(level), __ATOMIC_RELEASE);
 }
 
 // From the first one on the number of the descriptor stays the same and is never closed: a thread

@@ -6,20 +6,13 @@
 
 #include "log/settings.h"
 
-#if defined(_WIN32)
-#define XKIVLOG_GATE_API
-#else
-#define XKIVLOG_GATE_API __attribute__((visibility("default")))
-#endif
-
-// The highest level that is written, as a number; given out on Linux, see gate.h. Starts at the
-// top, so that the first call, which may come before LogInit and before any constructor, takes the
-// slow path and finds out. Read and written with the atomic builtins alone: the entry points that
-// hold a variable argument list are compiled without floating point registers, and std::atomic
-// cannot be inlined into those.
-extern "C" XKIVLOG_GATE_API int xkivlog_gate;
-
 namespace xkivlog {
+
+// The highest level that is written, as a number. Starts at the top, so that the first call, which
+// may come before LogInit and before any constructor, takes the slow path and finds out. Read and
+// written with the atomic builtins alone: the entry points that hold a variable argument list are
+// compiled without floating point registers, and std::atomic cannot be inlined into those.
+extern int gate;
 
 // Reads the environment unless that has been done.
 void ensure_configured();

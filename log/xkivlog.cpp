@@ -5,7 +5,6 @@
 
 #include "log/config.h"
 #include "log/format.h"
-#include "log/gate.h"
 #include "log/line.h"
 #include "log/os.h"
 
@@ -26,15 +25,7 @@ using xkivlog::Level;
 // A macro, since no function can be inlined both into the entries that have the attribute and into
 // those that have not.
 #define XKIVLOG_IS_OFF(level)                                                                      \
-    (__atomic_load_n(&xkivlog_gate, __ATOMIC_RELAXED) < static_cast<int>(level))
-
-// Callers compare the gate with their own numbers.
-static_assert(static_cast<int>(Level::Error) == XKIVLOG_ERROR &&
-              static_cast<int>(Level::Warning) == XKIVLOG_WARNING &&
-              static_cast<int>(Level::Info) == XKIVLOG_INFO &&
-              static_cast<int>(Level::Entry) == XKIVLOG_ENTRY &&
-              static_cast<int>(Level::Param) == XKIVLOG_PARAM &&
-              static_cast<int>(Level::Value) == XKIVLOG_VALUE);
+    (__atomic_load_n(&xkivlog::gate, __ATOMIC_RELAXED) < static_cast<int>(level))
 
 namespace {
 

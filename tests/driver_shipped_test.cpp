@@ -18,16 +18,22 @@ protected:
     std::string const m_file = path("dictation.mp3");
 };
 
-TEST_F(ShippedTest, LibraryExportsItsTwoNames) {
-    FILE* const pipe = popen("nm -D --defined-only -P " KIV_BUILD_DIR "/libxkivmp3.so", "r");
-    ASSERT_NE(pipe, nullptr);
-    std::vector<std::string> names;
-    char line[1000];
-    while (fgets(line, sizeof line, pipe) != nullptr) {
-        names.emplace_back(line, strcspn(line, " "));
-    }
-    EXPECT_EQ(pclose(pipe), 0);
-    EXPECT_THAT(names, UnorderedElementsAre("DllMain", "FFD_Function_Table"));
+TEST_F(ShippedTest, LibrariesExportTheirNamesAndNoOther) {
+    auto const exports = [](std::string const& library) {
+        std::string const command = "nm -D --defined-only -P " KIV_BUILD_DIR "/" + library;
+        FILE* const pipe = popen(command.c_str(), "r");
+        std::vector<std::string> names;
+        char line[1000];
+        while (pipe != nullptr && fgets(line, sizeof line, pipe) != nullptr) {
+            names.emplace_back(line, strcspn(line, " "));
+        }
+        EXPECT_EQ(pclose(pipe), 0);
+        return names;
+    };
+    EXPECT_THAT(exports("libxkivmp3.so"), UnorderedElementsAre("DllMain", "FFD_Function_Table"));
+    EXPECT_THAT(exports("libxkivlog.so"),
+                UnorderedElementsAre("LogInit", "LogEntry", "LogParam", "LogWarning", "LogInfo",
+                                     "LogValue", "LogError"));
 }
 
 TEST_F(ShippedTest, LibraryUnloadedWithAnOpenFileLeavesItsEdits) {

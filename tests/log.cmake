@@ -1,6 +1,6 @@
 add_kiv_test(log_test SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/log_test.cpp LIBRARIES xkivlog)
 
-# The driver with a log library that knows nothing of the gate.
+# The driver with a log library of somebody else's.
 find_package(Python3 COMPONENTS Interpreter REQUIRED)
 add_library(log_standin SHARED log_standin.cpp)
 target_link_libraries(log_standin PRIVATE kiv_common)

@@ -25,6 +25,7 @@
 #pragma once
 
 #include "ffd.h"
+#include "log/xkivlog.h"
 #include "platform/platform.h"
 
 #include <cstddef>
@@ -97,9 +98,16 @@ public:
     // Removes the .DIR file and resets the object. FFD_FILE_IO_ERROR if a step failed.
     FFDError delete_directory_file();
 
-    DirEntry const* get_dir_header() const { return m_psDirHeader; } // borrowed
-    DWORD get_dir_size() const { return m_dwDirSize; }               // bytes of the buffer
-    bool is_read_only() const { return m_bReadOnly != FALSE; }
+    // The buffer, borrowed.
+    DirEntry const* get_dir_header() const {
+        LogEntry("XKIVMP3.DLL", __FILE__, __LINE__, "-----CKivDirFile::get_dir_header()");
+        return m_psDirHeader;
+    }
+    DWORD get_dir_size() const { return m_dwDirSize; } // bytes of the buffer
+    bool is_read_only() const {
+        LogEntry("XKIVMP3.DLL", __FILE__, __LINE__, "-----CKivDirFile::is_read_only()");
+        return m_bReadOnly != FALSE;
+    }
     bool is_changed() const { return m_bDirChanged != FALSE; }
     void set_changed() { m_bDirChanged = TRUE; }
 
@@ -145,7 +153,10 @@ public:
     DWORD calc_data_size() const;
 
     // The length of the dictation in bytes, as of the last ascertain_data_length.
-    DWORD get_data_length() const { return m_dwDataLengthInBy; }
+    DWORD get_data_length() const {
+        LogEntry("XKIVMP3.DLL", __FILE__, __LINE__, "-----CKivDirFile::get_data_length()");
+        return m_dwDataLengthInBy;
+    }
     void ascertain_data_length();
 
     void log_dir_entries(LPCSTR pszLogText_p) const;

@@ -154,8 +154,7 @@ void CKivDirFile::log_dir_entries(LPCSTR pszLogText_p) const {
     }
     TRACE_VALUE("m_psDirHeader", "%8X",
                 static_cast<DWORD>(reinterpret_cast<DWORD_PTR>(m_psDirHeader) & 0xFFFFFFFFu));
-    // Six passes over all entries for an edit are most of what a large directory costs.
-    if (m_psDirHeader == nullptr || !TRACE_PASSES(XKIVLOG_VALUE)) {
+    if (m_psDirHeader == nullptr) {
         return;
     }
     for (DirEntry const* pEntry = m_psDirHeader; pEntry->Status != 0; ++pEntry) {
