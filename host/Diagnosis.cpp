@@ -1,5 +1,6 @@
 #include "Diagnosis.h"
 
+#include "Printable.h"
 #include "System.h"
 
 #include <algorithm>
@@ -66,7 +67,7 @@ private:
         m_diagnosis.findings.push_back({false, code, text, advice});
     }
     std::string recover() const {
-        return "Run 'ffdhost recover --copy " + command_word(m_diagnosis.file) + "'.";
+        return "Run: ffdhost recover --copy -- " + shell_word(m_diagnosis.file);
     }
 
     Diagnosis& m_diagnosis;
@@ -120,7 +121,7 @@ void Findings::marker() {
     if (m_next.marker->whole) {
         attention("close_interrupted",
                   "a close was interrupted at its very end; the next open for writing settles it",
-                  recover() + " Delete and rename nothing before.");
+                  "Delete and rename nothing before. " + recover());
     } else {
         attention(
             "marker_not_whole",
@@ -137,8 +138,9 @@ void Findings::directory() {
         attention("directory_damaged",
                   name + " is damaged (" + m_next.directoryFault +
                       "): it is set aside, and the audio plays in the order of the file",
-                  recover() + " No audio is lost, but edit the dictation again; keep the file that "
-                              "is set aside for whoever looks into the cause.");
+                  "No audio is lost, but edit the dictation again; keep the file that is set aside "
+                  "for whoever looks into the cause. " +
+                      recover());
     }
     if (m_next.status == FFD_NOERROR && m_next.close.after.status != FFD_NOERROR) {
         attention(
@@ -164,12 +166,12 @@ void Findings::directory() {
         attention("edits_waiting",
                   "edits are waiting in " + name +
                       "; they are taken over and repaired: " + m_next.repair,
-                  recover() + " Listen to the end of the last edit afterwards.");
+                  "Listen to the end of the last edit afterwards. " + recover());
     }
     if (m_next.directory == DirState::Taken && m_next.status == FFD_NOERROR) {
         attention("edits_waiting",
                   "edits are waiting in " + name + "; the next open for writing takes them over",
-                  recover() + " Until then keep both files together.");
+                  "Keep both files together until then. " + recover());
     }
     if (m_next.directory == DirState::Empty) {
         note("directory_empty",

@@ -1,6 +1,7 @@
 #include "Output.h"
 
 #include "Position.h"
+#include "Printable.h"
 #include "System.h"
 
 #include <algorithm>
@@ -37,42 +38,26 @@ char const* program_name(bool failed) {
 
 } // namespace
 
-std::string command_word(std::string const& fileName) {
-    bool const plain = std::all_of(fileName.begin(), fileName.end(), [](unsigned char letter) {
-        return letter >= 0x80 || std::isalnum(letter) != 0 ||
-               std::string_view("./:_-+,").find(static_cast<char>(letter)) !=
-                   std::string_view::npos;
-    });
-    if (plain) {
-        return fileName;
-    }
-    std::string word = "\"";
-    for (char const letter : fileName) {
-        if (std::string_view("\"$`").find(letter) != std::string_view::npos) {
-            word += '\\';
-        }
-        word += letter;
-    }
-    return word + "\"";
-}
-
 bool stdout_wants_colour() {
     return wants_colour(Stream::Output);
 }
 
 void print_document(Json const& document) {
-    std::cout << document.dump(2, ' ', false, Json::error_handler_t::replace) << '\n' << std::flush;
+    std::string const text = document.dump(2, ' ', false, Json::error_handler_t::replace);
+    std::cout << printable_json(text) << '\n' << std::flush;
 }
 
 void print_line(std::string const& name, std::string const& value) {
-    std::cout << std::left << std::setw(14) << name << "  " << value << '\n' << std::flush;
+    std::cout << std::left << std::setw(14) << name << "  " << printable(value) << '\n'
+              << std::flush;
 }
 
-void print_table(std::vector<std::vector<std::string>> const& rows) {
+void print_table(std::vector<std::vector<std::string>> rows) {
     std::vector<size_t> widths;
-    for (auto const& row : rows) {
+    for (auto& row : rows) {
         widths.resize(std::max(widths.size(), row.size()));
         for (size_t i = 0; i < row.size(); ++i) {
+            row[i] = printable(row[i]);
             widths[i] = std::max(widths[i], row[i].size());
         }
     }
@@ -87,7 +72,7 @@ void print_table(std::vector<std::vector<std::string>> const& rows) {
 }
 
 void print_warning(std::string const& words) {
-    std::cerr << program_name(false) << " warning: " << words << std::endl;
+    std::cerr << program_name(false) << " warning: " << printable(words) << std::endl;
 }
 
 Json status_json(FFDError status) {
@@ -102,10 +87,10 @@ Json failure_json(Failure const& failure) {
 
 void print_failure(Failure const& failure) {
     std::cerr << program_name(true) << ' ' << failure.operation() << " failed"
-              << (failure.file().empty() ? "" : ": " + failure.file()) << '\n'
+              << (failure.file().empty() ? "" : ": " + printable(failure.file())) << '\n'
               << "  " << status_text(failure.status()).name << " (" << failure.status()
-              << "): " << failure.what() << '\n'
-              << "  " << failure.advice() << std::endl;
+              << "): " << printable(failure.what()) << '\n'
+              << "  " << printable(failure.advice()) << std::endl;
 }
 
 std::string bytes_text(uint64_t byteCount) {

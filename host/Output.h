@@ -24,11 +24,12 @@ constexpr int kExitCrash = 3;  // the operation 'crash' of edit
 // One document on stdout. Names that are not UTF-8 lose the bytes that are not.
 void print_document(Json const& document);
 
-// A line of a text result: a name and what belongs to it, the latter aligned.
+// A line of a text result: a name and what belongs to it, the latter aligned. This and what follows
+// escapes what it is given (Printable.h).
 void print_line(std::string const& name, std::string const& value);
 
 // Columns aligned to the right, the first row being the heading.
-void print_table(std::vector<std::vector<std::string>> const& rows);
+void print_table(std::vector<std::vector<std::string>> rows);
 
 void print_warning(std::string const& words);
 
@@ -40,9 +41,6 @@ void print_failure(Failure const& failure);
 std::string bytes_text(uint64_t byteCount);
 std::string length_text(uint64_t byteCount, uint32_t bytesPerSecond);
 Json length_json(uint64_t byteCount, uint32_t bytesPerSecond);
-
-// A file name as a word of a command to be typed: in double quotes if a shell would take it apart.
-std::string command_word(std::string const& fileName);
 
 // Whether a person is watching who sees colours and has not asked for none (NO_COLOR).
 bool stdout_wants_colour();

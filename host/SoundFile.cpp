@@ -1,9 +1,7 @@
 #include "SoundFile.h"
 
-#include "Status.h"
+#include "Output.h"
 
-#include <cinttypes>
-#include <cstdio>
 #include <span>
 #include <utility>
 
@@ -11,22 +9,21 @@ namespace ffdhost {
 
 namespace {
 
-// Called by the driver in the middle of a write, on this thread.
+// Called by the driver in the middle of a write, on this thread. Nothing may be thrown through it.
 void on_driver_message(void* /*hDriver*/, uint32_t message, uintptr_t user, uintptr_t parameter1,
-                       uintptr_t /*parameter2*/) {
-    auto const* const path = reinterpret_cast<std::string const*>(user);
+                       uintptr_t /*parameter2*/) noexcept try {
+    std::string const& path = *reinterpret_cast<std::string const*>(user);
     if (message == FIDM_DISKSPACE_WARNING) {
         // The parameter is a third of what is left above the need of the rebuild at close.
-        std::fprintf(stderr,
-                     "ffdhost: warning: %s: disk space is getting low, %" PRIu64
-                     " bytes are left above what the close needs\n",
-                     path->c_str(), static_cast<uint64_t>(parameter1) * 3);
+        print_warning(path + ": disk space is getting low, " +
+                      std::to_string(uint64_t{parameter1} * 3) +
+                      " bytes are left above what the close needs");
     } else if (message == FIDM_OUT_OF_DISKSPACE) {
-        std::fprintf(stderr,
-                     "ffdhost: warning: %s: disk space is used up, the close may not find room to "
-                     "rebuild the file; free some space now\n",
-                     path->c_str());
+        print_warning(path + ": disk space is used up, the close may not find room to rebuild the "
+                             "file; free some space now");
     }
+} catch (...) {
+    return; // the warning is lost
 }
 
 ffd::File open(Driver const& driver, std::string const& path, Access access) {

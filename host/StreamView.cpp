@@ -1,8 +1,8 @@
 #include "StreamView.h"
 
-#include "Output.h"
-
 #include "DirMap.h"
+#include "Output.h"
+#include "Printable.h"
 #include "Status.h"
 #include "Tags.h"
 
@@ -63,8 +63,9 @@ uint32_t find_audio(std::string const& path, std::vector<uint8_t> const& firstBy
     }
     throw Failure(failure.operation(), path, failure.status(),
                   "the file is gone, but its .DIR file holds edits: a close was interrupted",
-                  "Run 'ffdhost recover --copy " + command_word(path) +
-                      "': an open for writing finishes what the close began.");
+                  "An open for writing finishes what the close began. Run: "
+                  "ffdhost recover --copy -- " +
+                      shell_word(path));
 }
 
 } // namespace
@@ -74,8 +75,8 @@ std::unique_ptr<SoundFile> open_for_reading(Driver const& driver, std::string co
     if (std::filesystem::exists(beside(path, ".CLM"), error)) {
         print_warning(path +
                       ": a close was interrupted, so that a .DIR file beside it may belong to "
-                      "the file before; 'ffdhost recover --copy " +
-                      command_word(path) + "' finishes the close");
+                      "the file before; to finish the close, run: ffdhost recover --copy -- " +
+                      shell_word(path));
     }
     try {
         return std::make_unique<SoundFile>(driver, path, Access::Read);

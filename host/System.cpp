@@ -34,6 +34,7 @@ namespace ffdhost {
 
 char const* const kDriverFileName = "XKIVMP3.dll";
 char const* const kNameSeparators = "\\/:";
+bool const kShellOfWindows = true;
 
 bool same_file_name(std::filesystem::path const& name1, std::filesystem::path const& name2) {
     return CompareStringOrdinal(name1.c_str(), -1, name2.c_str(), -1, TRUE) == CSTR_EQUAL;
@@ -126,6 +127,7 @@ namespace ffdhost {
 
 char const* const kDriverFileName = "libxkivmp3.so";
 char const* const kNameSeparators = "/";
+bool const kShellOfWindows = false;
 
 bool same_file_name(std::filesystem::path const& name1, std::filesystem::path const& name2) {
     return name1 == name2;

@@ -13,6 +13,9 @@ extern char const* const kDriverFileName;
 // What a file name alone can't hold.
 extern char const* const kNameSeparators;
 
+// Whether commands are typed into a shell of Windows.
+extern bool const kShellOfWindows;
+
 // Whether the file system takes two names for one.
 bool same_file_name(std::filesystem::path const& name1, std::filesystem::path const& name2);
 

@@ -1,6 +1,7 @@
 #include "commands.h"
 
 #include "EditOps.h"
+#include "Printable.h"
 #include "StandardInput.h"
 #include "System.h"
 
@@ -159,8 +160,8 @@ void Editor::check_clips(StreamFormat const* target) const {
 }
 
 void Editor::open() {
-    tell_when_interrupted("\nffdhost: interrupted: the edits so far are kept beside " + m_file +
-                          "; the next open for writing finds them\n");
+    tell_when_interrupted("\nffdhost: interrupted: the edits so far are kept beside " +
+                          printable(m_file) + "; the next open for writing finds them\n");
     {
         Waiting const waiting("opening");
         m_sound = std::make_unique<SoundFile>(m_driver, m_file, Access::ReadWrite);

@@ -1,6 +1,7 @@
 #include "commands.h"
 
 #include "Diagnosis.h"
+#include "Printable.h"
 #include "System.h"
 
 #include <memory>
@@ -148,8 +149,8 @@ Outcome Recovery::run(bool copy) {
 }
 
 void Recovery::open_and_close() {
-    tell_when_interrupted("\nffdhost: interrupted: the next open for writing of " + m_file +
-                          " goes on from here\n");
+    tell_when_interrupted("\nffdhost: interrupted: the next open for writing of " +
+                          printable(m_file) + " goes on from here\n");
     std::unique_ptr<SoundFile> sound;
     {
         Waiting const waiting("opening");

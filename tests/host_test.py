@@ -277,6 +277,32 @@ class HostTest(unittest.TestCase):
             self.assertNotIn("\033", self.on_terminal("stderr", "info", "none.mp3", **environment))
         self.assertNotIn(b"\033", self.host("info", "none.mp3", code=1).stderr)
 
+    def test_names_of_others(self):
+        """Nothing in a name reaches a terminal as a command, or a shell as more than a word."""
+        for name, shown in (
+                (b"a'$(touch x)`touch x`\\'\".mp3", None), (b"-a!! ;&|~*#=%.mp3", None),
+                (b"a\x1b[2K\r\n\t\x7f.mp3", rb"a\x1B[2K\x0D\x0A\x09\x7F.mp3"),
+                (b"\xc2\x9b\xe2\x80\xae\xe2\x81\xa6.mp3", rb"\u009B\u202E\u2066.mp3"),
+                (b"\xff\xc0\xaf\xed\xa0\x80\xc3\xa4.mp3", rb"\xFF\xC0\xAF\xED\xA0\x80" + "\u00e4.mp3".encode())):
+            path = os.fsencode(self.dir) + b"/" + name
+            pathlib.Path(os.fsdecode(path)).write_bytes(self.audio)
+            pathlib.Path(os.fsdecode(path[:-4] + b".CLM")).write_bytes(b"")
+            for json_flag in ((), ("--json",)):
+                run = subprocess.run([HOST, *json_flag, "info", "--", name], capture_output=True,
+                                     cwd=self.dir, check=True)
+                said = (run.stdout + run.stderr).decode()
+                self.assertFalse([letter for letter in said if letter != "\n" and (
+                    ord(letter) < 32 or 127 <= ord(letter) < 160 or letter in "\u202e\u2066")])
+            self.assertEqual(json.loads(run.stdout)["file"], name.decode(errors="replace"))
+            warning, word = run.stderr.strip().split(b" run: ffdhost recover --copy -- ")
+            self.assertIn((shown or name) + b": a close", warning)
+            for shell in ("bash", "sh"):
+                told = subprocess.run([shell, "-c", rb"printf '%s\0' " + word], cwd=self.dir,
+                                      capture_output=True).stdout
+                self.assertEqual(told.count(b"\0"), 1)
+                self.assertTrue(told == name + b"\0" or shell == "sh", (told, word))
+        self.assertFalse((self.dir / "x").exists())
+
     # ---- The map drawn ----
 
     def edit_for_a_map(self):

@@ -165,7 +165,7 @@ class SupportTest(unittest.TestCase):
         # The command to type is one that a shell takes.
         self.make({"a $b.mp3": AUDIO, "a $b.DIR": entry(1, 0, 300)})
         told = subprocess.run([HOST, "check", "a $b.mp3"], capture_output=True, cwd=self.dir)
-        self.assertIn(b"'ffdhost recover --copy \"a \\$b.mp3\"'", told.stdout)
+        self.assertIn(b" Run: ffdhost recover --copy -- 'a $b.mp3'\n", told.stdout)
 
     def test_what_is_missing_and_what_is_not_named(self):
         size = len(AUDIO)  # audio positions are file offsets here
