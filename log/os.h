@@ -33,7 +33,8 @@ char const* environment(char const* name);
 uint64_t process_id();
 uint64_t thread_id();
 
-// The system's text for the calling thread's error number. Never null.
+// The system's text for the calling thread's error number. Never null. The next call may overwrite
+// it: under the mutex alone.
 char const* error_text();
 
 // A descriptor that appends to the file, made if need be, and that no program started later
@@ -41,7 +42,7 @@ char const* error_text();
 int open_for_append(char const* path);
 
 // A descriptor of the log's own for standard error, or -1. A copy, because number 2 may come to
-// name a file of the host once the host closes its standard error.
+// name a file of the host once the host closes its standard error. On Windows -1 for a pipe.
 int open_standard_error();
 
 // Makes `kept` name what `fresh` names, in one step, so that a thread that writes to `kept` at that
@@ -51,7 +52,7 @@ bool replace(int kept, int fresh);
 // One write for the whole line where the system permits. Failures are swallowed.
 void write_line(int descriptor, char const* line, size_t length);
 
-// Writes to standard error as it stands.
+// Writes to standard error as it stands; on Windows not into a pipe.
 void complain(char const* line, size_t length);
 
 // Tells whether a file is still the one that was read.

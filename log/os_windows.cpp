@@ -95,12 +95,22 @@ uint64_t thread_id() {
 }
 
 char const* error_text() {
-    thread_local char text[256];
+    static char text[256];
     DWORD const length = FormatMessageA(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS |
                                             FORMAT_MESSAGE_MAX_WIDTH_MASK, // no line ends
                                         nullptr, GetLastError(), 0, text, sizeof text, nullptr);
     return length > 0 ? text : "unknown error";
 }
+
+namespace {
+
+// A write into a pipe that nobody reads waits for ever, and would stop the host.
+bool may_take(HANDLE handle) {
+    DWORD const type = GetFileType(handle);
+    return type == FILE_TYPE_DISK || type == FILE_TYPE_CHAR;
+}
+
+} // namespace
 
 int open_for_append(char const* path) {
     // Access to append alone makes each write go to the end in one step, also between processes.
@@ -109,8 +119,7 @@ int open_for_append(char const* path) {
                     nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (handle == INVALID_HANDLE_VALUE)
         return -1;
-    DWORD const type = GetFileType(handle);
-    if (type == FILE_TYPE_DISK || type == FILE_TYPE_CHAR)
+    if (may_take(handle))
         return add(handle);
     CloseHandle(handle);
     SetLastError(ERROR_BAD_PATHNAME);
@@ -121,6 +130,7 @@ int open_standard_error() {
     HANDLE copy = nullptr;
     HANDLE const standardError = GetStdHandle(STD_ERROR_HANDLE);
     if (standardError == nullptr || standardError == INVALID_HANDLE_VALUE ||
+        !may_take(standardError) ||
         !DuplicateHandle(GetCurrentProcess(), standardError, GetCurrentProcess(), &copy, 0, FALSE,
                          DUPLICATE_SAME_ACCESS))
         return -1;
@@ -144,7 +154,9 @@ void write_line(int descriptor, char const* line, size_t length) {
 }
 
 void complain(char const* line, size_t length) {
-    write_to(GetStdHandle(STD_ERROR_HANDLE), line, length);
+    HANDLE const standardError = GetStdHandle(STD_ERROR_HANDLE);
+    if (may_take(standardError))
+        write_to(standardError, line, length);
 }
 
 FileStamp stamp_of(char const* path) {

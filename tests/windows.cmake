@@ -36,6 +36,9 @@ target_link_options(driver_status_test PRIVATE -Wl,--wrap=__imp__time64)
 # The memory of the test program can be made to run out.
 target_link_options(driver_faults_test PRIVATE -Wl,--wrap=malloc)
 
+add_kiv_test(windows_unload_test SOURCES windows_unload_test.cpp LIBRARIES platform)
+add_dependencies(windows_unload_test xkivmp3)
+
 find_package(Python3 COMPONENTS Interpreter REQUIRED)
 add_test(NAME contract COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_SOURCE_DIR}/contract_test.py)
 set_tests_properties(contract PROPERTIES ENVIRONMENT "BUILD=${CMAKE_BINARY_DIR}")
