@@ -312,10 +312,18 @@ UINT WINAPI SetErrorMode(UINT /*uMode*/) {
     return 0;
 }
 
+// The clock needs no rest here to show another second.
+void WINAPI Sleep(DWORD /*dwMilliseconds*/) {}
+
 BOOL WINAPI DriverCallback(DWORD_PTR dwCallback, DWORD /*dwFlags*/, HDRVR hDevice, DWORD dwMsg,
                            DWORD_PTR dwUser, DWORD_PTR dwParam1, DWORD_PTR dwParam2) {
     reinterpret_cast<LPDRVCALLBACK>(dwCallback)(hDevice, dwMsg, dwUser, dwParam1, dwParam2);
     return TRUE;
+}
+
+HANDLE PlatformCreatePrivateFile(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode) {
+    return CreateFileA(lpFileName, dwDesiredAccess, dwShareMode, nullptr, CREATE_NEW,
+                       FILE_ATTRIBUTE_NORMAL, nullptr);
 }
 
 DWORD PlatformCopyBytes(HANDLE /*hFrom*/, HANDLE /*hTo*/, DWORD /*dwBytes*/) {

@@ -253,6 +253,9 @@ BOOL WINAPI GetDiskFreeSpaceExA(LPCSTR lpDirectoryName, ULARGE_INTEGER* lpFreeBy
 // Sets the error mode of the process and returns the one before.
 UINT WINAPI SetErrorMode(UINT uMode);
 
+// Lets the calling thread rest for so long, at least.
+void WINAPI Sleep(DWORD dwMilliseconds);
+
 // Calls the function at dwCallback, DCB_FUNCTION only; false if there is none.
 BOOL WINAPI DriverCallback(DWORD_PTR dwCallback, DWORD dwFlags, HDRVR hDevice, DWORD dwMsg,
                            DWORD_PTR dwUser, DWORD_PTR dwParam1, DWORD_PTR dwParam2);
@@ -279,6 +282,10 @@ bool PlatformSplitPath(LPCSTR pszPath, PlatformPathParts* pParts);
 // Whether two names name the same file in one directory: exact on Linux, without regard to the case
 // of letters on Windows.
 bool PlatformSameFileName(LPCSTR pszName1, LPCSTR pszName2);
+
+// Makes a new file, as CreateFileA does with CREATE_NEW and FILE_ATTRIBUTE_NORMAL, that on Linux its
+// owner alone may read and write, whatever the umask; on Windows its folder decides who may.
+HANDLE PlatformCreatePrivateFile(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode);
 
 // Gives the file behind hTo the permissions (Linux) or attributes (Windows) of the one behind
 // hFrom.

@@ -88,11 +88,10 @@ bool names_file(char const* pszPath, struct stat const& status) {
            found.st_ino == status.st_ino;
 }
 
-int open_descriptor(char const* pszPath, int iFlags) {
-    constexpr mode_t LEFT_TO_UMASK = 0666;
+int open_descriptor(char const* pszPath, int iFlags, mode_t mode) {
     int fd;
     do {
-        fd = open(pszPath, iFlags | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, LEFT_TO_UMASK);
+        fd = open(pszPath, iFlags | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, mode);
     } while (fd < 0 && errno == EINTR);
     return fd;
 }

@@ -15,7 +15,8 @@ constexpr int MOST_STARTS = 100;
 bool names_file(char const* pszPath, struct stat const& status);
 
 // open(2) for what may turn out to be no regular file: it never waits, and nothing is inherited.
-int open_descriptor(char const* pszPath, int iFlags);
+// The umask takes from the mode of a file that is made.
+int open_descriptor(char const* pszPath, int iFlags, mode_t mode = 0);
 
 // Copies the path, behind the working directory if it is relative. Null on failure, with errno set.
 OwnedText absolute_path(char const* pszPath);

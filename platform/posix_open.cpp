@@ -17,6 +17,7 @@ struct Request {
     DWORD dwShare;
     DWORD dwDisposition;
     bool bDeleteOnClose;
+    mode_t modeOfNewFile; // what the umask leaves of it
 
     bool empties() const {
         return dwDisposition == CREATE_ALWAYS || dwDisposition == TRUNCATE_EXISTING;
@@ -51,7 +52,8 @@ DWORD make_file(Request const& request, Object& object) {
     if (!object.pszPath)
         return error_of_path(errno, request.pszPath);
     FAULT_CHANGE();
-    object.fd = open_descriptor(request.pszPath, open_flags(request) | O_CREAT | O_EXCL);
+    object.fd = open_descriptor(request.pszPath, open_flags(request) | O_CREAT | O_EXCL,
+                                request.modeOfNewFile);
     if (object.fd >= 0) {
         object.bNameUnflushed = true;
         return NO_ERROR;
@@ -135,6 +137,20 @@ DWORD open_file(Request const& request, Object& object) {
     return ERROR_SHARING_VIOLATION;
 }
 
+HANDLE create_file(Request const& request) {
+    NewHandle newHandle(Kind::File);
+    DWORD dwError = check(request);
+    if (dwError == NO_ERROR)
+        dwError = newHandle.error();
+    if (dwError == NO_ERROR)
+        dwError = open_file(request, newHandle.object());
+    if (dwError != NO_ERROR) {
+        fail(dwError);
+        return INVALID_HANDLE_VALUE;
+    }
+    return newHandle.publish();
+}
+
 } // namespace
 } // namespace posix
 
@@ -142,19 +158,13 @@ HANDLE WINAPI CreateFileA(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShar
                           LPVOID /*lpSecurityAttributes*/, DWORD dwCreationDisposition,
                           DWORD dwFlagsAndAttributes, HANDLE /*hTemplateFile*/) {
     FAULT_POINT(CreateFile, INVALID_HANDLE_VALUE);
-    posix::Request const request{lpFileName, dwDesiredAccess, dwShareMode, dwCreationDisposition,
-                                 (dwFlagsAndAttributes & FILE_FLAG_DELETE_ON_CLOSE) != 0};
-    posix::NewHandle newHandle(posix::Kind::File);
-    DWORD dwError = posix::check(request);
-    if (dwError == NO_ERROR)
-        dwError = newHandle.error();
-    if (dwError == NO_ERROR)
-        dwError = posix::open_file(request, newHandle.object());
-    if (dwError != NO_ERROR) {
-        posix::fail(dwError);
-        return INVALID_HANDLE_VALUE;
-    }
-    return newHandle.publish();
+    return posix::create_file({lpFileName, dwDesiredAccess, dwShareMode, dwCreationDisposition,
+                               (dwFlagsAndAttributes & FILE_FLAG_DELETE_ON_CLOSE) != 0, 0666});
+}
+
+HANDLE PlatformCreatePrivateFile(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode) {
+    FAULT_POINT(CreateFile, INVALID_HANDLE_VALUE);
+    return posix::create_file({lpFileName, dwDesiredAccess, dwShareMode, CREATE_NEW, false, 0600});
 }
 
 BOOL WINAPI CloseHandle(HANDLE hObject) {

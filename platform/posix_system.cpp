@@ -1,9 +1,10 @@
-// Disk space, the error mode and the way back to the host.
+// Disk space, the error mode, a rest and the way back to the host.
 #include "platform/fault_seam.h"
 #include "platform/posix_errors.h"
 
 #include <atomic>
 #include <cerrno>
+#include <ctime>
 #include <sys/statvfs.h>
 
 namespace {
@@ -37,6 +38,13 @@ BOOL WINAPI GetDiskFreeSpaceExA(LPCSTR lpDirectoryName, ULARGE_INTEGER* lpFreeBy
 
 UINT WINAPI SetErrorMode(UINT uMode) {
     return g_uErrorMode.exchange(uMode);
+}
+
+void WINAPI Sleep(DWORD dwMilliseconds) {
+    timespec rest{static_cast<time_t>(dwMilliseconds / 1000),
+                  static_cast<long>(dwMilliseconds % 1000 * 1000000)};
+    while (nanosleep(&rest, &rest) != 0 && errno == EINTR) {
+    }
 }
 
 BOOL WINAPI DriverCallback(DWORD_PTR dwCallback, DWORD dwFlags, HDRVR hDevice, DWORD dwMsg,

@@ -35,6 +35,11 @@ bool PlatformSameFileName(LPCSTR pszName1, LPCSTR pszName2) {
            CSTR_EQUAL;
 }
 
+HANDLE PlatformCreatePrivateFile(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode) {
+    return CreateFileA(lpFileName, dwDesiredAccess, dwShareMode, nullptr, CREATE_NEW,
+                       FILE_ATTRIBUTE_NORMAL, nullptr);
+}
+
 DWORD PlatformCopyBytes(HANDLE /*hFrom*/, HANDLE /*hTo*/, DWORD /*dwBytes*/) {
     FAULT_POINT(CopyBytes, 0);
     return 0;
