@@ -12,7 +12,7 @@ foreach(subject faults crash torn)
 endforeach()
 
 # The test's own clock.
-target_link_options(driver_status_test PRIVATE -Wl,--wrap=time)
+target_link_options(driver_status_test PRIVATE -Wl,--wrap=time -Wl,--wrap=Sleep)
 
 # The memory of the test program can be made to run out.
 target_link_options(driver_faults_test PRIVATE -Wl,--wrap=malloc)

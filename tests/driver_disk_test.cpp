@@ -154,6 +154,42 @@ TEST_F(DiskTest, AFolderThatIsShutWhileAFileIsOpen) {
     EXPECT_TRUE(same_bytes(read_file(inside), frames(1, 4) + frames(1, 3) + audio));
 }
 
+// Whatever the umask, and wherever the host goes meanwhile.
+TEST_F(DiskTest, WhatIsMadeOfTheClockIsPrivateAndGoes) {
+    auto const mode_of = [this](char const* pszExtension) {
+        for (std::string const& name : listing()) {
+            struct stat info = {};
+            if (name.find(pszExtension) == 10 && stat(path(name).c_str(), &info) == 0) {
+                return info.st_mode & 07777;
+            }
+        }
+        return 0u;
+    };
+    std::string const sound = path("a.mp3");
+    mode_t const old = umask(0);
+    write_file(sound, frames(10));
+    fs::path const before = fs::current_path();
+    fs::current_path(folder());
+    set_temp_directory(".");
+    FFDHandle handle = open(sound);
+    EXPECT_EQ(erase(handle, 96, 96), 0u);
+    EXPECT_EQ(driver().StoreActualFileStatus(handle), 0u);
+    EXPECT_EQ(mode_of(".csf"), 0600u);
+    fs::current_path("/");
+    close(handle);
+    EXPECT_THAT(listing(), ElementsAre("a.mp3"));
+    EXPECT_EQ(crash_after([&] {
+                  handle = open(sound);
+                  EXPECT_EQ(erase(handle, 96, 96), 0u);
+                  platform_faults::stop_before_change(3); // in the midst of the copy
+                  close(handle);
+              }),
+              86);
+    EXPECT_EQ(mode_of(".MP3"), 0600u);
+    umask(old);
+    fs::current_path(before);
+}
+
 TEST_F(DiskTest, TheRebuiltFileIsAFileOfItsOwnWithTheOldPermissions) {
     std::string const sound = path("a.mp3");
     std::string const audio = frames(10);

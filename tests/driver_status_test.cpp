@@ -13,13 +13,18 @@ using ::testing::ElementsAre;
 
 namespace {
 
-// The clock of this program: a second passes with each look at it (the linker puts this in the
-// place of time). Its seconds don't fit 32 bits.
-time_t g_nSeconds = 0;
+// The clock of this program: it goes only while the driver rests, and may go backwards (the linker
+// puts this in the place of time and Sleep). Its seconds don't fit 32 bits.
+int64_t g_nMilliseconds = 0;
+int64_t g_nDirection = 1;
+unsigned g_nLooks = 0;
 
 class StatusTest : public FolderTest {
 protected:
-    StatusTest() { g_nSeconds = 5000000000; }
+    StatusTest() {
+        g_nMilliseconds = 5000000000000;
+        g_nDirection = 1;
+    }
 
     static FFDError store(FFDHandle handle) { return driver().StoreActualFileStatus(handle); }
     static FFDError restore(FFDHandle handle) { return driver().RestoreFileStatus(handle); }
@@ -34,7 +39,8 @@ protected:
     std::string csf() const {
         std::string found;
         for (std::string const& name : listing()) {
-            if (name.size() > 4 && name.substr(name.size() - 4) == ".csf") {
+            if (name.size() > 4 && name.substr(name.size() - 4) == ".csf" &&
+                fs::file_size(path(name)) != 5) { // "taken" by somebody else
                 EXPECT_EQ(found, "");
                 found = path(name);
             }
@@ -47,11 +53,17 @@ protected:
 
 } // namespace
 
-extern "C" time_t __wrap_time(time_t* pSeconds);
-
-extern "C" time_t __wrap_time(time_t* pSeconds) {
-    ++g_nSeconds;
-    return pSeconds == nullptr ? g_nSeconds : *pSeconds = g_nSeconds;
+extern "C" {
+time_t __wrap_time(time_t* pSeconds);
+time_t __wrap_time(time_t* pSeconds) {
+    ++g_nLooks;
+    time_t const nSeconds = g_nMilliseconds / 1000;
+    return pSeconds == nullptr ? nSeconds : *pSeconds = nSeconds;
+}
+void WINAPI __wrap_Sleep(DWORD dwMilliseconds);
+void WINAPI __wrap_Sleep(DWORD dwMilliseconds) {
+    g_nMilliseconds += g_nDirection * dwMilliseconds;
+}
 }
 
 namespace {
@@ -60,7 +72,7 @@ TEST_F(StatusTest, TheFileToTheByte) {
     FFDHandle const handle = open_with(m_sound, m_audio);
     seek(handle, 500);
     ASSERT_EQ(store(handle), 0u);
-    EXPECT_THAT(listing(), ElementsAre("5000000002.csf", "a.DIR", "a.mp3"));
+    EXPECT_THAT(listing(), ElementsAre("5000000000.csf", "a.DIR", "a.mp3"));
     EXPECT_EQ(read_file(csf()), std::string("\1\0\0\0"
                                             "\1\0\0\0\0\0\0\0\xC0\3\0\0"
                                             "\0\0\0\0\0\0\0\0"
@@ -69,7 +81,7 @@ TEST_F(StatusTest, TheFileToTheByte) {
     // The next store counts alone; deleted entries and their marks are in it.
     ASSERT_EQ(erase(handle, 96, 192), 0u);
     ASSERT_EQ(store(handle), 0u);
-    EXPECT_THAT(listing(), ElementsAre("5000000004.csf", "a.DIR", "a.mp3"));
+    EXPECT_THAT(listing(), ElementsAre("5000000000.csf", "a.DIR", "a.mp3"));
     EXPECT_EQ(read_file(csf()), std::string("\3\0\0\0"
                                             "\1\0\0\0\0\0\0\0\x60\0\0\0"
                                             "\xB\0\0\0\x60\0\0\0\x20\1\0\0"
@@ -196,13 +208,6 @@ TEST_F(StatusTest, StoresThatFail) {
     ASSERT_EQ(erase(handle, 96, 192), 0u);
     seek(handle, 200);
     std::string const dictation = read_all(handle);
-    auto const taken = [this](time_t nSeconds) { // from the first that a store tries
-        return [=, this] {
-            for (time_t nName = g_nSeconds + 2; nName < g_nSeconds + 2 + nSeconds; ++nName) {
-                write_file(path(std::to_string(nName) + ".csf"), "taken");
-            }
-        };
-    };
     struct Row {
         char const* pszName;
         std::function<void()> arrange;
@@ -212,8 +217,6 @@ TEST_F(StatusTest, StoresThatFail) {
         return [directory] { set_temp_directory(directory); };
     };
     std::vector<Row> rows = {
-        {"name taken for two seconds", taken(2), 0},
-        {"name taken for three seconds", taken(3), 29},
         {"no such directory", temp(path("none")), 29},
         {"a file for a directory", temp(m_sound), 29},
         {"no temporary directory", [] { platform_faults::fail(Call::GetTempPath, 1, 3); }, 29},
@@ -237,17 +240,58 @@ TEST_F(StatusTest, StoresThatFail) {
         EXPECT_TRUE(same_bytes(read_all(handle), dictation));
         EXPECT_EQ(restore(handle), row.status == 0 ? 0u : 33u);
         EXPECT_TRUE(same_bytes(read_all(handle), dictation));
-        for (std::string const& name : listing()) {
-            if (name.find(".csf") == 10 && fs::file_size(path(name)) == 5) {
-                fs::remove(path(name)); // still there, and not the driver's
-            }
-        }
         EXPECT_EQ(csf().empty(), row.status != 0);
     }
     EXPECT_EQ(driver().UndoLast(handle), 0u);
     close(handle);
     EXPECT_TRUE(same_bytes(read_file(m_sound), m_audio));
     EXPECT_THAT(listing(), ElementsAre("a.mp3"));
+}
+
+// A name made of the clock that is taken is tried anew with each second, for three seconds or ten,
+// and hardly anything is done meanwhile. Nobody can block it for longer, nor a clock that stands or
+// is set back.
+TEST_F(StatusTest, NamesThatAreTaken) {
+    struct {
+        int64_t nFrom, nTo; // the seconds whose names are taken
+        int64_t nDirection;
+        FFDError store, close;
+    } const rows[] = {
+        {0, 2, 1, 0, 0},    {0, 3, 1, 29, 0},  {0, 9, 1, 29, 0},
+        {0, 99, 1, 29, 29}, {0, 0, 0, 29, 29}, {-99, 0, -1, 29, 29},
+    };
+    for (auto const& row : rows) {
+        SCOPED_TRACE(testing::Message() << row.nFrom << " " << row.nTo << " " << row.nDirection);
+        FFDHandle const handle = (put({}), open_with(m_sound, m_audio));
+        ASSERT_EQ(erase(handle, 96, 192), 0u);
+        int64_t const nBegin = g_nMilliseconds = 6000000000000;
+        g_nDirection = row.nDirection;
+        Files taken;
+        for (char const* pszExtension : {".csf", ".MP3"}) {
+            for (int64_t nSecond = row.nFrom; nSecond <= row.nTo; ++nSecond) {
+                std::string const name = std::to_string(nBegin / 1000 + nSecond) + pszExtension;
+                write_file(path(name), taken[name] = "taken");
+            }
+        }
+        auto const begin = [&] {
+            g_nMilliseconds = nBegin;
+            g_nLooks = 0;
+            platform_faults::reset();
+        };
+        begin();
+        EXPECT_EQ(store(handle), row.store);
+        EXPECT_EQ(csf().empty(), row.store != 0);
+        EXPECT_LE(platform_faults::count(Call::CreateFile), 4u);
+        begin();
+        close(handle, row.close);
+        EXPECT_LE(platform_faults::count(Call::CreateFile), 20u);
+        EXPECT_LE(g_nLooks, 130u);
+        Files left = files();
+        left.erase("a.mp3");
+        left.erase("a.DIR");
+        EXPECT_EQ(left, taken);
+        EXPECT_EQ(exists(path("a.DIR")), row.close != 0);
+    }
 }
 
 } // namespace

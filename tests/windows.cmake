@@ -31,7 +31,8 @@ endforeach()
 
 # The test's own clock: the C library's calls go through pointers.
 target_sources(driver_status_test PRIVATE driver_clock_windows.cpp)
-target_link_options(driver_status_test PRIVATE -Wl,--wrap=__imp__time64)
+target_link_options(driver_status_test PRIVATE -Wl,--wrap=__imp__time64
+    -Wl,--wrap=__imp_Sleep)
 
 # The memory of the test program can be made to run out.
 target_link_options(driver_faults_test PRIVATE -Wl,--wrap=malloc)

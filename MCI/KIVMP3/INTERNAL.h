@@ -2,9 +2,9 @@
 // failure for each call. Nothing here knows of MP3 or of the edit directory, and nothing throws.
 //
 // Every call that takes a handle works at the handle's file pointer; positioning is the caller's
-// business. Platform error numbers stay inside the driver: callers turn them into a status. A helper
-// that traces leaves nothing in GetLastError that a caller could rely on, since the log may change
-// it; where a caller wants the number, *pdwError_p receives it, 0 on success.
+// business. Platform error numbers stay inside the driver: callers turn them into a status. A
+// helper that traces leaves nothing in GetLastError that a caller could rely on, since the log may
+// change it; where a caller wants the number, *pdwError_p receives it, 0 on success.
 #pragma once
 
 #include "ffd.h"
@@ -21,6 +21,11 @@ constexpr LONG KIVMP3_TRANSFER_BUFFER_SIZE = 40960;
 HANDLE KIVMP3_create_file(LPCSTR lpszFilepath_p, DWORD* pdwError_p, DWORD dwDesiredAccess_p,
                           DWORD dwShareMode_p, DWORD dwCreationDistribution_p,
                           DWORD dwFlagsAndAttributes_p);
+
+// The same for a new file (CREATE_NEW) that nobody but its owner may read or write, until it is
+// given other permissions.
+HANDLE KIVMP3_create_private_file(LPCSTR lpszFilepath_p, DWORD* pdwError_p, DWORD dwDesiredAccess_p,
+                                  DWORD dwShareMode_p);
 
 // Closes and nulls the handle; on failure it keeps its value and the result is the error number.
 DWORD KIVMP3_close_file(HANDLE* rhFile_p);

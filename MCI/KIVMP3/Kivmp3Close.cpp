@@ -3,6 +3,7 @@
 // block in playing order, each brought back to whole frames; that file then takes the place of the
 // old.
 
+#include "MCI/KIVMP3/ClockName.h"
 #include "MCI/KIVMP3/INTERNAL.h"
 #include "MCI/KIVMP3/Kivmp3.h"
 #include "MCI/KIVMP3/ReadAhead.h"
@@ -11,16 +12,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 
 #define TRACE_MODULE "XKIVMP3.DLL"
 #include "log/trace.h"
 
 namespace {
 
-// How long the name of the temporary file is tried anew with the time as it then stands, in
-// seconds: a name that is taken is free a second later.
-constexpr int64_t MOST_SECONDS_FOR_NAME = 10;
+// How long a close waits for a name of the temporary file, in seconds.
+constexpr DWORD MOST_SECONDS_FOR_NAME = 10;
 
 } // namespace
 
@@ -149,28 +148,21 @@ void CKivmp3::check_rebuild_space() {
 }
 
 HANDLE CKivmp3::create_temp_file(char (&szTmpPath_p)[MAX_PATH]) {
-    int64_t const llBegin = time(nullptr);
-    for (;;) {
-        int64_t const llNow = time(nullptr);
-        int const nLength = snprintf(szTmpPath_p, sizeof szTmpPath_p, "%s%lld%s",
-                                     m_cstrWorkPath.c_str(), static_cast<long long>(llNow), ".MP3");
-        if (nLength < 0 || nLength >= MAX_PATH) {
-            TRACE_ERROR(FFD_FILE_IO_ERROR, "FFD_FILE_IO_ERROR: cannot create temp file");
-            throw FFDError{FFD_FILE_IO_ERROR};
+    CClockName oName(m_cstrWorkPath.c_str(), ".MP3", MOST_SECONDS_FOR_NAME, true);
+    DWORD dwError = NO_ERROR;
+    do {
+        if (!oName.form(szTmpPath_p)) {
+            break;
         }
-        DWORD dwError = NO_ERROR;
-        HANDLE const hNewFile = KIVMP3_create_file(
-            szTmpPath_p, &dwError, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
-            CREATE_NEW, FILE_ATTRIBUTE_NORMAL);
-        if (dwError == NO_ERROR) {
+        HANDLE const hNewFile =
+            KIVMP3_create_private_file(szTmpPath_p, &dwError, GENERIC_READ | GENERIC_WRITE,
+                                       FILE_SHARE_READ | FILE_SHARE_WRITE);
+        if (hNewFile != nullptr) {
             return hNewFile;
         }
-        bool const bTaken = dwError == ERROR_FILE_EXISTS || dwError == ERROR_ALREADY_EXISTS;
-        if (!bTaken || llNow - llBegin >= MOST_SECONDS_FOR_NAME || llNow < llBegin) {
-            TRACE_ERROR(FFD_FILE_IO_ERROR, "FFD_FILE_IO_ERROR: cannot create temp file");
-            throw FFDError{FFD_FILE_IO_ERROR};
-        }
-    }
+    } while (oName.wait_if_taken(dwError));
+    TRACE_ERROR(FFD_FILE_IO_ERROR, "FFD_FILE_IO_ERROR: cannot create temp file");
+    throw FFDError{FFD_FILE_IO_ERROR};
 }
 
 void CKivmp3::reorganize(HANDLE hNewFile) {

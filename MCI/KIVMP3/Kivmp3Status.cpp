@@ -6,10 +6,10 @@
 // m_ffdDataLengthInBy and m_msLength (32 bits each), without any gap; docs/formats.md shows one.
 
 #include "MCI/convert.h"
+#include "MCI/KIVMP3/ClockName.h"
 #include "MCI/KIVMP3/INTERNAL.h"
 #include "MCI/KIVMP3/Kivmp3.h"
 
-#include <cstdio>
 #include <cstring>
 #include <ctime>
 
@@ -18,8 +18,8 @@
 
 namespace {
 
-// How long a name that is taken is tried anew with the time as it then stands, in seconds.
-constexpr int64_t MOST_SECONDS_FOR_NAME = 3;
+// How long a store waits for a name, in seconds.
+constexpr DWORD MOST_SECONDS_FOR_NAME = 3;
 
 void write_field(HANDLE hFile_p, void const* pvField_p, DWORD dwBytes_p, LPCSTR pszFailed_p) {
     DWORD dwBytesWritten = 0;
@@ -98,29 +98,32 @@ void CKivmp3::create_status_file() {
         TRACE_ERROR(0, "KIVWAVE_get_system_temp_path(szTmpPath, _MAX_PATH)");
         throw FFDError{FFD_FILE_IO_ERROR};
     }
-    int64_t const llBegin = time(nullptr);
-    for (;;) {
-        int64_t const llNow = time(nullptr);
-        int const nLength = snprintf(m_szFileStatusPath, sizeof m_szFileStatusPath, "%s%lld%s",
-                                     szTmpPath, static_cast<long long>(llNow), ".csf");
-        if (nLength < 0 || nLength >= MAX_PATH) {
-            m_szFileStatusPath[0] = '\0';
+    // The host may change the working directory while the status is stored.
+    char szFullPath[MAX_PATH];
+    DWORD dwDirectoryLength = 0;
+    DWORD dwError = NO_ERROR;
+    if (!KIVMP3_get_full_path(szTmpPath, szFullPath, &dwDirectoryLength, &dwError)) {
+        if (dwError == ERROR_FILENAME_EXCED_RANGE) {
             throw FFDError{FFD_FILE_IO_ERROR};
         }
-        m_hStatusFile = CreateFileA(m_szFileStatusPath, GENERIC_READ | GENERIC_WRITE, 0, nullptr,
-                                    CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
+        memcpy(szFullPath, szTmpPath, sizeof szFullPath);
+    }
+    CClockName oName(szFullPath, ".csf", MOST_SECONDS_FOR_NAME, false);
+    do {
+        if (!oName.form(m_szFileStatusPath)) {
+            break;
+        }
+        m_hStatusFile =
+            PlatformCreatePrivateFile(m_szFileStatusPath, GENERIC_READ | GENERIC_WRITE, 0);
         if (m_hStatusFile != INVALID_HANDLE_VALUE) {
             return;
         }
-        DWORD const dwError = GetLastError();
+        dwError = GetLastError();
         TRACE_ERROR(dwError, "GetLastError() after CreateFile(...) Filestatus file");
         m_hStatusFile = nullptr;
         m_szFileStatusPath[0] = '\0'; // the name belongs to somebody else
-        bool const bTaken = dwError == ERROR_FILE_EXISTS || dwError == ERROR_ALREADY_EXISTS;
-        if (!bTaken || llNow - llBegin >= MOST_SECONDS_FOR_NAME || llNow < llBegin) {
-            throw FFDError{FFD_FILE_IO_ERROR};
-        }
-    }
+    } while (oName.wait_if_taken(dwError));
+    throw FFDError{FFD_FILE_IO_ERROR};
 }
 
 void CKivmp3::write_status() {
