@@ -145,6 +145,10 @@ void use_ini(char const* path) {
     read_ini();
 }
 
+void give_up() {
+    set_gate(Level::Off);
+}
+
 int destination() {
     return current.load(std::memory_order_acquire);
 }

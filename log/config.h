@@ -24,4 +24,8 @@ void use_ini(char const* path);
 // The descriptor that takes the lines, or -1.
 int destination();
 
+// Turns the log off because nobody reads what goes to its descriptor, until an initialisation file
+// names another place.
+void give_up();
+
 } // namespace xkivlog

@@ -49,8 +49,11 @@ int open_standard_error();
 // moment reaches the old file or the new one and no other. Closes `fresh`.
 bool replace(int kept, int fresh);
 
-// One write for the whole line where the system permits. Failures are swallowed.
-void write_line(int descriptor, char const* line, size_t length);
+// One write for the whole line, of kMaxLine bytes at most, where the system permits. A line that a
+// full pipe, a full disk or a limit does not let through is dropped: this never waits for the
+// reader of a pipe or a socket, and no signal comes of it. False if nobody reads it any more, and
+// nobody ever will.
+bool write_line(int descriptor, char const* line, size_t length);
 
 // Writes to standard error as it stands; on Windows not into a pipe.
 void complain(char const* line, size_t length);

@@ -2,11 +2,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <mutex>
+#include <poll.h>
 #include <pthread.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -25,6 +28,53 @@ int move_above_standard(int descriptor) {
     int const moved = fcntl(descriptor, F_DUPFD_CLOEXEC, kFirstOwnDescriptor);
     close(descriptor);
     return moved;
+}
+
+// Keeps a write from ending the process: a pipe without a reader raises SIGPIPE, a file at the
+// limit of its size SIGXFSZ. They are held back from this thread alone, and one that came is taken
+// away, unless it was there before. What the process does with them stays as the host has it.
+class HoldSignals {
+public:
+    HoldSignals() {
+        sigemptyset(&held_);
+        sigaddset(&held_, SIGPIPE);
+        sigaddset(&held_, SIGXFSZ);
+        pthread_sigmask(SIG_BLOCK, &held_, &before_);
+        sigpending(&pendingBefore_);
+    }
+    ~HoldSignals() {
+        for (int const signal : {SIGPIPE, SIGXFSZ}) {
+            sigset_t one;
+            sigemptyset(&one);
+            sigaddset(&one, signal);
+            timespec const noTime{};
+            if (failed_ && sigismember(&pendingBefore_, signal) == 0)
+                sigtimedwait(&one, nullptr, &noTime);
+        }
+        pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+    }
+    HoldSignals(HoldSignals const&) = delete;
+    HoldSignals& operator=(HoldSignals const&) = delete;
+
+    // A write failed, and may have raised one.
+    void write_failed() { failed_ = true; }
+
+private:
+    sigset_t held_, before_, pendingBefore_;
+    bool failed_ = false;
+};
+
+// Whether a write would go through at once: a line is shorter than what a pipe takes in one piece.
+// A pipe without a reader counts as ready, so that the write finds that out.
+bool is_ready(int descriptor) {
+    pollfd asked{descriptor, POLLOUT, 0};
+    return poll(&asked, 1, 0) == 1;
+}
+
+ssize_t write_some(int descriptor, mode_t mode, char const* text, size_t length) {
+    if (S_ISSOCK(mode))
+        return send(descriptor, text, length, MSG_DONTWAIT | MSG_NOSIGNAL);
+    return write(descriptor, text, length);
 }
 
 } // namespace
@@ -75,6 +125,15 @@ int open_for_append(char const* path) {
 }
 
 int open_standard_error() {
+    struct stat status {};
+    if (fstat(STDERR_FILENO, &status) == 0 && S_ISFIFO(status.st_mode)) {
+        // The pipe once more: here a write may be told not to wait, for which the host's own way of
+        // writing would change along with a mere copy.
+        int const own = move_above_standard(
+            open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+        if (own >= 0)
+            return own;
+    }
     return fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, kFirstOwnDescriptor);
 }
 
@@ -84,16 +143,26 @@ bool replace(int kept, int fresh) {
     return replaced;
 }
 
-void write_line(int descriptor, char const* line, size_t length) {
+bool write_line(int descriptor, char const* line, size_t length) {
+    struct stat status {};
+    if (fstat(descriptor, &status) != 0)
+        return true;
+    if (S_ISFIFO(status.st_mode) && !is_ready(descriptor))
+        return true;
+    HoldSignals signals;
     while (length > 0) {
-        ssize_t const written = write(descriptor, line, length);
+        ssize_t const written = write_some(descriptor, status.st_mode, line, length);
         if (written < 0 && errno == EINTR)
             continue;
-        if (written <= 0)
-            return;
+        if (written <= 0) {
+            bool const gone = errno == EPIPE || errno == ECONNRESET;
+            signals.write_failed();
+            return !gone;
+        }
         line += written;
         length -= static_cast<size_t>(written);
     }
+    return true;
 }
 
 void complain(char const* line, size_t length) {
@@ -113,7 +182,8 @@ FileStamp stamp_of(char const* path) {
 }
 
 size_t read_start(char const* path, char* buffer, size_t capacity) {
-    int const descriptor = open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+    int const descriptor =
+        move_above_standard(open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
     if (descriptor < 0)
         return 0;
     size_t length = 0;

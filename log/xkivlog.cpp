@@ -47,7 +47,8 @@ bool is_wanted(Level level) {
 void put(xkivlog::Line& line) {
     if (int const descriptor = xkivlog::destination(); descriptor >= 0) {
         auto const text = line.finish();
-        xkivlog::os::write_line(descriptor, text.data(), text.size());
+        if (!xkivlog::os::write_line(descriptor, text.data(), text.size()))
+            xkivlog::give_up();
     }
 }
 

@@ -2,8 +2,10 @@
 // each case calls the library in a forked child and looks at what that left behind.
 #include "log/xkivlog.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
@@ -14,6 +16,8 @@
 #include <map>
 #include <regex>
 #include <string>
+#include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -299,6 +303,65 @@ TEST_F(LogTest, RepeatedInitFollowsChangesAndNothingElse) {
     });
     EXPECT_THAT(messages(other), ElementsAre("5 (0x00000005) other"));
     EXPECT_THAT(messages(log), ElementsAre("two", "three"));
+}
+
+// A reader that is gone or does not read, and a limit on the size of files: lines are lost, and
+// nothing else. Neither the signals of the host nor the way in which its own descriptor waits
+// change.
+TEST_F(LogTest, NeverEndsNorStopsItsHost) {
+    auto const into = [](std::function<int(int(&)[2])> const& make, bool gone) {
+        int ends[2];
+        ASSERT_EQ(0, make(ends));
+        dup2(ends[1], STDERR_FILENO);
+        close(ends[1]);
+        if (gone)
+            close(ends[0]);
+        else
+            dup2(ends[0], STDIN_FILENO);
+    };
+    auto const pipe_ends = [](int(&ends)[2]) { return pipe(ends); };
+    auto const sockets = [](int(&ends)[2]) { return socketpair(AF_UNIX, SOCK_STREAM, 0, ends); };
+    std::vector<std::function<void()>> const places{
+        [&] { into(pipe_ends, true); },
+        [&] { into(pipe_ends, false); },
+        [&] { into(sockets, true); },
+        [&] { into(sockets, false); },
+        [&] {
+            rlimit const limit{100000, 100000};
+            ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &limit));
+            dup2(open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), STDERR_FILENO);
+        },
+    };
+    for (char const* variable : {"all", "no such level"}) // the complaint goes there, too
+        for (size_t i = 0; i < places.size(); ++i) {
+            SCOPED_TRACE(i);
+            fs::remove(log);
+            run(variable, [&] {
+                places[i]();
+                alarm(10);
+                int const flags = fcntl(STDERR_FILENO, F_GETFL);
+                std::string const text(1000, 'x');
+                for (int n = 0; n < 2000; ++n)
+                    LogInfo("M", "place.cpp", 7, text.c_str());
+                sigset_t blocked, pending;
+                sigprocmask(SIG_BLOCK, nullptr, &blocked);
+                sigpending(&pending);
+                for (int const signal : {SIGPIPE, SIGXFSZ})
+                    if (sigismember(&blocked, signal) || sigismember(&pending, signal))
+                        _exit(1);
+                if (flags != fcntl(STDERR_FILENO, F_GETFL))
+                    _exit(2);
+                // What a reader comes to read later are whole lines.
+                std::string read_back(1 << 22, '\0');
+                if (i == 1 || i == 3) {
+                    ssize_t const size = read(STDIN_FILENO, &read_back[0], read_back.size());
+                    read_back.resize(static_cast<size_t>(std::max<ssize_t>(size, 0)));
+                    if (read_back.empty() || read_back.back() != '\n')
+                        _exit(3);
+                }
+            });
+        }
+    EXPECT_LE(fs::file_size(log), 100000U);
 }
 
 TEST_F(LogTest, ProcessesAndThreadsAppendWholeLines) {
