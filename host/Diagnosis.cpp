@@ -1,5 +1,6 @@
 #include "Diagnosis.h"
 
+#include "Beside.h"
 #include "Printable.h"
 #include "System.h"
 
@@ -326,9 +327,9 @@ Diagnosis diagnose(Driver const& driver, std::string const& file) {
             diagnosis.readStatus = failure.status();
         }
         if (walk.first) {
-            std::ifstream stream(walk.path, std::ios::binary);
-            diagnosis.inFront = regions_in_front(stream, walk.fileSize, walk.firstFrameOffset);
-            diagnosis.behind = regions_behind(stream, walk.fileSize, walk.audioEndOffset);
+            InputFile const sound(walk.path);
+            diagnosis.inFront = regions_in_front(sound, walk.firstFrameOffset);
+            diagnosis.behind = regions_behind(sound, walk.fileSize, walk.audioEndOffset);
         }
     }
     look_around(diagnosis);

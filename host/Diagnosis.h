@@ -24,8 +24,8 @@ struct Diagnosis {
     NextOpen next;
     // What the driver answers to an open for reading of the file as it is named now, or will be.
     FFDError readStatus = FFD_NOERROR;
-    std::vector<Region> inFront; // of the audio
-    std::vector<Region> behind;
+    Regions inFront; // of the audio
+    Regions behind;
     std::vector<std::filesystem::path> copies; // rebuilt files of a close that failed, of any file
     std::vector<std::filesystem::path> setAside; // .DIR and .CLM files of this name
     std::vector<Finding> findings;               // the gravest first

@@ -166,8 +166,8 @@ void print_sound(Diagnosis const& diagnosis) {
                             ? ", tells of " + std::to_string(*walk.infoFrame->frames) + " frames"
                             : ""));
     }
-    print_regions("In front", diagnosis.inFront);
-    print_regions("Behind", diagnosis.behind);
+    print_regions("In front", regions_json(diagnosis.inFront));
+    print_regions("Behind", regions_json(diagnosis.behind));
 }
 
 } // namespace

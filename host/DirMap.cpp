@@ -1,10 +1,10 @@
 #include "DirMap.h"
 
 #include "Bytes.h"
+#include "Files.h"
 #include "Status.h"
 
 #include <algorithm>
-#include <fstream>
 
 namespace ffdhost {
 
@@ -21,18 +21,12 @@ constexpr uint64_t kLargestFile = uint64_t{16} << 20; // what the driver still a
                   "as .DIR.bad and takes the audio as one block.");
 }
 
-std::vector<uint8_t> read_whole(std::filesystem::path const& path) {
-    std::ifstream stream(path, std::ios::binary | std::ios::ate);
-    std::streamoff const size = stream.tellg();
-    if (!stream || size < 0) {
-        throw Failure("read directory", path.string(), FFD_FILE_IO_ERROR);
-    }
-    if (static_cast<uint64_t>(size) > kLargestFile) {
+std::vector<uint8_t> read_whole(std::filesystem::path const& path, InputFile const& file) {
+    if (file.size() > kLargestFile) {
         damaged(path, "it is larger than 16 MiB");
     }
-    std::vector<uint8_t> bytes(static_cast<size_t>(size));
-    stream.seekg(0);
-    if (!stream.read(reinterpret_cast<char*>(bytes.data()), size)) {
+    std::vector<uint8_t> bytes = file.read_at(0, static_cast<size_t>(file.size()));
+    if (bytes.size() != file.size()) {
         throw Failure("read directory", path.string(), FFD_FILE_IO_ERROR);
     }
     return bytes;
@@ -79,29 +73,14 @@ char const* state_text(BlockState state) {
     return "";
 }
 
-std::filesystem::path beside(std::string const& soundFile, std::string const& extension) {
-    std::string const name = std::filesystem::path(soundFile).filename().string();
-    return std::filesystem::path(soundFile).replace_filename(name.substr(0, name.rfind('.')) +
-                                                             extension);
-}
-
-std::filesystem::path dir_file_of(std::string const& soundFile) {
-    return beside(soundFile, ".DIR");
-}
-
-std::optional<uint64_t> leftover_size(std::string const& soundFile) {
-    std::error_code error;
-    uint64_t const size = std::filesystem::file_size(dir_file_of(soundFile), error);
-    return error ? std::nullopt : std::optional(size);
-}
-
 std::optional<DirMap> read_dir_file(std::filesystem::path const& path) {
-    std::error_code error;
-    if (!std::filesystem::exists(path, error)) {
+    std::optional<InputFile> const file = InputFile::find_own(path);
+    if (!file) {
         return std::nullopt;
     }
-    std::vector<uint8_t> const bytes = read_whole(path);
+    std::vector<uint8_t> const bytes = read_whole(path, *file);
     DirMap map;
+    map.blocks.reserve(bytes.size() / kEntrySize);
     size_t offset = 0;
     for (; offset < bytes.size() && bytes[offset] != 0; offset += kEntrySize) {
         std::string const entry = "entry " + std::to_string(map.blocks.size());

@@ -33,18 +33,9 @@ struct DirMap {
 
 char const* state_text(BlockState state);
 
-// The file beside a sound file with its stem and another extension (dot included).
-std::filesystem::path beside(std::string const& soundFile, std::string const& extension);
-
-// The .DIR file that belongs to a sound file. Files that differ in their extension share one.
-std::filesystem::path dir_file_of(std::string const& soundFile);
-
-// The size of the .DIR file beside a sound file; nothing if there is none. It is 0 as long as an
-// open for writing has seen no edit.
-std::optional<uint64_t> leftover_size(std::string const& soundFile);
-
 // The blocks of a .DIR file; nothing if there is none or it names no block, as before the first
-// edit. Throws a Failure with FFD_DIRECTORY_MISMATCH if the file is damaged.
+// edit. Throws a Failure with FFD_DIRECTORY_MISMATCH if the file is damaged, and with
+// FFD_FILE_IO_ERROR if it can't be read or the name is that of a link or no regular file.
 std::optional<DirMap> read_dir_file(std::filesystem::path const& path);
 
 // An unedited dictation: all the audio of the file in one block.

@@ -22,9 +22,12 @@ std::filesystem::path resolved(std::filesystem::path const& path) {
     if (!path.empty()) {
         return std::filesystem::absolute(path);
     }
-    std::filesystem::path const beside = program_directory() / kDriverFileName;
-    std::filesystem::path const installed =
-        program_directory() / FFDHOST_LIBRARY_DIRECTORY / kDriverFileName;
+    std::filesystem::path const own = program_directory();
+    if (own.empty()) {
+        load_failed(kDriverFileName, FFD_FILE_NOT_FOUND, "where this program lies can't be found");
+    }
+    std::filesystem::path const beside = own / kDriverFileName;
+    std::filesystem::path const installed = own / FFDHOST_LIBRARY_DIRECTORY / kDriverFileName;
     std::error_code error;
     return !exists(beside, error) && exists(installed, error) ? installed : beside;
 }

@@ -27,7 +27,7 @@ struct Place {
 };
 
 // Bytes of the file that belong to no block: tags, or what else stands there.
-struct Gap {
+struct LaneGap {
     uint64_t fileFrom;
     uint64_t fileTo;
     uint64_t lies; // bytes of audio in front of it in the file
@@ -38,7 +38,7 @@ struct Gap {
 
 struct Lanes {
     std::vector<Place> places; // in the order of the directory
-    std::vector<Gap> gaps;     // in file order
+    std::vector<LaneGap> gaps; // in file order
     uint64_t gapsLeftOut = 0;  // only a foreign directory has more than are worth drawing
     uint64_t dictationLength = 0;
     uint64_t audioLength = 0; // of all blocks, deleted ones too

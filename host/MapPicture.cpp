@@ -2,6 +2,7 @@
 
 #include "Output.h"
 #include "Position.h"
+#include "Printable.h"
 
 #include <algorithm>
 #include <array>
@@ -78,44 +79,45 @@ text{font-family:system-ui,"Segoe UI","DejaVu Sans",Helvetica,Arial,sans-serif;f
 </defs>
 )svg";
 
-// Text as XML may hold it: valid UTF-8 without control characters.
+// Text as XML may hold it.
 std::string xml_text(std::string const& words) {
-    std::string const valid =
-        Json::parse(Json(words).dump(-1, ' ', false, Json::error_handler_t::replace))
-            .get<std::string>();
     std::string text;
-    for (size_t i = 0; i < valid.size(); ++i) {
-        char const letter = valid[i];
-        bool const control = static_cast<unsigned char>(letter) < 0x20 || letter == 0x7F;
-        // The last two of the first plane are no characters for XML.
-        if (valid.compare(i, 3, "\xEF\xBF\xBE") == 0 || valid.compare(i, 3, "\xEF\xBF\xBF") == 0) {
-            text += "\xEF\xBF\xBD";
-            i += 2;
-        } else if (control) {
-            text += "\xEF\xBF\xBD";
-        } else if (letter == '&') {
+    for (char const letter : printable(words)) {
+        switch (letter) {
+        case '&':
             text += "&amp;";
-        } else if (letter == '<') {
+            break;
+        case '<':
             text += "&lt;";
-        } else if (letter == '>') {
+            break;
+        case '>':
             text += "&gt;";
-        } else if (letter == '"') {
+            break;
+        case '"':
             text += "&quot;";
-        } else {
+            break;
+        default:
             text += letter;
         }
     }
     return text;
 }
 
-// The beginning and the end of a text that is too long to be shown. A letter cut in two is no
-// valid UTF-8, and xml_text takes care of that.
+// The beginning and the end of a text that is too long to be shown.
 std::string shortened(std::string const& words, size_t most) {
     if (words.size() <= most) {
         return words;
     }
-    size_t const half = most / 2;
-    return words.substr(0, half) + " \u2026 " + words.substr(words.size() - half);
+    auto const within_letter = [&](size_t at) { return (words[at] & 0xC0) == 0x80; };
+    size_t front = most / 2;
+    size_t back = words.size() - front;
+    while (front > 0 && within_letter(front)) {
+        --front;
+    }
+    while (back < words.size() && within_letter(back)) {
+        ++back;
+    }
+    return words.substr(0, front) + " \u2026 " + words.substr(back);
 }
 
 // Hundredths of a pixel: rounded ends instead of rounded widths, so that no error adds up.
@@ -180,7 +182,7 @@ private:
     // what is in front of it ends. Only at a gap the two differ.
     double lies_x(uint64_t lies, bool asEnd = false) const {
         double slots = 0;
-        for (Gap const& gap : m_lanes.gaps) {
+        for (LaneGap const& gap : m_lanes.gaps) {
             slots += !gap.inFront && (asEnd ? gap.lies < lies : gap.lies <= lies) ? 1 : 0;
         }
         return kLeft + static_cast<double>(lies) * m_scale + slots * m_slot;
@@ -326,7 +328,7 @@ private:
         std::vector<Label> labels;
         std::vector<double> ends; // of what stands in each line so far
         for (size_t i = 0; i < m_lanes.gaps.size(); ++i) {
-            Gap const& gap = m_lanes.gaps[i];
+            LaneGap const& gap = m_lanes.gaps[i];
             double const from = gap.inFront ? kLeft - kSlot - 2 : lies_x(gap.lies, true);
             double const width = gap.inFront ? kSlot : m_slot;
             std::string const words = m_words.gaps[i] + ", " + bytes_text(gap.size());

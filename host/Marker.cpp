@@ -1,5 +1,6 @@
 #include "Marker.h"
 
+#include "Beside.h"
 #include "Bytes.h"
 #include "DirMap.h"
 #include "Status.h"

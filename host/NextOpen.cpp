@@ -1,5 +1,6 @@
 #include "NextOpen.h"
 
+#include "Beside.h"
 #include "Status.h"
 #include "System.h"
 

@@ -93,13 +93,30 @@ void print_failure(Failure const& failure) {
               << "  " << printable(failure.advice()) << std::endl;
 }
 
+void count_left_out(Json& rows, uint64_t count) {
+    if (count > 0) {
+        rows.push_back({{"left_out", count}});
+    }
+}
+
+bool is_left_out(Json const& row) {
+    return row.contains("left_out");
+}
+
+std::string left_out_text(Json const& row) {
+    return "and " + std::to_string(row["left_out"].get<uint64_t>()) + " more";
+}
+
 std::string bytes_text(uint64_t byteCount) {
     return std::to_string(byteCount) + (byteCount == 1 ? " byte" : " bytes");
 }
 
 std::string length_text(uint64_t byteCount, uint32_t bytesPerSecond) {
-    return time_text(milliseconds_of(byteCount, bytesPerSecond)) + " (" + bytes_text(byteCount) +
-           ")";
+    return length_text(length_json(byteCount, bytesPerSecond));
+}
+
+std::string length_text(Json const& length) {
+    return length["time"].get<std::string>() + " (" + bytes_text(length["bytes"]) + ")";
 }
 
 Json length_json(uint64_t byteCount, uint32_t bytesPerSecond) {

@@ -17,6 +17,10 @@ namespace ffdhost {
 
 using Json = nlohmann::ordered_json;
 
+// A list that is shown ends here, with the count of what is left out: a hostile file can make it as
+// long as it likes.
+constexpr size_t kMostRows = 10000;
+
 constexpr int kExitFailed = 1; // an operation did not work
 constexpr int kExitUsage = 2;  // the command line is wrong; nothing was done
 constexpr int kExitCrash = 3;  // the operation 'crash' of edit
@@ -37,10 +41,16 @@ Json status_json(FFDError status);
 Json failure_json(Failure const& failure);
 void print_failure(Failure const& failure);
 
+// Ends a list of rows that leaves `count` of them out, with a row that says so; 0: with none.
+void count_left_out(Json& rows, uint64_t count);
+bool is_left_out(Json const& row); // whether it is that row
+std::string left_out_text(Json const& row);
+
 // Bytes as "1234 bytes", and with their time as in "0:01.250 (10000 bytes)".
 std::string bytes_text(uint64_t byteCount);
 std::string length_text(uint64_t byteCount, uint32_t bytesPerSecond);
 Json length_json(uint64_t byteCount, uint32_t bytesPerSecond);
+std::string length_text(Json const& length); // of length_json
 
 // Whether a person is watching who sees colours and has not asked for none (NO_COLOR).
 bool stdout_wants_colour();

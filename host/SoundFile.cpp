@@ -1,5 +1,6 @@
 #include "SoundFile.h"
 
+#include "Files.h"
 #include "Output.h"
 
 #include <span>
@@ -27,6 +28,10 @@ void on_driver_message(void* /*hDriver*/, uint32_t message, uintptr_t user, uint
 }
 
 ffd::File open(Driver const& driver, std::string const& path, Access access) {
+    if (is_no_regular_file(path)) {
+        throw Failure(access == Access::Read ? "open for reading" : "open for writing", path,
+                      FFD_FILE_IO_ERROR, "it is no regular file");
+    }
     FFDCallbackParams messages{};
     messages.dwCallback = reinterpret_cast<uint64_t>(&on_driver_message);
     messages.dwUser = reinterpret_cast<uint64_t>(&path);

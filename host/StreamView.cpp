@@ -1,13 +1,13 @@
 #include "StreamView.h"
 
-#include "DirMap.h"
+#include "Beside.h"
+#include "Files.h"
 #include "Output.h"
 #include "Printable.h"
 #include "Status.h"
 #include "Tags.h"
 
 #include <algorithm>
-#include <fstream>
 
 namespace ffdhost {
 
@@ -34,11 +34,10 @@ unsigned mpeg_layer(uint8_t const* header) {
 // behind the tags that holds them is where it found them.
 uint32_t find_audio(std::string const& path, std::vector<uint8_t> const& firstBytes,
                     uint64_t fileSize) {
-    std::ifstream file(path, std::ios::binary);
-    std::vector<Region> const tags = tags_at_front(file, fileSize);
-    uint64_t offset = tags.empty() ? 0 : tags.back().fileOffset + tags.back().size;
+    InputFile const file(path);
+    uint64_t offset = end_of_front_tags(file);
     while (offset < fileSize) {
-        std::vector<uint8_t> const piece = read_at(file, offset, kPieceSize);
+        std::vector<uint8_t> const piece = file.read_at(offset, kPieceSize);
         auto const found =
             std::search(piece.begin(), piece.end(), firstBytes.begin(), firstBytes.end());
         if (found != piece.end()) {
@@ -102,12 +101,24 @@ StreamView look_at(Driver const& driver, std::string const& path) {
     return view;
 }
 
+Json format_json(StreamFormat const& format) {
+    return {{"mpeg_version", format.mpegVersion}, {"layer", format.layer},
+            {"channels", format.wave.channels},   {"sampling_rate", format.wave.samplingRate},
+            {"bitrate", format.wave.bitrate()},   {"bytes_per_second", format.wave.bytesPerSecond},
+            {"frame_size", format.wave.frameSize}};
+}
+
+std::string format_text(Json const& format) {
+    auto const number = [&](char const* name) { return format[name].get<unsigned>(); };
+    return "MPEG " + format["mpeg_version"].get<std::string>() + " Layer " +
+           std::string(number("layer"), 'I') + ", " +
+           (number("channels") == 1 ? "mono" : "stereo") + ", " +
+           std::to_string(number("sampling_rate")) + " Hz, " + std::to_string(number("bitrate")) +
+           " kbit/s";
+}
+
 std::string format_text(StreamFormat const& format) {
-    static char const* const kLayers[] = {"", "I", "II", "III"};
-    return "MPEG " + format.mpegVersion + " Layer " + kLayers[format.layer & 3] + ", " +
-           (format.wave.channels == 1 ? "mono" : "stereo") + ", " +
-           std::to_string(format.wave.samplingRate) + " Hz, " +
-           std::to_string(format.wave.bitrate()) + " kbit/s";
+    return format_text(format_json(format));
 }
 
 std::vector<std::string> format_conflicts(StreamFormat const& clip, StreamFormat const& target) {

@@ -1,6 +1,7 @@
 // A sound file looked at from outside: its format, and where its audio lies in the file.
 #pragma once
 
+#include "Output.h"
 #include "SoundFile.h"
 
 #include <memory>
@@ -37,7 +38,10 @@ std::unique_ptr<SoundFile> open_for_reading(Driver const& driver, std::string co
 // trace on the disk, unlike an open for writing that fails.
 StreamView look_at(Driver const& driver, std::string const& path);
 
+Json format_json(StreamFormat const& format);
+
 // "MPEG 2 Layer III, mono, 22050 Hz, 64 kbit/s"
+std::string format_text(Json const& format); // of format_json
 std::string format_text(StreamFormat const& format);
 
 // What keeps audio of the one format from playing on in a stream of the other, a sentence each.

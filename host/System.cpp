@@ -47,11 +47,13 @@ bool may_write(std::filesystem::path const& path) {
            (attributes & FILE_ATTRIBUTE_READONLY) == 0;
 }
 
+void open_missing_descriptors() {} // handles are not numbered from 0
+
 std::filesystem::path program_directory() {
     wchar_t name[MAX_PATH];
     DWORD const length = GetModuleFileNameW(nullptr, name, MAX_PATH);
     if (length == 0 || length == MAX_PATH) {
-        return std::filesystem::current_path();
+        return {};
     }
     return std::filesystem::path(name).parent_path();
 }
@@ -99,10 +101,6 @@ void tell_when_interrupted(std::string const& words) {
     SetConsoleCtrlHandler(on_interrupt, TRUE);
 }
 
-void make_stdout_binary() {
-    _setmode(_fileno(stdout), _O_BINARY);
-}
-
 void make_stdin_binary() {
     _setmode(_fileno(stdin), _O_BINARY);
 }
@@ -119,7 +117,9 @@ void end_process(int exitCode) {
 
 #include <csignal>
 #include <cstring>
+#include <fcntl.h>
 #include <string_view>
+#include <sys/auxv.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -137,10 +137,24 @@ bool may_write(std::filesystem::path const& path) {
     return access(path.c_str(), W_OK) == 0;
 }
 
+void open_missing_descriptors() {
+    for (int const each : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        // The lowest that is free is taken, and those below are open by now.
+        if (fcntl(each, F_GETFD) < 0 &&
+            open("/dev/null", each == STDIN_FILENO ? O_WRONLY : O_RDONLY) != each) {
+            _exit(1);
+        }
+    }
+}
+
 std::filesystem::path program_directory() {
     std::error_code error;
-    std::filesystem::path const program = std::filesystem::read_symlink("/proc/self/exe", error);
-    return error ? std::filesystem::current_path() : program.parent_path();
+    std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", error);
+    if (error) { // without /proc: what the system was told to run, which is no search
+        auto const* const name = reinterpret_cast<char const*>(getauxval(AT_EXECFN));
+        program = std::filesystem::canonical(name == nullptr ? "" : name, error);
+    }
+    return error ? std::filesystem::path() : program.parent_path();
 }
 
 bool is_terminal(Stream stream) {
@@ -198,8 +212,6 @@ void tell_when_interrupted(std::string const& words) {
     }
     sigprocmask(SIG_SETMASK, &before, nullptr);
 }
-
-void make_stdout_binary() {}
 
 void make_stdin_binary() {}
 

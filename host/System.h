@@ -22,7 +22,11 @@ bool same_file_name(std::filesystem::path const& name1, std::filesystem::path co
 // Whether this user may write to a file, or make files in a directory. Nothing is opened.
 bool may_write(std::filesystem::path const& path);
 
-// The directory of the running program; the working directory if the system does not tell.
+// Opens what is missing of the descriptors 0 to 2, so that no file of the program or of the driver
+// gets one of them and is written into as standard output. What was missing fails when it is used.
+void open_missing_descriptors();
+
+// The directory of the running program; empty if the system does not tell.
 std::filesystem::path program_directory();
 
 enum class Stream { Output, Error };
@@ -43,8 +47,7 @@ bool terminal_shows_utf8();
 // bytes.
 void tell_when_interrupted(std::string const& words);
 
-// Keeps the system from translating line ends in what goes to stdout, or comes from stdin.
-void make_stdout_binary();
+// Keeps the system from translating line ends in what comes from stdin.
 void make_stdin_binary();
 
 // Ends the process on the spot, without a word to any library.

@@ -1,8 +1,10 @@
 #include "Tags.h"
 
 #include "Bytes.h"
+#include "Output.h"
 
 #include <algorithm>
+#include <deque>
 #include <optional>
 #include <string_view>
 
@@ -22,8 +24,8 @@ std::string_view text_of(std::vector<uint8_t> const& bytes) {
     return {reinterpret_cast<char const*>(bytes.data()), bytes.size()};
 }
 
-std::optional<Region> id3v2_at(std::istream& file, uint64_t fileOffset, uint64_t fileSize) {
-    std::vector<uint8_t> const header = read_at(file, fileOffset, kId3v2HeaderSize);
+std::optional<Region> id3v2_at(InputFile const& file, uint64_t fileOffset, uint64_t fileSize) {
+    std::vector<uint8_t> const header = file.read_at(fileOffset, kId3v2HeaderSize);
     if (header.size() < kId3v2HeaderSize || !text_of(header).starts_with("ID3")) {
         return std::nullopt;
     }
@@ -44,11 +46,11 @@ std::optional<Region> id3v2_at(std::istream& file, uint64_t fileOffset, uint64_t
 
 // The tags that can end a file, each between `from` and `to`. A tag is recognised by its end.
 
-std::optional<Region> id3v1_before(std::istream& file, uint64_t from, uint64_t to) {
+std::optional<Region> id3v1_before(InputFile const& file, uint64_t from, uint64_t to) {
     if (to - from < kId3v1Size) {
         return std::nullopt;
     }
-    std::vector<uint8_t> const tag = read_at(file, to - kId3v1Size, kId3v1Size);
+    std::vector<uint8_t> const tag = file.read_at(to - kId3v1Size, kId3v1Size);
     if (tag.size() < kId3v1Size || !text_of(tag).starts_with("TAG")) {
         return std::nullopt;
     }
@@ -57,11 +59,11 @@ std::optional<Region> id3v1_before(std::istream& file, uint64_t from, uint64_t t
     return Region{"ID3v1", hasTrack ? "1.1" : "1.0", to - kId3v1Size, kId3v1Size};
 }
 
-std::optional<Region> ape_before(std::istream& file, uint64_t from, uint64_t to) {
+std::optional<Region> ape_before(InputFile const& file, uint64_t from, uint64_t to) {
     if (to - from < kApeHeaderSize) {
         return std::nullopt;
     }
-    std::vector<uint8_t> const footer = read_at(file, to - kApeHeaderSize, kApeHeaderSize);
+    std::vector<uint8_t> const footer = file.read_at(to - kApeHeaderSize, kApeHeaderSize);
     if (footer.size() < kApeHeaderSize || !text_of(footer).starts_with("APETAGEX")) {
         return std::nullopt;
     }
@@ -74,12 +76,12 @@ std::optional<Region> ape_before(std::istream& file, uint64_t from, uint64_t to)
     return Region{"APE", le32(&footer[8]) == 1000 ? "1" : "2", to - size, size};
 }
 
-std::optional<Region> lyrics3v2_before(std::istream& file, uint64_t from, uint64_t to) {
+std::optional<Region> lyrics3v2_before(InputFile const& file, uint64_t from, uint64_t to) {
     constexpr uint64_t kTail = kLyrics3SizeField + kLyrics3EndSize;
     if (to - from < kTail) {
         return std::nullopt;
     }
-    std::vector<uint8_t> const tail = read_at(file, to - kTail, kTail);
+    std::vector<uint8_t> const tail = file.read_at(to - kTail, kTail);
     if (tail.size() < kTail || !text_of(tail).ends_with("LYRICS200")) {
         return std::nullopt;
     }
@@ -91,15 +93,15 @@ std::optional<Region> lyrics3v2_before(std::istream& file, uint64_t from, uint64
         size = size * 10 + static_cast<uint64_t>(tail[i] - '0');
     }
     if (size + kTail > to - from ||
-        text_of(read_at(file, to - kTail - size, kLyrics3Begin.size())) != kLyrics3Begin) {
+        text_of(file.read_at(to - kTail - size, kLyrics3Begin.size())) != kLyrics3Begin) {
         return std::nullopt;
     }
     return Region{"Lyrics3", "2", to - kTail - size, size + kTail};
 }
 
-std::optional<Region> lyrics3v1_before(std::istream& file, uint64_t from, uint64_t to) {
+std::optional<Region> lyrics3v1_before(InputFile const& file, uint64_t from, uint64_t to) {
     uint64_t const start = to - std::min(to - from, kLyrics3v1Longest);
-    std::vector<uint8_t> const bytes = read_at(file, start, static_cast<size_t>(to - start));
+    std::vector<uint8_t> const bytes = file.read_at(start, static_cast<size_t>(to - start));
     size_t const begin = text_of(bytes).rfind(kLyrics3Begin);
     if (!text_of(bytes).ends_with("LYRICSEND") || begin == std::string_view::npos) {
         return std::nullopt;
@@ -122,28 +124,37 @@ std::vector<uint8_t> read_at(std::istream& file, uint64_t fileOffset, size_t siz
     return bytes;
 }
 
-std::vector<Region> tags_at_front(std::istream& file, uint64_t fileSize) {
-    std::vector<Region> tags;
-    uint64_t offset = 0;
-    while (std::optional<Region> const tag = id3v2_at(file, offset, fileSize)) {
-        tags.push_back(*tag);
-        offset += tag->size;
+uint64_t end_of_front_tags(InputFile const& file) {
+    uint64_t end = 0;
+    while (std::optional<Region> const tag = id3v2_at(file, end, file.size())) {
+        end += tag->size;
     }
-    return tags;
+    return end;
 }
 
-std::vector<Region> regions_in_front(std::istream& file, uint64_t fileSize,
-                                     uint64_t firstFrameOffset) {
-    std::vector<Region> regions = tags_at_front(file, fileSize);
-    uint64_t const end = regions.empty() ? 0 : regions.back().fileOffset + regions.back().size;
+Regions regions_in_front(InputFile const& file, uint64_t firstFrameOffset) {
+    Regions regions;
+    auto const add = [&](Region const& region) {
+        if (regions.listed.size() < kMostRows) {
+            regions.listed.push_back(region);
+        } else {
+            ++regions.more;
+        }
+    };
+    uint64_t end = 0;
+    while (std::optional<Region> const tag = id3v2_at(file, end, file.size())) {
+        add(*tag);
+        end += tag->size;
+    }
     if (end < firstFrameOffset) {
-        regions.push_back(other(end, firstFrameOffset));
+        add(other(end, firstFrameOffset));
     }
     return regions;
 }
 
-std::vector<Region> regions_behind(std::istream& file, uint64_t fileSize, uint64_t audioEndOffset) {
-    std::vector<Region> regions;
+Regions regions_behind(InputFile const& file, uint64_t fileSize, uint64_t audioEndOffset) {
+    std::deque<Region> found; // from the end of the file on; those that were found last stay
+    Regions regions;
     uint64_t end = fileSize;
     while (end > audioEndOffset) {
         std::optional<Region> tag;
@@ -153,10 +164,14 @@ std::vector<Region> regions_behind(std::istream& file, uint64_t fileSize, uint64
                 tag = recognise(file, audioEndOffset, end);
             }
         }
-        regions.push_back(tag ? *tag : other(audioEndOffset, end));
-        end = regions.back().fileOffset;
+        found.push_front(tag ? *tag : other(audioEndOffset, end));
+        end = found.front().fileOffset;
+        if (found.size() > kMostRows) {
+            found.pop_back();
+            ++regions.more;
+        }
     }
-    std::reverse(regions.begin(), regions.end());
+    regions.listed.assign(found.begin(), found.end());
     return regions;
 }
 

@@ -2,6 +2,8 @@
 // alone; it does not name them either.
 #pragma once
 
+#include "Files.h"
+
 #include <cstdint>
 #include <istream>
 #include <string>
@@ -16,17 +18,23 @@ struct Region {
     uint64_t size; // bytes
 };
 
-// The ID3v2 tags at the front of the file, one behind the other, as far as the driver skips them:
-// a major version above 4, a damaged header, or a tag that reaches behind the end of the file ends
-// the row.
-std::vector<Region> tags_at_front(std::istream& file, uint64_t fileSize);
+// Regions in file order. A file may hold more than anybody reads: the first of them, and how many
+// come behind these.
+struct Regions {
+    std::vector<Region> listed;
+    uint64_t more = 0;
+};
 
-// All bytes in front of the audio, tags and other, in file order.
-std::vector<Region> regions_in_front(std::istream& file, uint64_t fileSize,
-                                     uint64_t firstFrameOffset);
+// The end of the ID3v2 tags at the front of the file, one behind the other, as far as the driver
+// skips them: a major version above 4, a damaged header, or a tag that reaches behind the end of
+// the file ends the row.
+uint64_t end_of_front_tags(InputFile const& file);
 
-// All bytes behind the audio, tags and other, in file order.
-std::vector<Region> regions_behind(std::istream& file, uint64_t fileSize, uint64_t audioEndOffset);
+// All bytes in front of the audio, tags and other.
+Regions regions_in_front(InputFile const& file, uint64_t firstFrameOffset);
+
+// All bytes from the end of the audio to that of the file, tags and other.
+Regions regions_behind(InputFile const& file, uint64_t fileSize, uint64_t audioEndOffset);
 
 // Reads up to `size` bytes; shorter at the end of the file.
 std::vector<uint8_t> read_at(std::istream& file, uint64_t fileOffset, size_t size);

@@ -3,6 +3,7 @@
 // nothing.
 #pragma once
 
+#include "Beside.h"
 #include "DirMap.h"
 #include "Output.h"
 #include "StreamView.h"
@@ -44,23 +45,21 @@ Outcome run_recover(Driver const& driver, std::string const& file, bool copy, bo
 
 // ---- Shared by commands ------------------------------------------------------------------------
 
-// Copies up to `size` bytes of the dictation from the position on into a file, or to standard
-// output if `output` is empty, piece by piece. The result is the count of bytes written.
-uint64_t copy_dictation(SoundFile& sound, uint64_t size, std::string const& output);
+// Copies up to `size` bytes of the dictation from the position on to an output, piece by piece. The
+// result is the count of bytes written.
+uint64_t copy_dictation(SoundFile& sound, uint64_t size, OutputFile output);
 
 // Throws a Failure if `output` is `file` or its .DIR file, even one that is not there: writing it
 // would destroy them, or what the next open would take for one.
 void check_output(std::string const& operation, std::string const& output, std::string const& file);
 
-// The blocks with where they lie and play. `view` is what places them in the file; without it
-// their file offsets are not known.
+// The blocks with where they lie and play, as a list that may end with what is left out. `view` is
+// what places them in the file; without it their file offsets are not known.
 Json map_json(DirMap const& map, std::optional<StreamView> const& view, uint32_t bytesPerSecond);
 void print_map(Json const& blocks);
 
-Json format_json(StreamFormat const& format);
-
 // What stands in front of the audio or behind it.
-Json regions_json(std::vector<Region> const& regions);
-void print_regions(std::string const& name, std::vector<Region> const& regions);
+Json regions_json(Regions const& regions);
+void print_regions(std::string const& name, Json const& regions);
 
 } // namespace ffdhost

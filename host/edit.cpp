@@ -287,7 +287,7 @@ void Editor::undo(Json& result) {
 void Editor::read(EditOp const& op, Json& result) {
     uint32_t const from = m_sound->position();
     uint64_t const wanted = std::min(op.position.to_bytes(m_rate), m_sound->length() - from);
-    uint64_t const done = copy_dictation(*m_sound, wanted, op.path);
+    uint64_t const done = copy_dictation(*m_sound, wanted, OutputFile(op.path, m_file));
     result["from"] = from;
     result["read"] = length_json(done, m_rate);
     result["output"] = op.path;

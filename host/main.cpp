@@ -1,6 +1,8 @@
 // ffdhost: the command line.
 #include "commands.h"
 
+#include "System.h"
+
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
@@ -180,6 +182,12 @@ int report(Failure const& failure, std::string const& file, bool json) {
     return complete.status() == FFD_INVALID_PARAMETER ? kExitUsage : kExitFailed;
 }
 
+Failure stdout_failure() {
+    return {"write output", "standard output", FFD_FILE_IO_ERROR,
+            "the result cannot be written; what was to be done is done",
+            "Check where standard output leads to, and that the disk is not full."};
+}
+
 int run(int argc, char** argv) {
     CLI::App app("Drives the MP3 dictation driver: looks at dictations, reads and edits them.",
                  "ffdhost");
@@ -208,7 +216,8 @@ int run(int argc, char** argv) {
         app.parse(argc, argv);
     } catch (CLI::ParseError const& error) {
         if (error.get_exit_code() == 0) {
-            return app.exit(error); // --help and --version
+            int const code = app.exit(error); // --help and --version
+            return std::cout.flush() ? code : report(stdout_failure(), "", false);
         }
         bool const json = std::find(argv, argv + argc, std::string("--json")) != argv + argc;
         return report(Failure("command line", "", FFD_INVALID_PARAMETER, error.what()), "", json);
@@ -219,7 +228,8 @@ int run(int argc, char** argv) {
         if (arguments.json) {
             print_document(outcome.document);
         }
-        return outcome.exitCode;
+        return std::cout.flush() ? outcome.exitCode
+                                 : report(stdout_failure(), arguments.file, false);
     } catch (Failure const& failure) {
         return report(failure, arguments.file, arguments.json);
     } catch (std::bad_alloc const&) {
@@ -234,6 +244,7 @@ int run(int argc, char** argv) {
 } // namespace
 
 int main(int argc, char** argv) {
+    ffdhost::open_missing_descriptors();
     try {
         return run(argc, argv);
     } catch (...) {

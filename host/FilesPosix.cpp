@@ -1,0 +1,155 @@
+#include "Files.h"
+
+#include "FilesPosix.h"
+#include "Status.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+#include <utility>
+
+namespace ffdhost {
+
+namespace {
+
+char const* const kAccessList = "system.posix_acl_access";
+
+[[noreturn]] void fail_to_read(std::filesystem::path const& path, std::string const& words) {
+    throw Failure("open file", path.string(), FFD_FILE_IO_ERROR, words);
+}
+
+// Without O_NONBLOCK the open of a pipe would wait.
+int open_to_read(std::filesystem::path const& path, int flags) {
+    return open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | flags);
+}
+
+} // namespace
+
+bool is_no_regular_file(std::filesystem::path const& path) {
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
+}
+
+void restrict_as(int file, int like, mode_t mask) {
+    struct stat original {};
+    struct stat made {};
+    mode_t mode = 0600;
+    if (fstat(like, &original) == 0 && fstat(file, &made) == 0) {
+        mode = original.st_mode & 0666;
+        if (made.st_gid != original.st_gid) {
+            mode &= ~070U | (mode & 07) << 3; // another group gets what all get, at most
+        }
+    }
+    // With a list the bits of the group are those of the list, and the list is not copied.
+    if (fgetxattr(like, kAccessList, nullptr, 0) > 0) {
+        mode &= 0600;
+    }
+    fremovexattr(file, kAccessList); // what the folder gives to new files
+    fchmod(file, mode & ~mask);
+}
+
+Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
+    if (this != &other) {
+        close();
+        m_number = other.release();
+    }
+    return *this;
+}
+
+int Descriptor::release() {
+    return std::exchange(m_number, -1);
+}
+
+bool Descriptor::close() {
+    int const number = release();
+    return number < 0 || ::close(number) == 0;
+}
+
+InputFile::InputFile(std::filesystem::path const& path)
+    : InputFile(path, Descriptor(open_to_read(path, 0))) {}
+
+InputFile::InputFile(std::filesystem::path path, Descriptor file)
+    : m_path(std::move(path)), m_file(std::move(file)) {
+    struct stat status {};
+    if (m_file.number() < 0 || fstat(m_file.number(), &status) != 0) {
+        bool const isLink = errno == ELOOP;
+        fail_to_read(m_path, isLink ? "it is a symbolic link" : std::strerror(errno));
+    }
+    if (!S_ISREG(status.st_mode)) {
+        fail_to_read(m_path, "it is no regular file");
+    }
+    m_size = static_cast<uint64_t>(status.st_size);
+}
+
+std::optional<InputFile> InputFile::find_own(std::filesystem::path const& path) {
+    Descriptor file(open_to_read(path, O_NOFOLLOW));
+    if (file.number() < 0 && (errno == ENOENT || errno == ENOTDIR)) {
+        return std::nullopt;
+    }
+    return InputFile(path, std::move(file));
+}
+
+std::vector<uint8_t> InputFile::read_at(uint64_t fileOffset, size_t size) const {
+    std::vector<uint8_t> bytes(size);
+    size_t done = 0;
+    while (done < size) {
+        ssize_t const count = pread(m_file.number(), bytes.data() + done, size - done,
+                                    static_cast<off_t>(fileOffset + done));
+        if (count < 0 && errno != EINTR) {
+            throw Failure("read file", m_path.string(), FFD_FILE_IO_ERROR, std::strerror(errno));
+        }
+        if (count == 0) {
+            break;
+        }
+        done += count > 0 ? static_cast<size_t>(count) : 0;
+    }
+    bytes.resize(done);
+    return bytes;
+}
+
+OutputFile::OutputFile(std::string name, std::filesystem::path const& privateAs)
+    : m_name(std::move(name)) {
+    if (m_name.empty()) {
+        return;
+    }
+    m_file = Descriptor(open(m_name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (m_file.number() >= 0) {
+        mode_t const mask = umask(077);
+        umask(mask);
+        restrict_as(m_file.number(), Descriptor(open_to_read(privateAs, 0)).number(), mask);
+    } else if (errno == EEXIST) {
+        m_file = Descriptor(open(m_name.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
+    }
+    if (m_file.number() < 0) {
+        fail();
+    }
+}
+
+void OutputFile::write(std::span<uint8_t const> bytes) {
+    int const file = m_name.empty() ? STDOUT_FILENO : m_file.number();
+    while (!bytes.empty()) {
+        ssize_t const count = ::write(file, bytes.data(), bytes.size());
+        if (count < 0 && errno != EINTR) {
+            fail();
+        }
+        bytes = bytes.subspan(count > 0 ? static_cast<size_t>(count) : 0);
+    }
+}
+
+void OutputFile::close() {
+    if (!m_file.close()) {
+        fail();
+    }
+}
+
+void OutputFile::fail() const {
+    throw Failure("write output", m_name.empty() ? "standard output" : m_name, FFD_FILE_IO_ERROR,
+                  std::string("the output cannot be written: ") + std::strerror(errno),
+                  "Check the permissions of the output, and that the disk is not full.");
+}
+
+} // namespace ffdhost

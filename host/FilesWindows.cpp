@@ -1,0 +1,139 @@
+// Permissions come from the folder here: what is made in a private folder is private.
+#include "Files.h"
+
+#include "Status.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <io.h>
+#include <sys/stat.h>
+#include <utility>
+
+namespace ffdhost {
+
+namespace {
+
+constexpr int kStandardOutput = 1;
+constexpr size_t kMostAtOnce = size_t{1} << 30;
+
+[[noreturn]] void fail_to_read(std::filesystem::path const& path, std::string const& words) {
+    throw Failure("open file", path.string(), FFD_FILE_IO_ERROR, words);
+}
+
+int open_to_read(std::filesystem::path const& path) {
+    return _wopen(path.c_str(), _O_RDONLY | _O_BINARY | _O_NOINHERIT);
+}
+
+} // namespace
+
+bool is_no_regular_file(std::filesystem::path const& path) {
+    std::error_code error;
+    auto const status = std::filesystem::status(path, error);
+    return std::filesystem::exists(status) && !std::filesystem::is_regular_file(status);
+}
+
+Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
+    if (this != &other) {
+        close();
+        m_number = other.release();
+    }
+    return *this;
+}
+
+int Descriptor::release() {
+    return std::exchange(m_number, -1);
+}
+
+bool Descriptor::close() {
+    int const number = release();
+    return number < 0 || _close(number) == 0;
+}
+
+InputFile::InputFile(std::filesystem::path const& path)
+    : InputFile(path, Descriptor(open_to_read(path))) {}
+
+InputFile::InputFile(std::filesystem::path path, Descriptor file)
+    : m_path(std::move(path)), m_file(std::move(file)) {
+    struct _stat64 status {};
+    if (m_file.number() < 0 || _fstat64(m_file.number(), &status) != 0) {
+        fail_to_read(m_path, std::strerror(errno));
+    }
+    if ((status.st_mode & _S_IFMT) != _S_IFREG) {
+        fail_to_read(m_path, "it is no regular file");
+    }
+    m_size = static_cast<uint64_t>(status.st_size);
+}
+
+std::optional<InputFile> InputFile::find_own(std::filesystem::path const& path) {
+    std::error_code error;
+    auto const status = std::filesystem::symlink_status(path, error);
+    if (!std::filesystem::exists(status)) {
+        return std::nullopt;
+    }
+    if (!std::filesystem::is_regular_file(status)) {
+        fail_to_read(path, "it is no regular file");
+    }
+    return InputFile(path);
+}
+
+std::vector<uint8_t> InputFile::read_at(uint64_t fileOffset, size_t size) const {
+    std::vector<uint8_t> bytes(size);
+    size_t done = 0;
+    bool good = _lseeki64(m_file.number(), static_cast<int64_t>(fileOffset), SEEK_SET) >= 0;
+    while (good && done < size) {
+        auto const most = static_cast<unsigned>(std::min(size - done, kMostAtOnce));
+        int const count = _read(m_file.number(), bytes.data() + done, most);
+        good = count >= 0;
+        if (count == 0) {
+            break;
+        }
+        done += good ? static_cast<size_t>(count) : 0;
+    }
+    if (!good) {
+        throw Failure("read file", m_path.string(), FFD_FILE_IO_ERROR, std::strerror(errno));
+    }
+    bytes.resize(done);
+    return bytes;
+}
+
+OutputFile::OutputFile(std::string name, std::filesystem::path const& /*privateAs*/)
+    : m_name(std::move(name)) {
+    if (m_name.empty()) {
+        _setmode(kStandardOutput, _O_BINARY);
+        return;
+    }
+    m_file = Descriptor(_wopen(std::filesystem::path(m_name).c_str(),
+                               _O_WRONLY | _O_CREAT | _O_TRUNC | _O_BINARY | _O_NOINHERIT,
+                               _S_IREAD | _S_IWRITE));
+    if (m_file.number() < 0) {
+        fail();
+    }
+}
+
+void OutputFile::write(std::span<uint8_t const> bytes) {
+    int const file = m_name.empty() ? kStandardOutput : m_file.number();
+    while (!bytes.empty()) {
+        auto const most = static_cast<unsigned>(std::min(bytes.size(), kMostAtOnce));
+        int const count = _write(file, bytes.data(), most);
+        if (count <= 0) {
+            fail();
+        }
+        bytes = bytes.subspan(static_cast<size_t>(count));
+    }
+}
+
+void OutputFile::close() {
+    if (!m_file.close()) {
+        fail();
+    }
+}
+
+void OutputFile::fail() const {
+    throw Failure("write output", m_name.empty() ? "standard output" : m_name, FFD_FILE_IO_ERROR,
+                  std::string("the output cannot be written: ") + std::strerror(errno),
+                  "Check the permissions of the output, and that the disk is not full.");
+}
+
+} // namespace ffdhost
