@@ -9,32 +9,11 @@ namespace {
 
 class CallsTest : public FolderTest {
 protected:
-    // The calls that the work makes, those for memory and paths left out: "ReadFile 2, WriteFile
-    // 1".
-    static std::string calls(std::function<void()> const& work) {
-        static std::vector<std::pair<Call, char const*>> const kinds = {
-            {Call::CreateFile, "CreateFile"},
-            {Call::CloseHandle, "CloseHandle"},
-            {Call::ReadFile, "ReadFile"},
-            {Call::WriteFile, "WriteFile"},
-            {Call::SetFilePointer, "SetFilePointer"},
-            {Call::SetEndOfFile, "SetEndOfFile"},
-            {Call::GetFileSize, "GetFileSize"},
-            {Call::FlushFileBuffers, "FlushFileBuffers"},
-            {Call::DeleteFile, "DeleteFile"},
-            {Call::MoveFile, "MoveFile"},
-            {Call::GetDiskFreeSpaceEx, "GetDiskFreeSpaceEx"},
-            {Call::CopyBytes, "CopyBytes"}};
+    // How many calls the work makes.
+    static unsigned calls(std::function<void()> const& work) {
         platform_faults::reset();
         work();
-        std::string text;
-        for (auto const& [kind, name] : kinds) {
-            if (unsigned const count = platform_faults::count(kind)) {
-                text +=
-                    (text.empty() ? "" : ", ") + std::string(name) + " " + std::to_string(count);
-            }
-        }
-        return text;
+        return platform_faults::count(Call::Any);
     }
 
     // A directory of so many blocks of one frame each, every two of them in the wrong order.
@@ -51,22 +30,18 @@ protected:
     }
 };
 
-// One read for each 128 KiB, whatever frames they hold; in the last 1024 bytes, where a search
-// meets the end of the file, one for each frame.
+// One read for each 128 KiB, whatever frames they hold, and a seek for each read.
 TEST_F(CallsTest, OpenReadsLargeBlocks) {
-    for (auto const& [nFrames, expected] : std::vector<std::pair<unsigned, std::string>>{
-             {10, "CreateFile 1, ReadFile 13, SetFilePointer 16, GetFileSize 1"},
-             {10000, "CreateFile 1, ReadFile 21, SetFilePointer 24, GetFileSize 1"},
-             {50000, "CreateFile 1, ReadFile 50, SetFilePointer 53, GetFileSize 1"}}) {
+    for (unsigned const nFrames : {10u, 10000u, 50000u}) {
         put({{"a.mp3", frames(nFrames)}});
         FFDHandle handle = nullptr;
-        EXPECT_EQ(calls([&] { handle = open(m_sound, FFD_ACCESS_READ); }), expected) << nFrames;
-        EXPECT_EQ(calls([&] { close(handle); }), "CloseHandle 2");
+        EXPECT_LE(calls([&] { handle = open(m_sound, FFD_ACCESS_READ); }),
+                  60 + 2 * (nFrames * 96 / 131072));
+        EXPECT_LE(calls([&] { close(handle); }), 4u);
     }
 }
 
 TEST_F(CallsTest, EditsTakeTheSameWhateverTheDirectoryHolds) {
-    std::string const commit = "CreateFile 1, CloseHandle 1, ";
     for (unsigned const nBlocks : {2u, 5000u}) {
         FFDHandle const handle = open_blocks(nBlocks);
         std::string piece = frames(1, 7);
@@ -76,14 +51,12 @@ TEST_F(CallsTest, EditsTakeTheSameWhateverTheDirectoryHolds) {
             });
         };
         seek(handle, nBlocks * 96 / 2 + 50);
-        std::string const written = commit + "WriteFile 2, SetFilePointer 2, FlushFileBuffers 1";
-        EXPECT_EQ(write(FFD_METHOD_INSERT), written);
-        EXPECT_EQ(write(FFD_METHOD_OVERWRITE), written);
-        std::string const flushed = commit + "WriteFile 1, SetFilePointer 1";
+        EXPECT_LE(write(FFD_METHOD_INSERT), 14u);
+        EXPECT_LE(write(FFD_METHOD_OVERWRITE), 14u);
         seek(handle, 50);
-        EXPECT_EQ(calls([&] { driver().DeleteData(handle, 80); }), flushed);
-        EXPECT_EQ(calls([&] { driver().UndoLast(handle); }), flushed);
-        EXPECT_EQ(calls([&] { seek(handle, 0); }), "");
+        EXPECT_LE(calls([&] { driver().DeleteData(handle, 80); }), 9u);
+        EXPECT_LE(calls([&] { driver().UndoLast(handle); }), 9u);
+        EXPECT_EQ(calls([&] { seek(handle, 0); }), 0u);
         close(handle);
     }
 }
@@ -91,17 +64,18 @@ TEST_F(CallsTest, EditsTakeTheSameWhateverTheDirectoryHolds) {
 TEST_F(CallsTest, ReadsTakeOneForEachBlock) {
     FFDHandle const handle = open_blocks(5000);
     std::string buffer(4096, '\0');
-    auto const read = [&](uint32_t from, uint32_t bytes) {
-        seek(handle, from);
-        return calls([&] {
-            FFDReadHandle* range = nullptr;
-            driver().GetSizeOfData(handle, bytes, &range);
-            driver().ReadData(handle, range, bytes, reinterpret_cast<uint8_t*>(buffer.data()));
-        });
-    };
-    EXPECT_EQ(read(96 * 4000, 96), "ReadFile 1, SetFilePointer 1");
-    EXPECT_EQ(read(96 * 10 + 50, 96), "ReadFile 2, SetFilePointer 2");
-    EXPECT_EQ(read(0, 96 * 40), "ReadFile 40, SetFilePointer 40");
+    for (auto const& [nFrom, nBytes] :
+         {std::pair(96u * 4000, 96u), {96 * 10 + 50, 96}, {0, 3840}}) {
+        seek(handle, nFrom);
+        unsigned const nBlocks = (nFrom % 96 + nBytes + 95) / 96;
+        EXPECT_LE(calls([&, nBytes = nBytes] {
+                      FFDReadHandle* range = nullptr;
+                      driver().GetSizeOfData(handle, nBytes, &range);
+                      driver().ReadData(handle, range, nBytes,
+                                        reinterpret_cast<uint8_t*>(buffer.data()));
+                  }),
+                  2 * nBlocks);
+    }
     close(handle);
 }
 
@@ -127,26 +101,18 @@ TEST_F(CallsTest, NothingIsKeptBetweenReads) {
 // A rebuild costs two searches and a copy for each block, and what the replacing costs.
 TEST_F(CallsTest, Closes) {
     FFDHandle handle = open_with(m_sound, frames(20));
-    EXPECT_EQ(calls([&] { close(handle); }), "CloseHandle 2, DeleteFile 1");
+    EXPECT_LE(calls([&] { close(handle); }), 10u);
     auto const close_blocks = [&](unsigned nBlocks) {
         handle = open_blocks(nBlocks);
         return calls([&] { close(handle); });
     };
-    std::string const replaced = "FlushFileBuffers 2, DeleteFile 3, MoveFile 1, "
-                                 "GetDiskFreeSpaceEx 1";
-    EXPECT_EQ(close_blocks(2), "CreateFile 3, CloseHandle 5, ReadFile 6, WriteFile 5, "
-                               "SetFilePointer 9, GetFileSize 3, " +
-                                   replaced);
-    EXPECT_EQ(close_blocks(4), "CreateFile 3, CloseHandle 5, ReadFile 12, WriteFile 9, "
-                               "SetFilePointer 19, GetFileSize 3, " +
-                                   replaced);
-    // Large blocks are the system's to copy.
+    EXPECT_LE(close_blocks(2), 70u);
+    EXPECT_LE(close_blocks(402), close_blocks(2) + 400 * 12);
+    // Large blocks are the system's to copy, where it can.
     handle = open_with(m_sound, frames(5000));
     EXPECT_EQ(erase(handle, 96 * 2000, 96), 0u);
-    EXPECT_EQ(calls([&] { close(handle); }),
-              "CreateFile 2, CloseHandle 4, ReadFile 3, WriteFile 3, "
-              "SetFilePointer 9, GetFileSize 2, " +
-                  replaced + ", CopyBytes 2");
+    EXPECT_LE(calls([&] { close(handle); }), 80u);
+    EXPECT_GT(platform_faults::count(Call::CopyBytes), 0u);
 }
 
 } // namespace

@@ -1,7 +1,8 @@
 // A log library with the seven operations and nothing else: writes the kind of each call as a line
-// to the file that the environment variable STANDIN names.
+// to the file that the environment variable STANDIN names, and leaves a number of its own in errno.
 #include "log/xkivlog.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 
@@ -12,6 +13,7 @@ void note(char const* kind) {
         fprintf(file, "%s\n", kind);
         fclose(file);
     }
+    errno = 12345;
 }
 
 } // namespace

@@ -12,8 +12,6 @@
 #
 # And of the programs built here these cases:
 set(left_out_of_driver_services_test ServicesTest.FreeSpaceSaturates) # error numbers of wine
-# Only Linux copies blocks by itself.
-set(left_out_of_driver_calls_test CallsTest.Closes)
 # Read or change a stored status that is open: the platform refuses that, the Linux layer can't.
 set(left_out_of_driver_status_test StatusTest.TheFileToTheByte)
 set(left_out_of_driver_torn_test TornTest.AStoredStatusThatIsNotWholeRestoresNothing)
