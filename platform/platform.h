@@ -42,9 +42,6 @@ extern "C" BOOL WINAPI DriverCallback(DWORD_PTR dwCallback, DWORD dwFlags, HDRVR
                                       DWORD dwMsg, DWORD_PTR dwUser, DWORD_PTR dwParam1,
                                       DWORD_PTR dwParam2);
 
-// The library's entry point, which the loader calls.
-extern "C" BOOL WINAPI DllMain(HINSTANCE hinstDLL, DWORD fdwReason, LPVOID lpvReserved);
-
 #if defined(KIV_PLATFORM_FAULTS) && !defined(KIV_PLATFORM_OWN_CALLS)
 #include "platform/windows_fault_names.h"
 #endif
@@ -260,11 +257,16 @@ void WINAPI Sleep(DWORD dwMilliseconds);
 BOOL WINAPI DriverCallback(DWORD_PTR dwCallback, DWORD dwFlags, HDRVR hDevice, DWORD dwMsg,
                            DWORD_PTR dwUser, DWORD_PTR dwParam1, DWORD_PTR dwParam2);
 
-// The library's entry point, called at load and at unload as the platform's loader does.
-BOOL WINAPI DllMain(HINSTANCE hinstDLL, DWORD fdwReason, LPVOID lpvReserved);
 }
 
 #endif
+
+#if defined(KIV_PLATFORM_DRY)
+#include "platform/dry_names.h"
+#endif
+
+// The library's entry point, called at load and at unload by the platform's loader.
+extern "C" BOOL WINAPI DllMain(HINSTANCE hinstDLL, DWORD fdwReason, LPVOID lpvReserved);
 
 // ---- What both sides add ----------------------------------------------------------------------
 
@@ -297,3 +299,18 @@ BOOL PlatformCopyPermissions(HANDLE hFrom, HANDLE hTo);
 // system has no such means, as on Windows. The caller goes on with ReadFile and WriteFile, which
 // tell what the matter is.
 DWORD PlatformCopyBytes(HANDLE hFrom, HANDLE hTo, DWORD dwBytes);
+
+// ---- To look without touching (used by the dry layer, not by the driver) -------------------------
+
+// Opens a regular file to look at it. It fails, with the same errors, where CreateFileA with
+// OPEN_EXISTING, this access and this share mode would; but the handle, which can only be read,
+// claims nothing: whoever comes meanwhile finds the file as if nobody had it. (On Windows a claim
+// can only be tested by having it, for the instant of this call.)
+HANDLE PlatformLookAtFile(LPCSTR pszPath, DWORD dwDesiredAccess, DWORD dwShareMode);
+
+// Whether DeleteFileA of the name, or MoveFileA away from it, would work now: NO_ERROR, or its
+// error.
+DWORD PlatformTestRemoval(LPCSTR pszPath);
+
+// The same for CreateFileA with CREATE_NEW: error 80 if the name is there, whatever it is.
+DWORD PlatformTestCreation(LPCSTR pszPath);

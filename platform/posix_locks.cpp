@@ -163,7 +163,11 @@ DWORD claim(int fd, Claim const& wanted) {
     });
     if (!bSet)
         return bGuarded ? ERROR_SHARING_VIOLATION : NO_ERROR;
-    bool const bFree = for_each_run(bytes.sought, [&](unsigned first, unsigned count) {
+    return test_claim(fd, wanted);
+}
+
+DWORD test_claim(int fd, Claim const& wanted) {
+    bool const bFree = for_each_run(lock_bytes_of(wanted).sought, [&](unsigned first, unsigned count) {
         struct flock lock = range_lock(F_WRLCK, first, count);
         return lock_call(fd, F_OFD_GETLK, lock) != 0 || lock.l_type == F_UNLCK;
     });

@@ -48,4 +48,7 @@ private:
 // granted.
 DWORD claim(int fd, Claim const& wanted);
 
+// Whether the claim meets one of another handle, in the same way. Sets nothing.
+DWORD test_claim(int fd, Claim const& wanted);
+
 } // namespace posix

@@ -4,6 +4,7 @@
 #include "platform/split_path.h"
 
 #include <array>
+#include <cstring>
 
 namespace {
 
@@ -59,4 +60,57 @@ BOOL PlatformCopyPermissions(HANDLE hFrom, HANDLE hTo) {
         to.FileAttributes = FILE_ATTRIBUTE_NORMAL;
     FAULT_CHANGE();
     return SetFileInformationByHandle(hTo, FileBasicInfo, &to, sizeof to);
+}
+
+HANDLE PlatformLookAtFile(LPCSTR pszPath, DWORD dwDesiredAccess, DWORD dwShareMode) {
+    HANDLE const hTest = CreateFileA(pszPath, dwDesiredAccess, dwShareMode, nullptr, OPEN_EXISTING,
+                                     FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (hTest == INVALID_HANDLE_VALUE)
+        return hTest;
+    bool const bFile = GetFileType(hTest) == FILE_TYPE_DISK;
+    CloseHandle(hTest);
+    if (!bFile) {
+        SetLastError(ERROR_ACCESS_DENIED);
+        return INVALID_HANDLE_VALUE;
+    }
+    return CreateFileA(pszPath, GENERIC_READ,
+                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                       OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+}
+
+DWORD PlatformTestRemoval(LPCSTR pszPath) {
+    DWORD const dwAttributes = GetFileAttributesA(pszPath);
+    if (dwAttributes == INVALID_FILE_ATTRIBUTES)
+        return GetLastError();
+    if ((dwAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_READONLY)) != 0)
+        return ERROR_ACCESS_DENIED;
+    HANDLE const hTest =
+        CreateFileA(pszPath, DELETE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                    nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (hTest == INVALID_HANDLE_VALUE)
+        return GetLastError();
+    CloseHandle(hTest);
+    return NO_ERROR;
+}
+
+DWORD PlatformTestCreation(LPCSTR pszPath) {
+    if (GetFileAttributesA(pszPath) != INVALID_FILE_ATTRIBUTES)
+        return ERROR_FILE_EXISTS;
+    DWORD const dwError = GetLastError();
+    PlatformPathParts parts;
+    if (dwError != ERROR_FILE_NOT_FOUND)
+        return dwError;
+    if (!PlatformSplitPath(pszPath, &parts))
+        return ERROR_FILENAME_EXCED_RANGE;
+    char szDirectory[sizeof parts.szDrive + sizeof parts.szDirectory + 1];
+    strcpy(szDirectory, parts.szDrive);
+    strcat(szDirectory, parts.szDirectory[0] != '\0' ? parts.szDirectory : ".");
+    // The right to add a file is one of the directory.
+    HANDLE const hTest = CreateFileA(szDirectory, FILE_ADD_FILE,
+                                     FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                     nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+    if (hTest == INVALID_HANDLE_VALUE)
+        return GetLastError();
+    CloseHandle(hTest);
+    return NO_ERROR;
 }

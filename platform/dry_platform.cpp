@@ -1,0 +1,584 @@
+#define KIV_PLATFORM_OWN_CALLS
+#include "platform/dry_platform.h"
+
+#include <algorithm>
+#include <cstring>
+#include <ctime>
+#include <map>
+#include <set>
+#include <utility>
+
+namespace dry {
+namespace {
+
+constexpr uint64_t EMPTY_DISK_BYTES = uint64_t{1} << 40;
+constexpr uint64_t MOST_BYTES_ON_EMPTY_DISK = uint64_t{1} << 30; // of one file
+constexpr time_t TIME_ON_EMPTY_DISK = 1700000000;
+
+// What is written just as it was read is looked up from this size on.
+constexpr DWORD LEAST_BYTES_TO_REFER_TO = 4096;
+
+struct File {
+    Contents contents;
+    std::string name;            // absolute; the one it has, or had last
+    std::string realName;        // on the disk; empty for one that was made here
+    uint64_t ullRealBytes = 0;   // on the disk
+};
+
+struct Name {
+    std::string path;            // absolute
+    std::shared_ptr<File> pFile; // null if it is gone
+};
+
+struct Handle {
+    std::shared_ptr<File> pFile; // null in a mapping
+    DWORD dwAccess = 0;
+    DWORD dwShare = 0;
+    bool bDeleteOnClose = false;
+    uint64_t ullFileOffset = 0;
+    size_t nMappingBytes = 0;
+};
+
+// What the reads before have put into the caller's memory, as long as each went on where the one in
+// front had ended, there and in the file.
+struct LastRead {
+    std::shared_ptr<File> pFile;
+    char const* pBuffer = nullptr;
+    DWORD dwBytes = 0;
+    uint64_t ullFileOffset = 0;
+};
+
+struct State {
+    Disk disk = Disk::Real;
+    std::vector<Name> names; // few: all that was asked for
+    std::map<uintptr_t, Handle> handles;
+    uintptr_t nHandlesGiven = 0;
+    std::set<void const*> views;
+    LastRead lastRead;
+    std::vector<Change> changes;
+    std::vector<Failure> failures;
+    std::optional<uint64_t> ullFreeBytes;
+    time_t emptyDiskNow = TIME_ON_EMPTY_DISK;
+};
+
+State& state() {
+    static State theState;
+    return theState;
+}
+
+bool over_real_disk() {
+    return state().disk == Disk::Real;
+}
+
+BOOL fail(char const* pszCall, std::string const& file, DWORD dwError) {
+    if (dwError != ERROR_FILE_NOT_FOUND && over_real_disk())
+        state().failures.push_back({pszCall, file, dwError});
+    SetLastError(dwError);
+    return FALSE;
+}
+
+// The absolute form of a path. One that has none stays as it is, and meets its error later.
+std::string absolute(LPCSTR pszPath) {
+    char szFull[4096];
+    DWORD const dwLength = GetFullPathNameA(pszPath, sizeof szFull, szFull, nullptr);
+    return dwLength > 0 && dwLength < sizeof szFull ? szFull : pszPath;
+}
+
+Name* find_name(std::string const& path) {
+    for (Name& name : state().names)
+        if (PlatformSameFileName(name.path.c_str(), path.c_str()))
+            return &name;
+    return nullptr;
+}
+
+void note(Change::Kind kind, File const& file, std::string newName = "") {
+    if (over_real_disk())
+        state().changes.push_back({kind, file.name, std::move(newName), 0, 0, file.contents.size(),
+                                   !file.realName.empty()});
+}
+
+void note_write(File const& file, uint64_t ullFileOffset, uint64_t ullBytes) {
+    if (!over_real_disk())
+        return;
+    std::vector<Change>& changes = state().changes;
+    if (!changes.empty()) {
+        Change& last = changes.back();
+        if (last.kind == Change::Kind::Written && last.file == file.name &&
+            last.ullFileOffset + last.ullBytes == ullFileOffset) {
+            last.ullBytes += ullBytes;
+            last.ullFileBytes = file.contents.size();
+            return;
+        }
+    }
+    changes.push_back({Change::Kind::Written, file.name, "", ullFileOffset, ullBytes,
+                       file.contents.size(), !file.realName.empty()});
+}
+
+// Whether a claim agrees with those of the handles that this layer has given out.
+bool may_share(File const& file, DWORD dwAccess, DWORD dwShare) {
+    auto const denied = [](DWORD dwShared) {
+        return ((dwShared & FILE_SHARE_READ) != 0 ? 0 : GENERIC_READ) |
+               ((dwShared & FILE_SHARE_WRITE) != 0 ? 0 : GENERIC_WRITE);
+    };
+    return std::none_of(state().handles.begin(), state().handles.end(), [&](auto const& each) {
+        Handle const& other = each.second;
+        return other.pFile.get() == &file && ((dwAccess & denied(other.dwShare)) != 0 ||
+                                              (other.dwAccess & denied(dwShare)) != 0);
+    });
+}
+
+bool is_open(File const& file) {
+    return std::any_of(state().handles.begin(), state().handles.end(),
+                       [&](auto const& each) { return each.second.pFile.get() == &file; });
+}
+
+// Looks at a file of the disk under the eyes of those who have it.
+DWORD look(std::string const& path, DWORD dwAccess, DWORD dwShare, HANDLE& hFile) {
+    if (!over_real_disk())
+        return ERROR_FILE_NOT_FOUND;
+    hFile = PlatformLookAtFile(path.c_str(), dwAccess, dwShare);
+    return hFile == INVALID_HANDLE_VALUE ? GetLastError() : NO_ERROR;
+}
+
+// The file of a name, which may be asked for with such a claim. NO_ERROR; 2 if there is none; else
+// why not.
+DWORD find_file(std::string const& path, DWORD dwAccess, DWORD dwShare,
+                std::shared_ptr<File>& pFile) {
+    Name* const pName = find_name(path);
+    if (pName != nullptr && pName->pFile == nullptr)
+        return ERROR_FILE_NOT_FOUND;
+    bool const bKnown = pName != nullptr;
+    if (bKnown && !may_share(*pName->pFile, dwAccess, dwShare))
+        return ERROR_SHARING_VIOLATION;
+    if (bKnown && pName->pFile->realName.empty()) {
+        pFile = pName->pFile;
+        return NO_ERROR;
+    }
+    std::string const& onDisk = bKnown ? pName->pFile->realName : path;
+    HANDLE hFile = INVALID_HANDLE_VALUE;
+    DWORD const dwError = look(onDisk, dwAccess, dwShare, hFile);
+    if (dwError != NO_ERROR)
+        return dwError;
+    if (bKnown) {
+        CloseHandle(hFile);
+        pFile = pName->pFile;
+        return NO_ERROR;
+    }
+    auto const pReal = std::make_shared<RealFile const>(hFile, path);
+    if (pReal->error() != NO_ERROR)
+        return pReal->error();
+    pFile = std::make_shared<File>();
+    pFile->contents = Contents(pReal);
+    pFile->name = path;
+    pFile->realName = path;
+    pFile->ullRealBytes = pReal->size();
+    state().names.push_back({path, pFile});
+    return NO_ERROR;
+}
+
+// Whether a name is free to be made: NO_ERROR, 80, or why nothing can be made there.
+DWORD test_creation(std::string const& path) {
+    Name const* const pName = find_name(path);
+    if (pName != nullptr && pName->pFile != nullptr)
+        return ERROR_FILE_EXISTS;
+    // What was removed here is still on the disk, and whoever may remove may make.
+    return pName != nullptr || !over_real_disk() ? NO_ERROR : PlatformTestCreation(path.c_str());
+}
+
+void give_name(std::string const& path, std::shared_ptr<File> const& pFile) {
+    Name* const pName = find_name(path);
+    if (pName != nullptr)
+        *pName = {path, pFile};
+    else
+        state().names.push_back({path, pFile});
+    if (pFile != nullptr)
+        pFile->name = path;
+}
+
+DWORD make_file(std::string const& path, std::shared_ptr<File>& pFile) {
+    DWORD const dwError = test_creation(path);
+    if (dwError != NO_ERROR)
+        return dwError;
+    pFile = std::make_shared<File>();
+    give_name(path, pFile);
+    return NO_ERROR;
+}
+
+DWORD open_file(std::string const& path, DWORD dwDisposition, Handle& handle, bool& bMade) {
+    bool const bEmpties = dwDisposition == CREATE_ALWAYS || dwDisposition == TRUNCATE_EXISTING;
+    DWORD dwError = ERROR_FILE_NOT_FOUND;
+    if (dwDisposition != CREATE_NEW)
+        dwError = find_file(path, handle.dwAccess | (bEmpties ? GENERIC_WRITE : 0), handle.dwShare,
+                            handle.pFile);
+    bool const bMakes = dwDisposition == CREATE_NEW || dwDisposition == CREATE_ALWAYS ||
+                        dwDisposition == OPEN_ALWAYS;
+    bMade = dwError == ERROR_FILE_NOT_FOUND && bMakes;
+    if (bMade)
+        dwError = make_file(path, handle.pFile);
+    if (dwError == NO_ERROR && bEmpties && !bMade && handle.pFile->contents.size() > 0) {
+        handle.pFile->contents = Contents();
+        note(Change::Kind::Resized, *handle.pFile);
+    }
+    return dwError;
+}
+
+HANDLE give_handle(Handle handle) {
+    uintptr_t const number = 4 * ++state().nHandlesGiven; // never twice
+    state().handles.emplace(number, std::move(handle));
+    return reinterpret_cast<HANDLE>(number);
+}
+
+Handle* find_handle(HANDLE handle) {
+    auto const found = state().handles.find(reinterpret_cast<uintptr_t>(handle));
+    return found != state().handles.end() ? &found->second : nullptr;
+}
+
+// The handle of a file, with this access. Null, with the error set, if it is none.
+Handle* file_handle(char const* pszCall, HANDLE handle, DWORD dwAccessNeeded) {
+    Handle* const pHandle = find_handle(handle);
+    if (pHandle == nullptr || pHandle->pFile == nullptr)
+        fail(pszCall, "", ERROR_INVALID_HANDLE);
+    else if ((pHandle->dwAccess & dwAccessNeeded) != dwAccessNeeded)
+        fail(pszCall, pHandle->pFile->name, ERROR_ACCESS_DENIED);
+    else
+        return pHandle;
+    return nullptr;
+}
+
+// A file to be removed or renamed. NO_ERROR, or why it cannot be.
+DWORD find_closed_file(std::string const& path, std::shared_ptr<File>& pFile) {
+    DWORD const dwError = find_file(path, 0, FILE_SHARE_READ | FILE_SHARE_WRITE, pFile);
+    if (dwError != NO_ERROR)
+        return dwError;
+    if (is_open(*pFile))
+        return ERROR_SHARING_VIOLATION;
+    return pFile->realName.empty() ? NO_ERROR : PlatformTestRemoval(pFile->realName.c_str());
+}
+
+void note_read(Handle const& handle, void const* pBuffer, DWORD dwBytes) {
+    if (!over_real_disk() || dwBytes == 0)
+        return;
+    char const* const pBytes = static_cast<char const*>(pBuffer);
+    LastRead& last = state().lastRead;
+    if (last.pFile == handle.pFile && last.pBuffer + last.dwBytes == pBytes &&
+        last.ullFileOffset + last.dwBytes == handle.ullFileOffset)
+        last.dwBytes += dwBytes;
+    else
+        last = {handle.pFile, pBytes, dwBytes, handle.ullFileOffset};
+}
+
+// Writes what was just read as a reference to where it was read. False if the bytes are others.
+bool write_as_read(Handle& handle, void const* pBuffer, DWORD dwBytes) {
+    LastRead const& last = state().lastRead;
+    char const* const pBytes = static_cast<char const*>(pBuffer);
+    if (dwBytes < LEAST_BYTES_TO_REFER_TO || last.pFile == nullptr || pBytes < last.pBuffer ||
+        pBytes + dwBytes > last.pBuffer + last.dwBytes)
+        return false;
+    uint64_t const ullFrom = last.ullFileOffset + static_cast<uint64_t>(pBytes - last.pBuffer);
+    if (last.pFile == handle.pFile && ullFrom + dwBytes > handle.pFile->contents.size())
+        return false;
+    std::vector<char> there(dwBytes);
+    DWORD dwRead = 0;
+    if (last.pFile->contents.read(ullFrom, there.data(), dwBytes, dwRead) != NO_ERROR ||
+        dwRead != dwBytes || memcmp(there.data(), pBytes, dwBytes) != 0)
+        return false;
+    Contents const from = last.pFile->contents; // it may be this file
+    handle.pFile->contents.write_range(handle.ullFileOffset, from, ullFrom, dwBytes);
+    return true;
+}
+
+bool fits_disk(uint64_t ullBytes) {
+    return over_real_disk() || ullBytes <= MOST_BYTES_ON_EMPTY_DISK;
+}
+
+// By how much the files have grown here.
+uint64_t grown_bytes() {
+    uint64_t ullGrown = 0;
+    for (Name const& name : state().names)
+        if (name.pFile != nullptr && name.pFile->contents.size() > name.pFile->ullRealBytes)
+            ullGrown += name.pFile->contents.size() - name.pFile->ullRealBytes;
+    return ullGrown;
+}
+
+} // namespace
+
+void start(Disk disk) {
+    uintptr_t const nHandlesGiven = state().nHandlesGiven;
+    state() = {};
+    state().disk = disk;
+    state().nHandlesGiven = nHandlesGiven;
+}
+
+std::vector<Change> const& changes() {
+    return state().changes;
+}
+
+std::vector<Failure> const& failures() {
+    return state().failures;
+}
+
+void pretend_free_bytes(std::optional<uint64_t> ullFreeBytes) {
+    state().ullFreeBytes = ullFreeBytes;
+}
+
+Contents const* find(std::string const& path) {
+    std::shared_ptr<File> pFile;
+    DWORD const dwError =
+        find_file(absolute(path.c_str()), 0, FILE_SHARE_READ | FILE_SHARE_WRITE, pFile);
+    return dwError == NO_ERROR ? &pFile->contents : nullptr;
+}
+
+void put_file(std::string const& path, std::string bytes) {
+    auto const pFile = std::make_shared<File>();
+    pFile->contents = Contents(std::move(bytes));
+    give_name(path, pFile);
+}
+
+std::vector<std::string> names() {
+    std::vector<std::string> all;
+    for (Name const& name : state().names)
+        if (name.pFile != nullptr && name.pFile->realName.empty())
+            all.push_back(name.path);
+    std::sort(all.begin(), all.end());
+    return all;
+}
+
+unsigned open_handles() {
+    return static_cast<unsigned>(state().handles.size());
+}
+
+unsigned mapped_views() {
+    return static_cast<unsigned>(state().views.size());
+}
+
+} // namespace dry
+
+HANDLE WINAPI DryCreateFileA(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
+                             LPVOID /*lpSecurityAttributes*/, DWORD dwCreationDisposition,
+                             DWORD dwFlagsAndAttributes, HANDLE /*hTemplateFile*/) {
+    std::string const path = dry::absolute(lpFileName);
+    dry::Handle handle;
+    handle.dwAccess = dwDesiredAccess;
+    handle.dwShare = dwShareMode;
+    handle.bDeleteOnClose = (dwFlagsAndAttributes & FILE_FLAG_DELETE_ON_CLOSE) != 0;
+    bool bMade = false;
+    DWORD const dwError = dry::open_file(path, dwCreationDisposition, handle, bMade);
+    if (dwError != NO_ERROR) {
+        dry::fail("CreateFileA", path, dwError);
+        return INVALID_HANDLE_VALUE;
+    }
+    if (bMade && !handle.bDeleteOnClose)
+        dry::note(dry::Change::Kind::Made, *handle.pFile);
+    return dry::give_handle(std::move(handle));
+}
+
+BOOL WINAPI DryCloseHandle(HANDLE hObject) {
+    dry::Handle const* const pHandle = dry::find_handle(hObject);
+    if (pHandle == nullptr)
+        return dry::fail("CloseHandle", "", ERROR_INVALID_HANDLE);
+    if (pHandle->bDeleteOnClose) {
+        if (!pHandle->pFile->realName.empty())
+            dry::note(dry::Change::Kind::Removed, *pHandle->pFile);
+        dry::give_name(pHandle->pFile->name, nullptr);
+    }
+    dry::state().handles.erase(reinterpret_cast<uintptr_t>(hObject));
+    return TRUE;
+}
+
+BOOL WINAPI DryReadFile(HANDLE hFile, LPVOID lpBuffer, DWORD nNumberOfBytesToRead,
+                        LPDWORD lpNumberOfBytesRead, LPVOID /*lpOverlapped*/) {
+    *lpNumberOfBytesRead = 0;
+    dry::Handle* const pHandle = dry::file_handle("ReadFile", hFile, GENERIC_READ);
+    if (pHandle == nullptr)
+        return FALSE;
+    DWORD const dwError = pHandle->pFile->contents.read(
+        pHandle->ullFileOffset, lpBuffer, nNumberOfBytesToRead, *lpNumberOfBytesRead);
+    if (dwError != NO_ERROR)
+        return dry::fail("ReadFile", pHandle->pFile->name, dwError);
+    dry::note_read(*pHandle, lpBuffer, *lpNumberOfBytesRead);
+    pHandle->ullFileOffset += *lpNumberOfBytesRead;
+    return TRUE;
+}
+
+BOOL WINAPI DryWriteFile(HANDLE hFile, LPCVOID lpBuffer, DWORD nNumberOfBytesToWrite,
+                         LPDWORD lpNumberOfBytesWritten, LPVOID /*lpOverlapped*/) {
+    *lpNumberOfBytesWritten = 0;
+    dry::Handle* const pHandle = dry::file_handle("WriteFile", hFile, GENERIC_WRITE);
+    if (pHandle == nullptr)
+        return FALSE;
+    if (nNumberOfBytesToWrite == 0)
+        return TRUE;
+    dry::File& file = *pHandle->pFile;
+    if (!dry::fits_disk(pHandle->ullFileOffset + nNumberOfBytesToWrite))
+        return dry::fail("WriteFile", file.name, ERROR_DISK_FULL);
+    if (!dry::write_as_read(*pHandle, lpBuffer, nNumberOfBytesToWrite))
+        file.contents.write(pHandle->ullFileOffset, lpBuffer, nNumberOfBytesToWrite);
+    dry::note_write(file, pHandle->ullFileOffset, nNumberOfBytesToWrite);
+    pHandle->ullFileOffset += nNumberOfBytesToWrite;
+    *lpNumberOfBytesWritten = nNumberOfBytesToWrite;
+    return TRUE;
+}
+
+DWORD WINAPI DrySetFilePointer(HANDLE hFile, LONG lDistanceToMove, PLONG lpDistanceToMoveHigh,
+                               DWORD dwMoveMethod) {
+    dry::Handle* const pHandle = dry::file_handle("SetFilePointer", hFile, 0);
+    if (pHandle == nullptr)
+        return INVALID_SET_FILE_POINTER;
+    int64_t llDistance = lDistanceToMove;
+    if (lpDistanceToMoveHigh != nullptr)
+        llDistance = static_cast<int64_t>(
+            static_cast<uint64_t>(*lpDistanceToMoveHigh) << 32 |
+            static_cast<uint32_t>(lDistanceToMove));
+    uint64_t const ullStart = dwMoveMethod == FILE_END       ? pHandle->pFile->contents.size()
+                              : dwMoveMethod == FILE_CURRENT ? pHandle->ullFileOffset
+                                                             : 0;
+    int64_t const llResult = static_cast<int64_t>(ullStart) + llDistance;
+    if (llResult < 0) {
+        dry::fail("SetFilePointer", pHandle->pFile->name, ERROR_NEGATIVE_SEEK);
+        return INVALID_SET_FILE_POINTER;
+    }
+    pHandle->ullFileOffset = static_cast<uint64_t>(llResult);
+    if (lpDistanceToMoveHigh != nullptr)
+        *lpDistanceToMoveHigh = static_cast<LONG>(llResult >> 32);
+    DWORD const dwLow = static_cast<DWORD>(llResult & 0xFFFFFFFF);
+    if (dwLow == INVALID_SET_FILE_POINTER)
+        SetLastError(NO_ERROR);
+    return dwLow;
+}
+
+BOOL WINAPI DrySetEndOfFile(HANDLE hFile) {
+    dry::Handle* const pHandle = dry::file_handle("SetEndOfFile", hFile, GENERIC_WRITE);
+    if (pHandle == nullptr)
+        return FALSE;
+    if (!dry::fits_disk(pHandle->ullFileOffset))
+        return dry::fail("SetEndOfFile", pHandle->pFile->name, ERROR_DISK_FULL);
+    pHandle->pFile->contents.resize(pHandle->ullFileOffset);
+    dry::note(dry::Change::Kind::Resized, *pHandle->pFile);
+    return TRUE;
+}
+
+DWORD WINAPI DryGetFileSize(HANDLE hFile, LPDWORD lpFileSizeHigh) {
+    dry::Handle const* const pHandle = dry::file_handle("GetFileSize", hFile, 0);
+    if (pHandle == nullptr)
+        return INVALID_FILE_SIZE;
+    uint64_t const ullBytes = pHandle->pFile->contents.size();
+    if (lpFileSizeHigh != nullptr)
+        *lpFileSizeHigh = static_cast<DWORD>(ullBytes >> 32);
+    DWORD const dwLow = static_cast<DWORD>(ullBytes & 0xFFFFFFFFu);
+    if (dwLow == INVALID_FILE_SIZE)
+        SetLastError(NO_ERROR);
+    return dwLow;
+}
+
+BOOL WINAPI DryFlushFileBuffers(HANDLE hFile) {
+    return dry::file_handle("FlushFileBuffers", hFile, GENERIC_WRITE) != nullptr;
+}
+
+BOOL WINAPI DryDeleteFileA(LPCSTR lpFileName) {
+    std::string const path = dry::absolute(lpFileName);
+    std::shared_ptr<dry::File> pFile;
+    DWORD const dwError = dry::find_closed_file(path, pFile);
+    if (dwError != NO_ERROR)
+        return dry::fail("DeleteFileA", path, dwError);
+    dry::note(dry::Change::Kind::Removed, *pFile);
+    dry::give_name(path, nullptr);
+    return TRUE;
+}
+
+BOOL WINAPI DryMoveFileA(LPCSTR lpExistingFileName, LPCSTR lpNewFileName) {
+    std::string const path = dry::absolute(lpExistingFileName);
+    std::string const newPath = dry::absolute(lpNewFileName);
+    std::shared_ptr<dry::File> pFile;
+    DWORD dwError = dry::find_closed_file(path, pFile);
+    if (dwError == NO_ERROR)
+        dwError = dry::test_creation(newPath);
+    if (dwError != NO_ERROR)
+        return dry::fail("MoveFileA", path,
+                         dwError == ERROR_FILE_EXISTS ? DWORD{ERROR_ALREADY_EXISTS} : dwError);
+    dry::note(dry::Change::Kind::Renamed, *pFile, newPath);
+    dry::give_name(path, nullptr);
+    dry::give_name(newPath, pFile);
+    return TRUE;
+}
+
+HANDLE WINAPI DryCreateFileMappingA(HANDLE /*hFile*/, LPVOID /*lpAttributes*/, DWORD /*flProtect*/,
+                                    DWORD /*dwMaximumSizeHigh*/, DWORD dwMaximumSizeLow,
+                                    LPCSTR /*lpName*/) {
+    dry::Handle mapping;
+    mapping.nMappingBytes = dwMaximumSizeLow;
+    return dry::give_handle(std::move(mapping));
+}
+
+LPVOID WINAPI DryMapViewOfFile(HANDLE hFileMappingObject, DWORD /*dwDesiredAccess*/,
+                               DWORD /*dwFileOffsetHigh*/, DWORD /*dwFileOffsetLow*/,
+                               SIZE_T /*dwNumberOfBytesToMap*/) {
+    dry::Handle const* const pMapping = dry::find_handle(hFileMappingObject);
+    if (pMapping == nullptr || pMapping->nMappingBytes == 0) {
+        dry::fail("MapViewOfFile", "", ERROR_INVALID_HANDLE);
+        return nullptr;
+    }
+    void* const pView = HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, pMapping->nMappingBytes);
+    if (pView != nullptr)
+        dry::state().views.insert(pView);
+    return pView;
+}
+
+BOOL WINAPI DryUnmapViewOfFile(LPCVOID lpBaseAddress) {
+    if (dry::state().views.erase(lpBaseAddress) == 0)
+        return dry::fail("UnmapViewOfFile", "", ERROR_INVALID_PARAMETER);
+    return HeapFree(GetProcessHeap(), 0, const_cast<void*>(lpBaseAddress));
+}
+
+BOOL WINAPI DryGetDiskFreeSpaceExA(LPCSTR lpDirectoryName, ULARGE_INTEGER* lpFreeBytesAvailable,
+                                   ULARGE_INTEGER* lpTotalNumberOfBytes,
+                                   ULARGE_INTEGER* lpTotalNumberOfFreeBytes) {
+    uint64_t const ullGrown = dry::grown_bytes();
+    if (dry::over_real_disk()) {
+        if (!GetDiskFreeSpaceExA(lpDirectoryName, lpFreeBytesAvailable, lpTotalNumberOfBytes,
+                                 lpTotalNumberOfFreeBytes))
+            return dry::fail("GetDiskFreeSpaceExA", lpDirectoryName, GetLastError());
+    } else {
+        for (ULARGE_INTEGER* const pBytes :
+             {lpFreeBytesAvailable, lpTotalNumberOfBytes, lpTotalNumberOfFreeBytes})
+            pBytes->QuadPart = dry::EMPTY_DISK_BYTES;
+    }
+    for (ULARGE_INTEGER* const pFree : {lpFreeBytesAvailable, lpTotalNumberOfFreeBytes}) {
+        if (dry::state().ullFreeBytes)
+            pFree->QuadPart = *dry::state().ullFreeBytes;
+        pFree->QuadPart -= std::min<uint64_t>(ullGrown, pFree->QuadPart);
+    }
+    return TRUE;
+}
+
+// Files are named after the time, and the driver tries until the second is over if such a name is
+// taken: on the empty disk every look at the clock finds a later second.
+time_t DryTime(time_t* /*pTime*/) {
+    return dry::over_real_disk() ? time(nullptr) : dry::state().emptyDiskNow++;
+}
+
+BOOL DryPlatformCopyPermissions(HANDLE hFrom, HANDLE hTo) {
+    dry::Handle const* const pFrom = dry::file_handle("PlatformCopyPermissions", hFrom, 0);
+    dry::Handle const* const pTo = dry::file_handle("PlatformCopyPermissions", hTo, GENERIC_WRITE);
+    if (pFrom == nullptr || pTo == nullptr)
+        return FALSE;
+    dry::note(dry::Change::Kind::Permissions, *pTo->pFile);
+    return TRUE;
+}
+
+DWORD DryPlatformCopyBytes(HANDLE hFrom, HANDLE hTo, DWORD dwBytes) {
+    dry::Handle* const pFrom = dry::file_handle("PlatformCopyBytes", hFrom, GENERIC_READ);
+    dry::Handle* const pTo = dry::file_handle("PlatformCopyBytes", hTo, GENERIC_WRITE);
+    if (pFrom == nullptr || pTo == nullptr || pFrom->pFile == pTo->pFile)
+        return 0;
+    dry::Contents const& from = pFrom->pFile->contents;
+    uint64_t const ullThere =
+        from.size() > pFrom->ullFileOffset ? from.size() - pFrom->ullFileOffset : 0;
+    DWORD const dwMoved = static_cast<DWORD>(std::min<uint64_t>(dwBytes, ullThere));
+    if (dwMoved == 0 || !dry::fits_disk(pTo->ullFileOffset + dwMoved))
+        return 0;
+    pTo->pFile->contents.write_range(pTo->ullFileOffset, from, pFrom->ullFileOffset, dwMoved);
+    dry::note_write(*pTo->pFile, pTo->ullFileOffset, dwMoved);
+    pFrom->ullFileOffset += dwMoved;
+    pTo->ullFileOffset += dwMoved;
+    return dwMoved;
+}
