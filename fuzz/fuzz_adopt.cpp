@@ -76,10 +76,10 @@ std::vector<Entry> entries(std::string const& image) {
 
 // Reads the whole dictation, and compares it with what the .DIR file says after a flush.
 void check(FFDHandle handle) {
-    std::string const& image = memory_platform::get_file(DIRECTORY);
+    std::string const image = memory_disk::get(DIRECTORY);
     std::vector<Entry> const all = entries(image);
     REQUIRE(image.substr(all.size() * 12) == std::string(image.size() - all.size() * 12, '\0'));
-    std::string const& sound = memory_platform::get_file(SOUND);
+    std::string const sound = memory_disk::get(SOUND);
     std::string expected;
     uint32_t nLength = 0;
     bool bCut = false;
@@ -155,34 +155,33 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* pbyData, size_t nBytes) {
     std::string const tag = (nFlags & 4) != 0 ? fuzz::tag() : "";
     std::string const sound = head + fuzz::frames(8) + tag + fuzz::frames(nFlags / 8 % 2 * 3);
     std::string const image = directory(input, nFlags % 4);
-    memory_platform::put_file(DIRECTORY, image);
+    memory_disk::put(DIRECTORY, image);
     bool bSound = true;
     if (bMarker) {
-        memory_platform::put_file(MARKER, (nFlags & 32) != 0 ? input.bytes(16) : marker(input));
+        memory_disk::put(MARKER, (nFlags & 32) != 0 ? input.bytes(16) : marker(input));
         bSound = (nFlags & 64) != 0;
         if ((nFlags & 128) != 0) {
-            memory_platform::put_file(REBUILT, head + fuzz::frames(8) + tag);
+            memory_disk::put(REBUILT, head + fuzz::frames(8) + tag);
         }
     }
     if (bSound) {
-        memory_platform::put_file(SOUND, sound);
+        memory_disk::put(SOUND, sound);
     }
 
     FFDError status = 0;
     FFDHandle const handle = fuzz::open(SOUND, FFD_ACCESS_READWRITE, status);
-    REQUIRE(!bSound || memory_platform::get_file(SOUND) == sound);
-    REQUIRE(bSound || memory_platform::has_file(SOUND) || memory_platform::has_file(REBUILT) ||
-            (nFlags & 128) == 0);
+    REQUIRE(!bSound || memory_disk::get(SOUND) == sound);
+    REQUIRE(bSound || memory_disk::has(SOUND) || memory_disk::has(REBUILT) || (nFlags & 128) == 0);
     REQUIRE(handle != nullptr || (bMarker && status == FFD_FILE_IO_ERROR));
-    bool const bAdopted = bMarker || (nFlags & 8) != 0 ||
-                          !(memory_platform::has_file(DIRECTORY + ".bad") || image[0] == 0);
+    bool const bAdopted =
+        bMarker || (nFlags & 8) != 0 || !(memory_disk::has(DIRECTORY + ".bad") || image[0] == 0);
     if (handle != nullptr) {
         while (!input.empty()) {
             step(handle, input);
         }
         REQUIRE(fuzz::close(handle) == FFD_NOERROR);
-        REQUIRE(!memory_platform::has_file(DIRECTORY) && !memory_platform::has_file(MARKER));
-        std::string const& closed = memory_platform::get_file(SOUND);
+        REQUIRE(!memory_disk::has(DIRECTORY) && !memory_disk::has(MARKER));
+        std::string const closed = memory_disk::get(SOUND);
         REQUIRE(closed.starts_with(head));
         REQUIRE(bAdopted || closed.ends_with(tag));
         FFDHandle const again = fuzz::open(SOUND, FFD_ACCESS_READ, status);

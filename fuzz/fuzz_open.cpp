@@ -23,7 +23,7 @@ std::string read_all(FFDHandle handle, uint32_t nPiece) {
 extern "C" int LLVMFuzzerTestOneInput(uint8_t const* pbyData, size_t nBytes) {
     fuzz::start();
     std::string const sound(reinterpret_cast<char const*>(pbyData), nBytes);
-    memory_platform::put_file(SOUND, sound);
+    memory_disk::put(SOUND, sound);
     FFDError status = 0;
     FFDHandle handle = fuzz::open(SOUND, FFD_ACCESS_READ, status);
     std::string audio;
@@ -44,14 +44,14 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* pbyData, size_t nBytes) {
         REQUIRE(fuzz::length(handle) == nLength && fuzz::seek(handle, 0) == 0);
         REQUIRE(read_all(handle, 0x10000) == audio);
         REQUIRE(fuzz::close(handle) == FFD_NOERROR);
-        REQUIRE(memory_platform::get_file(SOUND) == sound);
+        REQUIRE(memory_disk::get(SOUND) == sound);
 
         // Another frame in the middle: what stands in front of the audio and behind it stays.
         handle = fuzz::open(SOUND, FFD_ACCESS_READWRITE, status);
         fuzz::seek(handle, nLength / 2);
         REQUIRE(fuzz::write(handle, FFD_METHOD_INSERT, audio.substr(0, 4) + fuzz::noise(92)) == 0);
         REQUIRE(fuzz::close(handle) == FFD_NOERROR);
-        std::string const& closed = memory_platform::get_file(SOUND);
+        std::string const closed = memory_disk::get(SOUND);
         REQUIRE(closed.starts_with(sound.substr(0, sound.find(audio))));
         REQUIRE(closed.ends_with(sound.substr(sound.rfind(audio) + audio.size())));
     }

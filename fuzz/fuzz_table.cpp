@@ -93,8 +93,8 @@ public:
         if (m_access == FFD_ACCESS_READ) {
             return;
         }
-        REQUIRE(!memory_platform::has_file(m_path.substr(0, m_path.size() - 3) + "DIR"));
-        std::string const& closed = memory_platform::get_file(m_path);
+        REQUIRE(!memory_disk::has(m_path.substr(0, m_path.size() - 3) + "DIR"));
+        std::string const closed = memory_disk::get(m_path);
         REQUIRE(closed.starts_with(m_head) && closed.ends_with(m_tag));
         REQUIRE(!m_bWholeFrames || closed == m_head + m_dictation.text() + m_tag);
         m_dictation = Dictation(m_dictation.text());
@@ -117,7 +117,7 @@ public:
 private:
     void renew() {
         m_dictation = Dictation(fuzz::frames(6));
-        memory_platform::put_file(m_path, m_head + m_dictation.bytes + m_tag);
+        memory_disk::put(m_path, m_head + m_dictation.bytes + m_tag);
     }
 
     void open(FFDDesiredAccess access) {
@@ -239,7 +239,7 @@ private:
         uint32_t const nPosition = m_dictation.nPosition;
         REQUIRE(fuzz::position(m_handle) == nPosition);
         REQUIRE(fuzz::slot<FFDGetDictationFileSizeProc>(1)(m_handle, &nValue) == FFD_NOERROR);
-        REQUIRE(memory_platform::get_file(m_path).size() == nValue);
+        REQUIRE(memory_disk::get(m_path).size() == nValue);
         REQUIRE(fuzz::slot<FFDGetSoundDataLengthProc>(7)(m_handle, &nValue) == FFD_NOERROR);
         REQUIRE(length() - nValue < 8); // cut to milliseconds of 4 bytes each way
         seek(0);
@@ -263,19 +263,11 @@ void crash(std::vector<File>& files) {
     if (std::any_of(files.begin(), files.end(), std::mem_fn(&File::has_restored))) {
         return;
     }
-    std::vector<std::pair<std::string, std::string>> left;
-    for (std::string const& name : memory_platform::names()) {
-        if (!name.ends_with(".csf")) {
-            left.emplace_back(name, memory_platform::get_file(name));
-        }
-    }
+    memory_disk::Files const left = memory_disk::left_by_crash();
     for (File const& file : files) {
         REQUIRE(file.handle() == nullptr || fuzz::close(file.handle()) == FFD_NOERROR);
     }
-    memory_platform::reset();
-    for (auto const& [name, contents] : left) {
-        memory_platform::put_file(name, contents);
-    }
+    memory_disk::begin(left);
     std::for_each(files.begin(), files.end(), std::mem_fn(&File::recover));
 }
 

@@ -57,15 +57,14 @@ std::string tag() {
 void start() {
     static BOOL const bAttached = DllMain(nullptr, DLL_PROCESS_ATTACH, nullptr);
     REQUIRE(bAttached);
-    memory_platform::reset();
+    memory_disk::begin();
     g_nSeed = 0;
 }
 
 void finish() {
-    REQUIRE(memory_platform::open_handles() == 0);
-    REQUIRE(memory_platform::heap_blocks() == 0);
-    REQUIRE(memory_platform::mapped_views() == 0);
-    for (std::string const& name : memory_platform::names()) {
+    REQUIRE(dry::open_handles() == 0);
+    REQUIRE(dry::mapped_views() == 0);
+    for (std::string const& name : dry::names()) {
         REQUIRE(!name.ends_with(".csf"));
     }
 }

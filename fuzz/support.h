@@ -3,7 +3,7 @@
 #pragma once
 
 #include "ffd.h"
-#include "platform/memory_platform.h"
+#include "testing/memory_disk.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -16,9 +16,13 @@
 
 #include <stdint.h>
 
+#if defined(KIV_PLATFORM_DRY)
+#include "log/dry_names.h"
+#endif
+
 #if defined(_WIN32)
-#if defined(XKIVLOG_BUILD)
-#define XKIVLOG_API // by number, in xkivlog.def
+#if defined(XKIVLOG_BUILD) || defined(KIV_PLATFORM_DRY)
+#define XKIVLOG_API // by number, in xkivlog.def, or not at all
 #else
 #define XKIVLOG_API __declspec(dllimport)
 #endif

@@ -57,14 +57,6 @@ Contents::Contents(std::shared_ptr<RealFile const> pFile) : m_ullBytes(pFile->si
         m_runs.push_back({0, 0, std::move(pFile)});
 }
 
-Contents::Contents(std::string bytes) : m_ullBytes(bytes.size()) {
-    if (m_ullBytes > 0) {
-        auto held = std::make_shared<Held>();
-        held->bytes = std::move(bytes);
-        m_runs.push_back({0, 0, std::move(held)});
-    }
-}
-
 uint64_t Contents::end_of(size_t nRun) const {
     return nRun + 1 < m_runs.size() ? m_runs[nRun + 1].ullFileOffset : m_ullBytes;
 }

@@ -1,5 +1,5 @@
-// The bytes of a file as the dry layer sees them: runs of bytes that are elsewhere already, in a real
-// file or in memory. A copy of a real file so costs a few words, however large it is.
+// The bytes of a file as the dry layer sees them: runs of bytes that are elsewhere already, in a
+// real file or in memory. A copy of a real file so costs a few words, however large it is.
 #pragma once
 
 #include "platform/platform.h"
@@ -62,7 +62,6 @@ class Contents {
 public:
     Contents() = default;
     explicit Contents(std::shared_ptr<RealFile const> pFile);
-    explicit Contents(std::string bytes);
 
     uint64_t size() const { return m_ullBytes; }
     std::vector<Run> const& runs() const { return m_runs; }

@@ -1,6 +1,6 @@
-// The driver that only pretends: in a build with KIV_PLATFORM_DRY these functions take the places of
-// the calls that touch files. Each has the outcome of its call, but what would change on the disk
-// changes in memory (dry_platform.h). Included by platform.h.
+// The driver that only pretends: in a build with KIV_PLATFORM_DRY these functions take the places
+// of the calls that touch files. Each has the outcome of its call, but what would change on the
+// disk changes in memory (dry_platform.h). Included by platform.h.
 #pragma once
 
 #include <ctime> // before its name is another's
@@ -30,8 +30,10 @@ BOOL WINAPI DryUnmapViewOfFile(LPCVOID lpBaseAddress);
 BOOL WINAPI DryGetDiskFreeSpaceExA(LPCSTR lpDirectoryName, ULARGE_INTEGER* lpFreeBytesAvailable,
                                    ULARGE_INTEGER* lpTotalNumberOfBytes,
                                    ULARGE_INTEGER* lpTotalNumberOfFreeBytes);
+void WINAPI DrySleep(DWORD dwMilliseconds);
 time_t DryTime(time_t* pTime);
 }
+HANDLE DryPlatformCreatePrivateFile(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode);
 BOOL DryPlatformCopyPermissions(HANDLE hFrom, HANDLE hTo);
 DWORD DryPlatformCopyBytes(HANDLE hFrom, HANDLE hTo, DWORD dwBytes);
 
@@ -51,6 +53,8 @@ DWORD DryPlatformCopyBytes(HANDLE hFrom, HANDLE hTo, DWORD dwBytes);
 #define MapViewOfFile DryMapViewOfFile
 #define UnmapViewOfFile DryUnmapViewOfFile
 #define GetDiskFreeSpaceExA DryGetDiskFreeSpaceExA
+#define Sleep DrySleep
+#define PlatformCreatePrivateFile DryPlatformCreatePrivateFile
 #define PlatformCopyPermissions DryPlatformCopyPermissions
 #define PlatformCopyBytes DryPlatformCopyBytes
 #define time(pTime) DryTime(pTime)

@@ -20,9 +20,9 @@ constexpr DWORD LEAST_BYTES_TO_REFER_TO = 4096;
 
 struct File {
     Contents contents;
-    std::string name;            // absolute; the one it has, or had last
-    std::string realName;        // on the disk; empty for one that was made here
-    uint64_t ullRealBytes = 0;   // on the disk
+    std::string name;          // absolute; the one it has, or had last
+    std::string realName;      // on the disk; empty for one that was made here
+    uint64_t ullRealBytes = 0; // on the disk
 };
 
 struct Name {
@@ -58,6 +58,7 @@ struct State {
     std::vector<Change> changes;
     std::vector<Failure> failures;
     std::optional<uint64_t> ullFreeBytes;
+    uint64_t ullSleptMs = 0;
     time_t emptyDiskNow = TIME_ON_EMPTY_DISK;
 };
 
@@ -77,18 +78,20 @@ BOOL fail(char const* pszCall, std::string const& file, DWORD dwError) {
     return FALSE;
 }
 
+Name* find_name(LPCSTR pszPath) {
+    for (Name& name : state().names)
+        if (PlatformSameFileName(name.path.c_str(), pszPath))
+            return &name;
+    return nullptr;
+}
+
 // The absolute form of a path. One that has none stays as it is, and meets its error later.
 std::string absolute(LPCSTR pszPath) {
+    if (find_name(pszPath) != nullptr)
+        return pszPath;
     char szFull[4096];
     DWORD const dwLength = GetFullPathNameA(pszPath, sizeof szFull, szFull, nullptr);
     return dwLength > 0 && dwLength < sizeof szFull ? szFull : pszPath;
-}
-
-Name* find_name(std::string const& path) {
-    for (Name& name : state().names)
-        if (PlatformSameFileName(name.path.c_str(), path.c_str()))
-            return &name;
-    return nullptr;
 }
 
 void note(Change::Kind kind, File const& file, std::string newName = "") {
@@ -122,8 +125,8 @@ bool may_share(File const& file, DWORD dwAccess, DWORD dwShare) {
     };
     return std::none_of(state().handles.begin(), state().handles.end(), [&](auto const& each) {
         Handle const& other = each.second;
-        return other.pFile.get() == &file && ((dwAccess & denied(other.dwShare)) != 0 ||
-                                              (other.dwAccess & denied(dwShare)) != 0);
+        return other.pFile.get() == &file &&
+               ((dwAccess & denied(other.dwShare)) != 0 || (other.dwAccess & denied(dwShare)) != 0);
     });
 }
 
@@ -144,7 +147,7 @@ DWORD look(std::string const& path, DWORD dwAccess, DWORD dwShare, HANDLE& hFile
 // why not.
 DWORD find_file(std::string const& path, DWORD dwAccess, DWORD dwShare,
                 std::shared_ptr<File>& pFile) {
-    Name* const pName = find_name(path);
+    Name* const pName = find_name(path.c_str());
     if (pName != nullptr && pName->pFile == nullptr)
         return ERROR_FILE_NOT_FOUND;
     bool const bKnown = pName != nullptr;
@@ -178,7 +181,7 @@ DWORD find_file(std::string const& path, DWORD dwAccess, DWORD dwShare,
 
 // Whether a name is free to be made: NO_ERROR, 80, or why nothing can be made there.
 DWORD test_creation(std::string const& path) {
-    Name const* const pName = find_name(path);
+    Name const* const pName = find_name(path.c_str());
     if (pName != nullptr && pName->pFile != nullptr)
         return ERROR_FILE_EXISTS;
     // What was removed here is still on the disk, and whoever may remove may make.
@@ -186,7 +189,7 @@ DWORD test_creation(std::string const& path) {
 }
 
 void give_name(std::string const& path, std::shared_ptr<File> const& pFile) {
-    Name* const pName = find_name(path);
+    Name* const pName = find_name(path.c_str());
     if (pName != nullptr)
         *pName = {path, pFile};
     else
@@ -328,12 +331,6 @@ Contents const* find(std::string const& path) {
     return dwError == NO_ERROR ? &pFile->contents : nullptr;
 }
 
-void put_file(std::string const& path, std::string bytes) {
-    auto const pFile = std::make_shared<File>();
-    pFile->contents = Contents(std::move(bytes));
-    give_name(path, pFile);
-}
-
 std::vector<std::string> names() {
     std::vector<std::string> all;
     for (Name const& name : state().names)
@@ -391,8 +388,8 @@ BOOL WINAPI DryReadFile(HANDLE hFile, LPVOID lpBuffer, DWORD nNumberOfBytesToRea
     dry::Handle* const pHandle = dry::file_handle("ReadFile", hFile, GENERIC_READ);
     if (pHandle == nullptr)
         return FALSE;
-    DWORD const dwError = pHandle->pFile->contents.read(
-        pHandle->ullFileOffset, lpBuffer, nNumberOfBytesToRead, *lpNumberOfBytesRead);
+    DWORD const dwError = pHandle->pFile->contents.read(pHandle->ullFileOffset, lpBuffer,
+                                                        nNumberOfBytesToRead, *lpNumberOfBytesRead);
     if (dwError != NO_ERROR)
         return dry::fail("ReadFile", pHandle->pFile->name, dwError);
     dry::note_read(*pHandle, lpBuffer, *lpNumberOfBytesRead);
@@ -426,9 +423,8 @@ DWORD WINAPI DrySetFilePointer(HANDLE hFile, LONG lDistanceToMove, PLONG lpDista
         return INVALID_SET_FILE_POINTER;
     int64_t llDistance = lDistanceToMove;
     if (lpDistanceToMoveHigh != nullptr)
-        llDistance = static_cast<int64_t>(
-            static_cast<uint64_t>(*lpDistanceToMoveHigh) << 32 |
-            static_cast<uint32_t>(lDistanceToMove));
+        llDistance = static_cast<int64_t>(static_cast<uint64_t>(*lpDistanceToMoveHigh) << 32 |
+                                          static_cast<uint32_t>(lDistanceToMove));
     uint64_t const ullStart = dwMoveMethod == FILE_END       ? pHandle->pFile->contents.size()
                               : dwMoveMethod == FILE_CURRENT ? pHandle->ullFileOffset
                                                              : 0;
@@ -553,7 +549,19 @@ BOOL WINAPI DryGetDiskFreeSpaceExA(LPCSTR lpDirectoryName, ULARGE_INTEGER* lpFre
 // Files are named after the time, and the driver tries until the second is over if such a name is
 // taken: on the empty disk every look at the clock finds a later second.
 time_t DryTime(time_t* /*pTime*/) {
-    return dry::over_real_disk() ? time(nullptr) : dry::state().emptyDiskNow++;
+    return dry::over_real_disk()
+               ? time(nullptr) + static_cast<time_t>(dry::state().ullSleptMs / 1000)
+               : dry::state().emptyDiskNow++;
+}
+
+// Nobody waits: the clock goes on instead.
+void WINAPI DrySleep(DWORD dwMilliseconds) {
+    dry::state().ullSleptMs += dwMilliseconds;
+}
+
+HANDLE DryPlatformCreatePrivateFile(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode) {
+    return DryCreateFileA(lpFileName, dwDesiredAccess, dwShareMode, nullptr, CREATE_NEW,
+                          FILE_ATTRIBUTE_NORMAL, nullptr);
 }
 
 BOOL DryPlatformCopyPermissions(HANDLE hFrom, HANDLE hTo) {

@@ -1,6 +1,6 @@
 // The platform layer that only pretends: a third sibling of those of Linux and Windows, over either
-// of them. It reads the real files and keeps every change in memory, so that a driver above it opens,
-// edits and closes as ever, and nothing on the disk has changed when it is done.
+// of them. It reads the real files and keeps every change in memory, so that a driver above it
+// opens, edits and closes as ever, and nothing on the disk has changed when it is done.
 //
 // It tests what other programs claim, and claims nothing itself. What is made, written, renamed or
 // removed is there for every later call, of this layer alone. Copies are kept as references to the
@@ -56,19 +56,15 @@ std::vector<Failure> const& failures();
 // The free space that the layer tells of from now on; nothing: that of the disk.
 void pretend_free_bytes(std::optional<uint64_t> ullFreeBytes);
 
-// The bytes that a file would have now; null if there would be none. What cannot be looked at counts
-// as none.
+// The bytes that a file would have now; null if there would be none. What cannot be looked at
+// counts as none.
 Contents const* find(std::string const& path);
 
-// ---- For tests ----------------------------------------------------------------------------------
-
-// Puts a file there, in place of one of that name.
-void put_file(std::string const& path, std::string bytes);
-
-// All names that were made or put here and are there, sorted.
+// All names that were made here and are there, sorted.
 std::vector<std::string> names();
 
-unsigned open_handles(); // mappings included
+// What is open at this moment; mappings count as handles.
+unsigned open_handles();
 unsigned mapped_views();
 
 } // namespace dry

@@ -10,5 +10,5 @@ foreach(call CreateFileA CloseHandle DeleteFileA MoveFileA)
     target_link_options(driver_processes_test PRIVATE -Wl,--wrap=${call})
 endforeach()
 
-# Every short session, over the platform layer in memory.
-add_kiv_test(session_test SOURCES session_test.cpp LIBRARIES xkivmp3_memory)
+# Every short session, on a disk in memory.
+add_kiv_test(session_test SOURCES session_test.cpp LIBRARIES memory_disk)

@@ -6,7 +6,7 @@
 // KIV_SESSION_DEPTH sets how many steps the short sessions have, KIV_SESSION_SEEDS how many long
 // ones there are.
 
-#include "platform/memory_platform.h"
+#include "testing/memory_disk.h"
 #include "tests/driver_fixture.h"
 
 #include <algorithm>
@@ -198,13 +198,13 @@ class Session {
 public:
     // With tags, the file has one in front of the audio and one behind it.
     explicit Session(bool bTags) {
-        memory_platform::reset();
+        memory_disk::begin();
         if (bTags) {
             m_head = std::string("ID3\3\0\0\0\0\0\x15", 10) + std::string(21, 'h');
             m_tail = "TAG" + std::string(125, 't');
         }
         std::string const audio = all_frames().substr(0, size_t{4} * FRAME);
-        memory_platform::put_file(SOUND, m_head + audio + m_tail);
+        memory_disk::put(SOUND, m_head + audio + m_tail);
         begin_with({{{audio, false}}, 0, 0});
     }
     ~Session() {
@@ -232,17 +232,9 @@ public:
         if (m_model.flushed.nWritten != m_model.nWritten) {
             return false;
         }
-        std::vector<std::pair<std::string, std::string>> files;
-        for (std::string const& name : memory_platform::names()) {
-            if (!name.ends_with(".csf")) {
-                files.emplace_back(name, memory_platform::get_file(name));
-            }
-        }
+        memory_disk::Files const files = memory_disk::left_by_crash();
         slots().Close(m_handle);
-        memory_platform::reset();
-        for (auto& [name, contents] : files) {
-            memory_platform::put_file(name, contents);
-        }
+        memory_disk::begin(files);
         Dictation found = m_model.flushed;
         found.nPosition = 0;
         begin_with(found);
@@ -256,13 +248,11 @@ public:
         }
         check(slots().Close(m_handle) == 0, "status of the close");
         m_handle = nullptr;
-        check(memory_platform::names() == std::vector<std::string>{SOUND},
-              "files behind the close");
-        std::string const& file = memory_platform::get_file(SOUND);
+        check(dry::names() == std::vector<std::string>{SOUND}, "files behind the close");
+        std::string const file = memory_disk::get(SOUND);
         check(file.starts_with(m_head) && file.ends_with(m_tail), "tags of the closed file");
         check(!bFrames || file == m_head + m_model.now.bytes() + m_tail, "closed file");
-        check(memory_platform::open_handles() == 0 && memory_platform::heap_blocks() == 0,
-              "handles and blocks behind the close");
+        check(dry::open_handles() == 0, "handles behind the close");
     }
 
     // A new session on the file that the close left.

@@ -1,0 +1,31 @@
+// What a driver that only pretends traces, handed to whoever listens.
+#pragma once
+
+#include <cstdarg>
+#include <cstdint>
+
+namespace dry {
+
+struct TraceCall {
+    enum class Kind { Init, Entry, Param, Warning, Info, Value, Error };
+
+    Kind kind;
+    char const* pszText;       // the text, or the name of a parameter or value
+    uint32_t uCode = 0;        // of an error
+    va_list* pValue = nullptr; // the value of a parameter or value
+
+    // The value, of 32 bits; to be asked for once, and only where the format is that of a number.
+    uint32_t number() const { return va_arg(*pValue, uint32_t); }
+};
+
+class Listener {
+public:
+    virtual ~Listener() = default;
+    // The texts are there during the call only.
+    virtual void on_trace(TraceCall const& call) = 0;
+};
+
+// From now on this one listens; null: nobody. It must outlive its listening.
+void listen(Listener* pListener);
+
+} // namespace dry
