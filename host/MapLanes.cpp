@@ -139,6 +139,8 @@ Lanes lanes_of(DirMap const& map, uint64_t firstFrameOffset, uint64_t fileSize) 
     std::vector<Block> const fileOrder = in_file_order(map.blocks);
     add_gaps(lanes, fileOrder, firstFrameOffset, fileSize);
     std::vector<uint64_t> lies; // in file order
+    lies.reserve(fileOrder.size());
+    lanes.places.reserve(fileOrder.size());
     for (Block const& block : fileOrder) {
         lies.push_back(lanes.audioLength);
         lanes.audioLength += block.size();

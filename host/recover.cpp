@@ -2,6 +2,7 @@
 
 #include "Diagnosis.h"
 #include "Printable.h"
+#include "support/KeepCopy.h"
 #include "System.h"
 
 #include <memory>
@@ -12,54 +13,17 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Makes a folder "STEM.kept" beside the sound file, or ".kept1" and so on if that is taken.
-fs::path make_kept_folder(std::string const& file) {
-    for (int number = 0;; ++number) {
-        fs::path folder = beside(file, ".kept" + (number == 0 ? "" : std::to_string(number)));
-        std::error_code error;
-        if (fs::create_directory(folder, error)) {
-            return folder;
-        }
-        if (!fs::exists(fs::symlink_status(folder, error))) {
-            throw Failure("copy", folder.string(), FFD_FILE_IO_ERROR, "the folder can't be made",
-                          "Check that the folder of the sound file may be written to and that the "
-                          "disk is not full; nothing was changed.");
+// Everything that a recovery may change.
+std::vector<std::string> names_to_keep(Diagnosis const& diagnosis) {
+    std::vector<std::string> names = {fs::path(diagnosis.file).filename().string(),
+                                      dir_file_of(diagnosis.file).filename().string()};
+    if (std::optional<Marker> const& marker = diagnosis.next.marker) {
+        names.push_back(marker->path.filename().string());
+        if (marker->whole) {
+            names.push_back(marker->rebuiltFile.filename().string());
         }
     }
-}
-
-// Everything that a recovery may change, under the names it has: in its folder the copy can be
-// checked and recovered as the original can. The result are the copies. Throws a Failure, and
-// leaves no folder then.
-std::vector<fs::path> keep_copy(Diagnosis const& diagnosis) {
-    std::vector<fs::path> files = {diagnosis.file, dir_file_of(diagnosis.file)};
-    if (diagnosis.next.marker) {
-        files.push_back(diagnosis.next.marker->path);
-        files.push_back(diagnosis.next.marker->rebuiltFile);
-    }
-    fs::path const folder = make_kept_folder(diagnosis.file);
-    Waiting const waiting("keeping a copy");
-    std::vector<fs::path> copies;
-    for (fs::path const& file : files) {
-        std::error_code error;
-        if (file.empty() || !fs::exists(file, error)) {
-            continue;
-        }
-        fs::path const copy = folder / file.filename();
-        fs::copy_file(file, copy, error);
-        if (error) {
-            std::error_code ignored;
-            fs::remove_all(folder, ignored);
-            throw Failure("copy", file.string(), FFD_FILE_IO_ERROR, error.message(),
-                          "Free disk space, or recover without --copy; nothing was changed.");
-        }
-        fs::file_time_type const time = fs::last_write_time(file, error);
-        if (!error) {
-            fs::last_write_time(copy, time, error); // the copy is right without it, too
-        }
-        copies.push_back(copy);
-    }
-    return copies;
+    return names;
 }
 
 // Why an open for writing and a close are not even tried: they would fail, and an open that fails
@@ -132,7 +96,7 @@ Outcome Recovery::run(bool copy) {
     try {
         if (copy) {
             m_document["copy"] = Json::array();
-            for (fs::path const& path : keep_copy(m_before)) {
+            for (fs::path const& path : keep_copy(m_file, names_to_keep(m_before))) {
                 say(m_document["copy"].empty() ? "Copy kept" : "", path.string());
                 m_document["copy"].push_back(path.string());
             }

@@ -3,8 +3,10 @@ find_package(Python3 COMPONENTS Interpreter REQUIRED)
 
 if(TARGET ffdhost)
     add_test(NAME host COMMAND Python3::Interpreter ${CMAKE_CURRENT_SOURCE_DIR}/host_test.py)
+    add_test(NAME host_guard
+        COMMAND Python3::Interpreter ${CMAKE_CURRENT_SOURCE_DIR}/host_guard_test.py)
     add_test(NAME support COMMAND Python3::Interpreter ${CMAKE_CURRENT_SOURCE_DIR}/support_test.py)
-    set_tests_properties(host support PROPERTIES ENVIRONMENT
+    set_tests_properties(host host_guard support PROPERTIES ENVIRONMENT
         "FFDHOST=$<TARGET_FILE:ffdhost>;FFD_SAMPLES=${CMAKE_CURRENT_SOURCE_DIR}/samples")
 endif()
 
