@@ -24,6 +24,8 @@ class Driver:
     """The slots that this session has a use for, with the types of ffd.h."""
 
     def __init__(self, library):
+        if os.name == "nt":  # a whole path, so that the driver's own folder is searched, too
+            library = os.path.abspath(library)
         table = (c_void_p * 24).in_dll(ctypes.CDLL(library), "FFD_Function_Table")
 
         def slot(number, *arguments, result=c_uint64):

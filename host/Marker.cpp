@@ -39,8 +39,9 @@ uint64_t le64(uint8_t const* bytes) {
 
 // A name that reaches out of the folder, or is none, gives an empty text.
 std::string plain_name(uint8_t const* field) {
-    std::string const name(field, std::find(field, field + kNameSize, uint8_t{0}));
-    bool const plain = name.size() < kNameSize && !name.empty() && name.rfind('.') != 0 &&
+    uint8_t const* const end = std::find(field, field + kNameSize, uint8_t{0});
+    std::string const name = from_driver(std::string(field, end));
+    bool const plain = end != field + kNameSize && !name.empty() && name.rfind('.') != 0 &&
                        name.find_first_of(kNameSeparators) == std::string::npos;
     return plain ? name : "";
 }

@@ -2,6 +2,7 @@
 
 #include "Files.h"
 #include "Output.h"
+#include "System.h"
 
 #include <span>
 #include <utility>
@@ -35,7 +36,13 @@ ffd::File open(Driver const& driver, std::string const& path, Access access) {
     FFDCallbackParams messages{};
     messages.dwCallback = reinterpret_cast<uint64_t>(&on_driver_message);
     messages.dwUser = reinterpret_cast<uint64_t>(&path);
-    return {driver, path, access, messages};
+    std::optional<std::string> const name = to_driver(path);
+    if (!name) {
+        throw Failure("open", path, FFD_INVALID_PATH,
+                      "the name has letters that the code page of this system lacks",
+                      "Give the file another name.");
+    }
+    return {driver, *name, access, messages};
 }
 
 // Makes a call, and a Failure of its error.

@@ -29,8 +29,96 @@ void set_words(std::string const& words) {
 #include <cstdio>
 #include <fcntl.h>
 #include <io.h>
+#include <shellapi.h>
+#include <string_view>
+#include <vector>
 
 namespace ffdhost {
+
+namespace {
+
+// Empty if the text is none in this code page.
+std::wstring widened(UINT codePage, std::string const& text) {
+    int const size = static_cast<int>(text.size());
+    std::wstring wide(text.size(), L'\0');
+    int const length = MultiByteToWideChar(codePage, MB_ERR_INVALID_CHARS, text.data(), size,
+                                           wide.data(), size);
+    wide.resize(static_cast<size_t>(length));
+    return wide;
+}
+
+// Nothing if the code page lacks a letter.
+std::optional<std::string> narrowed(UINT codePage, std::wstring_view text) {
+    // UTF-8 knows neither the flag nor the question.
+    BOOL replaced = FALSE;
+    bool const utf8 = codePage == CP_UTF8 || GetACP() == CP_UTF8;
+    DWORD const flags = utf8 ? WC_ERR_INVALID_CHARS : WC_NO_BEST_FIT_CHARS;
+    std::string narrow(text.size() * 4, '\0');
+    int const length = WideCharToMultiByte(
+        codePage, flags, text.data(), static_cast<int>(text.size()), narrow.data(),
+        static_cast<int>(narrow.size()), nullptr, utf8 ? nullptr : &replaced);
+    if ((length == 0 && !text.empty()) || replaced != FALSE) {
+        return std::nullopt;
+    }
+    narrow.resize(static_cast<size_t>(length));
+    return narrow;
+}
+
+} // namespace
+
+// The C++ library makes a path of narrow text by this function of the C library, to whose locales
+// UTF-8 is unknown here; the linker puts this one in its place. Everything narrow that becomes a
+// path is UTF-8.
+extern "C" size_t __wrap_mbrtowc(wchar_t* wide, char const* text, size_t size, mbstate_t* state) {
+    constexpr auto kInvalid = static_cast<size_t>(-1);
+    if (*state != 0) { // the second half of a letter, which the last byte stands for
+        *wide = static_cast<wchar_t>(*state);
+        *state = 0;
+        return 1;
+    }
+    auto const first = static_cast<unsigned char>(*text);
+    size_t const length = first < 0x80 ? 1 : first < 0xE0 ? 2 : first < 0xF0 ? 3 : 4;
+    std::array<wchar_t, 2> units{};
+    if (length > size) {
+        return kInvalid;
+    }
+    int const count =
+        MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text, static_cast<int>(length),
+                            units.data(), static_cast<int>(units.size()));
+    if (count == 0 || (count == 2 && length != 4)) {
+        return kInvalid;
+    }
+    *wide = units[0];
+    *state = units[1];
+    return count == 2 ? length - 1 : units[0] == L'\0' ? 0 : length;
+}
+
+std::span<char const* const> command_line(int argc, char** argv) {
+    static std::vector<std::string> words;
+    static std::vector<char const*> pointers;
+    int count = 0;
+    wchar_t** const wide = CommandLineToArgvW(GetCommandLineW(), &count);
+    if (wide == nullptr) {
+        return {argv, static_cast<size_t>(argc)};
+    }
+    for (int i = 0; i < count; ++i) {
+        words.push_back(narrowed(CP_UTF8, wide[i]).value_or("?")); // half a letter
+    }
+    LocalFree(wide);
+    for (std::string const& word : words) {
+        pointers.push_back(word.c_str());
+    }
+    return pointers;
+}
+
+std::optional<std::string> to_driver(std::string const& name) {
+    return narrowed(CP_ACP, widened(CP_UTF8, name));
+}
+
+std::string from_driver(std::string const& name) {
+    std::wstring const wide = widened(CP_ACP, name);
+    return wide.empty() ? name : narrowed(CP_UTF8, wide).value_or(name);
+}
 
 char const* const kDriverFileName = "XKIVMP3.dll";
 char const* const kNameSeparators = "\\/:";
@@ -83,6 +171,14 @@ bool terminal_shows_utf8() {
     return GetConsoleOutputCP() == CP_UTF8;
 }
 
+Utf8Terminal::Utf8Terminal() : m_before(GetConsoleOutputCP()) {
+    SetConsoleOutputCP(CP_UTF8);
+}
+
+Utf8Terminal::~Utf8Terminal() {
+    SetConsoleOutputCP(m_before);
+}
+
 namespace {
 
 BOOL WINAPI on_interrupt(DWORD /*event*/) {
@@ -124,6 +220,18 @@ void end_process(int exitCode) {
 #include <unistd.h>
 
 namespace ffdhost {
+
+std::span<char const* const> command_line(int argc, char** argv) {
+    return {argv, static_cast<size_t>(argc)};
+}
+
+std::optional<std::string> to_driver(std::string const& name) {
+    return name;
+}
+
+std::string from_driver(std::string const& name) {
+    return name;
+}
 
 char const* const kDriverFileName = "libxkivmp3.so";
 char const* const kNameSeparators = "/";
@@ -182,6 +290,10 @@ bool terminal_shows_utf8() {
     }
     return false;
 }
+
+Utf8Terminal::Utf8Terminal() : m_before(0) {}
+
+Utf8Terminal::~Utf8Terminal() = default;
 
 namespace {
 

@@ -3,9 +3,21 @@
 #pragma once
 
 #include <filesystem>
+#include <optional>
+#include <span>
 #include <string>
 
 namespace ffdhost {
+
+// The host keeps all text as UTF-8. The driver takes and stores names in the narrow characters of
+// the process, which on Windows are those of its code page. The program's manifest asks for UTF-8
+// there; a Windows that does not heed it has the system's own.
+//
+// The words of the command line; they live as long as the program.
+std::span<char const* const> command_line(int argc, char** argv);
+// Nothing if the name has letters that the code page lacks.
+std::optional<std::string> to_driver(std::string const& name);
+std::string from_driver(std::string const& name);
 
 // The name under which the driver is built on this system.
 extern char const* const kDriverFileName;
@@ -41,6 +53,18 @@ bool terminal_has_colours(Stream stream);
 // beyond ASCII.
 unsigned terminal_width();
 bool terminal_shows_utf8();
+
+// As long as it lives, a terminal that has to be told takes text as UTF-8.
+class Utf8Terminal {
+public:
+    Utf8Terminal();
+    ~Utf8Terminal();
+    Utf8Terminal(Utf8Terminal const&) = delete;
+    Utf8Terminal& operator=(Utf8Terminal const&) = delete;
+
+private:
+    unsigned m_before;
+};
 
 // What is written to stderr when the user or the system stops the program (Ctrl-C, or the signals
 // that ask for it). Empty: nothing. The program ends on the spot, as in a crash. At most 1000

@@ -1,4 +1,5 @@
 // ffdhost: the command line.
+#include "System.h"
 #include "commands.h"
 
 #include "System.h"
@@ -188,7 +189,8 @@ Failure stdout_failure() {
             "Check where standard output leads to, and that the disk is not full."};
 }
 
-int run(int argc, char** argv) {
+int run(std::span<char const* const> words) {
+    Utf8Terminal const terminal;
     CLI::App app("Drives the MP3 dictation driver: looks at dictations, reads and edits them.",
                  "ffdhost");
     app.allow_windows_style_options(false); // a path may begin with '/' there too
@@ -213,13 +215,13 @@ int run(int argc, char** argv) {
     add_recover(app, arguments, command);
 
     try {
-        app.parse(argc, argv);
+        app.parse(static_cast<int>(words.size()), words.data());
     } catch (CLI::ParseError const& error) {
         if (error.get_exit_code() == 0) {
             int const code = app.exit(error); // --help and --version
             return std::cout.flush() ? code : report(stdout_failure(), "", false);
         }
-        bool const json = std::find(argv, argv + argc, std::string("--json")) != argv + argc;
+        bool const json = std::find(words.begin(), words.end(), std::string("--json")) != words.end();
         return report(Failure("command line", "", FFD_INVALID_PARAMETER, error.what()), "", json);
     }
     try {
@@ -246,7 +248,7 @@ int run(int argc, char** argv) {
 int main(int argc, char** argv) {
     ffdhost::open_missing_descriptors();
     try {
-        return run(argc, argv);
+        return run(ffdhost::command_line(argc, argv));
     } catch (...) {
         return ffdhost::kExitFailed;
     }

@@ -146,8 +146,9 @@ static_assert(offsetof(Table, get_dss_encrypted) == FFD_SLOT_GET_DSS_ENCRYPTED *
 class Driver {
 public:
     /**
-     * Loads the library: a path, or a name that the system looks for. Throws std::runtime_error
-     * with the system's own words, or if the library is no such driver.
+     * Loads the library: a path, or a bare name that the system looks for. With a path its own
+     * folder is searched for the trace library. Throws std::runtime_error with the system's own
+     * words, or if the library is no such driver.
      */
     explicit Driver(std::filesystem::path const& library) : m_library(load(library)) {
         void const* const symbol = find(m_library, FFD_TABLE_SYMBOL);
@@ -170,7 +171,13 @@ public:
 private:
 #ifdef _WIN32
     static void* load(std::filesystem::path const& library) {
-        HMODULE const module = LoadLibraryW(library.c_str());
+        // With its whole path, so that the system looks for what the driver needs in the folder of
+        // the driver and not in that of the program.
+        bool const isPath = library.has_parent_path();
+        std::filesystem::path const place =
+            isPath ? std::filesystem::absolute(library).make_preferred() : library;
+        HMODULE const module = LoadLibraryExW(place.c_str(), nullptr,
+                                              isPath ? LOAD_WITH_ALTERED_SEARCH_PATH : 0);
         if (module == nullptr) {
             throw std::runtime_error(
                 std::system_category().message(static_cast<int>(GetLastError())));

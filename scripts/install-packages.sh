@@ -12,6 +12,7 @@ if [ "${1-}" = --windows ]; then
         g++-mingw-w64-x86-64-posix
         googletest # its sources, built for Windows
         wine64     # runs the tests
+        locales    # and what makes it take another code page
     )
 fi
 

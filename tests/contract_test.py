@@ -8,7 +8,7 @@ import subprocess
 import unittest
 
 BUILD = pathlib.Path(os.environ["BUILD"])
-SYSTEM = {"kernel32.dll", "msvcrt.dll", "winmm.dll"}
+SYSTEM = {"kernel32.dll", "msvcrt.dll", "winmm.dll", "shell32.dll"}
 
 
 def headers(name):
@@ -56,6 +56,15 @@ class ContractTest(unittest.TestCase):
         for name in ("XKIVMP3.dll", "XKIVLOG.dll", "ffdhost.exe"):
             needed = {library.lower() for library in imports(headers(name))}
             self.assertEqual(needed - SYSTEM - {"xkivlog.dll"}, set(), name)
+
+    def test_no_time_and_a_version(self):
+        version = re.search(r"^CMAKE_PROJECT_VERSION:STATIC=(.*)", (BUILD / "CMakeCache.txt").read_text(), re.M)
+        for name in ("XKIVMP3.dll", "XKIVLOG.dll", "ffdhost.exe"):
+            contents = (BUILD / name).read_bytes()
+            header = int.from_bytes(contents[60:64], "little")
+            self.assertEqual(contents[header + 8:header + 12], bytes(4), name)  # TimeDateStamp
+            shown = "FileVersion\0\0" + version[1]  # the value begins at a multiple of four bytes
+            self.assertTrue(shown.encode("utf-16-le") in contents, name)
 
 
 if __name__ == "__main__":

@@ -42,9 +42,14 @@ find_package(Python3 COMPONENTS Interpreter REQUIRED)
 add_test(NAME contract COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_SOURCE_DIR}/contract_test.py)
 set_tests_properties(contract PROPERTIES ENVIRONMENT "BUILD=${CMAKE_BINARY_DIR}")
 
+string(JOIN "\;" wine ${CMAKE_CROSSCOMPILING_EMULATOR})
+add_test(NAME windows_host COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_SOURCE_DIR}/windows_host_test.py)
+set_tests_properties(windows_host PROPERTIES ENVIRONMENT
+    "WINDOWS_BUILD=${CMAKE_BINARY_DIR};WINE=${wine};FFD_SAMPLES=${CMAKE_CURRENT_SOURCE_DIR}/samples")
+
 # Against the release build of Linux.
 add_test(NAME agreement COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_SOURCE_DIR}/agreement_test.py)
-string(JOIN "\;" windows_host ${CMAKE_CROSSCOMPILING_EMULATOR} $<TARGET_FILE:ffdhost>)
+set(windows_host "${wine}\;$<TARGET_FILE:ffdhost>")
 # The other tests store their statuses in the same place.
 set_tests_properties(agreement PROPERTIES RUN_SERIAL ON ENVIRONMENT
     "LINUX_HOST=${CMAKE_SOURCE_DIR}/build/ffdhost;WINDOWS_HOST=${windows_host};WINE_PREFIX=${CMAKE_BINARY_DIR}/wine;FFD_SAMPLES=${CMAKE_CURRENT_SOURCE_DIR}/samples")
