@@ -15,7 +15,8 @@
 #ifdef _WIN32
 #include <windows.h>
 static void* load_symbol(char const* library, char const* name) {
-    char path[MAX_PATH]; /* whole, so that the driver's own folder is searched for its log library */
+    char
+        path[MAX_PATH]; /* whole, so that the driver's own folder is searched for its log library */
     DWORD const length = GetFullPathNameA(library, sizeof path, path, NULL);
     HMODULE const module = length > 0 && length < sizeof path
                                ? LoadLibraryExA(path, NULL, LOAD_WITH_ALTERED_SEARCH_PATH)

@@ -44,7 +44,8 @@ uint64_t size_on_disk(std::string const& path) {
 class FileWindow {
 public:
     FileWindow(std::string const& path, std::vector<Extent> extents)
-        : m_path(path), m_file(std::filesystem::path(path), std::ios::binary), m_extents(std::move(extents)) {
+        : m_path(path), m_file(std::filesystem::path(path), std::ios::binary),
+          m_extents(std::move(extents)) {
         for (Extent const& extent : m_extents) {
             m_fileSize += extent.size;
         }

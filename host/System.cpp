@@ -41,8 +41,8 @@ namespace {
 std::wstring widened(UINT codePage, std::string const& text) {
     int const size = static_cast<int>(text.size());
     std::wstring wide(text.size(), L'\0');
-    int const length = MultiByteToWideChar(codePage, MB_ERR_INVALID_CHARS, text.data(), size,
-                                           wide.data(), size);
+    int const length =
+        MultiByteToWideChar(codePage, MB_ERR_INVALID_CHARS, text.data(), size, wide.data(), size);
     wide.resize(static_cast<size_t>(length));
     return wide;
 }

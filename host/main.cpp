@@ -1,6 +1,6 @@
 // ffdhost: the command line.
-#include "System.h"
 #include "commands.h"
+#include "System.h"
 
 #include "System.h"
 
@@ -221,7 +221,8 @@ int run(std::span<char const* const> words) {
             int const code = app.exit(error); // --help and --version
             return std::cout.flush() ? code : report(stdout_failure(), "", false);
         }
-        bool const json = std::find(words.begin(), words.end(), std::string("--json")) != words.end();
+        bool const json =
+            std::find(words.begin(), words.end(), std::string("--json")) != words.end();
         return report(Failure("command line", "", FFD_INVALID_PARAMETER, error.what()), "", json);
     }
     try {

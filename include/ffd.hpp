@@ -176,8 +176,8 @@ private:
         bool const isPath = library.has_parent_path();
         std::filesystem::path const place =
             isPath ? std::filesystem::absolute(library).make_preferred() : library;
-        HMODULE const module = LoadLibraryExW(place.c_str(), nullptr,
-                                              isPath ? LOAD_WITH_ALTERED_SEARCH_PATH : 0);
+        HMODULE const module =
+            LoadLibraryExW(place.c_str(), nullptr, isPath ? LOAD_WITH_ALTERED_SEARCH_PATH : 0);
         if (module == nullptr) {
             throw std::runtime_error(
                 std::system_category().message(static_cast<int>(GetLastError())));

@@ -50,9 +50,9 @@ void refuse_an_open() {
     callback.hDriver = &callback;
     FFDError status = 0;
     auto const open = reinterpret_cast<FFDCreateFileProc>(table[FFD_SLOT_CREATE_FILE]);
-    EXPECT_EQ(open("none.mp3", FFD_ACCESS_READ, FFD_OPEN_EXISTING, nullptr, callback, &status,
-                   nullptr),
-              nullptr);
+    EXPECT_EQ(
+        open("none.mp3", FFD_ACCESS_READ, FFD_OPEN_EXISTING, nullptr, callback, &status, nullptr),
+        nullptr);
     EXPECT_EQ(status, 29u);
     FreeLibrary(hDriver);
 }
