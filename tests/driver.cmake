@@ -14,6 +14,11 @@ endforeach()
 # The test's own clock.
 target_link_options(driver_status_test PRIVATE -Wl,--wrap=time -Wl,--wrap=Sleep)
 
+# The test's own log and clock.
+add_kiv_test(driver_foreign_log_test LIBRARIES driver_fixture
+    SOURCES driver_foreign_log_test.cpp driver_no_sync.cpp)
+target_link_options(driver_foreign_log_test PRIVATE -Wl,--wrap=time -Wl,--wrap=Sleep)
+
 # The memory of the test program can be made to run out.
 target_link_options(driver_faults_test PRIVATE -Wl,--wrap=malloc)
 

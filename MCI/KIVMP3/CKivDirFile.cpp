@@ -169,34 +169,50 @@ void CKivDirFile::allocate_buffer(DWORD dwFileSize_p) {
     }
 }
 
-FFDError CKivDirFile::flush_dir_file() {
+FFDError CKivDirFile::flush_dir_file(DWORD* pdwError_p) {
     TRACE_ENTRY("-----CKivDirFile::flush_dir_file()");
     set_flush_pending();
-    FFDError const ffdError = reopen_lost_file();
-    if (ffdError != FFD_NOERROR) {
-        return ffdError;
+    DWORD dwError = reopen_lost_file();
+    if (dwError == NO_ERROR) {
+        dwError = write_dir_file();
     }
+    if (pdwError_p != nullptr) {
+        *pdwError_p = dwError;
+    }
+    return dwError == NO_ERROR ? FFD_NOERROR : FFD_FILE_IO_ERROR;
+}
+
+// The error number of what failed, 0 on success.
+DWORD CKivDirFile::write_dir_file() {
+    DWORD dwError = NO_ERROR;
     DWORD dwBytesWritten = 0;
-    if (!KIVMP3_set_file_pointer(m_hDirFile, 0) ||
-        !WriteFile(m_hDirFile, m_psDirHeader, m_dwDirSize, &dwBytesWritten, nullptr) ||
-        dwBytesWritten != m_dwDirSize) {
-        TRACE_ERROR(GetLastError(), "GetLastError() after WriteFile(..) -> FFD_FILE_IO_ERROR");
-        return FFD_FILE_IO_ERROR;
+    if (KIVMP3_set_file_pointer(m_hDirFile, 0, &dwError)) {
+        if (!WriteFile(m_hDirFile, m_psDirHeader, m_dwDirSize, &dwBytesWritten, nullptr)) {
+            dwError = GetLastError();
+        } else if (dwBytesWritten != m_dwDirSize) {
+            dwError = ERROR_DISK_FULL;
+        }
+    }
+    if (dwError != NO_ERROR) {
+        TRACE_ERROR(dwError, "GetLastError() after WriteFile(..) -> FFD_FILE_IO_ERROR");
+        return dwError;
     }
     // Closing and opening again is the commit.
     if (!CloseHandle(m_hDirFile)) {
-        TRACE_ERROR(GetLastError(), "GetLastError() after CloseHandle(..) -> FFD_FILE_IO_ERROR");
-        return FFD_FILE_IO_ERROR;
+        dwError = GetLastError();
+        TRACE_ERROR(dwError, "GetLastError() after CloseHandle(..) -> FFD_FILE_IO_ERROR");
+        return dwError;
     }
     m_bOnDisk = true;
     m_hDirFile = CreateFileA(m_szDirFilePath, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ,
                              nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (m_hDirFile == INVALID_HANDLE_VALUE) {
-        TRACE_ERROR(GetLastError(), "GetLastError() after CreateFile(..) -> FFD_FILE_IO_ERROR");
-        return FFD_FILE_IO_ERROR;
+        dwError = GetLastError();
+        TRACE_ERROR(dwError, "GetLastError() after CreateFile(..) -> FFD_FILE_IO_ERROR");
+        return dwError;
     }
     m_bFlushPending = false;
-    return FFD_NOERROR;
+    return NO_ERROR;
 }
 
 bool CKivDirFile::flush_before_close() {
@@ -209,8 +225,9 @@ bool CKivDirFile::flush_before_close() {
     int64_t llNow = llBegin;
     bool bHeldElsewhere = true;
     while (bHeldElsewhere && llNow >= llBegin && llNow - llBegin <= MOST_SECONDS_FOR_FLUSH) {
-        bHeldElsewhere = flush_dir_file() != FFD_NOERROR && !is_held() &&
-                         GetLastError() == ERROR_SHARING_VIOLATION;
+        DWORD dwError = NO_ERROR;
+        bHeldElsewhere = flush_dir_file(&dwError) != FFD_NOERROR && !is_held() &&
+                         dwError == ERROR_SHARING_VIOLATION;
         llNow = time(nullptr);
     }
     return !(bHeldElsewhere && (bOnDisk || m_bOnDisk));
@@ -220,18 +237,20 @@ bool CKivDirFile::is_held() const {
     return m_hDirFile != INVALID_HANDLE_VALUE && m_hDirFile != nullptr;
 }
 
-// Gets the .DIR file back that an earlier flush wrote but could not open again.
-FFDError CKivDirFile::reopen_lost_file() {
+// Gets the .DIR file back that an earlier flush wrote but could not open again. The error number, 0
+// on success.
+DWORD CKivDirFile::reopen_lost_file() {
     if (is_held()) {
-        return FFD_NOERROR;
+        return NO_ERROR;
     }
     m_hDirFile = CreateFileA(m_szDirFilePath, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ,
                              nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (m_hDirFile == INVALID_HANDLE_VALUE) {
-        TRACE_ERROR(GetLastError(), "GetLastError() after CreateFile(..) -> FFD_FILE_IO_ERROR");
-        return FFD_FILE_IO_ERROR;
+        DWORD const dwError = GetLastError();
+        TRACE_ERROR(dwError, "GetLastError() after CreateFile(..) -> FFD_FILE_IO_ERROR");
+        return dwError;
     }
-    return FFD_NOERROR;
+    return NO_ERROR;
 }
 
 FFDError CKivDirFile::close_dir_file() {

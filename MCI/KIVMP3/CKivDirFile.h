@@ -80,8 +80,9 @@ public:
                                FFDDesiredAccess ffdDesiredAccess_p);
 
     // Commits the buffer to the .DIR file, whole. FFD_FILE_IO_ERROR leaves the buffer as it is, and
-    // the next flush tries everything again.
-    FFDError flush_dir_file();
+    // the next flush tries everything again. *pdwError_p receives the platform's error number, 0 on
+    // success.
+    FFDError flush_dir_file(DWORD* pdwError_p = nullptr);
 
     // Brings what a flush has left undone to its end, and gets hold of the .DIR file again: as long
     // as it is held, no other process gets at the sound file while this one closes it. False, with
@@ -211,7 +212,8 @@ private:
     void set_file_aside(LPCSTR pszFilePath_p);
     void map_buffer();
     void allocate_buffer(DWORD dwFileSize_p);
-    FFDError reopen_lost_file();
+    DWORD reopen_lost_file();
+    DWORD write_dir_file();
     FFDError close_dir_file();
     bool is_damaged(DWORD dwFileSize_p) const;
     void clear_behind_end();

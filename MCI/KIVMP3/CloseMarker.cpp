@@ -75,16 +75,19 @@ bool is_marker_of(LPCSTR pszMarkerPath_p, CloseMarkerRecord const& rRecord_p) {
 
 // The size of a file; false if there is none. A file that can't be asked throws.
 bool find_file(LPCSTR pszPath_p, uint64_t* pullFileSize_p) {
-    DWORD dwError = NO_ERROR;
-    HANDLE hFile = KIVMP3_create_file(pszPath_p, &dwError, GENERIC_READ,
-                                      FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING, 0);
-    if (dwError == ERROR_FILE_NOT_FOUND) {
-        return false;
+    // A file that is not there is an answer, and no error for the log.
+    HANDLE hFile = CreateFileA(pszPath_p, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                               OPEN_EXISTING, 0, nullptr);
+    if (hFile == INVALID_HANDLE_VALUE) {
+        DWORD const dwError = GetLastError();
+        if (dwError == ERROR_FILE_NOT_FOUND) {
+            return false;
+        }
+        TRACE_ERROR(dwError, "GetLastError() after CreateFile()");
+        throw FFDError{FFD_FILE_IO_ERROR};
     }
-    if (dwError == NO_ERROR) {
-        dwError = KIVMP3_get_file_size(hFile, pullFileSize_p);
-        KIVMP3_release_file(&hFile);
-    }
+    DWORD const dwError = KIVMP3_get_file_size(hFile, pullFileSize_p);
+    KIVMP3_release_file(&hFile);
     if (dwError != NO_ERROR) {
         throw FFDError{FFD_FILE_IO_ERROR};
     }
