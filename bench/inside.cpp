@@ -198,7 +198,7 @@ void Insert(benchmark::State& state) {
     entry.Startpos = 0x40000000;
     entry.Endpos = entry.Startpos + 1;
     edit_directory(state, [&](CKivDirFile& directory, DWORD position) {
-        directory.insert_data(&entry, position);
+        directory.insert_data(&entry, directory.plan_insert(position, entry.Startpos, 1, false));
         directory.ascertain_data_length();
     });
 }

@@ -159,6 +159,53 @@ TEST_F(EditTest, AppendingBehindATruncatedFrame) {
     EXPECT_EQ(length(handle), 1172u);
 }
 
+// Of an entry behind the end of the file nothing can play: new audio stands where the host has
+// heard it, whatever such entries lie in front.
+TEST_F(EditTest, WritesBesideEntriesBehindTheEndOfTheFile) {
+    std::string const audio = frames(10);
+    std::string const piece = frames(1, 5);
+    std::vector<Entry> const filled(5459, {3, 960, 960});
+    struct {
+        std::vector<Entry> entries;
+        bool bFull;
+        uint32_t nAt;
+        FFDError status;
+        uint32_t nLands; // in the bytes that there are
+    } const rows[] = {
+        {{{1, 2000, 2100}, {1, 0, 960}}, false, 100, 0, 0},
+        {{{1, 2000, 2100}, {1, 0, 960}}, true, 100, 27, 0},
+        {{{1, 0, 480}, {1, 2000, 2100}, {1, 480, 960}}, false, 630, 0, 530},
+        {{{1, 0, 480}, {1, 2000, 2100}, {1, 480, 960}}, false, 500, 0, 480},
+        {{{1, 480, 1000}, {1, 0, 480}, {3, 2000, 2100}}, false, 510, 0, 480},
+        {{{3, 2000, 2100}, {1, 0, 1000}}, true, 980, 0, 960},
+    };
+    for (auto const& row : rows) {
+        SCOPED_TRACE(&row - rows);
+        std::vector<Entry> entries = row.entries;
+        std::string dictation;
+        for (Entry const& entry : row.entries) {
+            dictation += entry.nStatus == 1 && entry.nStartpos < 960
+                             ? audio.substr(entry.nStartpos, entry.nEndpos - entry.nStartpos)
+                             : "";
+        }
+        if (row.bFull) {
+            entries.insert(entries.end(), filled.begin(), filled.end());
+        }
+        write_file(path("a.DIR"), dir_image(entries));
+        FFDHandle const handle = open_with(m_sound, audio);
+        EXPECT_EQ(insert(handle, row.nAt, piece), row.status);
+        dictation.insert(row.nLands, row.status == 0 ? piece : "");
+        EXPECT_EQ(position(handle), row.nLands + (row.status == 0 ? 96 : 0));
+        EXPECT_EQ(erase(handle, 10, 0), 0u);
+        EXPECT_EQ(erase(handle, 10, 5), row.bFull ? 27u : 0u);
+        dictation.erase(10, row.bFull ? 0 : 5);
+        EXPECT_TRUE(same_bytes(read_all(handle), dictation));
+        platform_faults::pretend_free_bytes(0);
+        close(handle, 6);
+        platform_faults::reset();
+    }
+}
+
 // ---- The watch over the disk space ----
 
 std::vector<std::pair<unsigned, uint64_t>> g_messages;

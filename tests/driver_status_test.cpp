@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 
 #include <ctime>
+#include <filesystem>
 
 namespace fs = std::filesystem;
 using platform_faults::Call;
@@ -195,6 +196,12 @@ TEST_F(StatusTest, AStoreCutsTheEntriesToTheFile) {
     ASSERT_EQ(restore(handle), 0u);
     EXPECT_EQ(position(handle), 930u);
     EXPECT_TRUE(same_bytes(read_all(handle), m_audio.substr(0, 930)));
+    // The size that the host is told follows its own writes.
+    std::filesystem::resize_file(m_sound, 2000);
+    ASSERT_EQ(store(handle), 0u);
+    uint32_t nSize = 0;
+    EXPECT_EQ(driver().GetDictationFileSize(handle, &nSize), 0u);
+    EXPECT_EQ(nSize, 1122u);
 }
 
 TEST_F(StatusTest, StoresThatFail) {

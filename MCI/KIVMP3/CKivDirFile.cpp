@@ -162,7 +162,6 @@ void CKivDirFile::allocate_buffer(DWORD dwFileSize_p) {
     }
     m_psDirHeader = static_cast<DirEntry*>(pvBuffer);
     m_bMapped = FALSE;
-    forget_entries();
     if (m_psDirHeader == nullptr) {
         TRACE_ERROR(dwError, "GetLastError() after MapViewOfFile(...)");
         throw FFDError{FFD_FILE_IO_ERROR};
@@ -322,11 +321,9 @@ void CKivDirFile::set_first_entry(DWORD dwEndpos_p) {
     memset(m_psDirHeader, 0, m_dwDirSize);
     m_psDirHeader[0].Status = DIR_STATUS_LIVE;
     m_psDirHeader[0].Endpos = dwEndpos_p;
-    forget_entries();
 }
 
 void CKivDirFile::replace_entries(void const* pvEntries_p) {
     memcpy(m_psDirHeader, pvEntries_p, m_dwDirSize);
-    forget_entries();
     set_flush_pending();
 }

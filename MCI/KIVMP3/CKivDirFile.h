@@ -65,6 +65,36 @@ constexpr DWORD DIR_FILE_SIZE_MOST = 16 * 1024 * 1024; // a larger file is no di
 constexpr int KIVMP3_CLOSE_REBUILD = 1;    // the file is not the dictation as it lies
 constexpr int KIVMP3_CLOSE_NO_REBUILD = 2; // the file stays as it is
 
+// What an edit will do to the array, decided once: it is counted against the capacity before
+// anything changes, and then carried out. Entries are borrowed; nothing may change them in between.
+struct DirInsertPlan {
+    enum {
+        ReplaceFirst, // the empty first entry is taken over
+        InFront,      // a new entry in front of all
+        Widen,        // the block that ends at the new one takes it in
+        Behind,       // a new entry behind one that ends at the position
+        Split,        // a new entry between the parts of a block that the position cuts
+    } eKind;
+    DWORD dwPosInBytes;  // dictation position of the insert
+    bool bFound;         // an entry holds it; else pdirEntry is the last live one
+    DirEntry* pdirEntry; // that is replaced, widened, split or stands beside the new one
+    DWORD dwBlockStart;  // its dictation start
+    DWORD dwNewEntries;  // with that of the delete by an overwrite
+};
+
+struct DirDeletePlan {
+    DirEntry* pdirFirst;  // of the range, or cut by its begin; null if no entry holds the position
+    DirEntry* pdirBehind; // the one behind the last of the range
+    bool bCutFirst;       // the first entry is cut: the range begins with its second part
+    bool bCutLast;        // the last entry is cut: the range ends with its first part
+    DWORD dwFirstStart;   // dictation starts of the two, the last one's behind the first cut
+    DWORD dwLastStart;
+    DWORD dwBytesInLast; // how many bytes of the range the last entry has, if it is cut
+    DWORD dwBytesLeft;   // of the range behind the end of the dictation
+
+    DWORD new_entries() const { return (bCutFirst ? 1u : 0u) + (bCutLast ? 1u : 0u); }
+};
+
 class CKivDirFile {
 public:
     CKivDirFile() = default;
@@ -167,15 +197,10 @@ public:
     DWORD get_capacity() const;
     bool has_room_for(DWORD dwNewEntries_p) const;
 
-    // How many entries an edit at a dictation position would add; nothing changes. The new block
-    // would begin at an audio position, and the file ends there too: entries count up to it only.
-    DWORD count_new_entries_of_write(DWORD dwCurrentPosInBytes, DWORD dwNewStartpos_p,
-                                     DWORD dwLength_p, bool bOverwrite_p);
-    DWORD count_new_entries_of_delete(DWORD dwCurrentPosInBytes, DWORD dwLength_p);
-
-    // Cuts all entries to an audio position where the file ends. Whether any was cut; the length is
-    // not summed anew.
-    bool cut_entries(DWORD dwEndOfFile_p);
+    // Cuts all entries to an audio position where the file ends, and takes a dictation position
+    // back by the bytes that are gone in front of it. Whether any was cut; the length is not summed
+    // anew.
+    bool cut_entries(DWORD dwEndOfFile_p, DWORD* pdwPosInBytes_p);
 
     // How far the entries, deleted ones too, cover the audio area without a gap from audio position
     // 0 on; and where the next entry behind that gap starts, 0xFFFFFFFF if there is none. False if
@@ -184,13 +209,20 @@ public:
 
     // ---- Edits (CKivDirFileEdits.cpp) ----
 
-    // Enters a block at a dictation position: as an entry of its own, between the parts of a block
-    // that the position cuts, or by widening the block that ends there on both counts.
-    FFDError insert_data(DirEntry const* pdirEntryNew_p, DWORD dwCurrentPosInBytes);
+    // What an insert at a dictation position will do with a block of dwLength_p bytes that begins
+    // at an audio position, the bytes that an overwrite deletes behind it included.
+    DirInsertPlan plan_insert(DWORD dwCurrentPosInBytes, DWORD dwNewStartpos_p, DWORD dwLength_p,
+                              bool bOverwrite_p) const;
+
+    // Enters a block as planned: as an entry of its own, between the parts of a block that the
+    // position cuts, or by widening the block that ends there on both counts. The caller has made
+    // sure that there is room.
+    FFDError insert_data(DirEntry const* pdirEntryNew_p, DirInsertPlan const& rPlan_p);
 
     // Takes ffdLength_p bytes from a dictation position on out of the dictation. A pure delete can
     // be undone and ends the undo of the one before it; the delete of an overwrite can't and does
-    // not. FFD_INTERNAL_ERROR if no entry holds the position; nothing is marked then.
+    // not. FFD_ERROR_OUTOFMEMORY with nothing changed if there is no room for the entries that it
+    // cuts; FFD_INTERNAL_ERROR if no entry holds the position, and nothing is marked then.
     FFDError delete_data(DWORD ffdLength_p, DWORD dwCurrentPosInBytes, int bPureDelete_p);
 
     // Brings the last pure delete back and flushes. FFD_NOTHING_TO_UNDO, or FFD_NOT_UNDOABLE with
@@ -218,15 +250,13 @@ private:
     bool is_damaged(DWORD dwFileSize_p) const;
     void clear_behind_end();
     void move_dir_entries_one_up(DirEntry* pdirEntryStart_p, int nAfterStartEntry_p);
-    DirEntry* last_live_entry();
+    DirEntry* last_live_entry() const;
     DirEntry* highest_block(DWORD dwSizeFromDirectory_p);
-    bool is_inside_block(uint64_t ullPosInBytes_p);
-    void entries_changed(DirEntry const* pdirFirst_p);
-    void forget_entries();
-    void add_to_data_length(DWORD dwDifference_p);
+    DirEntry* find_dir_entry(DWORD dwSearchPosBytes_p, DWORD* pdwDirEntryStartPosBytes_p) const;
+    void trace_lookup(DWORD dwSearchPosBytes_p, bool bFound_p) const;
     bool clear_undoable(BYTE byStatus_p);
-    DirEntry* begin_of_delete(DWORD dwCurrentPosInBytes, LPCSTR pszNotFound_p);
-    DirEntry* end_of_delete(DirEntry* pdirFirst_p, DWORD ffdLength_p, DWORD dwCurrentPosInBytes);
+    DirDeletePlan plan_delete(DWORD dwCurrentPosInBytes, DWORD dwLength_p) const;
+    bool cut_range(DirDeletePlan* pPlan_p, DWORD dwCurrentPosInBytes, LPCSTR pszNotFound_p);
 
     HANDLE m_hDirFile = nullptr;        // the open .DIR file
     HANDLE m_hDirFileMapping = nullptr; // the mapping of a file opened for reading
@@ -239,16 +269,4 @@ private:
     DWORD m_dwDataLengthInBy = 0; // length of the dictation
     bool m_bFlushPending = false;
     bool m_bOnDisk = false; // of a flush that is pending: its bytes are in the file
-
-    // What is known of the entries, so that an edit or a read needs no pass over all of them. A
-    // change of the array must go through entries_changed() or forget_entries().
-    //
-    // The live entries in front of this index have this many bytes: the entry found last begins
-    // there, and the next one looked for is near it as a rule.
-    DWORD m_dwKnownEntry = 0;
-    DWORD m_dwKnownStart = 0;
-    // All undoable entries have an index in this range.
-    DWORD m_dwUndoableFirst = 0;
-    DWORD m_dwUndoableEnd = 0xFFFFFFFFu;
-    bool m_bDataLengthKnown = false; // m_dwDataLengthInBy is the sum of the live entries
 };

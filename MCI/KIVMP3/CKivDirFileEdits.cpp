@@ -3,13 +3,11 @@
 
 #include "MCI/KIVMP3/CKivDirFile.h"
 
-#include <algorithm>
-
 #define TRACE_MODULE "XKIVMP3.DLL"
 #include "log/trace.h"
 
 // The last live entry, or the first entry of the array if none is live.
-DirEntry* CKivDirFile::last_live_entry() {
+DirEntry* CKivDirFile::last_live_entry() const {
     DirEntry* pLast = m_psDirHeader;
     for (DirEntry* pEntry = m_psDirHeader; pEntry->Status != 0; ++pEntry) {
         if (!pEntry->is_deleted()) {
@@ -19,104 +17,157 @@ DirEntry* CKivDirFile::last_live_entry() {
     return pLast;
 }
 
-FFDError CKivDirFile::insert_data(DirEntry const* pdirEntryNew_p, DWORD dwCurrentPosInBytes) {
+DirInsertPlan CKivDirFile::plan_insert(DWORD dwCurrentPosInBytes, DWORD dwNewStartpos_p,
+                                       DWORD dwLength_p, bool bOverwrite_p) const {
+    DirInsertPlan plan = {};
+    plan.dwPosInBytes = dwCurrentPosInBytes;
+    plan.pdirEntry = m_psDirHeader;
+    if (dwCurrentPosInBytes == 0) {
+        bool const bEmpty = m_psDirHeader->Endpos == 0 && !m_psDirHeader->is_deleted();
+        plan.eKind = bEmpty ? DirInsertPlan::ReplaceFirst : DirInsertPlan::InFront;
+    } else {
+        plan.pdirEntry = find_dir_entry(dwCurrentPosInBytes, &plan.dwBlockStart);
+        plan.bFound = plan.pdirEntry != nullptr;
+        if (!plan.bFound) {
+            plan.pdirEntry = last_live_entry();
+        }
+        if (plan.bFound && dwCurrentPosInBytes != plan.dwBlockStart + plan.pdirEntry->size()) {
+            plan.eKind = DirInsertPlan::Split;
+        } else {
+            bool const bAdjoins =
+                plan.pdirEntry->Endpos == dwNewStartpos_p && !plan.pdirEntry->is_deleted();
+            plan.eKind = bAdjoins ? DirInsertPlan::Widen : DirInsertPlan::Behind;
+        }
+    }
+    switch (plan.eKind) {
+    case DirInsertPlan::ReplaceFirst:
+    case DirInsertPlan::Widen:
+        break;
+    case DirInsertPlan::InFront:
+    case DirInsertPlan::Behind:
+        plan.dwNewEntries = 1;
+        break;
+    case DirInsertPlan::Split:
+        plan.dwNewEntries = 2;
+        break;
+    }
+    // Where an overwrite's delete begins there is a border by then; its end lies now where the same
+    // bytes end in front of the insert.
+    if (bOverwrite_p && plan_delete(dwCurrentPosInBytes, dwLength_p).bCutLast) {
+        ++plan.dwNewEntries;
+    }
+    return plan;
+}
+
+FFDError CKivDirFile::insert_data(DirEntry const* pdirEntryNew_p, DirInsertPlan const& rPlan_p) {
     log_dir_entries("Log at begin of insert_data()");
     m_bFlushPending = true;
-    if (dwCurrentPosInBytes == 0) {
+    DirEntry* const pdirEntry = rPlan_p.pdirEntry;
+    if (rPlan_p.dwPosInBytes == 0) {
         TRACE_INFO("-Current Postion is at file begin (dwCurrentPosInBytes == 0) ");
-        if (m_psDirHeader->Endpos == 0 && !m_psDirHeader->is_deleted()) {
-            TRACE_INFO("-Update only very first entry with endpos of new entry.");
-            add_to_data_length(pdirEntryNew_p->live_size() - m_psDirHeader->size());
-            m_psDirHeader->Status = pdirEntryNew_p->Status;
-            m_psDirHeader->Startpos = pdirEntryNew_p->Startpos;
-            m_psDirHeader->Endpos = pdirEntryNew_p->Endpos;
-            entries_changed(m_psDirHeader);
-        } else {
-            TRACE_INFO("-Insert new entry at beginning of the file");
-            insert_dir_entry(pdirEntryNew_p, m_psDirHeader, 0);
-            add_to_data_length(pdirEntryNew_p->live_size());
-        }
-        m_bDirChanged = TRUE;
-        return FFD_NOERROR;
-    }
-
-    TRACE_INFO("-Current Postion is not at file begin (dwCurrentPosInBytes != 0)");
-    DWORD dwBlockStart = 0;
-    DirEntry* pdirEntry = get_dir_entry(dwCurrentPosInBytes, &dwBlockStart);
-    bool bOnBorder = true;
-    if (pdirEntry == nullptr) {
-        TRACE_ERROR(0, "Directory entry with dwCurrentPosInBytes not found");
-        pdirEntry = last_live_entry();
     } else {
-        bOnBorder = dwCurrentPosInBytes == dwBlockStart + pdirEntry->size();
+        TRACE_INFO("-Current Postion is not at file begin (dwCurrentPosInBytes != 0)");
+        trace_lookup(rPlan_p.dwPosInBytes, rPlan_p.bFound);
+        if (!rPlan_p.bFound) {
+            TRACE_ERROR(0, "Directory entry with dwCurrentPosInBytes not found");
+        }
+        if (rPlan_p.eKind != DirInsertPlan::Split) {
+            TRACE_INFO("-Current position is on block border.");
+        }
     }
-    if (!bOnBorder) {
-        TRACE_INFO("-Split block and insert new entry between.");
-        split_dir_entry(pdirEntry, dwBlockStart, dwCurrentPosInBytes);
+    switch (rPlan_p.eKind) {
+    case DirInsertPlan::ReplaceFirst:
+        TRACE_INFO("-Update only very first entry with endpos of new entry.");
+        pdirEntry->Status = pdirEntryNew_p->Status;
+        pdirEntry->Startpos = pdirEntryNew_p->Startpos;
+        pdirEntry->Endpos = pdirEntryNew_p->Endpos;
+        break;
+    case DirInsertPlan::InFront:
+        TRACE_INFO("-Insert new entry at beginning of the file");
+        insert_dir_entry(pdirEntryNew_p, pdirEntry, 0);
+        break;
+    case DirInsertPlan::Widen:
+        TRACE_INFO("-Update only endpos of old entry with that one of the new entry.");
+        pdirEntry->Endpos = pdirEntryNew_p->Endpos;
+        break;
+    case DirInsertPlan::Behind:
+        TRACE_INFO("-Insert new entry after old entry.");
         insert_dir_entry(pdirEntryNew_p, pdirEntry, 1);
-        add_to_data_length(pdirEntryNew_p->live_size());
-    } else {
-        TRACE_INFO("-Current position is on block border.");
-        if (pdirEntry->Endpos == pdirEntryNew_p->Startpos && !pdirEntry->is_deleted()) {
-            TRACE_INFO("-Update only endpos of old entry with that one of the new entry.");
-            add_to_data_length(pdirEntryNew_p->Endpos - pdirEntry->Endpos);
-            pdirEntry->Endpos = pdirEntryNew_p->Endpos;
-            entries_changed(pdirEntry);
-        } else {
-            TRACE_INFO("-Insert new entry after old entry.");
-            insert_dir_entry(pdirEntryNew_p, pdirEntry, 1);
-            add_to_data_length(pdirEntryNew_p->live_size());
-        }
+        break;
+    case DirInsertPlan::Split:
+        TRACE_INFO("-Split block and insert new entry between.");
+        split_dir_entry(pdirEntry, rPlan_p.dwBlockStart, rPlan_p.dwPosInBytes);
+        insert_dir_entry(pdirEntryNew_p, pdirEntry, 1);
+        break;
     }
     m_bDirChanged = TRUE;
     return FFD_NOERROR;
 }
 
-// The first entry of a range to delete, after a cut if the position lies inside a block; null, with
-// the caller's text in the trace, if no entry holds the position.
-DirEntry* CKivDirFile::begin_of_delete(DWORD dwCurrentPosInBytes, LPCSTR pszNotFound_p) {
-    if (dwCurrentPosInBytes == 0) {
-        TRACE_INFO("-Curent Pos == 0, Begin delete with first dir entry.");
-        return m_psDirHeader;
+// A range that goes beyond the dictation ends with it.
+DirDeletePlan CKivDirFile::plan_delete(DWORD dwCurrentPosInBytes, DWORD dwLength_p) const {
+    DirDeletePlan plan = {};
+    plan.pdirFirst = m_psDirHeader;
+    if (dwCurrentPosInBytes != 0) {
+        plan.pdirFirst = find_dir_entry(dwCurrentPosInBytes, &plan.dwFirstStart);
+        if (plan.pdirFirst == nullptr) {
+            return plan;
+        }
+        if (dwCurrentPosInBytes == plan.dwFirstStart + plan.pdirFirst->size()) {
+            ++plan.pdirFirst;
+        } else {
+            plan.bCutFirst = true;
+        }
     }
-    DWORD dwBlockStart = 0;
-    DirEntry* const pdirEntry = get_dir_entry(dwCurrentPosInBytes, &dwBlockStart);
-    if (pdirEntry == nullptr) {
-        TRACE_ERROR(0, pszNotFound_p);
-        return nullptr;
+    plan.dwLastStart = dwCurrentPosInBytes;
+    plan.dwBytesLeft = dwLength_p;
+    plan.pdirBehind = plan.pdirFirst;
+    while (plan.dwBytesLeft > 0 && plan.pdirBehind->Status != 0) {
+        DirEntry const& rEntry = *plan.pdirBehind++;
+        bool const bBeginsInside = plan.bCutFirst && &rEntry == plan.pdirFirst;
+        DWORD const dwSize =
+            rEntry.live_size() - (bBeginsInside ? dwCurrentPosInBytes - plan.dwFirstStart : 0);
+        if (dwSize > plan.dwBytesLeft) {
+            plan.bCutLast = true;
+            plan.dwBytesInLast = plan.dwBytesLeft;
+            plan.dwBytesLeft = 0;
+        } else {
+            plan.dwLastStart += dwSize;
+            plan.dwBytesLeft -= dwSize;
+        }
     }
-    if (dwCurrentPosInBytes == dwBlockStart + pdirEntry->size()) {
-        TRACE_INFO("-Current position is on block border. -> begin with next dir entry");
-        return pdirEntry + 1;
-    }
-    TRACE_INFO("-Split block and begin delete with second part.");
-    return split_dir_entry(pdirEntry, dwBlockStart, dwCurrentPosInBytes);
+    return plan;
 }
 
-// The entry behind the last one of the range, after a cut if the range ends inside a block. A range
-// that goes beyond the dictation ends with it.
-DirEntry* CKivDirFile::end_of_delete(DirEntry* pdirFirst_p, DWORD ffdLength_p,
-                                     DWORD dwCurrentPosInBytes) {
-    DWORD dwBytesToDelete = ffdLength_p;
-    DWORD dwRunningPos = dwCurrentPosInBytes;
-    DirEntry* pEntry = pdirFirst_p;
-    for (; pEntry->Status != 0; ++pEntry) {
-        if (pEntry->is_deleted()) {
-            continue;
+// Makes the cuts of a delete. The range then is pdirFirst to pdirBehind of the plan; false, with
+// the caller's text in the trace, if no entry holds the position.
+bool CKivDirFile::cut_range(DirDeletePlan* pPlan_p, DWORD dwCurrentPosInBytes,
+                            LPCSTR pszNotFound_p) {
+    if (dwCurrentPosInBytes == 0) {
+        TRACE_INFO("-Curent Pos == 0, Begin delete with first dir entry.");
+    } else {
+        trace_lookup(dwCurrentPosInBytes, pPlan_p->pdirFirst != nullptr);
+        if (pPlan_p->pdirFirst == nullptr) {
+            TRACE_ERROR(0, pszNotFound_p);
+            return false;
         }
-        if (pEntry->size() > dwBytesToDelete) {
-            TRACE_INFO("-Split block -> last block to delete is first part");
-            split_dir_entry(pEntry, dwRunningPos, dwRunningPos + dwBytesToDelete);
-            return pEntry + 1;
-        }
-        dwRunningPos += pEntry->size();
-        dwBytesToDelete -= pEntry->size();
-        if (dwBytesToDelete == 0) {
-            return pEntry + 1;
+        if (!pPlan_p->bCutFirst) {
+            TRACE_INFO("-Current position is on block border. -> begin with next dir entry");
+        } else {
+            TRACE_INFO("-Split block and begin delete with second part.");
+            pPlan_p->pdirFirst =
+                split_dir_entry(pPlan_p->pdirFirst, pPlan_p->dwFirstStart, dwCurrentPosInBytes);
+            ++pPlan_p->pdirBehind;
         }
     }
-    TRACE_VALUE("dwBytesToDelete", "%lu", dwBytesToDelete);
-    return pEntry;
+    if (pPlan_p->bCutLast) {
+        TRACE_INFO("-Split block -> last block to delete is first part");
+        split_dir_entry(pPlan_p->pdirBehind - 1, pPlan_p->dwLastStart,
+                        pPlan_p->dwLastStart + pPlan_p->dwBytesInLast);
+    } else if (pPlan_p->dwBytesLeft > 0) {
+        TRACE_VALUE("dwBytesToDelete", "%lu", pPlan_p->dwBytesLeft);
+    }
+    return true;
 }
 
 FFDError CKivDirFile::delete_data(DWORD ffdLength_p, DWORD dwCurrentPosInBytes, int bPureDelete_p) {
@@ -128,30 +179,27 @@ FFDError CKivDirFile::delete_data(DWORD ffdLength_p, DWORD dwCurrentPosInBytes, 
         TRACE_INFO("Bytes to delete == 0, return FFD_NOERROR");
         return FFD_NOERROR;
     }
+    DirDeletePlan plan = plan_delete(dwCurrentPosInBytes, ffdLength_p);
+    if (!has_room_for(plan.new_entries())) {
+        TRACE_ERROR(FFD_ERROR_OUTOFMEMORY, "directory is full -> FFD_ERROR_OUTOFMEMORY");
+        return FFD_ERROR_OUTOFMEMORY;
+    }
     m_bFlushPending = true;
     if (bPureDelete_p) {
         clear_undoable(DIR_STATUS_DELETED);
     }
-    DirEntry* const pdirFirst = begin_of_delete(
-        dwCurrentPosInBytes,
-        bPureDelete_p
-            ? "Directory entry with m_ffdCurrentPosInBy not found. -> FFD_INTERNAL_ERROR"
-            : "Directory entry with dwCurrentPosInBytes not found. -> FFD_INTERNAL_ERROR");
-    if (pdirFirst == nullptr) {
+    if (!cut_range(&plan, dwCurrentPosInBytes,
+                   bPureDelete_p
+                       ? "Directory entry with m_ffdCurrentPosInBy not found. -> FFD_INTERNAL_ERROR"
+                       : "Directory entry with dwCurrentPosInBytes not found. -> "
+                         "FFD_INTERNAL_ERROR")) {
         return FFD_INTERNAL_ERROR;
     }
-    DirEntry* const pdirBehind = end_of_delete(pdirFirst, ffdLength_p, dwCurrentPosInBytes);
     BYTE const byStatus = bPureDelete_p ? DIR_STATUS_UNDOABLE : DIR_STATUS_DELETED;
-    for (DirEntry* pEntry = pdirFirst; pEntry < pdirBehind; ++pEntry) {
+    for (DirEntry* pEntry = plan.pdirFirst; pEntry < plan.pdirBehind; ++pEntry) {
         if (!pEntry->is_deleted()) {
             pEntry->Status = byStatus;
-            add_to_data_length(0 - pEntry->size());
         }
-    }
-    entries_changed(pdirFirst);
-    if (bPureDelete_p) {
-        m_dwUndoableFirst = static_cast<DWORD>(pdirFirst - m_psDirHeader);
-        m_dwUndoableEnd = static_cast<DWORD>(pdirBehind - m_psDirHeader);
     }
     log_dir_entries("Log at end of delete_data()");
     ascertain_data_length();
@@ -164,7 +212,6 @@ FFDError CKivDirFile::undo_last() {
         TRACE_ERROR(FFD_NOTHING_TO_UNDO, "FFD_NOTHING_TO_UNDO");
         return FFD_NOTHING_TO_UNDO;
     }
-    m_bDataLengthKnown = false;
     FFDError const ffdError = flush_dir_file();
     if (ffdError != FFD_NOERROR) {
         TRACE_ERROR(ffdError, "by flush_dir_file()");
@@ -200,7 +247,6 @@ FFDError CKivDirFile::recover_directory(DWORD dwDataChunkSize_p, DWORD dwSizeFro
     TRACE_PARAM("dwSizeFromDirectory_p", "%lu", dwSizeFromDirectory_p);
     DirEntry* const pEntry = highest_block(dwSizeFromDirectory_p);
     if (pEntry != nullptr) {
-        forget_entries();
         if (pEntry->Startpos < dwDataChunkSize_p) {
             TRACE_INFO("pEntry->Startpos < dwDataChunkSize_p");
             TRACE_VALUE("Old pEntry->Endpos", "%lu", pEntry->Endpos);

@@ -93,8 +93,9 @@ private:
 
     // ---- Editing (Kivmp3Edit.cpp) ----
     void write_data(FFDMethod ffdMethod, uint32_t ffdBufferSize, uint8_t const* lpffdBuffer);
-    void append_to_file(uint8_t const* lpffdBuffer, DWORD dwBufferSize_p, bool bOverwrite_p);
-    void adopt_end_of_file(uint64_t ullEndOfFile_p);
+    DirInsertPlan append_to_file(uint8_t const* lpffdBuffer, DWORD dwBufferSize_p,
+                                 bool bOverwrite_p);
+    void cut_entries_behind(uint64_t ullEndOfFile_p);
     void take_back_append(DWORD dwOldFileSize_p);
     FFDError delete_data(DWORD ffdLength_p, int bPureDelete_p);
     int32_t check_diskspace_send_warning(DWORD dwBytesToWrite_p);

@@ -45,7 +45,8 @@ void CKivmp3::write_data(FFDMethod ffdMethod, uint32_t ffdBufferSize, uint8_t co
     if (nCheck != 0) {
         TRACE_ERROR(nCheck, "by check_diskspace_send_warning() before writing");
     }
-    append_to_file(lpffdBuffer, ffdBufferSize, ffdMethod == FFD_METHOD_OVERWRITE);
+    DirInsertPlan const plan =
+        append_to_file(lpffdBuffer, ffdBufferSize, ffdMethod == FFD_METHOD_OVERWRITE);
 
     DirEntry dirEntryNew = {};
     dirEntryNew.Status = DIR_STATUS_LIVE;
@@ -55,7 +56,7 @@ void CKivmp3::write_data(FFDMethod ffdMethod, uint32_t ffdBufferSize, uint8_t co
         m_ffdCurrentPosInBy = dirEntryNew.Startpos;
         TRACE_INFO("m_ffdCurrentPosInBy corrected");
     }
-    m_oDirFile.insert_data(&dirEntryNew, m_ffdCurrentPosInBy);
+    m_oDirFile.insert_data(&dirEntryNew, plan);
     ascertain_data_length();
     m_ffdCurrentPosInBy += ffdBufferSize;
 
@@ -76,7 +77,10 @@ void CKivmp3::write_data(FFDMethod ffdMethod, uint32_t ffdBufferSize, uint8_t co
     }
 }
 
-void CKivmp3::append_to_file(uint8_t const* lpffdBuffer, DWORD dwBufferSize_p, bool bOverwrite_p) {
+// Puts the audio behind the end of the file. The result is how the directory will take it in: all
+// that can refuse comes before the write.
+DirInsertPlan CKivmp3::append_to_file(uint8_t const* lpffdBuffer, DWORD dwBufferSize_p,
+                                      bool bOverwrite_p) {
     TRACE_ENTRY("-----CKivmp3::append_to_file(..)");
     uint64_t ullEndOfFile = 0;
     if (!KIVMP3_seek_to_end(m_hMp3File, &ullEndOfFile)) {
@@ -86,14 +90,16 @@ void CKivmp3::append_to_file(uint8_t const* lpffdBuffer, DWORD dwBufferSize_p, b
         TRACE_ERROR(FFD_FILE_IO_ERROR, "end of file out of range -> FFD_FILE_IO_ERROR");
         throw FFDError{FFD_FILE_IO_ERROR};
     }
+    cut_entries_behind(ullEndOfFile);
     DWORD const dwNewStartpos = static_cast<DWORD>(ullEndOfFile) - m_dwFirstFrame;
-    DWORD const dwNewEntries = m_oDirFile.count_new_entries_of_write(
-        m_ffdCurrentPosInBy, dwNewStartpos, dwBufferSize_p, bOverwrite_p);
-    if (!m_oDirFile.has_room_for(dwNewEntries)) {
+    DirInsertPlan const plan = m_oDirFile.plan_insert(std::min(m_ffdCurrentPosInBy, dwNewStartpos),
+                                                      dwNewStartpos, dwBufferSize_p, bOverwrite_p);
+    if (!m_oDirFile.has_room_for(plan.dwNewEntries)) {
         TRACE_ERROR(FFD_ERROR_OUTOFMEMORY, "directory is full -> FFD_ERROR_OUTOFMEMORY");
         throw FFDError{FFD_ERROR_OUTOFMEMORY};
     }
-    adopt_end_of_file(ullEndOfFile);
+    // The positions of the new block rest on m_dwFileSize being the true end.
+    m_dwFileSize = static_cast<DWORD>(ullEndOfFile);
 
     DWORD dwBytesWritten = 0;
     DWORD dwError = NO_ERROR;
@@ -105,13 +111,15 @@ void CKivmp3::append_to_file(uint8_t const* lpffdBuffer, DWORD dwBufferSize_p, b
     }
     FlushFileBuffers(m_hMp3File);
     m_dwFileSize += dwBytesWritten;
+    return plan;
 }
 
-// The positions of new blocks rest on m_dwFileSize being the true end. Entries that reach behind
-// it, as of a last frame that the end of the file cut short, would lay claim to the new bytes.
-void CKivmp3::adopt_end_of_file(uint64_t ullEndOfFile_p) {
-    m_dwFileSize = static_cast<DWORD>(ullEndOfFile_p);
-    if (m_oDirFile.cut_entries(m_dwFileSize - m_dwFirstFrame)) {
+// Entries that reach behind the end of the file, as of a last frame that it cut short, would lay
+// claim to the bytes of the next write. What they lose was never in the file, and the position
+// stays in front of the audio that the host has heard there.
+void CKivmp3::cut_entries_behind(uint64_t ullEndOfFile_p) {
+    DWORD const dwEndOfFile = static_cast<DWORD>(ullEndOfFile_p) - m_dwFirstFrame;
+    if (m_oDirFile.cut_entries(dwEndOfFile, &m_ffdCurrentPosInBy)) {
         ascertain_data_length();
         m_ffdCurrentPosInBy = std::min(m_ffdCurrentPosInBy, m_oDirFile.get_data_length());
     }
@@ -160,11 +168,6 @@ FFDError CKivmp3::delete_data(DWORD ffdLength_p, int bPureDelete_p) {
     if (m_ffdCurrentPosInBy > m_oDirFile.get_data_length() - m_pWfx->nBlockSize) {
         TRACE_INFO("m_ffdCurrentPosInBy == m_ffdDataLengthInBy, return FFD_NOERROR");
         return FFD_NOERROR;
-    }
-    if (!m_oDirFile.has_room_for(
-            m_oDirFile.count_new_entries_of_delete(m_ffdCurrentPosInBy, ffdLength_p))) {
-        TRACE_ERROR(FFD_ERROR_OUTOFMEMORY, "directory is full -> FFD_ERROR_OUTOFMEMORY");
-        return FFD_ERROR_OUTOFMEMORY;
     }
     FFDError const ffdError =
         m_oDirFile.delete_data(ffdLength_p, m_ffdCurrentPosInBy, bPureDelete_p);

@@ -88,7 +88,7 @@ void CKivmp3::cut_entries_to_file() {
     uint64_t ullEndOfFile = 0;
     if (KIVMP3_get_file_size(m_hMp3File, &ullEndOfFile) == NO_ERROR &&
         ullEndOfFile >= m_dwFirstFrame && ullEndOfFile <= 0xFFFFFFFFu) {
-        adopt_end_of_file(ullEndOfFile);
+        cut_entries_behind(ullEndOfFile);
     }
 }
 
