@@ -156,6 +156,20 @@ TEST_F(OpenTest, AnyOtherBitrateIsRefused) {
         EXPECT_EQ(status_of(frames(5) + other_bitrate(), access), 19u);
         EXPECT_EQ(status_of(other_bitrate() + frames(5), access), 19u);
         EXPECT_EQ(status_of(frames(5) + noise(3000) + other_bitrate() + frames(1), access), 19u);
+        EXPECT_EQ(status_of(frames(5) + other_bitrate() + id3v1_tag(), access), 19u);
+        EXPECT_EQ(status_of(read_file(KIV_SAMPLES_DIR "/speech-vbr.mp3"), access), 19u);
+    }
+}
+
+// Where audio was cut inside its frames, bytes that look like a header of another bitrate are
+// noise.
+TEST_F(OpenTest, AHeaderOfAnotherBitrateThatNothingFollowsIsPassedOver) {
+    std::string const chance = other_bitrate().substr(0, 60);
+    for (std::string const& behind : {frames(2, 5), noise(30), noise(30) + frames(1, 5),
+                                      noise(500) + frames(2, 5), id3v1_tag(), std::string()}) {
+        std::string const audio = frames(3) + noise(20) + chance + behind;
+        size_t const nFrame = behind.find("\xFF\xF3");
+        EXPECT_EQ(length_of(audio), nFrame == std::string::npos ? 288 : audio.size());
     }
 }
 

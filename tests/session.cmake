@@ -10,5 +10,7 @@ foreach(call CreateFileA CloseHandle DeleteFileA MoveFileA)
     target_link_options(driver_processes_test PRIVATE -Wl,--wrap=${call})
 endforeach()
 
-# Every short session, on a disk in memory.
-add_kiv_test(session_test SOURCES session_test.cpp LIBRARIES memory_disk)
+# Every short session, and random ones over real speech, on a disk in memory.
+foreach(subject session speech)
+    add_kiv_test(${subject}_test SOURCES ${subject}_test.cpp LIBRARIES memory_disk)
+endforeach()

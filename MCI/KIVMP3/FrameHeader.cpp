@@ -54,6 +54,11 @@ DWORD frame_length(WORD wBitrate_p, DWORD dwFactor_p, DWORD dwSamplingRate_p, un
     return (wBitrate_p * dwFactor_p / dwSamplingRate_p & 0xFFFF) + nPadding_p;
 }
 
+DWORD frame_length(BYTE const* pbyHeader_p) {
+    return frame_length(frame_bitrate(pbyHeader_p), frame_length_factor(pbyHeader_p),
+                        frame_sampling_rate(pbyHeader_p), frame_padding(pbyHeader_p));
+}
+
 FFDError check_frame_header(BYTE const* pbyHeader_p) {
     TRACE_ENTRY("-----CKivmp3::check_frame_header");
     if (pbyHeader_p[0] != 0xFF && begins_with_tag(pbyHeader_p)) {

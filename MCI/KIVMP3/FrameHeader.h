@@ -70,6 +70,7 @@ DWORD frame_length_factor(BYTE const* pbyHeader_p);
 
 // In bytes, header and padding included. The Layer III formula serves all layers.
 DWORD frame_length(WORD wBitrate_p, DWORD dwFactor_p, DWORD dwSamplingRate_p, unsigned nPadding_p);
+DWORD frame_length(BYTE const* pbyHeader_p);
 
 // Judges four bytes: FFD_NOERROR for a usable header, FFD_NO_MORE_FRAMES for the beginning of a tag
 // ("ID3", "TAG", "APE"), FFD_INVALID_FORMAT for anything else. No second frame is looked for.

@@ -3,7 +3,7 @@
 // The road of a call: a slot of the table in MAIN.cpp finds the object and calls the operation
 // here; the operation works on the MP3 file through the helpers of INTERNAL.h and on the dictation
 // through m_oDirFile. Sources: Kivmp3Open.cpp, Kivmp3Measure.cpp, Kivmp3Info.cpp, Kivmp3Read.cpp,
-// Kivmp3Edit.cpp, Kivmp3Status.cpp, Kivmp3Close.cpp.
+// Kivmp3Edit.cpp, Kivmp3Status.cpp, Kivmp3Close.cpp, Kivmp3Rebuild.cpp.
 //
 // Three kinds of byte count meet here and are never mixed: a file offset counts from the start of
 // the MP3 file, an audio position from the first frame (m_dwFirstFrame), a dictation position the
@@ -74,7 +74,20 @@ private:
                                DWORD& dwBytesSkipped);
     FFDError scan_block(BYTE const* pbyBlock_p, DWORD dwBytesRead_p, BYTE const* pbyCarry_p,
                         bool bFirstFrame_p, LONG* plFound_p);
+
+    // A search that begins inside a frame can meet four bytes of audio that look like a header. So
+    // the header found at a file offset, which is in m_byFrameHeader, gives way to the next one
+    // that comes within the length of a frame, if its own frame does not end at another one or with
+    // the audio, and the next one's does and has the file's bitrate: where the first lies inside a
+    // true frame, the next does. *pullFileOffset_p and m_byFrameHeader tell which one it is then.
+    // The frames behind have the bitrate of the one in front of them, or any. Whether the frame
+    // that it is then ends so.
+    bool pass_over_chance_header(CReadAhead& rFile_p, bool bAnyBitrate_p,
+                                 uint64_t* pullFileOffset_p);
+    bool is_followed_by_frame(CReadAhead& rFile_p, uint64_t ullFileOffset_p, bool bAnyBitrate_p);
+
     void ascertain_data_length_from_file(BYTE* pbyReadAhead_p);
+    bool search_walked_frame(CReadAhead& rFile_p, DWORD dwFileOffset_p, DWORD* pdwBytesSkipped_p);
     void note_bitrate(WORD wBitrate_p, DWORD dwActualPosition_p);
     void lower_rate_of_variable_bitrate(DWORD dwFactor_p);
     void ascertain_data_length();
@@ -115,13 +128,15 @@ private:
     FFDError rebuild_and_close_wav_file();
     void check_rebuild_space();
     HANDLE create_temp_file(char (&szTmpPath_p)[MAX_PATH]);
+    void replace_mp3_file(LPCSTR pszTmpPath_p, DWORD dwNewFileSize_p);
+
+    // ---- The copy of a rebuild (Kivmp3Rebuild.cpp) ----
     void reorganize(HANDLE hNewFile);
     uint64_t copy_range(HANDLE hNewFile, uint64_t ullFileOffset_p, uint64_t ullBytes_p,
                         BYTE* pcBuffer_p, LPCSTR pszFailed_p);
-    FFDError search_block_frame(uint64_t ullFileOffset_p, BYTE* pcBuffer_p, DWORD* pdwSkipped_p);
-    bool is_followed_by_frame(CReadAhead& rFile_p, uint64_t ullFileOffset_p);
     uint64_t copy_block(HANDLE hNewFile, DirEntry const& rEntry_p, BYTE* pcBuffer_p);
-    void replace_mp3_file(LPCSTR pszTmpPath_p, DWORD dwNewFileSize_p);
+    FFDError search_block_frame(uint64_t ullFileOffset_p, BYTE* pcBuffer_p, DWORD* pdwSkipped_p,
+                                bool* pbFollowed_p);
 
     char m_szFilePath[MAX_PATH] = "";       // as the host gave it, then the full path
     char m_szFileStatusPath[MAX_PATH] = ""; // the .csf file; empty for none

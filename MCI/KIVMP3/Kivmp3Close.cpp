@@ -1,17 +1,13 @@
 // The close: decides whether the file as it lies is the dictation, and rebuilds it if it is not.
-// The rebuild copies what the directory names into a temporary file beside the MP3 file, block by
-// block in playing order, each brought back to whole frames; that file then takes the place of the
-// old.
+// The rebuild puts the dictation together in a temporary file beside the MP3 file
+// (Kivmp3Rebuild.cpp), which then takes the place of the old one.
 
 #include "MCI/KIVMP3/ClockName.h"
 #include "MCI/KIVMP3/INTERNAL.h"
 #include "MCI/KIVMP3/Kivmp3.h"
-#include "MCI/KIVMP3/ReadAhead.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 #define TRACE_MODULE "XKIVMP3.DLL"
 #include "log/trace.h"
@@ -163,171 +159,6 @@ HANDLE CKivmp3::create_temp_file(char (&szTmpPath_p)[MAX_PATH]) {
     } while (oName.wait_if_taken(dwError));
     TRACE_ERROR(FFD_FILE_IO_ERROR, "FFD_FILE_IO_ERROR: cannot create temp file");
     throw FFDError{FFD_FILE_IO_ERROR};
-}
-
-void CKivmp3::reorganize(HANDLE hNewFile) {
-    TRACE_ENTRY("-----CKivmp3::reorganize(.)");
-    TRACE_PARAM("hNewFile", "%p", hNewFile);
-    CHeapBlock const buffer(KIVMP3_TRANSFER_BUFFER_SIZE);
-    if (buffer.get() == nullptr) {
-        TRACE_ERROR(0, "by malloc(KIVMP3_TRANSFER_BUFFER_SIZE) -> FFD_ERROR_OUTOFMEMORY");
-        throw FFDError{FFD_ERROR_OUTOFMEMORY};
-    }
-    uint64_t ullCopied =
-        copy_range(hNewFile, 0, m_dwFirstFrame, buffer.get(), "by KIVMP3_transfer_wave_data(...)");
-    for (DirEntry const* pEntry = m_oDirFile.get_dir_header(); pEntry->Status != 0; ++pEntry) {
-        // A block smaller than a frame is dropped from the file.
-        if (!pEntry->is_deleted() && pEntry->size() >= m_pWfx->nBlockSize) {
-            ullCopied += copy_block(hNewFile, *pEntry, buffer.get());
-        }
-    }
-    if (m_dwTrailingEnd > m_dwTrailingBegin) {
-        ullCopied += copy_range(hNewFile, m_dwTrailingBegin, m_dwTrailingEnd - m_dwTrailingBegin,
-                                buffer.get(), "by KIVMP3_transfer_wave_data(...)");
-    }
-    // The transfers look at no counts: what came out short must not replace the old file.
-    uint64_t ullNewFileSize = 0;
-    if (KIVMP3_get_file_size(hNewFile, &ullNewFileSize) != NO_ERROR ||
-        ullNewFileSize != ullCopied) {
-        TRACE_ERROR(FFD_FILE_IO_ERROR, "rebuilt file is not whole -> FFD_FILE_IO_ERROR");
-        throw FFDError{FFD_FILE_IO_ERROR};
-    }
-}
-
-// Copies bytes from a file offset of the MP3 file to the file pointer of the new one. The result is
-// how many of them the MP3 file holds.
-uint64_t CKivmp3::copy_range(HANDLE hNewFile, uint64_t ullFileOffset_p, uint64_t ullBytes_p,
-                             BYTE* pcBuffer_p, LPCSTR pszFailed_p) {
-    if (ullFileOffset_p >= m_dwFileSize) {
-        return 0;
-    }
-    if (!KIVMP3_set_file_pointer(m_hMp3File, static_cast<DWORD>(ullFileOffset_p))) {
-        throw FFDError{FFD_FILE_IO_ERROR};
-    }
-    uint64_t const ullExpected = std::min(ullBytes_p, m_dwFileSize - ullFileOffset_p);
-    // The transfer counts in signed 32 bits.
-    constexpr uint64_t ullMostBytes = uint64_t{KIVMP3_TRANSFER_BUFFER_SIZE} * 16384;
-    for (uint64_t ullLeft = ullExpected; ullLeft > 0;) {
-        uint64_t const ullBytes = std::min(ullLeft, ullMostBytes);
-        FFDError const ffdError =
-            KIVMP3_transfer_mp3_data(m_hMp3File, hNewFile, static_cast<LONG>(ullBytes), pcBuffer_p,
-                                     KIVMP3_TRANSFER_BUFFER_SIZE);
-        if (ffdError != FFD_NOERROR) {
-            TRACE_ERROR(ffdError, pszFailed_p);
-            throw FFDError{ffdError};
-        }
-        ullLeft -= ullBytes;
-    }
-    return ullExpected;
-}
-
-// Finds the first frame at or behind a file offset, at which a copy may be cut; its header is in
-// m_byFrameHeader then, and *pdwSkipped_p the bytes to it.
-//
-// A search that begins inside a frame can meet four bytes of audio that look like a header, of
-// another bitrate as a rule. A file cut there would be refused at its next open. So a header that
-// no second one follows gives way to one that has one, if that is of the file's bitrate and comes
-// within the length of a frame: where the first one lies inside a true frame, the next does.
-FFDError CKivmp3::search_block_frame(uint64_t ullFileOffset_p, BYTE* pcBuffer_p,
-                                     DWORD* pdwSkipped_p) {
-    CReadAhead file(m_hMp3File, pcBuffer_p, SEARCH_READ_AHEAD_SIZE);
-    if (!file.set_file_pointer(ullFileOffset_p)) {
-        throw FFDError{FFD_FILE_IO_ERROR};
-    }
-    DWORD dwBytesRead = 0;
-    FFDError const ffdError = search_frame_sync(file, false, dwBytesRead, *pdwSkipped_p);
-    uint64_t ullFound = ullFileOffset_p + *pdwSkipped_p;
-    // The first frame of the file is one whatever follows: the open has measured from there.
-    if (ffdError != FFD_NOERROR || ullFound == m_dwFirstFrame ||
-        is_followed_by_frame(file, ullFound)) {
-        return ffdError;
-    }
-    BYTE abyFirstHeader[FRAME_HEADER_SIZE];
-    memcpy(abyFirstHeader, m_byFrameHeader, FRAME_HEADER_SIZE);
-    uint64_t const ullMostOffset = ullFound + m_pWfx->nBlockSize + 1; // one byte of padding
-    while (ullFound < ullMostOffset) {
-        DWORD dwSkipped = 0;
-        if (!file.set_file_pointer(ullFound + 1)) {
-            throw FFDError{FFD_FILE_IO_ERROR};
-        }
-        if (search_frame_sync(file, false, dwBytesRead, dwSkipped) != FFD_NOERROR) {
-            break;
-        }
-        ullFound += 1 + dwSkipped;
-        if (ullFound <= ullMostOffset && frame_bitrate(m_byFrameHeader) == m_wLowestBitrate &&
-            is_followed_by_frame(file, ullFound)) {
-            TRACE_INFO("bytes that look like a frame header are passed over");
-            *pdwSkipped_p = static_cast<DWORD>(ullFound - ullFileOffset_p);
-            return FFD_NOERROR;
-        }
-    }
-    memcpy(m_byFrameHeader, abyFirstHeader, FRAME_HEADER_SIZE);
-    return FFD_NOERROR;
-}
-
-// Whether the frame whose header is in m_byFrameHeader ends where one of the same kind and bitrate
-// begins, or where the audio ends.
-bool CKivmp3::is_followed_by_frame(CReadAhead& rFile_p, uint64_t ullFileOffset_p) {
-    uint64_t const ullNext = ullFileOffset_p + frame_length(frame_bitrate(m_byFrameHeader),
-                                                            frame_length_factor(m_byFrameHeader),
-                                                            frame_sampling_rate(m_byFrameHeader),
-                                                            frame_padding(m_byFrameHeader));
-    if (ullNext == m_dwLastFrame || ullNext == m_dwFileSize) {
-        return true;
-    }
-    BYTE const* pbyHeader = nullptr;
-    DWORD dwBytesRead = 0;
-    if (!rFile_p.set_file_pointer(ullNext) ||
-        !KIVMP3_read_file(rFile_p, &pbyHeader, FRAME_HEADER_SIZE, &dwBytesRead)) {
-        throw FFDError{FFD_FILE_IO_ERROR};
-    }
-    return dwBytesRead == FRAME_HEADER_SIZE &&
-           ((frame_header_word(pbyHeader) ^ m_dwReferenceHeader) & FRAME_REFERENCE_MASK) == 0 &&
-           check_frame_header(pbyHeader) == FFD_NOERROR &&
-           frame_bitrate(pbyHeader) == frame_bitrate(m_byFrameHeader);
-}
-
-// Copies one block, moved forward so that it begins with a frame header, and widened to the end of
-// the frame that its end has cut. The result is the count of bytes that the new file got.
-uint64_t CKivmp3::copy_block(HANDLE hNewFile, DirEntry const& rEntry_p, BYTE* pcBuffer_p) {
-    uint64_t const ullWantedOffset = uint64_t{m_dwFirstFrame} + rEntry_p.Startpos;
-    // What an append has widened the block by is its own, also behind the frames found at open.
-    uint64_t const ullLimit =
-        ullWantedOffset < m_dwBlockLimit
-            ? std::max<uint64_t>(m_dwBlockLimit, uint64_t{m_dwFirstFrame} + rEntry_p.Endpos)
-            : 0x100000000u;
-    DWORD dwSkippedAtStart = 0;
-    if (search_block_frame(ullWantedOffset, pcBuffer_p, &dwSkippedAtStart) != FFD_NOERROR) {
-        TRACE_ERROR(FFD_NO_MORE_FRAMES, "block without a frame header is left out");
-        return 0;
-    }
-    uint64_t const ullStartOffset = ullWantedOffset + dwSkippedAtStart;
-    if (ullStartOffset >= ullLimit) {
-        TRACE_INFO("block whose first frame lies behind the audio is left out");
-        return 0;
-    }
-    uint64_t const ullBytes = std::min<uint64_t>(rEntry_p.size(), ullLimit - ullStartOffset);
-    DWORD const dwHeaderBytes = static_cast<DWORD>(std::min<uint64_t>(ullBytes, FRAME_HEADER_SIZE));
-    if (!KIVMP3_write_file(hNewFile, m_byFrameHeader, dwHeaderBytes, nullptr)) {
-        throw FFDError{FFD_FILE_IO_ERROR};
-    }
-    uint64_t ullCopied = dwHeaderBytes;
-    ullCopied += copy_range(hNewFile, ullStartOffset + dwHeaderBytes, ullBytes - dwHeaderBytes,
-                            pcBuffer_p, "by KIVMP3_transfer_mp3_data(...)");
-
-    // A block that ends where the frames of the file did at open ends with a whole frame.
-    uint64_t const ullEndOffset = ullStartOffset + ullBytes;
-    if (rEntry_p.Endpos == m_dwLastFrame - m_dwFirstFrame || ullEndOffset >= ullLimit) {
-        return ullCopied;
-    }
-    DWORD dwSkippedAtEnd = 0;
-    if (search_block_frame(ullEndOffset, pcBuffer_p, &dwSkippedAtEnd) == FFD_NOERROR &&
-        dwSkippedAtEnd != 0) {
-        ullCopied += copy_range(hNewFile, ullEndOffset,
-                                std::min<uint64_t>(dwSkippedAtEnd, ullLimit - ullEndOffset),
-                                pcBuffer_p, "by KIVMP3_transfer_mp3_data(...)");
-    }
-    return ullCopied;
 }
 
 // Lets the finished temporary file take the place of the MP3 file, under the protection of the

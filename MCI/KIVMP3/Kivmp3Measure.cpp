@@ -116,6 +116,68 @@ FFDError CKivmp3::scan_block(BYTE const* pbyBlock_p, DWORD dwBytesRead_p, BYTE c
     return FFD_INVALID_FORMAT;
 }
 
+// Whether a frame found at a file offset, with its header, ends where one of the same kind begins,
+// or where the audio does: at the end of the file, of the frames or in front of the trailing bytes.
+// If the bitrate counts, that one must end so in turn, and some more: of frames that are all the
+// same, as in silence, each has the bytes that look like a header at the same place.
+bool CKivmp3::is_followed_by_frame(CReadAhead& rFile_p, uint64_t ullFileOffset_p,
+                                   bool bAnyBitrate_p) {
+    BYTE abyHeader[FRAME_HEADER_SIZE];
+    memcpy(abyHeader, m_byFrameHeader, FRAME_HEADER_SIZE);
+    WORD const wBitrate = frame_bitrate(abyHeader);
+    for (int nFollowing = bAnyBitrate_p ? 1 : 4; nFollowing > 0; --nFollowing) {
+        ullFileOffset_p += frame_length(abyHeader);
+        if (ullFileOffset_p == m_dwFileSize || ullFileOffset_p == m_dwLastFrame ||
+            ullFileOffset_p == m_dwTrailingBegin) {
+            return true;
+        }
+        BYTE const* pbyNext = nullptr;
+        DWORD dwBytesRead = 0;
+        if (!rFile_p.set_file_pointer(ullFileOffset_p) ||
+            !KIVMP3_read_file(rFile_p, &pbyNext, FRAME_HEADER_SIZE, &dwBytesRead)) {
+            throw FFDError{FFD_FILE_IO_ERROR};
+        }
+        if (dwBytesRead < FRAME_HEADER_SIZE ||
+            ((frame_header_word(pbyNext) ^ m_dwReferenceHeader) & FRAME_REFERENCE_MASK) != 0 ||
+            check_frame_header(pbyNext) != FFD_NOERROR ||
+            !(bAnyBitrate_p || frame_bitrate(pbyNext) == wBitrate)) {
+            return false;
+        }
+        memcpy(abyHeader, pbyNext, FRAME_HEADER_SIZE);
+    }
+    return true;
+}
+
+bool CKivmp3::pass_over_chance_header(CReadAhead& rFile_p, bool bAnyBitrate_p,
+                                      uint64_t* pullFileOffset_p) {
+    if (is_followed_by_frame(rFile_p, *pullFileOffset_p, bAnyBitrate_p)) {
+        return true;
+    }
+    BYTE abyFirstHeader[FRAME_HEADER_SIZE];
+    memcpy(abyFirstHeader, m_byFrameHeader, FRAME_HEADER_SIZE);
+    uint64_t ullFound = *pullFileOffset_p;
+    uint64_t const ullMostOffset = ullFound + m_pWfx->nBlockSize + 1; // one byte of padding
+    while (ullFound < ullMostOffset) {
+        DWORD dwBytesRead = 0;
+        DWORD dwSkipped = 0;
+        if (!rFile_p.set_file_pointer(ullFound + 1)) {
+            throw FFDError{FFD_FILE_IO_ERROR};
+        }
+        if (search_frame_sync(rFile_p, false, dwBytesRead, dwSkipped) != FFD_NOERROR) {
+            break;
+        }
+        ullFound += 1 + dwSkipped;
+        if (ullFound <= ullMostOffset && frame_bitrate(m_byFrameHeader) == m_wLowestBitrate &&
+            is_followed_by_frame(rFile_p, ullFound, bAnyBitrate_p)) {
+            TRACE_INFO("bytes that look like a frame header are passed over");
+            *pullFileOffset_p = ullFound;
+            return true;
+        }
+    }
+    memcpy(m_byFrameHeader, abyFirstHeader, FRAME_HEADER_SIZE);
+    return false;
+}
+
 void CKivmp3::ascertain_data_length_from_file(BYTE* pbyReadAhead_p) {
     TRACE_ENTRY("-----CKivmp3::ascertain_data_length_from_file()");
     CReadAhead file(m_hMp3File, pbyReadAhead_p, READ_AHEAD_SIZE);
@@ -152,17 +214,43 @@ void CKivmp3::ascertain_data_length_from_file(BYTE* pbyReadAhead_p) {
             break;
         }
         dwActualPosition = static_cast<DWORD>(ullNextPosition);
-        if (!file.set_file_pointer(m_dwFirstFrame + dwActualPosition)) {
-            break;
-        }
-        DWORD dwBytesRead = 0;
-        if (search_frame_sync(file, false, dwBytesRead, dwBytesSkipped) != FFD_NOERROR) {
-            break;
-        }
-    } while (true);
+    } while (search_walked_frame(file, m_dwFirstFrame + dwActualPosition, &dwBytesSkipped));
     m_dwLastFrame = m_dwFirstFrame + dwActualPosition;
     if (m_bVBR) {
         lower_rate_of_variable_bitrate(dwFactor);
+    }
+}
+
+// Finds the next frame of the walk at or behind a file offset, and the bytes to it. Whether there
+// is one.
+//
+// Where audio was cut inside its frames, the walk lands in the middle of one, and what looks like a
+// header of another bitrate there must not pass for a variable bitrate. If no header follows it, it
+// is noise; but not if it begins where the frame in front ends, ends inside the file and is the
+// last: that is a last frame of another bitrate with a tag behind it.
+bool CKivmp3::search_walked_frame(CReadAhead& rFile_p, DWORD dwFileOffset_p,
+                                  DWORD* pdwBytesSkipped_p) {
+    BYTE abyLastHeader[FRAME_HEADER_SIZE] = {};
+    for (uint64_t ullFrom = dwFileOffset_p;; ++ullFrom) {
+        if (!rFile_p.set_file_pointer(ullFrom)) {
+            return false;
+        }
+        DWORD dwBytesRead = 0;
+        DWORD dwSkipped = 0;
+        if (search_frame_sync(rFile_p, false, dwBytesRead, dwSkipped) != FFD_NOERROR) {
+            memcpy(m_byFrameHeader, abyLastHeader, FRAME_HEADER_SIZE);
+            *pdwBytesSkipped_p = 0;
+            return abyLastHeader[0] != 0;
+        }
+        ullFrom += dwSkipped;
+        if (frame_bitrate(m_byFrameHeader) == m_wLowestBitrate || m_bVBR ||
+            pass_over_chance_header(rFile_p, true, &ullFrom)) {
+            *pdwBytesSkipped_p = static_cast<DWORD>(ullFrom - dwFileOffset_p);
+            return true;
+        }
+        if (ullFrom == dwFileOffset_p && ullFrom + frame_length(m_byFrameHeader) < m_dwFileSize) {
+            memcpy(abyLastHeader, m_byFrameHeader, FRAME_HEADER_SIZE);
+        }
     }
 }
 
