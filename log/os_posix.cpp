@@ -1,14 +1,17 @@
 #include "log/os.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <mutex>
+#include <optional>
 #include <poll.h>
 #include <pthread.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -21,6 +24,10 @@ namespace {
 constexpr int kFirstOwnDescriptor = 3;
 
 constinit std::mutex mutex;
+
+// What kind of file the log's own descriptor names. Once it is a pipe or a socket it stays one:
+// only standard error may be, and that is the environment's choice, which holds for good.
+constinit std::atomic<mode_t> ownMode{0};
 
 int move_above_standard(int descriptor) {
     if (descriptor < 0 || descriptor >= kFirstOwnDescriptor)
@@ -71,10 +78,40 @@ bool is_ready(int descriptor) {
     return poll(&asked, 1, 0) == 1;
 }
 
+// Whether a write into such a file could raise a signal.
+bool may_raise(mode_t mode) {
+    rlimit limit{};
+    return S_ISREG(mode) ? getrlimit(RLIMIT_FSIZE, &limit) != 0 || limit.rlim_cur != RLIM_INFINITY
+                         : S_ISFIFO(mode);
+}
+
 ssize_t write_some(int descriptor, mode_t mode, char const* text, size_t length) {
     if (S_ISSOCK(mode))
         return send(descriptor, text, length, MSG_DONTWAIT | MSG_NOSIGNAL);
     return write(descriptor, text, length);
+}
+
+// As write_line, into what has this mode.
+bool write_to(int descriptor, mode_t mode, char const* line, size_t length) {
+    if (S_ISFIFO(mode) && !is_ready(descriptor))
+        return true;
+    std::optional<HoldSignals> signals;
+    if (may_raise(mode))
+        signals.emplace();
+    while (length > 0) {
+        ssize_t const written = write_some(descriptor, mode, line, length);
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written <= 0) {
+            bool const gone = errno == EPIPE || errno == ECONNRESET;
+            if (signals)
+                signals->write_failed();
+            return !gone;
+        }
+        line += written;
+        length -= static_cast<size_t>(written);
+    }
+    return true;
 }
 
 } // namespace
@@ -117,6 +154,7 @@ int open_for_append(char const* path) {
     struct stat status {};
     if (fstat(descriptor, &status) == 0 && (S_ISREG(status.st_mode) || S_ISCHR(status.st_mode))) {
         fcntl(descriptor, F_SETFL, O_APPEND);
+        ownMode = status.st_mode;
         return descriptor;
     }
     close(descriptor);
@@ -126,7 +164,10 @@ int open_for_append(char const* path) {
 
 int open_standard_error() {
     struct stat status {};
-    if (fstat(STDERR_FILENO, &status) == 0 && S_ISFIFO(status.st_mode)) {
+    if (fstat(STDERR_FILENO, &status) != 0)
+        return -1;
+    ownMode = status.st_mode;
+    if (S_ISFIFO(status.st_mode)) {
         // The pipe once more: here a write may be told not to wait, for which the host's own way of
         // writing would change along with a mere copy.
         int const own = move_above_standard(
@@ -144,29 +185,13 @@ bool replace(int kept, int fresh) {
 }
 
 bool write_line(int descriptor, char const* line, size_t length) {
-    struct stat status {};
-    if (fstat(descriptor, &status) != 0)
-        return true;
-    if (S_ISFIFO(status.st_mode) && !is_ready(descriptor))
-        return true;
-    HoldSignals signals;
-    while (length > 0) {
-        ssize_t const written = write_some(descriptor, status.st_mode, line, length);
-        if (written < 0 && errno == EINTR)
-            continue;
-        if (written <= 0) {
-            bool const gone = errno == EPIPE || errno == ECONNRESET;
-            signals.write_failed();
-            return !gone;
-        }
-        line += written;
-        length -= static_cast<size_t>(written);
-    }
-    return true;
+    return write_to(descriptor, ownMode.load(std::memory_order_relaxed), line, length);
 }
 
 void complain(char const* line, size_t length) {
-    write_line(STDERR_FILENO, line, length);
+    struct stat status {};
+    if (fstat(STDERR_FILENO, &status) == 0)
+        write_to(STDERR_FILENO, status.st_mode, line, length);
 }
 
 FileStamp stamp_of(char const* path) {
