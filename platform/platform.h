@@ -285,6 +285,12 @@ bool PlatformSplitPath(LPCSTR pszPath, PlatformPathParts* pParts);
 // of letters on Windows.
 bool PlatformSameFileName(LPCSTR pszName1, LPCSTR pszName2);
 
+// The last component of a path as the file system has the file: Windows takes `letter.mp3.`,
+// `letter.mp3 ` and an 8.3 name for `letter.mp3`. Without such a file, only dots and blanks go that
+// count for nothing; what the narrow characters can't say stays as it is, and so does everything on
+// Linux. False if the path is none, or on Windows if it names a stream of a file (`letter.mp3:a`).
+bool PlatformNameOnDisk(LPCSTR pszPath, char (*pszName)[MAX_PATH]);
+
 // Makes a new file, as CreateFileA does with CREATE_NEW and FILE_ATTRIBUTE_NORMAL, that on Linux its
 // owner alone may read and write, whatever the umask; on Windows its folder decides who may.
 HANDLE PlatformCreatePrivateFile(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode);

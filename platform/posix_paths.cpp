@@ -6,6 +6,7 @@
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
@@ -121,6 +122,15 @@ DWORD WINAPI GetTempPathA(DWORD nBufferLength, LPSTR lpBuffer) {
 
 bool PlatformSplitPath(LPCSTR pszPath, PlatformPathParts* pParts) {
     return platform::split_path(pszPath, pParts, {"/", false, nullptr});
+}
+
+bool PlatformNameOnDisk(LPCSTR pszPath, char (*pszName)[MAX_PATH]) {
+    PlatformPathParts parts;
+    if (!PlatformSplitPath(pszPath, &parts))
+        return false;
+    int const nLength =
+        snprintf(*pszName, sizeof *pszName, "%s%s", parts.szStem, parts.szExtension);
+    return nLength >= 0 && nLength < MAX_PATH;
 }
 
 bool PlatformSameFileName(LPCSTR pszName1, LPCSTR pszName2) {

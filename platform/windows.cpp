@@ -4,6 +4,7 @@
 #include "platform/split_path.h"
 
 #include <array>
+#include <cstdio>
 #include <cstring>
 
 namespace {
@@ -16,6 +17,16 @@ bool is_lead_byte(char c) {
 int wide_name(char const* pszName, std::array<wchar_t, 512>& wideName) {
     return MultiByteToWideChar(CP_ACP, MB_ERR_INVALID_CHARS, pszName, -1, wideName.data(),
                                static_cast<int>(wideName.size()));
+}
+
+// A file name in the narrow characters of this process. False if its code page lacks a letter.
+bool narrow_name(wchar_t const* pwszName, char (*pszName)[MAX_PATH]) {
+    bool const bUtf8 = GetACP() == CP_UTF8; // knows neither the flag nor the question
+    BOOL bReplaced = FALSE;
+    int const iLength =
+        WideCharToMultiByte(CP_ACP, bUtf8 ? WC_ERR_INVALID_CHARS : WC_NO_BEST_FIT_CHARS, pwszName,
+                            -1, *pszName, sizeof *pszName, nullptr, bUtf8 ? nullptr : &bReplaced);
+    return iLength > 0 && !bReplaced;
 }
 
 } // namespace
@@ -34,6 +45,33 @@ bool PlatformSameFileName(LPCSTR pszName1, LPCSTR pszName2) {
     // Ordinal, as the file system does it: a comparison by language takes different names for one.
     return CompareStringOrdinal(wideName1.data(), iLength1, wideName2.data(), iLength2, TRUE) ==
            CSTR_EQUAL;
+}
+
+bool PlatformNameOnDisk(LPCSTR pszPath, char (*pszName)[MAX_PATH]) {
+    PlatformPathParts parts;
+    if (!PlatformSplitPath(pszPath, &parts))
+        return false;
+    int const iLength =
+        snprintf(*pszName, sizeof *pszName, "%s%s", parts.szStem, parts.szExtension);
+    if (iLength < 0 || iLength >= MAX_PATH || strchr(*pszName, ':') != nullptr)
+        return false;
+    std::array<wchar_t, 512> wideGiven;
+    std::array<wchar_t, 512> wideFull;
+    wchar_t* pwszFilePart = nullptr;
+    if (strpbrk(*pszName, "*?") != nullptr || wide_name(pszPath, wideGiven) == 0)
+        return true;
+    DWORD const dwFull =
+        GetFullPathNameW(wideGiven.data(), wideFull.size(), wideFull.data(), &pwszFilePart);
+    if (dwFull == 0 || dwFull >= wideFull.size() || pwszFilePart == nullptr)
+        return true;
+    char szFound[MAX_PATH];
+    WIN32_FIND_DATAW found;
+    HANDLE const hSearch = FindFirstFileW(wideFull.data(), &found);
+    if (hSearch != INVALID_HANDLE_VALUE)
+        FindClose(hSearch);
+    if (narrow_name(hSearch != INVALID_HANDLE_VALUE ? found.cFileName : pwszFilePart, &szFound))
+        strcpy(*pszName, szFound);
+    return true;
 }
 
 HANDLE PlatformCreatePrivateFile(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode) {

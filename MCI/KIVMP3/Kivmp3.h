@@ -51,6 +51,7 @@ private:
                                    FFDCallbackParams const& ffdCallbackParams_new);
     void set_membervariables(FFDCallbackParams const& ffdCallbackParams, char const* lpFileName);
     FFDError set_membervar_path_and_filename(char const* lpFileName);
+    void take_name_on_disk();
     void refuse_second_writer();
     void open_mp3_file();
     void check_and_fill_filepath_variables();
@@ -161,6 +162,8 @@ private:
     DWORD m_dwTrailingEnd = 0;
     DWORD m_dwBlockLimit = 0;
 
+    // The file name as the disk has it: m_cstrFilename can be another spelling of it.
+    std::string m_cstrNameOnDisk;
     // The directory of the MP3 file with its closing separator, absolute if the platform could
     // tell: the host may change the working directory while the file is open.
     std::string m_cstrWorkPath;

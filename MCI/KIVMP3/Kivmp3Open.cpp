@@ -39,7 +39,9 @@ FFDError CKivmp3::FFDCreateFile(char const* lpFileName, FFDDesiredAccess ffdDesi
         check_creation_parameters(ffdCreation, ffdDesiredAccess, *ffdCallbackParams);
         set_membervariables(*ffdCallbackParams, lpFileName);
         if (ffdDesiredAccess == FFD_ACCESS_READWRITE) {
+            take_name_on_disk();
             CCloseMarker::finish_interrupted_close(m_szFilePath);
+            take_name_on_disk(); // the sound file may have come only now
         }
         m_oDirFile.create_directory_file(m_szFilePath, ffdCreation, ffdDesiredAccess);
         if (!m_oDirFile.is_new_directory()) {
@@ -129,8 +131,25 @@ FFDError CKivmp3::set_membervar_path_and_filename(char const* lpFileName) {
     }
     m_cstrFilepath = std::string(parts.szDrive) + parts.szDirectory;
     m_cstrFilename = std::string(parts.szStem) + parts.szExtension;
+    m_cstrNameOnDisk = m_cstrFilename;
     snprintf(m_szFilePath, sizeof m_szFilePath, "%s", lpFileName);
     return FFD_NOERROR;
+}
+
+// One file can be opened by several names, as Windows takes a dot or blank at the end for nothing.
+// What lies beside it must have one name, or two writers would not meet.
+void CKivmp3::take_name_on_disk() {
+    char szName[MAX_PATH];
+    if (!PlatformNameOnDisk(m_szFilePath, &szName)) {
+        TRACE_ERROR(FFD_INVALID_PATH, "a stream of a file -> FFD_INVALID_PATH");
+        throw FFDError{FFD_INVALID_PATH};
+    }
+    char szPath[MAX_PATH];
+    int const nLength = snprintf(szPath, sizeof szPath, "%s%s", m_cstrFilepath.c_str(), szName);
+    if (nLength > 0 && nLength < MAX_PATH) {
+        m_cstrNameOnDisk = szName;
+        memcpy(m_szFilePath, szPath, sizeof szPath);
+    }
 }
 
 // A directory with edits is either left over or in use by another process, whose every flush lets
@@ -172,7 +191,7 @@ void CKivmp3::check_and_fill_filepath_variables() {
         m_cstrFilepath = m_cstrWorkPath;
     }
     snprintf(m_szFilePath, sizeof m_szFilePath, "%s%s", m_cstrWorkPath.c_str(),
-             m_cstrFilename.c_str());
+             m_cstrNameOnDisk.c_str());
     TRACE_VALUE("m_szFilePath", "%s", m_szFilePath);
 }
 
