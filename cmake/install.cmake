@@ -34,11 +34,11 @@ install(DIRECTORY examples TYPE DOC PATTERN CMakeLists.txt EXCLUDE)
 install(FILES LICENSE TYPE DOC RENAME copyright)
 
 if(NOT WIN32)
-    configure_file(${CMAKE_SOURCE_DIR}/host/ffdhost.1.in ${CMAKE_BINARY_DIR}/ffdhost.1 @ONLY)
+    configure_file(${CMAKE_SOURCE_DIR}/cli/ffdhost.1.in ${CMAKE_BINARY_DIR}/ffdhost.1 @ONLY)
     install(FILES ${CMAKE_BINARY_DIR}/ffdhost.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
-    install(FILES ${CMAKE_SOURCE_DIR}/host/completion/ffdhost.bash
+    install(FILES ${CMAKE_SOURCE_DIR}/cli/completion/ffdhost.bash
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME ffdhost)
-    install(FILES ${CMAKE_SOURCE_DIR}/host/completion/_ffdhost
+    install(FILES ${CMAKE_SOURCE_DIR}/cli/completion/_ffdhost
         DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
 endif()
 

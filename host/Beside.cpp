@@ -1,7 +1,7 @@
 #include "Beside.h"
 
-#include "Files.h"
-#include "Status.h"
+#include "console/Files.h"
+#include "console/Status.h"
 
 namespace ffdhost {
 

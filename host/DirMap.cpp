@@ -1,8 +1,8 @@
 #include "DirMap.h"
 
 #include "Bytes.h"
-#include "Files.h"
-#include "Status.h"
+#include "console/Files.h"
+#include "console/Status.h"
 
 #include <algorithm>
 

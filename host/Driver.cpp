@@ -1,7 +1,7 @@
 #include "Driver.h"
 
-#include "Status.h"
-#include "System.h"
+#include "console/Status.h"
+#include "console/System.h"
 
 #include <stdexcept>
 

@@ -1,6 +1,6 @@
 #include "EditOps.h"
 
-#include "Status.h"
+#include "console/Status.h"
 
 #include <algorithm>
 

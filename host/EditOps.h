@@ -1,7 +1,7 @@
 // The operations of 'ffdhost edit' as the command line gives them.
 #pragma once
 
-#include "Position.h"
+#include "console/Position.h"
 
 #include <string>
 #include <vector>

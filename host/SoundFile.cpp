@@ -1,8 +1,8 @@
 #include "SoundFile.h"
 
-#include "Files.h"
-#include "Output.h"
-#include "System.h"
+#include "console/Files.h"
+#include "console/Output.h"
+#include "console/System.h"
 
 #include <span>
 #include <utility>

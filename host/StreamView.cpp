@@ -1,10 +1,10 @@
 #include "StreamView.h"
 
 #include "Beside.h"
-#include "Files.h"
-#include "Output.h"
-#include "Printable.h"
-#include "Status.h"
+#include "console/Files.h"
+#include "console/Output.h"
+#include "console/Printable.h"
+#include "console/Status.h"
 #include "Tags.h"
 
 #include <algorithm>

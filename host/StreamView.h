@@ -1,7 +1,7 @@
 // A sound file looked at from outside: its format, and where its audio lies in the file.
 #pragma once
 
-#include "Output.h"
+#include "console/Output.h"
 #include "SoundFile.h"
 
 #include <memory>

@@ -1,7 +1,7 @@
 #include "Tags.h"
 
 #include "Bytes.h"
-#include "Output.h"
+#include "console/Output.h"
 
 #include <algorithm>
 #include <deque>

@@ -2,7 +2,7 @@
 // alone; it does not name them either.
 #pragma once
 
-#include "Files.h"
+#include "console/Files.h"
 
 #include <cstdint>
 #include <istream>

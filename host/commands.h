@@ -4,8 +4,8 @@
 #pragma once
 
 #include "Beside.h"
+#include "console/Output.h"
 #include "DirMap.h"
-#include "Output.h"
 #include "StreamView.h"
 #include "Tags.h"
 
@@ -30,18 +30,9 @@ struct ReadOptions {
 Outcome run_read(Driver const& driver, std::string const& file, ReadOptions const& options,
                  bool json);
 
-// `svg` names the file for a picture of the blocks, or is '-' for standard output. Empty: text.
-Outcome run_map(Driver const& driver, std::string const& file, std::string const& svg, bool json);
-
 // `tokens` are the operations with their arguments, one behind the other.
 Outcome run_edit(Driver const& driver, std::string const& file,
                  std::vector<std::string> const& tokens, bool force, bool json);
-
-// The exit code is kExitFailed if something needs attention.
-Outcome run_check(Driver const& driver, std::string const& file, bool json);
-
-// `copy`: keeps what is there in a new folder first.
-Outcome run_recover(Driver const& driver, std::string const& file, bool copy, bool json);
 
 // ---- Shared by commands ------------------------------------------------------------------------
 
@@ -52,11 +43,6 @@ uint64_t copy_dictation(SoundFile& sound, uint64_t size, OutputFile output);
 // Throws a Failure if `output` is `file` or its .DIR file, even one that is not there: writing it
 // would destroy them, or what the next open would take for one.
 void check_output(std::string const& operation, std::string const& output, std::string const& file);
-
-// The blocks with where they lie and play, as a list that may end with what is left out. `view` is
-// what places them in the file; without it their file offsets are not known.
-Json map_json(DirMap const& map, std::optional<StreamView> const& view, uint32_t bytesPerSecond);
-void print_map(Json const& blocks);
 
 // What stands in front of the audio or behind it.
 Json regions_json(Regions const& regions);

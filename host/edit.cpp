@@ -1,9 +1,10 @@
 #include "commands.h"
 
+#include "BlockList.h"
+#include "console/Printable.h"
+#include "console/System.h"
 #include "EditOps.h"
-#include "Printable.h"
 #include "StandardInput.h"
-#include "System.h"
 
 #include <algorithm>
 #include <memory>

@@ -1,6 +1,6 @@
 #include "commands.h"
 
-#include "Position.h"
+#include "console/Position.h"
 
 #include <algorithm>
 

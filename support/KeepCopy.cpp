@@ -1,8 +1,8 @@
 #include "KeepCopy.h"
 
-#include "Beside.h"
+#include "console/Output.h"
+#include "host/Beside.h"
 #include "OpenFolder.h"
-#include "Output.h"
 
 namespace ffdhost {
 

@@ -2,7 +2,7 @@
 // another place.
 #pragma once
 
-#include "Files.h"
+#include "console/Files.h"
 
 #include <filesystem>
 #include <optional>

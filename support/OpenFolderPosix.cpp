@@ -1,7 +1,7 @@
 #include "OpenFolder.h"
 
-#include "FilesPosix.h"
-#include "Status.h"
+#include "console/FilesPosix.h"
+#include "console/Status.h"
 
 #include <array>
 #include <cerrno>

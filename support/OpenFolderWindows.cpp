@@ -2,7 +2,7 @@
 // permissions come from the folder that something is made in.
 #include "OpenFolder.h"
 
-#include "Status.h"
+#include "console/Status.h"
 
 #include <windows.h>
 

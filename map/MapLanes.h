@@ -1,7 +1,7 @@
 // The lanes in which a dictation is drawn: the blocks as they play, and as they lie in the file.
 #pragma once
 
-#include "DirMap.h"
+#include "host/DirMap.h"
 
 #include <cstdint>
 #include <optional>

@@ -1,4 +1,4 @@
-#include "commands.h"
+#include "support.h"
 
 #include "Diagnosis.h"
 

@@ -2,9 +2,9 @@
 // alone.
 #pragma once
 
+#include "console/Output.h"
+#include "host/Tags.h"
 #include "NextOpen.h"
-#include "Output.h"
-#include "Tags.h"
 
 #include <filesystem>
 #include <string>

@@ -1,9 +1,9 @@
-#include "commands.h"
+#include "support.h"
 
+#include "console/Printable.h"
+#include "console/System.h"
 #include "Diagnosis.h"
-#include "Printable.h"
-#include "support/KeepCopy.h"
-#include "System.h"
+#include "KeepCopy.h"
 
 #include <memory>
 

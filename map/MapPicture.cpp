@@ -1,8 +1,8 @@
 #include "MapPicture.h"
 
-#include "Output.h"
-#include "Position.h"
-#include "Printable.h"
+#include "console/Output.h"
+#include "console/Position.h"
+#include "console/Printable.h"
 
 #include <algorithm>
 #include <array>

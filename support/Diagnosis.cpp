@@ -1,8 +1,8 @@
 #include "Diagnosis.h"
 
-#include "Beside.h"
-#include "Printable.h"
-#include "System.h"
+#include "console/Printable.h"
+#include "console/System.h"
+#include "host/Beside.h"
 
 #include <algorithm>
 #include <fstream>

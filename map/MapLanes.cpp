@@ -1,6 +1,6 @@
 #include "MapLanes.h"
 
-#include "Position.h"
+#include "console/Position.h"
 
 #include <algorithm>
 #include <array>

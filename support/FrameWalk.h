@@ -2,7 +2,7 @@
 // driver passes over in silence: frames that differ, bytes between frames, a last frame cut off.
 #pragma once
 
-#include "StreamView.h"
+#include "host/StreamView.h"
 
 #include <cstdint>
 #include <fstream>

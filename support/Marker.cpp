@@ -1,11 +1,11 @@
 #include "Marker.h"
 
-#include "Beside.h"
-#include "Bytes.h"
-#include "DirMap.h"
-#include "Status.h"
-#include "System.h"
-#include "Tags.h"
+#include "console/Status.h"
+#include "console/System.h"
+#include "host/Beside.h"
+#include "host/Bytes.h"
+#include "host/DirMap.h"
+#include "host/Tags.h"
 
 #include <algorithm>
 #include <cstring>

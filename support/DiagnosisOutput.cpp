@@ -1,7 +1,7 @@
 // How a diagnosis reads: as text, and as JSON.
 #include "Diagnosis.h"
 
-#include "commands.h"
+#include "host/commands.h"
 
 namespace ffdhost {
 

@@ -1,7 +1,7 @@
 #include "FrameWalk.h"
 
-#include "Output.h"
-#include "Tags.h"
+#include "console/Output.h"
+#include "host/Tags.h"
 
 #include <algorithm>
 #include <array>

@@ -1,8 +1,8 @@
 #include "NextOpen.h"
 
-#include "Beside.h"
-#include "Status.h"
-#include "System.h"
+#include "console/Status.h"
+#include "console/System.h"
+#include "host/Beside.h"
 
 #include <algorithm>
 

@@ -2,8 +2,8 @@
 // the disk. Found by looking alone: nothing is opened for writing, made, renamed or removed.
 #pragma once
 
-#include "DirMap.h"
 #include "FrameWalk.h"
+#include "host/DirMap.h"
 #include "Marker.h"
 
 #include <cstdint>

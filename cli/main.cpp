@@ -1,8 +1,8 @@
 // ffdhost: the command line.
-#include "commands.h"
-#include "System.h"
-
-#include "System.h"
+#include "console/System.h"
+#include "host/commands.h"
+#include "map/map.h"
+#include "support/support.h"
 
 #include <CLI/CLI.hpp>
 
