@@ -4,6 +4,7 @@
 # driver_disk_test                mounts a small disk, and Linux permissions
 # driver_limits_test              limits of a Linux process
 # log_test                        a process of its own for each case, by fork
+# driver_foreign_log_test         a log in the test program, in front of the library
 # platform_linux_test, platform_calls_test, platform_faults_test, platform_loader_test
 #                                 the Linux layer itself
 # session_test, the fuzz targets  over the layer in memory, a sibling of the Linux layer
