@@ -33,7 +33,9 @@ BOOL WINAPI DryGetDiskFreeSpaceExA(LPCSTR lpDirectoryName, ULARGE_INTEGER* lpFre
 void WINAPI DrySleep(DWORD dwMilliseconds);
 time_t DryTime(time_t* pTime);
 }
-HANDLE DryPlatformCreatePrivateFile(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode);
+HANDLE DryPlatformCreatePrivateFile(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
+                                    HANDLE hLike);
+BOOL DryPlatformSetReadOnly(LPCSTR pszPath);
 BOOL DryPlatformCopyPermissions(HANDLE hFrom, HANDLE hTo);
 DWORD DryPlatformCopyBytes(HANDLE hFrom, HANDLE hTo, DWORD dwBytes);
 
@@ -56,6 +58,7 @@ DWORD DryPlatformCopyBytes(HANDLE hFrom, HANDLE hTo, DWORD dwBytes);
 #define Sleep DrySleep
 #define PlatformCreatePrivateFile DryPlatformCreatePrivateFile
 #define PlatformCopyPermissions DryPlatformCopyPermissions
+#define PlatformSetReadOnly DryPlatformSetReadOnly
 #define PlatformCopyBytes DryPlatformCopyBytes
 #define time(pTime) DryTime(pTime)
 

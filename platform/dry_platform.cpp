@@ -559,9 +559,15 @@ void WINAPI DrySleep(DWORD dwMilliseconds) {
     dry::state().ullSleptMs += dwMilliseconds;
 }
 
-HANDLE DryPlatformCreatePrivateFile(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode) {
+HANDLE DryPlatformCreatePrivateFile(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
+                                    HANDLE /*hLike*/) {
     return DryCreateFileA(lpFileName, dwDesiredAccess, dwShareMode, nullptr, CREATE_NEW,
                           FILE_ATTRIBUTE_NORMAL, nullptr);
+}
+
+// Marks are part of no prediction.
+BOOL DryPlatformSetReadOnly(LPCSTR /*pszPath*/) {
+    return TRUE;
 }
 
 BOOL DryPlatformCopyPermissions(HANDLE hFrom, HANDLE hTo) {

@@ -8,6 +8,8 @@
 
 #include "platform/faults.h"
 
+#include <optional>
+
 namespace platform_faults {
 
 enum class Tally { Handles, HeapBlocks, Views };
@@ -27,6 +29,12 @@ void before_change();
 // Puts the pretended free space, if there is one, in the place of the true one.
 uint64_t free_bytes(uint64_t ullTrueFreeBytes);
 
+// What is pretended of Windows: whether encryption works, if it is met at all; how often a removed
+// name is still met; the attributes of a file.
+std::optional<bool> encryption_works();
+unsigned lingers();
+DWORD attributes(HANDLE hFile, DWORD dwTrueAttributes);
+
 void add_to(Tally tally, int iDifference);
 
 } // namespace platform_faults
@@ -41,6 +49,7 @@ void add_to(Tally tally, int iDifference);
 #define FAULT_HALVED_ERROR() platform_faults::halved_error()
 #define FAULT_CHANGE() platform_faults::before_change()
 #define FAULT_FREE_BYTES(bytes) platform_faults::free_bytes(bytes)
+#define FAULT_ATTRIBUTES(file, attributes_) platform_faults::attributes(file, attributes_)
 #define FAULT_TALLY(tally, difference)                                                             \
     platform_faults::add_to(platform_faults::Tally::tally, difference)
 
@@ -51,6 +60,7 @@ void add_to(Tally tally, int iDifference);
 #define FAULT_HALVED_ERROR() NO_ERROR
 #define FAULT_CHANGE() static_cast<void>(0)
 #define FAULT_FREE_BYTES(bytes) (bytes)
+#define FAULT_ATTRIBUTES(file, attributes_) (attributes_)
 #define FAULT_TALLY(tally, difference) static_cast<void>(0)
 
 #endif

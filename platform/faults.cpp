@@ -29,6 +29,8 @@ struct State {
     unsigned changes = 0;
     unsigned changesUntilStop = 0; // 0: no stop is set
     std::optional<uint64_t> pretendedFreeBytes;
+    std::optional<bool> encryptionWorks; // nothing: nothing is pretended
+    unsigned lingers = 0;
 };
 
 std::mutex g_mutex;
@@ -167,6 +169,26 @@ void before_change() {
 uint64_t free_bytes(uint64_t ullTrueFreeBytes) {
     std::lock_guard const lock(g_mutex);
     return g_state.pretendedFreeBytes.value_or(ullTrueFreeBytes);
+}
+
+void pretend_encryption(bool bWorks) {
+    std::lock_guard const lock(g_mutex);
+    g_state.encryptionWorks = bWorks;
+}
+
+std::optional<bool> encryption_works() {
+    std::lock_guard const lock(g_mutex);
+    return g_state.encryptionWorks;
+}
+
+void linger_after_removal(unsigned nMeetings) {
+    std::lock_guard const lock(g_mutex);
+    g_state.lingers = nMeetings;
+}
+
+unsigned lingers() {
+    std::lock_guard const lock(g_mutex);
+    return g_state.lingers;
 }
 
 void add_to(Tally which, int iDifference) {

@@ -71,6 +71,15 @@ unsigned open_handles();
 unsigned heap_blocks();
 unsigned mapped_views();
 
+// Windows alone: from now on every file is encrypted that is opened, and of those that are made
+// each that was asked to be, if bWorks.
+void pretend_encryption(bool bWorks);
+
+// Windows alone: a name outlives its removal, as if another program had the file open, until it has
+// been met so many times. An open of it gives error 5 or 303, a removal 5, and a rename onto it 183
+// or 5.
+void linger_after_removal(unsigned nMeetings);
+
 // Windows alone: closes all handles, as the end of the process would, behind the back of whoever
 // opened them, and forgets what memory there was.
 void abandon_everything();

@@ -256,7 +256,6 @@ void WINAPI Sleep(DWORD dwMilliseconds);
 // Calls the function at dwCallback, DCB_FUNCTION only; false if there is none.
 BOOL WINAPI DriverCallback(DWORD_PTR dwCallback, DWORD dwFlags, HDRVR hDevice, DWORD dwMsg,
                            DWORD_PTR dwUser, DWORD_PTR dwParam1, DWORD_PTR dwParam2);
-
 }
 
 #endif
@@ -291,13 +290,21 @@ bool PlatformSameFileName(LPCSTR pszName1, LPCSTR pszName2);
 // Linux. False if the path is none, or on Windows if it names a stream of a file (`letter.mp3:a`).
 bool PlatformNameOnDisk(LPCSTR pszPath, char (*pszName)[MAX_PATH]);
 
-// Makes a new file, as CreateFileA does with CREATE_NEW and FILE_ATTRIBUTE_NORMAL, that on Linux its
-// owner alone may read and write, whatever the umask; on Windows its folder decides who may.
-HANDLE PlatformCreatePrivateFile(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode);
+// Makes a new file, as CreateFileA does with CREATE_NEW and FILE_ATTRIBUTE_NORMAL, that on Linux
+// its owner alone may read and write, whatever the umask. On Windows it has the access list of the
+// file behind hLike from the beginning, and is encrypted if that one is, or is not made (error
+// 6000); where hLike is null the folder decides.
+HANDLE PlatformCreatePrivateFile(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
+                                 HANDLE hLike);
 
-// Gives the file behind hTo the permissions (Linux) or attributes (Windows) of the one behind
-// hFrom.
+// Gives the file behind hTo the permissions (Linux) or the access list and attributes (Windows) of
+// the one behind hFrom, but for the mark that makes it read-only on Windows.
 BOOL PlatformCopyPermissions(HANDLE hFrom, HANDLE hTo);
+
+// Whether a file has a mark that forbids to write and to remove it, and setting it. On Linux no
+// file has one; permissions are asked by the calls themselves.
+bool PlatformIsReadOnly(LPCSTR pszPath);
+BOOL PlatformSetReadOnly(LPCSTR pszPath);
 
 // Moves up to dwBytes bytes from the file pointer of one file to that of another, and the pointers
 // along with them, without taking the bytes through the process. The result is how many bytes that
@@ -306,7 +313,8 @@ BOOL PlatformCopyPermissions(HANDLE hFrom, HANDLE hTo);
 // tell what the matter is.
 DWORD PlatformCopyBytes(HANDLE hFrom, HANDLE hTo, DWORD dwBytes);
 
-// ---- To look without touching (used by the dry layer, not by the driver) -------------------------
+// ---- To look without touching (used by the dry layer, not by the driver)
+// -------------------------
 
 // Opens a regular file to look at it. It fails, with the same errors, where CreateFileA with
 // OPEN_EXISTING, this access and this share mode would; but the handle, which can only be read,

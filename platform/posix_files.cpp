@@ -263,6 +263,14 @@ DWORD PlatformCopyBytes(HANDLE hFrom, HANDLE hTo, DWORD dwBytes) {
     return posix::copy_at_pointers(*from, *to, FAULT_HALVED(dwBytes));
 }
 
+bool PlatformIsReadOnly(LPCSTR /*pszPath*/) {
+    return false;
+}
+
+BOOL PlatformSetReadOnly(LPCSTR /*pszPath*/) {
+    return TRUE;
+}
+
 BOOL PlatformCopyPermissions(HANDLE hFrom, HANDLE hTo) {
     FAULT_POINT(CopyPermissions, FALSE);
     posix::ObjectUse const from(hFrom, posix::Kind::File);

@@ -162,7 +162,8 @@ HANDLE WINAPI CreateFileA(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShar
                                (dwFlagsAndAttributes & FILE_FLAG_DELETE_ON_CLOSE) != 0, 0666});
 }
 
-HANDLE PlatformCreatePrivateFile(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode) {
+HANDLE PlatformCreatePrivateFile(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
+                                 HANDLE /*hLike*/) {
     FAULT_POINT(CreateFile, INVALID_HANDLE_VALUE);
     return posix::create_file({lpFileName, dwDesiredAccess, dwShareMode, CREATE_NEW, false, 0600});
 }

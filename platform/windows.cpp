@@ -74,30 +74,9 @@ bool PlatformNameOnDisk(LPCSTR pszPath, char (*pszName)[MAX_PATH]) {
     return true;
 }
 
-HANDLE PlatformCreatePrivateFile(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode) {
-    return CreateFileA(lpFileName, dwDesiredAccess, dwShareMode, nullptr, CREATE_NEW,
-                       FILE_ATTRIBUTE_NORMAL, nullptr);
-}
-
 DWORD PlatformCopyBytes(HANDLE /*hFrom*/, HANDLE /*hTo*/, DWORD /*dwBytes*/) {
     FAULT_POINT(CopyBytes, 0);
     return 0;
-}
-
-BOOL PlatformCopyPermissions(HANDLE hFrom, HANDLE hTo) {
-    FAULT_POINT(CopyPermissions, FALSE);
-    constexpr DWORD COPIED_ATTRIBUTES = FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN |
-                                        FILE_ATTRIBUTE_SYSTEM | FILE_ATTRIBUTE_ARCHIVE |
-                                        FILE_ATTRIBUTE_NOT_CONTENT_INDEXED;
-    FILE_BASIC_INFO from = {};
-    if (!GetFileInformationByHandleEx(hFrom, FileBasicInfo, &from, sizeof from))
-        return FALSE;
-    FILE_BASIC_INFO to = {}; // a time of 0 stays as it is, and so do attributes of 0
-    to.FileAttributes = from.FileAttributes & COPIED_ATTRIBUTES;
-    if (to.FileAttributes == 0)
-        to.FileAttributes = FILE_ATTRIBUTE_NORMAL;
-    FAULT_CHANGE();
-    return SetFileInformationByHandle(hTo, FileBasicInfo, &to, sizeof to);
 }
 
 HANDLE PlatformLookAtFile(LPCSTR pszPath, DWORD dwDesiredAccess, DWORD dwShareMode) {

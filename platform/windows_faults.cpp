@@ -28,6 +28,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
+#include <cstring>
 #include <mutex>
 
 namespace {
@@ -57,6 +58,45 @@ void forget(HANDLE hObject) {
     }
 }
 
+// The last file that was made, and whether it counts as encrypted.
+HANDLE g_hMade = nullptr;
+bool g_bMadeEncrypted = false;
+
+// The names that were removed and are still there, each for so many meetings.
+struct Lingering {
+    std::array<char, MAX_PATH> name;
+    unsigned nMeetings;
+};
+std::array<Lingering, 8> g_lingering{};
+
+Lingering* find_lingering(LPCSTR lpFileName) {
+    for (Lingering& rName : g_lingering) {
+        if (rName.nMeetings > 0 && PlatformSameFileName(rName.name.data(), lpFileName))
+            return &rName;
+    }
+    return nullptr;
+}
+
+// Whether a call meets such a name, and fails with one of two errors then.
+bool meets_lingering(LPCSTR lpFileName, DWORD dwError, DWORD dwOtherError) {
+    Lingering* const pName = platform_faults::lingers() > 0 ? find_lingering(lpFileName) : nullptr;
+    if (pName == nullptr)
+        return false;
+    SetLastError(--pName->nMeetings % 2 == 0 ? dwError : dwOtherError);
+    return true;
+}
+
+void let_linger(LPCSTR lpFileName) {
+    Lingering* pName = find_lingering(lpFileName);
+    if (pName == nullptr)
+        pName = std::find_if(g_lingering.begin(), g_lingering.end(),
+                             [](Lingering const& rName) { return rName.nMeetings == 0; });
+    if (pName == g_lingering.end() || strlen(lpFileName) >= pName->name.size())
+        std::abort();
+    strcpy(pName->name.data(), lpFileName);
+    pName->nMeetings = platform_faults::lingers();
+}
+
 bool changes_disk(LPCSTR lpFileName, DWORD dwCreationDisposition) {
     return dwCreationDisposition != OPEN_EXISTING &&
            (dwCreationDisposition != OPEN_ALWAYS ||
@@ -66,6 +106,12 @@ bool changes_disk(LPCSTR lpFileName, DWORD dwCreationDisposition) {
 } // namespace
 
 namespace platform_faults {
+
+DWORD attributes(HANDLE hFile, DWORD dwTrueAttributes) {
+    bool const bEncrypted =
+        encryption_works().has_value() && (hFile != g_hMade || g_bMadeEncrypted);
+    return bEncrypted ? dwTrueAttributes | FILE_ATTRIBUTE_ENCRYPTED : dwTrueAttributes;
+}
 
 void abandon_everything() {
     std::lock_guard const lock(g_mutex);
@@ -90,13 +136,23 @@ HANDLE WINAPI FaultCreateFileA(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD d
     FAULT_POINT(CreateFile, INVALID_HANDLE_VALUE);
     if (changes_disk(lpFileName, dwCreationDisposition))
         FAULT_CHANGE();
-    return remember(CreateFileA(lpFileName, dwDesiredAccess, dwShareMode, lpSecurityAttributes,
-                                dwCreationDisposition, dwFlagsAndAttributes, hTemplateFile));
+    if (meets_lingering(lpFileName, ERROR_ACCESS_DENIED, ERROR_DELETE_PENDING))
+        return INVALID_HANDLE_VALUE;
+    HANDLE const hFile = CreateFileA(lpFileName, dwDesiredAccess, dwShareMode, lpSecurityAttributes,
+                                     dwCreationDisposition, dwFlagsAndAttributes, hTemplateFile);
+    if (dwCreationDisposition == CREATE_NEW) {
+        g_hMade = hFile;
+        g_bMadeEncrypted = (dwFlagsAndAttributes & FILE_ATTRIBUTE_ENCRYPTED) != 0 &&
+                           platform_faults::encryption_works().value_or(false);
+    }
+    return remember(hFile);
 }
 
 BOOL WINAPI FaultCloseHandle(HANDLE hObject) {
     FAULT_POINT(CloseHandle, FALSE);
     forget(hObject);
+    if (hObject == g_hMade)
+        g_hMade = nullptr; // another file gets the value
     return CloseHandle(hObject);
 }
 
@@ -147,12 +203,19 @@ BOOL WINAPI FaultFlushFileBuffers(HANDLE hFile) {
 BOOL WINAPI FaultDeleteFileA(LPCSTR lpFileName) {
     FAULT_POINT(DeleteFile, FALSE);
     FAULT_CHANGE();
-    return DeleteFileA(lpFileName);
+    if (meets_lingering(lpFileName, ERROR_ACCESS_DENIED, ERROR_DELETE_PENDING))
+        return FALSE;
+    BOOL const bDeleted = DeleteFileA(lpFileName);
+    if (bDeleted && platform_faults::lingers() > 0)
+        let_linger(lpFileName);
+    return bDeleted;
 }
 
 BOOL WINAPI FaultMoveFileA(LPCSTR lpExistingFileName, LPCSTR lpNewFileName) {
     FAULT_POINT(MoveFile, FALSE);
     FAULT_CHANGE();
+    if (meets_lingering(lpNewFileName, ERROR_ALREADY_EXISTS, ERROR_ACCESS_DENIED))
+        return FALSE;
     return MoveFileA(lpExistingFileName, lpNewFileName);
 }
 

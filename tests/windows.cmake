@@ -22,7 +22,7 @@ target_compile_definitions(platform_outcomes_test PRIVATE KIV_WINE=true)
 
 add_library(driver_fixture STATIC driver_fixture.cpp driver_fixture_windows.cpp)
 target_link_libraries(driver_fixture PUBLIC xkivmp3_testable GTest::gmock)
-foreach(subject boundary services windows_paths open directory edit close status calls
+foreach(subject boundary services windows_paths windows_close open directory edit close status calls
         faults crash torn)
     add_kiv_test(driver_${subject}_test
         SOURCES driver_${subject}_test.cpp LIBRARIES driver_fixture)

@@ -24,7 +24,7 @@ void hand_up(DWORD* pdwError_p, DWORD dwError_p) {
 
 HANDLE create_file(LPCSTR lpszFilepath_p, DWORD* pdwError_p, DWORD dwDesiredAccess_p,
                    DWORD dwShareMode_p, DWORD dwCreationDistribution_p,
-                   DWORD dwFlagsAndAttributes_p, bool bPrivate_p) {
+                   DWORD dwFlagsAndAttributes_p, HANDLE hLike_p) {
     TRACE_ENTRY("-----KIVMP3_create_file(...)");
     TRACE_PARAM("lpszFilepath_p", "%s", lpszFilepath_p);
     TRACE_PARAM("dwDesiredAccess_p", "%p", as_mask(dwDesiredAccess_p));
@@ -33,9 +33,10 @@ HANDLE create_file(LPCSTR lpszFilepath_p, DWORD* pdwError_p, DWORD dwDesiredAcce
     TRACE_PARAM("dwFlagsAndAttributes_p", "%p", as_mask(dwFlagsAndAttributes_p));
     *pdwError_p = NO_ERROR;
     HANDLE const hFile =
-        bPrivate_p ? PlatformCreatePrivateFile(lpszFilepath_p, dwDesiredAccess_p, dwShareMode_p)
-                   : CreateFileA(lpszFilepath_p, dwDesiredAccess_p, dwShareMode_p, nullptr,
-                                 dwCreationDistribution_p, dwFlagsAndAttributes_p, nullptr);
+        hLike_p != nullptr
+            ? PlatformCreatePrivateFile(lpszFilepath_p, dwDesiredAccess_p, dwShareMode_p, hLike_p)
+            : CreateFileA(lpszFilepath_p, dwDesiredAccess_p, dwShareMode_p, nullptr,
+                          dwCreationDistribution_p, dwFlagsAndAttributes_p, nullptr);
     if (hFile == INVALID_HANDLE_VALUE) {
         *pdwError_p = GetLastError();
         TRACE_ERROR(*pdwError_p, "GetLastError() after CreateFile()");
@@ -50,13 +51,13 @@ HANDLE KIVMP3_create_file(LPCSTR lpszFilepath_p, DWORD* pdwError_p, DWORD dwDesi
                           DWORD dwShareMode_p, DWORD dwCreationDistribution_p,
                           DWORD dwFlagsAndAttributes_p) {
     return create_file(lpszFilepath_p, pdwError_p, dwDesiredAccess_p, dwShareMode_p,
-                       dwCreationDistribution_p, dwFlagsAndAttributes_p, false);
+                       dwCreationDistribution_p, dwFlagsAndAttributes_p, nullptr);
 }
 
 HANDLE KIVMP3_create_private_file(LPCSTR lpszFilepath_p, DWORD* pdwError_p, DWORD dwDesiredAccess_p,
-                                  DWORD dwShareMode_p) {
+                                  DWORD dwShareMode_p, HANDLE hLike_p) {
     return create_file(lpszFilepath_p, pdwError_p, dwDesiredAccess_p, dwShareMode_p, CREATE_NEW,
-                       FILE_ATTRIBUTE_NORMAL, true);
+                       FILE_ATTRIBUTE_NORMAL, hLike_p);
 }
 
 DWORD KIVMP3_close_file(HANDLE* rhFile_p) {

@@ -22,10 +22,11 @@ HANDLE KIVMP3_create_file(LPCSTR lpszFilepath_p, DWORD* pdwError_p, DWORD dwDesi
                           DWORD dwShareMode_p, DWORD dwCreationDistribution_p,
                           DWORD dwFlagsAndAttributes_p);
 
-// The same for a new file (CREATE_NEW) that nobody but its owner may read or write, until it is
-// given other permissions.
+// The same for a new file (CREATE_NEW) that is to hold what the file behind hLike_p holds: nobody
+// may read it who may not read that one. On Linux nobody but its owner may, until it is given other
+// permissions.
 HANDLE KIVMP3_create_private_file(LPCSTR lpszFilepath_p, DWORD* pdwError_p, DWORD dwDesiredAccess_p,
-                                  DWORD dwShareMode_p);
+                                  DWORD dwShareMode_p, HANDLE hLike_p);
 
 // Closes and nulls the handle; on failure it keeps its value and the result is the error number.
 DWORD KIVMP3_close_file(HANDLE* rhFile_p);

@@ -152,7 +152,7 @@ HANDLE CKivmp3::create_temp_file(char (&szTmpPath_p)[MAX_PATH]) {
         }
         HANDLE const hNewFile =
             KIVMP3_create_private_file(szTmpPath_p, &dwError, GENERIC_READ | GENERIC_WRITE,
-                                       FILE_SHARE_READ | FILE_SHARE_WRITE);
+                                       FILE_SHARE_READ | FILE_SHARE_WRITE, m_hMp3File);
         if (hNewFile != nullptr) {
             return hNewFile;
         }
@@ -170,6 +170,7 @@ void CKivmp3::replace_mp3_file(LPCSTR pszTmpPath_p, DWORD dwNewFileSize_p) {
         TRACE_ERROR(ffdError, "by CCloseMarker::write(...)");
         throw FFDError{FFD_FILE_IO_ERROR};
     }
+    bool const bReadOnly = PlatformIsReadOnly(m_szFilePath); // since the open
     if (!DeleteFileA(m_szFilePath)) {
         TRACE_ERROR(GetLastError(), "GetLastError() after DeleteFile(.)");
         m_oCloseMarker.remove();
@@ -178,5 +179,8 @@ void CKivmp3::replace_mp3_file(LPCSTR pszTmpPath_p, DWORD dwNewFileSize_p) {
     if (!MoveFileA(pszTmpPath_p, m_szFilePath)) {
         TRACE_ERROR(GetLastError(), "GetLastError() after MoveFile(..) Tmp to Current Wave file.");
         throw FFDError{FFD_FILE_IO_ERROR};
+    }
+    if (bReadOnly) { // last, for such a file can't be removed
+        PlatformSetReadOnly(m_szFilePath);
     }
 }

@@ -40,6 +40,10 @@ FFDError CKivmp3::FFDCreateFile(char const* lpFileName, FFDDesiredAccess ffdDesi
         set_membervariables(*ffdCallbackParams, lpFileName);
         if (ffdDesiredAccess == FFD_ACCESS_READWRITE) {
             take_name_on_disk();
+            if (PlatformIsReadOnly(m_szFilePath)) {
+                TRACE_ERROR(ERROR_ACCESS_DENIED, "read-only sound file -> FFD_FILE_IO_ERROR");
+                throw FFDError{FFD_FILE_IO_ERROR};
+            }
             CCloseMarker::finish_interrupted_close(m_szFilePath);
             take_name_on_disk(); // the sound file may have come only now
         }

@@ -114,7 +114,7 @@ void CKivmp3::create_status_file() {
             break;
         }
         m_hStatusFile =
-            PlatformCreatePrivateFile(m_szFileStatusPath, GENERIC_READ | GENERIC_WRITE, 0);
+            PlatformCreatePrivateFile(m_szFileStatusPath, GENERIC_READ | GENERIC_WRITE, 0, nullptr);
         if (m_hStatusFile != INVALID_HANDLE_VALUE) {
             return;
         }
