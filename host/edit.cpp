@@ -34,7 +34,10 @@ private:
     void perform_all();
     void close();
 
+    // Does an operation and fills in its result, and the text of that result.
     void perform(EditOp const& op, Json& result);
+    void print(EditOp const& op, Json const& result) const;
+    std::string text_of(EditOp const& op, Json const& result) const;
     void seek(EditOp const& op, Json& result);
     void enter_clip(EditOp const& op, Json& result);
     uint64_t enter_pieces(FFDMethod method, std::string const& name, SoundFile& clip, Json& result);
@@ -176,6 +179,7 @@ void Editor::perform_all() {
         Json& result = m_document["operations"].emplace_back(Json{{"op", op.name}});
         try {
             perform(op, result);
+            print(op, result);
         } catch (Failure const&) {
             result["failed"] = true;
             throw;
@@ -184,15 +188,14 @@ void Editor::perform_all() {
 }
 
 void Editor::close() {
-    uint32_t const length = m_sound->length();
-    m_document["dictation"] = length_json(length, m_rate);
+    m_document["dictation"] = length_json(m_sound->length(), m_rate);
     {
         Waiting const waiting("closing");
         m_sound->close();
     }
     tell_when_interrupted("");
     m_document["closed"] = status_json(FFD_NOERROR);
-    say("Closed", length_text(length, m_rate));
+    say("Closed", length_text(m_document["dictation"]));
 }
 
 void Editor::perform(EditOp const& op, Json& result) {
@@ -213,8 +216,7 @@ void Editor::perform(EditOp const& op, Json& result) {
     case EditOp::Kind::Map:
         return map(result);
     case EditOp::Kind::Store:
-        m_sound->store();
-        return say("store", "the edit state is stored");
+        return m_sound->store();
     case EditOp::Kind::Restore:
         return restore(result);
     case EditOp::Kind::Crash:
@@ -225,7 +227,6 @@ void Editor::perform(EditOp const& op, Json& result) {
 void Editor::seek(EditOp const& op, Json& result) {
     uint32_t const reached = m_sound->seek(op.position.to_bytes(m_rate));
     result["position"] = reached;
-    say("seek", "position " + length_text(reached, m_rate));
 }
 
 void Editor::enter_clip(EditOp const& op, Json& result) {
@@ -234,17 +235,12 @@ void Editor::enter_clip(EditOp const& op, Json& result) {
     // Through the driver: its dictation is the clip without its tags.
     SoundFile clip(m_driver, op.path, Access::Read);
     uint32_t const before = m_sound->length();
-    uint32_t const from = m_sound->position();
     result["clip"] = op.path;
-    result["from"] = from;
+    result["from"] = m_sound->position();
     uint64_t const done = enter_pieces(method, op.name, clip, result);
     clip.close();
-    uint64_t const replaced = before + done - m_sound->length();
-    result["replaced"] = replaced;
+    result["replaced"] = before + done - m_sound->length();
     result["position"] = m_sound->position();
-    say(op.name, length_text(done, m_rate) + " of " + op.path + " at position " +
-                     std::to_string(from) +
-                     (op.kind == EditOp::Kind::Overwrite ? " over " + bytes_text(replaced) : ""));
 }
 
 uint64_t Editor::enter_pieces(FFDMethod method, std::string const& name, SoundFile& clip,
@@ -272,8 +268,6 @@ void Editor::erase(EditOp const& op, Json& result) {
     if (deleted == 0 && wanted != 0) {
         print_warning("delete took nothing: the position is less than a frame before the end");
     }
-    say("delete",
-        length_text(deleted, m_rate) + " at position " + std::to_string(m_sound->position()));
 }
 
 void Editor::undo(Json& result) {
@@ -282,7 +276,6 @@ void Editor::undo(Json& result) {
     m_dirFileIsBehind = false;
     uint32_t const broughtBack = m_sound->length() - before;
     result["brought_back"] = length_json(broughtBack, m_rate);
-    say("undo", length_text(broughtBack, m_rate) + " brought back");
 }
 
 void Editor::read(EditOp const& op, Json& result) {
@@ -292,19 +285,12 @@ void Editor::read(EditOp const& op, Json& result) {
     result["from"] = from;
     result["read"] = length_json(done, m_rate);
     result["output"] = op.path;
-    say("read",
-        length_text(done, m_rate) + " from position " + std::to_string(from) + " into " + op.path);
 }
 
 void Editor::show(Json& result) {
-    uint32_t const position = m_sound->position();
-    uint32_t const length = m_sound->length();
-    uint32_t const fileSize = m_sound->file_size();
-    result["position"] = length_json(position, m_rate);
-    result["dictation"] = length_json(length, m_rate);
-    result["file_size"] = fileSize;
-    say("show", "position " + length_text(position, m_rate) + ", dictation " +
-                    length_text(length, m_rate) + ", file " + bytes_text(fileSize));
+    result["position"] = length_json(m_sound->position(), m_rate);
+    result["dictation"] = length_json(m_sound->length(), m_rate);
+    result["file_size"] = m_sound->file_size();
 }
 
 void Editor::map(Json& result) {
@@ -319,10 +305,6 @@ void Editor::map(Json& result) {
         print_warning("map shows the .DIR file, which follows the restored edit state only with "
                       "the next edit");
     }
-    say("map", edited ? m_dirFile.string() : "no edits yet");
-    if (!m_json) {
-        print_map(result["blocks"]);
-    }
 }
 
 void Editor::restore(Json& result) {
@@ -330,8 +312,47 @@ void Editor::restore(Json& result) {
     m_dirFileIsBehind = true;
     result["position"] = m_sound->position();
     result["dictation"] = length_json(m_sound->length(), m_rate);
-    say("restore", "back to position " + std::to_string(m_sound->position()) + ", dictation " +
-                       length_text(m_sound->length(), m_rate));
+}
+
+void Editor::print(EditOp const& op, Json const& result) const {
+    say(op.name, text_of(op, result));
+    if (op.kind == EditOp::Kind::Map && !m_json) {
+        print_map(result["blocks"]);
+    }
+}
+
+std::string Editor::text_of(EditOp const& op, Json const& result) const {
+    auto const bytes = [&](char const* key) { return result.value(key, uint64_t{0}); };
+    auto const number = [&](char const* key) { return std::to_string(bytes(key)); };
+    auto const length = [&](char const* key) { return length_text(result[key]); };
+    switch (op.kind) {
+    case EditOp::Kind::Seek:
+        return "position " + length_text(bytes("position"), m_rate);
+    case EditOp::Kind::Insert:
+        return length_text(bytes("bytes"), m_rate) + " of " + op.path + " at position " +
+               number("from");
+    case EditOp::Kind::Overwrite:
+        return length_text(bytes("bytes"), m_rate) + " of " + op.path + " at position " +
+               number("from") + " over " + bytes_text(bytes("replaced"));
+    case EditOp::Kind::Delete:
+        return length("deleted") + " at position " + number("from");
+    case EditOp::Kind::Undo:
+        return length("brought_back") + " brought back";
+    case EditOp::Kind::Read:
+        return length("read") + " from position " + number("from") + " into " + op.path;
+    case EditOp::Kind::Show:
+        return "position " + length("position") + ", dictation " + length("dictation") + ", file " +
+               bytes_text(bytes("file_size"));
+    case EditOp::Kind::Map:
+        return result["edited"] ? m_dirFile.string() : "no edits yet";
+    case EditOp::Kind::Store:
+        return "the edit state is stored";
+    case EditOp::Kind::Restore:
+        return "back to position " + number("position") + ", dictation " + length("dictation");
+    case EditOp::Kind::Crash:
+        break;
+    }
+    return "";
 }
 
 void Editor::crash() {
