@@ -161,7 +161,8 @@ void add_recover(CLI::App& app, Arguments& arguments, Command& command) {
         "has deleted, as with a torn .DIR file, --copy must be given.\n\n"
         "The copy has the names of the original: the file, its .DIR file, its close marker and\n"
         "the file that the marker names. Its folder has the name of the file and '.kept', or\n"
-        "'.kept1' and so on: nothing is overwritten.\n\n"
+        "'.kept1' and so on: nothing is overwritten. A symbolic link is not copied: name the\n"
+        "file that it leads to.\n\n"
         "Example:\n  ffdhost recover --copy dictation.mp3");
     recover->callback([&] {
         command = [&](Driver const& driver) {

@@ -58,6 +58,7 @@ std::vector<std::filesystem::path> keep_copy(std::string const& soundFile,
         throw;
     }
     std::vector<std::filesystem::path> copies;
+    copies.reserve(copied.size());
     for (std::string const& name : copied) {
         copies.push_back(kept.path() / name);
     }

@@ -18,6 +18,8 @@ SAMPLES = pathlib.Path(os.environ["FFD_SAMPLES"])
 SOUND = (SAMPLES / "speech-16k-mono.mp3").read_bytes()
 EDITS = struct.pack("<3I", 1, 0, 9000)  # a .DIR file: of the audio the first 9000 bytes play
 NOBODY = 65534
+# A sanitizer takes address space of its own, and looks into /proc.
+UNWATCHED = unittest.skipIf(b"__asan_" in HOST.read_bytes(), "under a sanitizer")
 AS_ROOT = unittest.skipUnless(os.geteuid() == 0, "needs a second user")
 
 
@@ -34,15 +36,15 @@ class GuardTest(unittest.TestCase):
         options = {"cwd": self.dir, "stderr": subprocess.PIPE, "stdout": subprocess.PIPE,
                    "timeout": 60, **options}
         run = subprocess.run([HOST, *arguments], **options)
-        self.assertEqual(run.returncode, code, (arguments, (run.stdout or b"")[-600:], run.stderr[-600:]))
+        self.assertEqual(run.returncode, code, (arguments, run.stdout, run.stderr[-600:]))
         return run
 
     # ---- Standard output ----
 
     def test_output_that_leads_nowhere(self):
-        commands = (("info", "a.mp3"), ("map", "a.mp3"), ("check", "a.mp3"), ("--json", "info", "a.mp3"),
-                    ("read", "a.mp3"), ("map", "a.mp3", "--svg", "-"), ("--version",), ("--help",),
-                    ("edit", "a.mp3", "seek", "0", "delete", "500", "undo"), ("recover", "a.mp3"))
+        commands = (("info", "a.mp3"), ("map", "a.mp3"), ("check", "a.mp3"), ("recover", "a.mp3"),
+                    ("--json", "info", "a.mp3"), ("read", "a.mp3"), ("--version",), ("--help",),
+                    ("map", "a.mp3", "--svg", "-"), ("edit", "a.mp3", "delete", "500", "undo"))
         for command in commands:
             with open("/dev/full", "w") as full:
                 run = self.host(*command, code=1, stdout=full)
@@ -75,20 +77,21 @@ class GuardTest(unittest.TestCase):
                         *((command, f"{kind}.mp3") for kind in ("pipe", "folder", "device")
                           for command in ("info", "map", "read", "recover")),
                         ("edit", "pipe.mp3", "show"), ("edit", "a.mp3", "insert", "pipe.mp3")):
-            failure = json.loads(self.host("--json", *command, "-o" if command[0] == "read" else "--",
-                                           *(["out"] if command[0] == "read" else []), code=1).stdout)
-            self.assertEqual(failure["failure"]["status"], 29, command)
+            output = ("-o", "out") if command[0] == "read" else ()
+            failed = json.loads(self.host("--json", *command, *output, code=1).stdout)
+            self.assertEqual(failed["failure"]["status"], 29, command)
 
+    @UNWATCHED
     def test_memory(self):
         empty_tags = b"ID3\4\0\0\0\0\0\0" * 300_000
         ape_tags = struct.pack("<8s4I8x", b"APETAGEX", 2000, 32, 0, 0) * 100_000
         blocks = (16 << 20) // 12 - 1
-        many = b"".join(struct.pack("<3I", 1, at, at + 3) for at in range(3 * blocks, 0, -3)) + bytes(16)
-        mebibytes = 64
+        rows = (struct.pack("<3I", 1, at, at + 3) for at in range(3 * blocks, 0, -3))
+        many = b"".join(rows) + bytes(16)
         for files in ({"c.mp3": empty_tags + SOUND + ape_tags}, {"c.mp3": SOUND, "c.DIR": many}):
             for name, content in files.items():
                 (self.dir / name).write_bytes(content)
-            limit = 1024 * 1024 * (mebibytes + 16 * 16 * ("c.DIR" in files))
+            limit = 1024 * 1024 * (64 + 16 * 16 * ("c.DIR" in files))
             left_out = blocks - 10_000 if "c.DIR" in files else None
             for command in (("info",), ("map",), ("map", "--svg", "out"), ("read", "-o", "out")):
                 said = self.host("--json", *command, "c.mp3", preexec_fn=lambda: resource.setrlimit(
@@ -104,6 +107,7 @@ class GuardTest(unittest.TestCase):
             self.assertIn(b"and %d more" % (left_out or 290_000), text)
             self.assertLess((self.dir / "out").stat().st_size, 250_000)
 
+    @UNWATCHED
     @AS_ROOT
     def test_driver_without_proc(self):
         """The driver comes from beside the program, and never from the working directory."""
@@ -154,7 +158,8 @@ class GuardTest(unittest.TestCase):
     @AS_ROOT
     def test_copies_give_no_rights_away(self):
         directory = self.dir / "a.DIR"
-        for owner, mode, kept_mode in ((NOBODY, 0o6755, 0o644), (NOBODY, 0o4640, 0o640), (0, 0o2600, 0o600)):
+        for owner, mode, kept_mode in ((NOBODY, 0o6755, 0o644), (NOBODY, 0o4640, 0o640),
+                                       (0, 0o2600, 0o600)):
             self.file.write_bytes(SOUND)
             directory.write_bytes(EDITS)
             os.chown(self.file, owner, owner)
@@ -201,7 +206,7 @@ class GuardTest(unittest.TestCase):
         self.dir.chmod(0o777)
         self.file.write_bytes(SOUND * 2000)
         (self.dir / "a.DIR").write_bytes(EDITS)
-        attack = ("while ! mv a.kept away 2>/dev/null; do :; done; ln -s victim a.kept")
+        attack = "while ! mv a.kept away 2>/dev/null; do :; done; ln -s victim a.kept"
         attacker = subprocess.Popen(["sh", "-c", attack], cwd=self.dir, user=NOBODY, group=NOBODY)
         run = self.host("recover", "--copy", "a.mp3", code=1)
         attacker.wait()

@@ -283,7 +283,8 @@ class HostTest(unittest.TestCase):
                 (b"a'$(touch x)`touch x`\\'\".mp3", None), (b"-a!! ;&|~*#=%.mp3", None),
                 (b"a\x1b[2K\r\n\t\x7f.mp3", rb"a\x1B[2K\x0D\x0A\x09\x7F.mp3"),
                 (b"\xc2\x9b\xe2\x80\xae\xe2\x81\xa6.mp3", rb"\u009B\u202E\u2066.mp3"),
-                (b"\xff\xc0\xaf\xed\xa0\x80\xc3\xa4.mp3", rb"\xFF\xC0\xAF\xED\xA0\x80" + "\u00e4.mp3".encode())):
+                (b"\xff\xc0\xaf\xed\xa0\x80\xc3\xa4.mp3",
+                 rb"\xFF\xC0\xAF\xED\xA0\x80" b"\xc3\xa4.mp3")):
             path = os.fsencode(self.dir) + b"/" + name
             pathlib.Path(os.fsdecode(path)).write_bytes(self.audio)
             pathlib.Path(os.fsdecode(path[:-4] + b".CLM")).write_bytes(b"")
