@@ -355,8 +355,10 @@ void CKivmp3::find_trailing_bytes(BYTE* pbyReadAhead_p) {
     }
     DWORD dwBytesRead = 0;
     DWORD dwBytesSkipped = 0;
-    if (search_frame_sync(file, false, dwBytesRead, dwBytesSkipped) == FFD_NOERROR) {
-        m_dwTrailingEnd = std::min(m_dwTrailingEnd, m_dwTrailingBegin + dwBytesSkipped);
+    // The last byte of an ID3v1 tag may be 0xFF, and look like a header with the audio behind it.
+    if (search_frame_sync(file, false, dwBytesRead, dwBytesSkipped) == FFD_NOERROR &&
+        uint64_t{dwBytesSkipped} + FRAME_HEADER_SIZE <= m_dwTrailingEnd - m_dwTrailingBegin) {
+        m_dwTrailingEnd = m_dwTrailingBegin + dwBytesSkipped;
     }
     if (m_dwTrailingEnd > m_dwTrailingBegin) {
         m_dwBlockLimit = m_dwTrailingBegin;
