@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # package.sh [windows | deb]: makes, in dist/, the zip for Windows x64 (the two DLLs, the import
-# library, the headers, ffdhost.exe, the documents) and the Debian package, or one of them.
+# library, the headers, ffdhost.exe, the documents, the notices of what is linked in, checksums) and
+# the Debian package, or one of them.
 # Installs what is missing and builds first.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
@@ -20,7 +21,7 @@ make_zip() {
     staging=$(mktemp -d)
     trap 'rm -rf "$staging"' EXIT
     folder=$staging/$name
-    mkdir -p "$folder/include" "$folder/lib" "$folder/docs"
+    mkdir -p "$folder/include" "$folder/lib" "$folder/docs" "$folder/notices"
     for program in XKIVMP3.dll XKIVLOG.dll ffdhost.exe; do
         x86_64-w64-mingw32-strip -o "$folder/$program" "build-windows/$program"
     done
@@ -30,12 +31,25 @@ make_zip() {
     cp -r examples "$folder/"
     rm "$folder/examples/CMakeLists.txt"
     cp -r docs/* "$folder/docs/"
+    # What is linked in: the compiler's libraries and the C library's own part in all three, the
+    # other two in ffdhost.
+    for package in gcc-mingw-w64-base mingw-w64-common libcli11-dev nlohmann-json3-dev; do
+        cp "/usr/share/doc/$package/copyright" "$folder/notices/$package.txt"
+    done
+    cp -L /usr/share/common-licenses/GPL-3 "$folder/notices/"
+    (cd "$folder" && find . -type f | LC_ALL=C sort | sed 's|^\./||' | xargs -d '\n' sha256sum) \
+        >"$staging/sums"
+    mv "$staging/sums" "$folder/SHA256SUMS"
 
     mkdir -p dist
     rm -f "dist/$name.zip"
-    # Without the time of day in it, and in one order: the same sources give the same archive.
-    find "$folder" -exec touch -d @0 {} +
-    (cd "$staging" && find "$name" -type f | LC_ALL=C sort | zip -q -X -@ "$OLDPWD/dist/$name.zip")
+    # Without the time of day and the umask in it, and in one order: the same sources give the same
+    # archive.
+    chmod -R u=rwX,go=rX "$folder"
+    find "$folder" -exec touch -d 1980-01-01T00:00:00Z {} +
+    (cd "$staging" && find "$name" -type f | LC_ALL=C sort |
+        TZ=UTC zip -q -X -@ "$OLDPWD/dist/$name.zip")
+    (cd dist && sha256sum "$name.zip" >"$name.zip.sha256")
     echo "dist/$name.zip"
 }
 
