@@ -18,6 +18,7 @@ BOOL WINAPI FaultSetEndOfFile(HANDLE hFile);
 DWORD WINAPI FaultGetFileSize(HANDLE hFile, LPDWORD lpFileSizeHigh);
 BOOL WINAPI FaultFlushFileBuffers(HANDLE hFile);
 BOOL WINAPI FaultDeleteFileA(LPCSTR lpFileName);
+DWORD WINAPI FaultGetFileAttributesA(LPCSTR lpFileName);
 BOOL WINAPI FaultMoveFileA(LPCSTR lpExistingFileName, LPCSTR lpNewFileName);
 DWORD WINAPI FaultGetFullPathNameA(LPCSTR lpFileName, DWORD nBufferLength, LPSTR lpBuffer,
                                    LPSTR* lpFilePart);
@@ -48,6 +49,7 @@ BOOL WINAPI FaultDriverCallback(DWORD_PTR dwCallback, DWORD dwFlags, HDRVR hDevi
 #define GetFileSize FaultGetFileSize
 #define FlushFileBuffers FaultFlushFileBuffers
 #define DeleteFileA FaultDeleteFileA
+#define GetFileAttributesA FaultGetFileAttributesA
 #define MoveFileA FaultMoveFileA
 #define GetFullPathNameA FaultGetFullPathNameA
 #define HeapAlloc FaultHeapAlloc

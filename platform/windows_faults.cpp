@@ -13,6 +13,7 @@
 #undef GetFileSize
 #undef FlushFileBuffers
 #undef DeleteFileA
+#undef GetFileAttributesA
 #undef MoveFileA
 #undef GetFullPathNameA
 #undef HeapAlloc
@@ -209,6 +210,14 @@ BOOL WINAPI FaultDeleteFileA(LPCSTR lpFileName) {
     if (bDeleted && platform_faults::lingers() > 0)
         let_linger(lpFileName);
     return bDeleted;
+}
+
+DWORD WINAPI FaultGetFileAttributesA(LPCSTR lpFileName) {
+    if (platform_faults::lingers() > 0 && find_lingering(lpFileName) != nullptr) {
+        SetLastError(ERROR_ACCESS_DENIED);
+        return INVALID_FILE_ATTRIBUTES;
+    }
+    return GetFileAttributesA(lpFileName);
 }
 
 BOOL WINAPI FaultMoveFileA(LPCSTR lpExistingFileName, LPCSTR lpNewFileName) {
