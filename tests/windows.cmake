@@ -7,7 +7,8 @@
 # driver_foreign_log_test         a log in the test program, in front of the library
 # platform_linux_test, platform_calls_test, platform_faults_test, platform_loader_test
 #                                 the Linux layer itself
-# session_test, the fuzz targets  over the layer in memory, a sibling of the Linux layer
+# session_test, speech_test, the fuzz targets
+#                                 over the layer in memory, a sibling of the Linux layer
 # host_test.py, support_test.py, outside_test.py
 #                                 agreement_test.py compares the Windows host with the Linux one
 #
