@@ -23,7 +23,7 @@ make_zip() {
     folder=$staging/$name
     mkdir -p "$folder/include" "$folder/lib" "$folder/docs" "$folder/notices"
     for program in XKIVMP3.dll XKIVLOG.dll ffdhost.exe; do
-        SOURCE_DATE_EPOCH=0 x86_64-w64-mingw32-strip -o "$folder/$program" "build-windows/$program"
+        x86_64-w64-mingw32-strip -o "$folder/$program" "build-windows/$program"
     done
     cp build-windows/libXKIVMP3.dll.a "$folder/lib/"
     cp include/* "$folder/include/"

@@ -58,7 +58,7 @@ bool terminal_shows_utf8();
 class Utf8Terminal {
 public:
     Utf8Terminal();
-    ~Utf8Terminal(); // NOLINT(performance-trivially-destructible): on Windows it is not
+    ~Utf8Terminal();
     Utf8Terminal(Utf8Terminal const&) = delete;
     Utf8Terminal& operator=(Utf8Terminal const&) = delete;
 

@@ -161,7 +161,13 @@ public:
                 "the library is no such driver: it has no filled " FFD_TABLE_SYMBOL);
         }
     }
-    ~Driver() { unload(m_library); }
+    /** A driver whose table is at hand, since it is linked in. */
+    explicit Driver(Table const& table) : m_library(nullptr), m_table(table) {}
+    ~Driver() {
+        if (m_library != nullptr) {
+            unload(m_library);
+        }
+    }
     Driver(Driver const&) = delete;
     Driver& operator=(Driver const&) = delete;
 

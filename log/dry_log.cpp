@@ -25,6 +25,11 @@ void listen(Listener* pListener) {
     g_pListener = pListener;
 }
 
+void tell_frame(uint32_t dwFileOffset, uint8_t const* pbyHeader) {
+    if (g_pListener != nullptr)
+        g_pListener->on_frame(dwFileOffset, pbyHeader);
+}
+
 } // namespace dry
 
 using dry::Kind;

@@ -15,9 +15,6 @@ constexpr uint64_t EMPTY_DISK_BYTES = uint64_t{1} << 40;
 constexpr uint64_t MOST_BYTES_ON_EMPTY_DISK = uint64_t{1} << 30; // of one file
 constexpr time_t TIME_ON_EMPTY_DISK = 1700000000;
 
-// What is written just as it was read is looked up from this size on.
-constexpr DWORD LEAST_BYTES_TO_REFER_TO = 4096;
-
 struct File {
     Contents contents;
     std::string name;          // absolute; the one it has, or had last
@@ -72,7 +69,7 @@ bool over_real_disk() {
 }
 
 BOOL fail(char const* pszCall, std::string const& file, DWORD dwError) {
-    if (dwError != ERROR_FILE_NOT_FOUND && over_real_disk())
+    if (dwError != ERROR_FILE_NOT_FOUND && !file.empty() && over_real_disk())
         state().failures.push_back({pszCall, file, dwError});
     SetLastError(dwError);
     return FALSE;
@@ -274,7 +271,7 @@ void note_read(Handle const& handle, void const* pBuffer, DWORD dwBytes) {
 bool write_as_read(Handle& handle, void const* pBuffer, DWORD dwBytes) {
     LastRead const& last = state().lastRead;
     char const* const pBytes = static_cast<char const*>(pBuffer);
-    if (dwBytes < LEAST_BYTES_TO_REFER_TO || last.pFile == nullptr || pBytes < last.pBuffer ||
+    if (last.pFile == nullptr || pBytes < last.pBuffer ||
         pBytes + dwBytes > last.pBuffer + last.dwBytes)
         return false;
     uint64_t const ullFrom = last.ullFileOffset + static_cast<uint64_t>(pBytes - last.pBuffer);
@@ -325,9 +322,12 @@ void pretend_free_bytes(std::optional<uint64_t> ullFreeBytes) {
 }
 
 Contents const* find(std::string const& path) {
+    std::string const full = absolute(path.c_str());
+    Name const* const pName = find_name(full.c_str());
+    if (pName != nullptr)
+        return pName->pFile != nullptr ? &pName->pFile->contents : nullptr;
     std::shared_ptr<File> pFile;
-    DWORD const dwError =
-        find_file(absolute(path.c_str()), 0, FILE_SHARE_READ | FILE_SHARE_WRITE, pFile);
+    DWORD const dwError = find_file(full, 0, FILE_SHARE_READ | FILE_SHARE_WRITE, pFile);
     return dwError == NO_ERROR ? &pFile->contents : nullptr;
 }
 

@@ -37,7 +37,7 @@ struct Change {
 // A call that failed, for whoever wants to say why.
 struct Failure {
     char const* pszCall; // its name in platform.h
-    std::string file;    // absolute; empty for a call on a handle that is not open
+    std::string file;    // absolute
     DWORD dwError;
 };
 

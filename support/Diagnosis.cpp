@@ -1,11 +1,11 @@
 #include "Diagnosis.h"
 
+#include "console/Files.h"
 #include "console/Printable.h"
 #include "console/System.h"
 #include "host/Beside.h"
 
 #include <algorithm>
-#include <fstream>
 
 namespace ffdhost {
 
@@ -44,11 +44,21 @@ void look_around(Diagnosis& diagnosis) {
     std::sort(diagnosis.setAside.begin(), diagnosis.setAside.end());
 }
 
+void ask_loaded_driver(Diagnosis& diagnosis, Driver const& driver) {
+    try {
+        SoundFile sound(driver, diagnosis.next.soundNow, Access::Read);
+        diagnosis.readLength = sound.length();
+        sound.close();
+        diagnosis.readStatus = FFD_NOERROR;
+    } catch (Failure const& failure) {
+        diagnosis.readStatus = failure.status();
+    }
+}
+
 // Collects the findings, in the order of their gravity.
 class Findings {
 public:
-    Findings(Diagnosis& diagnosis, std::optional<uint32_t> readLength)
-        : m_diagnosis(diagnosis), m_next(diagnosis.next), m_readLength(readLength) {}
+    explicit Findings(Diagnosis& diagnosis) : m_diagnosis(diagnosis), m_next(diagnosis.next) {}
 
     void collect();
 
@@ -73,11 +83,10 @@ private:
 
     Diagnosis& m_diagnosis;
     NextOpen const& m_next;
-    std::optional<uint32_t> const m_readLength; // as the driver counts the audio
 };
 
 void Findings::collect() {
-    if (m_diagnosis.in_use()) {
+    if (m_next.inUse) {
         attention("in_use",
                   "another program has the file open, so that what lies beside it is at work",
                   "Close that program, or wait for it, and check again.");
@@ -119,17 +128,20 @@ void Findings::marker() {
     if (!m_next.marker) {
         return;
     }
-    if (m_next.marker->whole) {
+    if (m_next.marker->settled) {
         attention("close_interrupted",
                   "a close was interrupted at its very end; the next open for writing settles it",
                   "Delete and rename nothing before. " + recover());
-    } else {
+    } else if (m_next.marker->goes) {
         attention(
             "marker_not_whole",
             m_next.marker->path.string() +
                 (m_next.marker->size == 0 ? " is empty" : " is not whole, or of another file") +
                 ": a close was interrupted before it had changed anything",
             recover());
+    } else if (m_next.status == FFD_NOERROR) {
+        note("marker_foreign", m_next.marker->path.string() + " is no close marker",
+             "It is left alone until a close needs its name.");
     }
 }
 
@@ -209,8 +221,8 @@ void Findings::others() {
         }
     }
     for (fs::path const& path : m_diagnosis.copies) {
-        bool const named = m_next.marker && m_next.marker->whole &&
-                           same_file_name(path.filename(), m_next.marker->rebuiltFile.filename());
+        bool const named = std::find(m_next.touched.begin(), m_next.touched.end(),
+                                     path.filename().string()) != m_next.touched.end();
         if (!named) {
             note("copy_left",
                  path.string() + " has the name of a copy that a close makes, of this file or of "
@@ -222,7 +234,7 @@ void Findings::others() {
 }
 
 void Findings::frames() {
-    if (!m_next.walk || !m_next.walk->first) {
+    if (!m_next.walk || m_next.walk->frames == 0) {
         return;
     }
     FrameWalk const& walk = *m_next.walk;
@@ -253,7 +265,7 @@ void Findings::frames() {
               "The file was put together from different recordings. If it sounds wrong there, "
               "encode it anew.");
     }
-    if (walk.first->layer() != 3) {
+    if (walk.format.layer != 3) {
         note("not_layer_3", "the frames are not of Layer III, and the driver measures them as such",
              "Encode the file anew as MP3.");
     }
@@ -267,28 +279,25 @@ void Findings::frames() {
     }
 }
 
-// The driver measures a file by itself: should it come to something else, one of both is wrong.
+// What is foretold is the work of the driver that this program was built with. The one that is
+// loaded may be another.
 void Findings::disagreement() {
-    if (!m_next.walk) {
+    if (!m_diagnosis.readStatus) {
         return;
     }
-    bool const sameStatus = m_diagnosis.readStatus == m_next.walk->status;
-    bool const sameLength = !m_readLength || *m_readLength == m_next.walk->audio_length();
-    if (!sameStatus || !sameLength) {
+    bool const works = *m_diagnosis.readStatus == FFD_NOERROR;
+    bool const sameLength = !works || m_diagnosis.readLength == m_next.walk->audio_length();
+    if (*m_diagnosis.readStatus != m_next.status || !sameLength) {
         attention("disagreement",
-                  "the driver's own look at the file comes to another result: " +
-                      std::string(status_text(m_diagnosis.readStatus).name) +
-                      (m_readLength ? ", " + bytes_text(*m_readLength) : ""),
-                  "Check again while no other program is at work on the file. If it stays, send "
-                  "the file to the developers.");
+                  "the driver that is loaded comes to another result: " +
+                      std::string(status_text(*m_diagnosis.readStatus).name) +
+                      (works ? ", " + bytes_text(*m_diagnosis.readLength) : ""),
+                  "Check again while no other program is at work on the file, with the driver that "
+                  "belongs to this program. If it stays, send the file to the developers.");
     }
 }
 
 } // namespace
-
-bool Diagnosis::in_use() const {
-    return next.walk && readStatus == FFD_FILE_IO_ERROR;
-}
 
 bool Diagnosis::needs_attention() const {
     return !findings.empty() && findings.front().attention;
@@ -315,25 +324,18 @@ std::string Diagnosis::verdict() const {
 Diagnosis diagnose(Driver const& driver, std::string const& file) {
     Diagnosis diagnosis;
     diagnosis.file = file;
-    diagnosis.next = predict_open(file);
-    std::optional<uint32_t> readLength;
-    if (diagnosis.next.walk) {
-        FrameWalk const& walk = *diagnosis.next.walk;
-        try {
-            SoundFile sound(driver, walk.path, Access::Read);
-            readLength = sound.length();
-            sound.close();
-        } catch (Failure const& failure) {
-            diagnosis.readStatus = failure.status();
-        }
-        if (walk.first) {
-            InputFile const sound(walk.path);
-            diagnosis.inFront = regions_in_front(sound, walk.firstFrameOffset);
-            diagnosis.behind = regions_behind(sound, walk.fileSize, walk.audioEndOffset);
-        }
+    diagnosis.next = foretell_open(file);
+    NextOpen const& next = diagnosis.next;
+    if (next.walk && next.status != FFD_FILE_IO_ERROR && next.status != FFD_INVALID_PATH) {
+        ask_loaded_driver(diagnosis, driver);
+    }
+    if (next.walk && next.walk->frames > 0) {
+        InputFile const sound(next.soundNow);
+        diagnosis.inFront = regions_in_front(sound, next.walk->firstFrameOffset);
+        diagnosis.behind = regions_behind(sound, next.walk->fileSize, next.walk->audioEndOffset);
     }
     look_around(diagnosis);
-    Findings(diagnosis, readLength).collect();
+    Findings(diagnosis).collect();
     return diagnosis;
 }
 

@@ -7,6 +7,7 @@
 #include "NextOpen.h"
 
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -22,16 +23,16 @@ struct Finding {
 struct Diagnosis {
     std::string file;
     NextOpen next;
-    // What the driver answers to an open for reading of the file as it is named now, or will be.
-    FFDError readStatus = FFD_NOERROR;
-    Regions inFront; // of the audio
+    // What the driver that is loaded makes of the same file, if it was asked: the open for reading
+    // of a file that nobody has open.
+    std::optional<FFDError> readStatus;
+    std::optional<uint64_t> readLength; // bytes, if that works
+    Regions inFront;                    // of the audio
     Regions behind;
     std::vector<std::filesystem::path> copies; // rebuilt files of a close that failed, of any file
     std::vector<std::filesystem::path> setAside; // .DIR and .CLM files of this name
     std::vector<Finding> findings;               // the gravest first
 
-    // The file is open in another program, and what lies beside it belongs to that session.
-    bool in_use() const;
     bool needs_attention() const;
     // Whether an open for writing and a close change anything but what every close changes.
     bool has_work() const;

@@ -29,7 +29,7 @@ std::string step_text(Step const& step) {
     std::string const what = step.action == Step::Action::Remove
                                  ? "removes " + step.file.string()
                                  : "renames " + step.file.string() + " to " + step.newName.string();
-    return what + ": " + step.reason;
+    return step.reason.empty() ? what : what + ": " + step.reason;
 }
 
 Json frames_json(FrameWalk const& walk) {
@@ -80,18 +80,54 @@ Json sound_json(Diagnosis const& diagnosis) {
         return {};
     }
     FrameWalk const& walk = *diagnosis.next.walk;
-    Json sound = {{"file", walk.path},
+    Json sound = {{"file", diagnosis.next.soundNow},
                   {"size", walk.fileSize},
                   {"format", nullptr},
                   {"frames", nullptr},
                   {"in_front", regions_json(diagnosis.inFront)},
                   {"behind", regions_json(diagnosis.behind)}};
-    if (walk.first) {
-        StreamFormat const format = walk.first->format();
-        sound["format"] = format_json(format);
+    if (walk.frames > 0) {
+        sound["format"] = format_json(walk.format);
         sound["frames"] = frames_json(walk);
     }
     return sound;
+}
+
+std::string hex_text(std::vector<uint8_t> const& bytes) {
+    static char const* const kDigits = "0123456789abcdef";
+    std::string text;
+    for (uint8_t const byte : bytes) {
+        text += {kDigits[byte >> 4], kDigits[byte & 15]};
+    }
+    return text;
+}
+
+// What the file that a close leaves is made of: ranges of files as they are now, and new bytes.
+Json parts_json(ClosedFile const& closed) {
+    Json parts = Json::array();
+    for (Part const& part : closed.parts) {
+        Json& row = parts.emplace_back(Json{{"size", part.size}});
+        if (!part.file.empty()) {
+            row["file"] = part.file;
+            row["file_offset"] = part.fileOffset;
+        }
+        if (!part.bytes.empty()) {
+            row["bytes"] = hex_text(part.bytes);
+        }
+    }
+    count_left_out(parts, closed.moreParts);
+    return parts;
+}
+
+Json closed_json(ClosedFile const& closed) {
+    Json after = status_json(closed.status);
+    after["reason"] = closed.reason;
+    after["size"] = closed.size;
+    after["dictation"] = closed.status == FFD_NOERROR
+                             ? length_json(closed.dictationLength, closed.bytesPerSecond)
+                             : Json();
+    after["parts"] = parts_json(closed);
+    return after;
 }
 
 Json next_open_json(NextOpen const& next) {
@@ -111,21 +147,13 @@ Json next_open_json(NextOpen const& next) {
     open["dictation"] = nullptr;
     open["close"] = nullptr;
     if (next.status == FFD_NOERROR) {
-        uint32_t const rate = next.walk->first->format().wave.bytesPerSecond;
-        open["dictation"] = length_json(next.map.dictationLength, rate);
+        open["dictation"] = length_json(next.dictationLength, next.bytesPerSecond);
         open["missing_bytes"] = next.missingBytes;
         open["unnamed_bytes"] = next.unnamedBytes;
         open["close"] = status_json(next.close.status);
         open["close"]["rebuild"] = next.close.rebuilds;
         open["close"]["reason"] = next.close.reason;
-        FrameWalk const& after = next.close.after;
-        open["close"]["after"] = status_json(after.status);
-        open["close"]["after"]["reason"] = after.reason;
-        open["close"]["after"]["size"] = after.fileSize;
-        open["close"]["after"]["dictation"] =
-            after.first
-                ? length_json(after.audio_length(), after.first->format().wave.bytesPerSecond)
-                : Json();
+        open["close"]["after"] = closed_json(next.close.after);
         open["close"]["needed_bytes"] = next.close.rebuilds ? next.walk->fileSize : 0;
         open["close"]["free_bytes"] = next.close.freeBytes;
     }
@@ -142,14 +170,14 @@ Json paths_json(std::vector<std::filesystem::path> const& paths) {
 
 void print_sound(Diagnosis const& diagnosis) {
     FrameWalk const& walk = *diagnosis.next.walk;
-    if (walk.path != diagnosis.file) {
-        print_line("Sound now in", walk.path);
+    if (diagnosis.next.soundNow != diagnosis.file) {
+        print_line("Sound now in", diagnosis.next.soundNow);
     }
     print_line("Size", bytes_text(walk.fileSize));
-    if (!walk.first) {
+    if (walk.frames == 0) {
         return;
     }
-    print_line("Format", format_text(walk.first->format()));
+    print_line("Format", format_text(walk.format));
     print_line("Frames", std::to_string(walk.frames) + ", file offsets " +
                              std::to_string(walk.firstFrameOffset) + " to " +
                              std::to_string(walk.audioEndOffset));
@@ -213,11 +241,11 @@ Json diagnosis_json(Diagnosis const& diagnosis) {
                                      {"size", diagnosis.next.directorySize}}},
             {"marker", marker ? Json{{"file", marker->path.string()},
                                      {"size", marker->size},
-                                     {"whole", marker->whole}}
+                                     {"whole", marker->settled}}
                               : Json()},
             {"copies", paths_json(diagnosis.copies)},
             {"set_aside", paths_json(diagnosis.setAside)},
-            {"next_open", diagnosis.in_use() ? Json() : next_open_json(diagnosis.next)}};
+            {"next_open", diagnosis.next.inUse ? Json() : next_open_json(diagnosis.next)}};
 }
 
 void print_plan(NextOpen const& next) {
@@ -231,9 +259,8 @@ void print_plan(NextOpen const& next) {
                                 std::to_string(next.status) + "): " + next.reason);
         return;
     }
-    uint32_t const rate = next.walk->first->format().wave.bytesPerSecond;
-    print_line(heading,
-               "works, with a dictation of " + length_text(next.map.dictationLength, rate));
+    print_line(heading, "works, with a dictation of " +
+                            length_text(next.dictationLength, next.bytesPerSecond));
     print_line("Its close", next.close.rebuilds ? "rebuilds the file: " + next.close.reason
                                                 : "leaves the file as it is");
 }
@@ -249,11 +276,11 @@ void print_diagnosis(Diagnosis const& diagnosis) {
         next.directory == DirState::None
             ? "none"
             : dir_file_of(diagnosis.file).string() + ", " + bytes_text(next.directorySize) +
-                  (diagnosis.in_use() ? "" : std::string(": ") + directory_text(next.directory)));
+                  (diagnosis.next.inUse ? "" : std::string(": ") + directory_text(next.directory)));
     if (next.marker) {
         print_line("Close marker", next.marker->path.string());
     }
-    if (!diagnosis.in_use()) {
+    if (!diagnosis.next.inUse) {
         print_plan(next);
     }
     for (Finding const& finding : diagnosis.findings) {

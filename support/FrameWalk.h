@@ -1,11 +1,12 @@
-// The walk over all frames of a sound file, as the driver measures it at an open, with what the
-// driver passes over in silence: frames that differ, bytes between frames, a last frame cut off.
+// The frames of a sound file as the driver's walk counts them, with what the driver passes over in
+// silence: frames that differ, bytes between frames, a last frame cut off.
 #pragma once
 
 #include "host/StreamView.h"
+#include "platform/dry_contents.h"
 
+#include <array>
 #include <cstdint>
-#include <fstream>
 #include <map>
 #include <optional>
 #include <span>
@@ -13,34 +14,6 @@
 #include <vector>
 
 namespace ffdhost {
-
-// The four bytes in front of a frame.
-class FrameHeader {
-public:
-    static constexpr size_t kSize = 4;
-
-    // Nothing if the bytes are no header that the driver takes.
-    static std::optional<FrameHeader> parse(std::span<uint8_t const> bytes);
-
-    // Whether a search for frames like the other one stops here: version, layer and sampling rate
-    // are the same, bitrate and channels need not be.
-    bool fits(FrameHeader const& other) const;
-
-    std::string mpeg_version() const; // "1", "2" or "2.5"
-    unsigned layer() const;           // 1 to 3
-    uint32_t sampling_rate() const;   // Hz
-    uint32_t bitrate() const;         // kbit/s, by the tables of Layer III for every layer
-    unsigned channels() const;
-    // Bytes, by the formula of Layer III for every layer, as the driver counts.
-    uint32_t frame_length() const;
-    StreamFormat format() const;
-
-private:
-    explicit FrameHeader(std::span<uint8_t const> bytes);
-    bool is_mpeg1() const { return (m_bytes[1] & 0x08) != 0; }
-
-    uint8_t m_bytes[kSize];
-};
 
 struct FrameDifference {
     std::string what; // "bitrate", "channels", "sampling rate", "MPEG version" or "layer"
@@ -76,18 +49,13 @@ struct InfoFrame {
 };
 
 struct FrameWalk {
-    std::string path;
     uint64_t fileSize = 0;
-    // What an open answers to the file alone, whatever lies beside it: FFD_NOERROR, or
-    // FFD_INVALID_FORMAT, FFD_NO_MORE_FRAMES or FFD_NOT_SUPPORTED, with the reason.
-    FFDError status = FFD_NOERROR;
-    std::string reason;
+    uint64_t frames = 0;
 
     // All below only if a frame was found.
-    std::optional<FrameHeader> first;
+    StreamFormat format;
     uint64_t firstFrameOffset = 0;
     uint64_t audioEndOffset = 0; // behind the last frame, even if the file ends before
-    uint64_t frames = 0;
     std::map<uint32_t, uint64_t> framesOfBitrate; // by kbit/s
     uint64_t differentFrames = 0;
     std::optional<DifferentFrame> firstDifferent;
@@ -99,28 +67,28 @@ struct FrameWalk {
 
     // Bytes of audio as the driver counts them, gaps included.
     uint64_t audio_length() const { return audioEndOffset - firstFrameOffset; }
-    // Bytes from the first frame to the end of the file.
-    uint64_t held() const { return fileSize - firstFrameOffset; }
 };
 
-// A range of a file.
-struct Extent {
-    uint64_t fileOffset;
-    uint64_t size;
+// Makes a FrameWalk of the frames that a walk counts.
+class FrameCounter {
+public:
+    using Header = std::array<uint8_t, 4>;
+
+    // A frame of the file with these contents, the next one behind those before.
+    void add(dry::Contents const& file, uint64_t fileOffset, Header const& header);
+
+    // Behind the last frame.
+    FrameWalk finish(dry::Contents const& file);
+
+private:
+    void note_different(Header const& header, uint64_t fileOffset);
+    void note_gap(dry::Contents const& file, uint64_t from, uint64_t to);
+    void note_end(dry::Contents const& file);
+    void note_info_frame(dry::Contents const& file);
+
+    FrameWalk m_walk;
+    Header m_first{};
+    uint64_t m_lastFrameOffset = 0;
 };
-
-// Reads the whole file, in large pieces. Throws a Failure with FFD_FILE_IO_ERROR.
-FrameWalk walk_frames(std::string const& path);
-
-// The same for the file that ranges of this one would make, in their order.
-FrameWalk walk_frames(std::string const& path, std::vector<Extent> const& extents);
-
-// The file offset of the next frame like the first of the walked file, from a file offset on.
-std::optional<uint64_t> find_next_frame(FrameWalk const& walk, uint64_t fileOffset);
-
-// The same, as a rebuild cuts: a header, but not the first of the file, that no second one follows
-// gives way to one that has one, if that is of the file's bitrate and comes within the length of a
-// frame.
-std::optional<uint64_t> find_frame_to_cut_at(FrameWalk const& walk, uint64_t fileOffset);
 
 } // namespace ffdhost

@@ -1,10 +1,16 @@
 #include "NextOpen.h"
 
-#include "console/Status.h"
+#include "console/Output.h"
 #include "console/System.h"
+#include "DryDriver.h"
 #include "host/Beside.h"
+#include "host/SoundFile.h"
+#include "MCI/KIVMP3/CKivDirFile.h"
+#include "platform/dry_platform.h"
+#include "TraceListener.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace ffdhost {
 
@@ -12,393 +18,353 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr size_t kLongestPath = 259; // bytes
-constexpr uint64_t kLargestOffset = 0xFFFFFFFF;
+constexpr size_t kMostNewBytes = 64; // that are shown of a part
 
-// Where the driver would give up; the steps so far are done.
-struct Refusal {
-    FFDError status;
-    std::string reason;
-};
+// Enough for any rebuild.
+constexpr uint64_t kPlenty = uint64_t{1} << 62;
 
-// The name that the driver gives a file it sets aside.
-fs::path aside_name(fs::path const& path) {
-    fs::path name = path;
-    name += ".bad";
-    std::error_code error;
-    for (int number = 1; fs::exists(fs::symlink_status(name, error)); ++number) {
-        name = path;
-        name += ".bad" + std::to_string(number);
+char const* words_of_error(DWORD error) {
+    switch (error) {
+    case ERROR_PATH_NOT_FOUND:
+        return "its folder does not exist";
+    case ERROR_TOO_MANY_OPEN_FILES:
+        return "too many files are open";
+    case ERROR_ACCESS_DENIED:
+        return "there is no permission, or it is no file";
+    case ERROR_NOT_ENOUGH_MEMORY:
+        return "there is no memory";
+    case ERROR_WRITE_PROTECT:
+        return "the medium is write-protected";
+    case ERROR_SHARING_VIOLATION:
+        return "another program has it open";
+    case ERROR_DISK_FULL:
+        return "the disk is full";
+    case ERROR_FILENAME_EXCED_RANGE:
+        return "the name is too long";
+    default:
+        return "the system refuses it";
     }
-    return name;
 }
 
-// Follows the driver through an open for writing.
-class Prediction {
+// One open for writing, and its close, on the disk that only pretends.
+class Rehearsal {
 public:
-    explicit Prediction(std::string const& soundFile)
-        : m_soundFile(soundFile), m_present(soundFile), m_dirFile(dir_file_of(soundFile)),
-          m_folder(fs::absolute(soundFile).parent_path()) {}
+    explicit Rehearsal(std::string const& soundFile)
+        : m_soundFile(soundFile), m_dirFile(dir_file_of(soundFile)),
+          m_listener([this](uint64_t fileOffset, FrameCounter::Header const& header) {
+              count_frame(fileOffset, header);
+          }),
+          m_dry(m_listener) {}
 
     NextOpen run();
 
 private:
-    void check_path() const;
-    void finish_interrupted_close();
-    void settle(Marker const& marker);
-    void look_at_directory();
-    void check_access() const;
-    void reconcile();
-    bool fit_block(uint64_t held, uint64_t named);
-    void account_for_bytes(uint64_t held);
-    void predict_close();
-
-    std::vector<Extent> rebuilt_file() const;
-    void copy_block(Block const& block, std::vector<Extent>& extents) const;
-    std::string rebuild_reason() const;
-    void remove(fs::path const& file, std::string const& reason);
-    void rename(fs::path const& file, fs::path const& newName, std::string const& reason);
-    void drop_directory(bool keep, std::string const& reason);
+    void look_beside();
+    void open();
+    void tell_of_open();
+    void tell_of_directory();
+    void tell_of_repair();
+    void tell_of_failure(FFDError status);
+    void close();
+    void rehearse_with_space();
+    void tell_of_close();
+    void tell_of_closed_file();
+    bool stays_same(dry::Contents const& closed) const;
+    void account_for_bytes();
+    void count_frame(uint64_t fileOffset, FrameCounter::Header const& header);
+    dry::Contents const* sound() const { return dry::find(m_soundFile); }
+    fs::path shown(std::string const& path) const {
+        return beside(m_soundFile, "").replace_filename(fs::path(path).filename());
+    }
+    bool changed(fs::path const& file, dry::Change::Kind kind) const;
 
     std::string const m_soundFile;
-    fs::path m_present; // what will be the sound file, under its present name
     fs::path const m_dirFile;
-    fs::path const m_folder;
-    bool m_directoryGone = false;
-    Extent m_trailing = {0, 0}; // with a directory taken over: bytes that are no audio
-    std::optional<DirMap> m_taken;
+    TraceListener m_listener;
+    DryDriver m_dry;
+    std::unique_ptr<SoundFile> m_opened;
+    dry::Contents const* m_walked = nullptr; // the sound file as the open walks over it
+    FrameCounter m_counter;
+    std::unique_ptr<Progress> m_progress;
+    uint64_t m_shown = 0; // file offset that the progress has come to
     NextOpen m_next;
 };
 
-NextOpen Prediction::run() {
-    try {
-        check_path();
-        finish_interrupted_close();
-        look_at_directory();
-        if (!size_of_file(m_present)) {
-            throw Refusal{FFD_FILE_IO_ERROR, "the sound file does not exist"};
+NextOpen Rehearsal::run() {
+    look_beside();
+    open();
+    tell_of_open();
+    if (m_next.status == FFD_NOERROR) {
+        m_next.dictationLength = m_opened->length();
+        m_next.bytesPerSecond = m_opened->wave_format().bytesPerSecond;
+        close();
+        tell_of_close();
+        account_for_bytes();
+    }
+    for (dry::Change const& change : dry::changes()) {
+        if (change.bReal) {
+            m_next.touched.push_back(fs::path(change.file).filename().string());
         }
-        m_next.walk = walk_frames(m_present.string());
-        check_access();
-        if (m_next.walk->status != FFD_NOERROR) {
-            throw Refusal{m_next.walk->status, m_next.walk->reason};
-        }
-        reconcile();
-        predict_close();
-    } catch (Refusal const& refusal) {
-        m_next.status = refusal.status;
-        m_next.reason = refusal.reason;
-    } catch (Failure const& failure) {
-        if (failure.status() != FFD_FILE_IO_ERROR) {
-            throw;
-        }
-        m_next.status = failure.status();
-        m_next.reason = failure.file() + ": " + failure.what();
     }
     return std::move(m_next);
 }
 
-void Prediction::check_path() const {
-    fs::path const name = fs::path(m_soundFile).filename();
-    std::string const text = name.string();
-    size_t const dot = text.rfind('.');
-    std::string const extension = dot == std::string::npos ? "" : text.substr(dot);
-    if (text.empty() || dot == 0) {
-        throw Refusal{FFD_INVALID_PATH, "the path has no file name"};
+void Rehearsal::look_beside() {
+    if (dry::Contents const* const directory = dry::find(m_dirFile.string())) {
+        m_next.directorySize = directory->size();
+        m_next.directory = directory->size() == 0 ? DirState::Empty : DirState::Taken;
     }
-    if (same_file_name(extension, ".DIR") || same_file_name(extension, ".CLM")) {
-        throw Refusal{FFD_INVALID_PATH, "a " + extension + " file can't be a sound file"};
-    }
-    for (fs::path const& path :
-         {fs::path(m_soundFile), m_folder / name, m_folder / m_dirFile.filename()}) {
-        if (path.string().size() > kLongestPath) {
-            throw Refusal{FFD_INVALID_PATH,
-                          "the path, or that of the .DIR file, is longer than 259 characters"};
-        }
+    fs::path const marker = beside(m_soundFile, ".CLM");
+    if (dry::Contents const* const contents = dry::find(marker.string())) {
+        m_next.marker = Marker{marker, contents->size(), false, false};
     }
 }
 
-void Prediction::remove(fs::path const& file, std::string const& reason) {
-    m_next.steps.push_back({Step::Action::Remove, file, "", reason});
+void Rehearsal::count_frame(uint64_t fileOffset, FrameCounter::Header const& header) {
+    if (m_walked == nullptr) {
+        m_walked = sound();
+        m_progress = std::make_unique<Progress>("checking", m_walked->size());
+    }
+    if (fileOffset - m_shown >= kPieceSize) {
+        m_progress->advance(fileOffset - m_shown);
+        m_shown = fileOffset;
+    }
+    m_counter.add(*m_walked, fileOffset, header);
 }
 
-void Prediction::rename(fs::path const& file, fs::path const& newName, std::string const& reason) {
-    m_next.steps.push_back({Step::Action::Rename, file, newName, reason});
-}
-
-void Prediction::drop_directory(bool keep, std::string const& reason) {
-    if (!size_of_file(m_dirFile)) {
-        return;
-    }
-    m_directoryGone = true;
-    if (keep) {
-        rename(m_dirFile, aside_name(m_dirFile), reason);
-    } else {
-        remove(m_dirFile, reason);
-    }
-}
-
-void Prediction::finish_interrupted_close() {
-    m_next.marker = read_marker(m_soundFile);
-    if (!m_next.marker) {
-        return;
-    }
-    Marker const& marker = *m_next.marker;
-    if (!may_write(marker.path)) {
-        throw Refusal{FFD_FILE_IO_ERROR, "the close marker can't be written to"};
-    }
-    if (marker.whole) {
-        settle(marker);
-        remove(marker.path, "the close it tells of is settled then");
-    } else if (marker.size == 0) {
-        remove(marker.path, "it is empty: its close had removed nothing yet");
-    } else {
-        rename(marker.path, aside_name(marker.path),
-               "it is not whole, or of another file: its close had removed nothing yet");
-    }
-}
-
-// Where the interrupted close had come to.
-void Prediction::settle(Marker const& marker) {
-    std::optional<uint64_t> const sound = size_of_file(marker.soundFile);
-    std::optional<uint64_t> const rebuilt = size_of_file(marker.rebuiltFile);
-    if (sound && rebuilt) {
-        if (*sound != marker.oldSize) {
-            drop_directory(true, "the sound file was replaced since the close was interrupted, "
-                                 "and the directory belongs to the one before");
-        } else if (*rebuilt == marker.newSize) {
-            remove(marker.rebuiltFile,
-                   "the interrupted close had not removed the old file yet: the dictation is still "
-                   "the sound file with its directory");
-        }
-    } else if (rebuilt && *rebuilt == marker.newSize) {
-        rename(marker.rebuiltFile, marker.soundFile,
-               "it is the finished dictation, to which the interrupted close did not give its name "
-               "any more");
-        drop_directory(false, "it describes the file before the close");
-        if (same_file_name(marker.soundFile.filename(), fs::path(m_soundFile).filename())) {
-            m_present = marker.rebuiltFile;
-        }
-    } else if (sound && marker.is_rebuilt(marker.soundFile, *sound)) {
-        drop_directory(false, "the interrupted close had come to its end but for this file, which "
-                              "describes the file before it");
-    } else if (sound && *sound != marker.oldSize) {
-        drop_directory(true, "the sound file is neither the one before the interrupted close nor "
-                             "the one behind it, and the directory belongs to the one before");
-    } else if (!sound) {
-        throw Refusal{FFD_FILE_IO_ERROR, "a close was interrupted, and neither the sound file " +
-                                             marker.soundFile.filename().string() +
-                                             " nor the whole rebuilt file " +
-                                             marker.rebuiltFile.filename().string() + " is there"};
-    }
-}
-
-void Prediction::look_at_directory() {
-    std::optional<uint64_t> const size = size_of_file(m_dirFile);
-    m_next.directorySize = size.value_or(0);
-    if (m_directoryGone) {
-        m_next.directory = DirState::Gone;
-    }
-    if (!size || m_directoryGone) {
-        std::error_code error;
-        if (fs::exists(m_folder, error) && !may_write(m_folder)) {
-            throw Refusal{FFD_FILE_IO_ERROR, "no file can be made in the folder"};
-        }
-        return;
-    }
-    if (!may_write(m_dirFile)) {
-        throw Refusal{FFD_FILE_IO_ERROR, "the .DIR file can't be written to"};
-    }
+void Rehearsal::open() {
     try {
-        m_taken = read_dir_file(m_dirFile);
-        m_next.directory = m_taken ? DirState::Taken : DirState::Empty;
+        m_opened = std::make_unique<SoundFile>(m_dry.driver(), m_soundFile, Access::ReadWrite);
     } catch (Failure const& failure) {
-        if (failure.status() != FFD_DIRECTORY_MISMATCH) {
-            throw;
-        }
-        m_next.directory = DirState::Damaged;
-        std::string const words = failure.what();
-        m_next.directoryFault = words.substr(words.find(": ") + 2); // which say that it is damaged
-        rename(m_dirFile, aside_name(m_dirFile), "it is damaged, " + m_next.directoryFault);
+        tell_of_failure(failure.status());
     }
+    m_progress.reset();
 }
 
-void Prediction::check_access() const {
-    if (!may_write(m_present)) {
-        throw Refusal{FFD_FILE_IO_ERROR, "the sound file can't be written to"};
-    }
-}
-
-void Prediction::reconcile() {
-    FrameWalk const& walk = *m_next.walk;
-    if (!m_taken) {
-        m_next.map = one_block(static_cast<uint32_t>(walk.audio_length()));
+void Rehearsal::tell_of_failure(FFDError status) {
+    m_next.status = status;
+    m_next.reason = m_listener.reason_of(status);
+    auto const& failures = dry::failures();
+    if (!m_next.reason.empty()) {
         return;
     }
-    m_next.map = *m_taken;
-    uint64_t named = 0;
-    for (Block const& block : m_taken->blocks) {
-        named += block.size();
-    }
-    // No block gets shorter while its bytes are in the file, and none reaches behind its end.
-    uint64_t const held = walk.held();
-    uint64_t const audio =
-        held >= named ? std::clamp(walk.audio_length(), named, held) : walk.audio_length();
-    if (audio != named && fit_block(audio, named)) {
-        m_next.directory = DirState::Repaired;
-    }
-    account_for_bytes(held);
-}
-
-// Fits the live block that ends where the directory does to the audio of the file. False if no
-// block changes.
-bool Prediction::fit_block(uint64_t audio, uint64_t named) {
-    Block* highest = nullptr;
-    for (Block& block : m_next.map.blocks) {
-        if (block.size() > 0 && block.audioTo > named) {
-            return false;
-        }
-        if (block.live() && block.audioTo == named && (highest == nullptr || block.size() > 0)) {
-            highest = &block;
-        }
-    }
-    if (highest == nullptr || highest->audioFrom > audio) {
-        return false;
-    }
-    uint64_t const before = highest->size();
-    if (highest->audioFrom < audio) {
-        highest->audioTo = static_cast<uint32_t>(audio);
-        m_next.repair = "the block at audio position " + std::to_string(highest->audioFrom) +
-                        " has " + std::to_string(highest->size()) + " bytes instead of " +
-                        std::to_string(before);
+    if (status == FFD_FILE_IO_ERROR && sound() == nullptr && failures.empty()) {
+        m_next.reason = "the sound file does not exist";
+    } else if (status == FFD_FILE_IO_ERROR && !failures.empty()) {
+        m_next.inUse = failures.back().dwError == ERROR_SHARING_VIOLATION;
+        m_next.reason =
+            shown(failures.back().file).string() + ": " + words_of_error(failures.back().dwError);
+    } else if (status == FFD_FILE_IO_ERROR && !m_listener.last_error().empty()) {
+        m_next.reason = m_listener.last_error();
     } else {
-        m_next.repair = "the block of " + std::to_string(before) + " bytes at audio position " +
-                        std::to_string(highest->audioFrom) +
-                        " is dropped: the file holds nothing of it";
-        *highest = {BlockState::Deleted, 0, 0, highest->dictationFrom};
+        m_next.reason = status_text(status).meaning;
     }
-    m_next.map.dictationLength = 0;
-    for (Block& block : m_next.map.blocks) {
-        block.dictationFrom = m_next.map.dictationLength;
-        m_next.map.dictationLength += block.live() ? block.size() : 0;
-    }
-    return true;
 }
 
-void Prediction::account_for_bytes(uint64_t held) {
-    std::vector<Block> blocks = m_next.map.blocks;
-    std::erase_if(blocks, [](Block const& block) { return block.size() == 0; });
-    std::sort(blocks.begin(), blocks.end(), [](Block const& left, Block const& right) {
-        return left.audioFrom < right.audioFrom;
+bool Rehearsal::changed(fs::path const& file, dry::Change::Kind kind) const {
+    return std::any_of(m_next.steps.begin(), m_next.steps.end(), [&](Step const& step) {
+        bool const renames = step.action == Step::Action::Rename;
+        return renames == (kind == dry::Change::Kind::Renamed) && step.file == file;
     });
-    blocks.push_back({BlockState::Live, 0xFFFFFFFF, 0xFFFFFFFF, 0}); // behind any other
-    uint64_t named = 0;
-    bool first = true;
-    for (Block const& block : blocks) {
-        uint64_t const gapEnd = std::min<uint64_t>(block.audioFrom, held);
-        uint64_t unnamed = gapEnd > named ? gapEnd - named : 0;
-        if (unnamed > 0 && first) {
-            // Up to the next frame it is what stood behind the audio, such as a tag, and is kept.
-            uint64_t const from = m_next.walk->firstFrameOffset + named;
-            std::optional<uint64_t> const frame = find_next_frame(*m_next.walk, from);
-            uint64_t const kept = frame ? std::min(*frame - from, unnamed) : unnamed;
-            unnamed -= kept;
-            m_trailing = {from, kept};
-            first = false;
+}
+
+void Rehearsal::tell_of_open() {
+    auto const& changes = dry::changes();
+    for (size_t i = 0; i < changes.size(); ++i) {
+        dry::Change const& change = changes[i];
+        bool const renames = change.kind == dry::Change::Kind::Renamed;
+        if (change.bReal && (renames || change.kind == dry::Change::Kind::Removed)) {
+            m_next.steps.push_back(
+                {renames ? Step::Action::Rename : Step::Action::Remove, shown(change.file),
+                 renames ? shown(change.newName) : fs::path(), m_listener.reason_of_change(i)});
         }
-        m_next.unnamedBytes += unnamed;
-        named = std::max<uint64_t>(named, block.audioTo);
-        if (block.live() && block.size() > 0 && block.audioTo > held) {
-            m_next.missingBytes += block.audioTo - std::max<uint64_t>(block.audioFrom, held);
-        }
+    }
+    if (m_next.marker) {
+        bool const removed = changed(m_next.marker->path, dry::Change::Kind::Removed);
+        m_next.marker->goes = removed || changed(m_next.marker->path, dry::Change::Kind::Renamed);
+        m_next.marker->settled = m_listener.settles_close() || (removed && m_next.marker->size > 0);
+    }
+    tell_of_directory();
+    if (dry::Contents const* const file = sound()) {
+        std::string const name = file->runs().empty() ? "" : file->runs()[0].pSource->path();
+        m_next.soundNow = name.empty() ? m_soundFile : shown(name).string();
+        m_next.walk = m_counter.finish(*file);
     }
 }
 
-std::string Prediction::rebuild_reason() const {
-    uint64_t end = 0;
-    for (Block const& block : m_next.map.blocks) {
-        if (!block.live()) {
-            return "parts were deleted";
-        }
-        if (block.audioFrom != end) {
-            return "its blocks do not play as they lie in the file";
-        }
-        end = block.audioTo;
-    }
-    if (end < m_next.walk->held()) {
-        return m_taken ? "the file holds bytes behind the last block"
-                       : "bytes stand behind the audio; the file stays the same";
-    }
-    return "";
-}
-
-// What a rebuild copies: what stands in front of the audio, the blocks, what trails it.
-std::vector<Extent> Prediction::rebuilt_file() const {
-    FrameWalk const& walk = *m_next.walk;
-    std::vector<Extent> extents = {{0, walk.firstFrameOffset}};
-    for (Block const& block : m_next.map.blocks) {
-        if (block.live() && block.size() >= walk.first->format().wave.frameSize) {
-            copy_block(block, extents);
-        }
-    }
-    extents.push_back(m_trailing);
-    for (Extent& extent : extents) {
-        uint64_t const there =
-            walk.fileSize > extent.fileOffset ? walk.fileSize - extent.fileOffset : 0;
-        extent.size = std::min(extent.size, there);
-    }
-    return extents;
-}
-
-// A block moves forward so that it begins with a frame, and on to the end of the frame that its end
-// has cut.
-void Prediction::copy_block(Block const& block, std::vector<Extent>& extents) const {
-    FrameWalk const& walk = *m_next.walk;
-    uint64_t const audioLimit = m_trailing.size > 0 ? m_trailing.fileOffset : kLargestOffset;
-    uint64_t const wanted = walk.firstFrameOffset + block.audioFrom;
-    uint64_t const limit = wanted < audioLimit
-                               ? std::max(audioLimit, walk.firstFrameOffset + block.audioTo)
-                               : kLargestOffset + 1;
-    std::optional<uint64_t> const start = find_frame_to_cut_at(walk, wanted);
-    if (!start || *start >= limit) {
+void Rehearsal::tell_of_directory() {
+    if (m_next.directory == DirState::None) {
         return;
     }
-    uint64_t const size = std::min<uint64_t>(block.size(), limit - *start);
-    extents.push_back({*start, size});
-    uint64_t const end = *start + size;
-    if (block.audioTo == walk.audio_length() || end >= limit) {
-        return;
-    }
-    if (std::optional<uint64_t> const next = find_frame_to_cut_at(walk, end)) {
-        extents.back().size += std::min(*next - end, limit - end);
+    m_next.directoryFault = m_listener.fault_of_directory();
+    if (!m_next.directoryFault.empty()) {
+        m_next.directory = DirState::Damaged;
+    } else if (changed(m_dirFile, dry::Change::Kind::Removed) ||
+               changed(m_dirFile, dry::Change::Kind::Renamed)) {
+        m_next.directory = DirState::Gone;
+    } else if (m_next.status == FFD_NOERROR && m_listener.entries_found().empty()) {
+        m_next.directory = DirState::Empty;
     }
 }
 
-void Prediction::predict_close() {
-    NextClose& close = m_next.close;
-    close.reason = rebuild_reason();
-    close.after = *m_next.walk;
-    close.rebuilds = !close.reason.empty();
+void Rehearsal::close() {
     std::error_code error;
-    fs::space_info const space = fs::space(m_folder, error);
-    close.freeBytes = error ? 0 : space.available;
-    if (!close.rebuilds) {
+    fs::space_info const space = fs::space(fs::absolute(m_soundFile).parent_path(), error);
+    m_next.close.freeBytes = error ? 0 : space.available;
+    try {
+        m_opened->close();
+    } catch (Failure const& failure) {
+        m_next.close.status = failure.status();
+    }
+    m_opened.reset();
+    tell_of_repair();
+}
+
+// The entries are traced before an open fits one to the file, and as the close finds them.
+void Rehearsal::tell_of_repair() {
+    auto const& found = m_listener.entries_found();
+    auto const& closed = m_listener.entries_closed();
+    if (m_next.directory != DirState::Taken || found.size() != closed.size()) {
         return;
     }
-    if (m_taken) {
-        close.after = walk_frames(m_present.string(), rebuilt_file());
+    auto const [before, after] = std::mismatch(found.begin(), found.end(), closed.begin());
+    if (before == found.end()) {
+        return;
     }
-    if (m_next.walk->fileSize > close.freeBytes) {
-        close.status = FFD_ERR_NOT_ENOUGH_DSPACE;
-    } else if (!may_write(m_folder)) {
-        close.status = FFD_FILE_IO_ERROR;
+    m_next.directory = DirState::Repaired;
+    std::string const size = std::to_string(before->audioTo - before->audioFrom);
+    std::string const place = " at audio position " + std::to_string(before->audioFrom);
+    m_next.repair = after->status == before->status
+                        ? "the block" + place + " has " +
+                              std::to_string(after->audioTo - after->audioFrom) +
+                              " bytes instead of " + size
+                        : "the block of " + size + " bytes" + place +
+                              " is dropped: the file holds nothing of it";
+}
+
+void Rehearsal::tell_of_close() {
+    m_next.close.reason = m_listener.reason_of_rebuild();
+    m_next.close.rebuilds = !m_next.close.reason.empty();
+    if (m_next.close.status == FFD_ERR_NOT_ENOUGH_DSPACE) {
+        rehearse_with_space();
     }
+    tell_of_closed_file();
+}
+
+// The closed file is of interest, too, if only the space for it is missing.
+void Rehearsal::rehearse_with_space() {
+    dry::start(dry::Disk::Real);
+    dry::listen(nullptr);
+    dry::pretend_free_bytes(kPlenty);
+    try {
+        SoundFile again(m_dry.driver(), m_soundFile, Access::ReadWrite);
+        again.close();
+    } catch (Failure const&) {
+        return; // then there is none
+    }
+}
+
+void Rehearsal::tell_of_closed_file() {
+    ClosedFile& after = m_next.close.after;
+    dry::Contents const* const file = sound();
+    if (file == nullptr) {
+        after.status = FFD_FILE_IO_ERROR;
+        return;
+    }
+    after.size = file->size();
+    std::vector<dry::Run> const& runs = file->runs();
+    for (size_t i = 0; i < runs.size() && i < kMostRows; ++i) {
+        dry::Run const& run = runs[i];
+        uint64_t const end = i + 1 < runs.size() ? runs[i + 1].ullFileOffset : after.size;
+        Part part{"", run.ullSourceOffset, end - run.ullFileOffset, {}};
+        if (run.pSource != nullptr && !run.pSource->path().empty()) {
+            part.file = shown(run.pSource->path()).string();
+        } else if (run.pSource != nullptr && part.size <= kMostNewBytes) {
+            part.bytes.resize(static_cast<size_t>(part.size));
+            run.pSource->read(run.ullSourceOffset, part.bytes.data(), part.bytes.size());
+        }
+        after.parts.push_back(std::move(part));
+    }
+    after.moreParts = runs.size() - after.parts.size();
+    if (m_next.close.rebuilds && stays_same(*file)) {
+        m_next.close.reason += "; the file stays the same";
+    }
+
+    TraceListener listener;
+    dry::listen(&listener);
+    try {
+        SoundFile closed(m_dry.driver(), m_soundFile, Access::Read);
+        after.dictationLength = closed.length();
+        after.bytesPerSecond = closed.wave_format().bytesPerSecond;
+        closed.close();
+    } catch (Failure const& failure) {
+        after.status = failure.status();
+        after.reason = listener.reason_of(failure.status());
+        if (after.reason.empty()) {
+            after.reason = status_text(failure.status()).meaning;
+        }
+    }
+    dry::listen(&m_listener);
+}
+
+// Whether each part of the closed file stands where it stood before, or is the same there.
+bool Rehearsal::stays_same(dry::Contents const& closed) const {
+    std::vector<dry::Run> const& runs = closed.runs();
+    bool same = closed.size() == m_next.walk->fileSize;
+    for (size_t i = 0; same && i < runs.size(); ++i) {
+        same = runs[i].pSource != nullptr && runs[i].ullSourceOffset == runs[i].ullFileOffset &&
+               shown(runs[i].pSource->path()) == m_next.soundNow;
+    }
+    return same;
+}
+
+// What no entry names is no part of the dictation. Nor is it lost if the closed file has it: a tag
+// that trails the audio, the rest of a frame that a cut has left.
+void Rehearsal::account_for_bytes() {
+    struct Range {
+        uint64_t from;
+        uint64_t to;
+    };
+    std::vector<Range> kept;
+    uint64_t const first = m_next.walk->firstFrameOffset;
+    uint64_t const end = m_next.walk->fileSize;
+    for (TracedEntry const& entry : m_listener.entries_closed()) {
+        uint64_t const from = first + entry.audioFrom;
+        uint64_t const to = first + entry.audioTo;
+        bool const takenOver = !m_listener.entries_found().empty();
+        bool const deleted = DirEntry{static_cast<BYTE>(entry.status), {}, 0, 0}.is_deleted();
+        if (takenOver && !deleted && to > end) {
+            m_next.missingBytes += to - std::max(from, end);
+        }
+        kept.push_back({from, to});
+    }
+    if (dry::Contents const* const closed = sound()) {
+        std::vector<dry::Run> const& runs = closed->runs();
+        for (size_t i = 0; i < runs.size(); ++i) {
+            uint64_t const runEnd =
+                i + 1 < runs.size() ? runs[i + 1].ullFileOffset : closed->size();
+            if (runs[i].pSource != nullptr && shown(runs[i].pSource->path()) == m_next.soundNow) {
+                kept.push_back({runs[i].ullSourceOffset,
+                                runs[i].ullSourceOffset + runEnd - runs[i].ullFileOffset});
+            }
+        }
+    }
+    std::sort(kept.begin(), kept.end(),
+              [](Range const& left, Range const& right) { return left.from < right.from; });
+    uint64_t named = first;
+    for (Range const& range : kept) {
+        if (range.from > named) {
+            m_next.unnamedBytes += std::min(range.from, end) - std::min(named, end);
+        }
+        named = std::max(named, range.to);
+    }
+    m_next.unnamedBytes += end - std::min(named, end);
 }
 
 } // namespace
 
-NextOpen predict_open(std::string const& soundFile) {
-    return Prediction(soundFile).run();
+NextOpen foretell_open(std::string const& soundFile) {
+    return Rehearsal(soundFile).run();
 }
 
 } // namespace ffdhost

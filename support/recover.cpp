@@ -5,6 +5,7 @@
 #include "Diagnosis.h"
 #include "KeepCopy.h"
 
+#include <algorithm>
 #include <memory>
 
 namespace ffdhost {
@@ -16,11 +17,11 @@ namespace fs = std::filesystem;
 // Everything that a recovery may change.
 std::vector<std::string> names_to_keep(Diagnosis const& diagnosis) {
     std::vector<std::string> names = {fs::path(diagnosis.file).filename().string(),
-                                      dir_file_of(diagnosis.file).filename().string()};
-    if (std::optional<Marker> const& marker = diagnosis.next.marker) {
-        names.push_back(marker->path.filename().string());
-        if (marker->whole) {
-            names.push_back(marker->rebuiltFile.filename().string());
+                                      dir_file_of(diagnosis.file).filename().string(),
+                                      beside(diagnosis.file, ".CLM").filename().string()};
+    for (std::string const& name : diagnosis.next.touched) {
+        if (std::find(names.begin(), names.end(), name) == names.end()) {
+            names.push_back(name);
         }
     }
     return names;
@@ -30,8 +31,8 @@ std::vector<std::string> names_to_keep(Diagnosis const& diagnosis) {
 // can leave an empty .DIR file; or they would take audio away that is nowhere else.
 std::optional<Failure> obstacle(Diagnosis const& diagnosis, bool copy) {
     NextOpen const& next = diagnosis.next;
-    if (diagnosis.in_use()) {
-        return Failure("recover", diagnosis.file, diagnosis.readStatus, diagnosis.verdict(),
+    if (next.inUse) {
+        return Failure("recover", diagnosis.file, next.status, diagnosis.verdict(),
                        "Close the other program and try again; nothing was changed.");
     }
     if (next.status != FFD_NOERROR) {
@@ -124,7 +125,7 @@ void Recovery::open_and_close() {
     uint32_t const length = sound->length();
     m_document["dictation"] = length_json(length, rate);
     say("Opened", length_text(length, rate));
-    if (length != m_before.next.map.dictationLength) {
+    if (length != m_before.next.dictationLength) {
         print_warning("the dictation is not as long as expected: keep what was kept of the file, "
                       "and report it");
     }

@@ -116,6 +116,7 @@ class SupportTest(unittest.TestCase):
 
         before, inode = self.seen(), self.inode(name)
         close = told["close"] or {"status": told["status"]}
+        closed = self.foretold_bytes(close["after"]["parts"]) if told["close"] else None
         code, recovery = self.host("recover", name)
         if close["status"] == 0 and (close["after"]["status"]
                                      or close["rebuild"] and told["unnamed_bytes"]):
@@ -128,6 +129,8 @@ class SupportTest(unittest.TestCase):
             if "closed" in recovery and name not in [step["new_name"] for step in told["steps"]]:
                 self.assertEqual(self.inode(name) != inode, close["rebuild"])
             self.assertEqual(recovery.get("dictation", told["dictation"]), told["dictation"])
+            if "closed" in recovery:
+                self.assertEqual((self.dir / name).read_bytes(), closed)
             if "after" in recovery:
                 after = recovery["after"]
                 self.assertEqual(after["next_open"]["status"], close["after"]["status"])
@@ -137,6 +140,12 @@ class SupportTest(unittest.TestCase):
         else:
             self.assertEqual((recovery["failure"]["status"], self.seen()), (told["status"], before))
         return result
+
+    def foretold_bytes(self, parts):
+        """The file that a close leaves, out of the parts that check tells of."""
+        return b"".join(
+            (self.dir / part["file"]).read_bytes()[part["file_offset"]:][:part["size"]]
+            if "file" in part else bytes.fromhex(part["bytes"]) for part in parts)
 
     def inode(self, name):
         path = self.dir / name

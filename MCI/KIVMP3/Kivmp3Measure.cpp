@@ -201,6 +201,7 @@ void CKivmp3::ascertain_data_length_from_file(BYTE* pbyReadAhead_p) {
     DWORD dwActualPosition = 0; // audio position behind the present frame
     DWORD dwBytesSkipped = 0;
     do {
+        TELL_FRAME(m_dwFirstFrame + dwActualPosition + dwBytesSkipped, m_byFrameHeader);
         WORD const wBitrate = frame_bitrate(bMpeg1, frame_bitrate_index(m_byFrameHeader));
         if (wBitrate != m_wLowestBitrate) {
             note_bitrate(wBitrate, dwActualPosition);

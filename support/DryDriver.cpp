@@ -1,0 +1,37 @@
+#include "DryDriver.h"
+
+#include "platform/dry_platform.h"
+
+#include <cstring>
+
+// Of the driver that is linked in.
+extern "C" void* FFD_Function_Table[FFD_SLOT_COUNT];
+
+namespace ffdhost {
+
+namespace {
+
+ffd::Table attached_table() {
+    static bool const attached = DllMain(nullptr, DLL_PROCESS_ATTACH, nullptr) != FALSE;
+    ffd::Table table{};
+    if (attached) {
+        std::memcpy(&table, static_cast<void const*>(FFD_Function_Table), sizeof table);
+    }
+    return table;
+}
+
+} // namespace
+
+DryDriver::DryDriver() : m_driver(attached_table()) {
+    dry::start(dry::Disk::Real);
+}
+
+DryDriver::DryDriver(dry::Listener& listener) : DryDriver() {
+    dry::listen(&listener);
+}
+
+DryDriver::~DryDriver() {
+    dry::listen(nullptr);
+}
+
+} // namespace ffdhost
