@@ -15,7 +15,7 @@ struct StatusText {
     char const* advice; // one sentence: what the user can do about it
 };
 
-// Never fails: a status that the header does not name gets a text that says so.
+// The words of ffd.h. Never fails: a status that it does not name gets a text that says so.
 StatusText status_text(FFDError status);
 
 // An operation on a file that did not work. Faults that the host finds itself before it asks the

@@ -2,10 +2,14 @@
  * @file
  * The host's view of the MP3 dictation driver.
  *
- * A host loads the driver at run time, looks up the data symbol `FFD_Function_Table`, and from then
- * on reaches the driver through the 24 slots of that table alone. This header names the slots,
- * their types, the status codes and the records that cross the boundary. It needs nothing but
- * <stdint.h> and <stddef.h> and compiles as C11 and as C++.
+ * A host loads the driver at run time, looks up the data symbol `FFD_Function_Table`, an FFDTable,
+ * and from then on reaches the driver through the 24 slots of that table only. This header names
+ * the slots, their types, the status codes with a text and an advice for each, and the records that
+ * cross the boundary. It needs nothing but <stdint.h> and <stddef.h> and compiles as C11 and as
+ * C++.
+ *
+ * A host that links the driver instead defines FFD_LINKED before it includes this header, and has
+ * the table as the variable FFD_Function_Table.
  *
  * What holds for every slot:
  *   - Call the table from one thread at a time, whatever number of files is open.
@@ -67,6 +71,85 @@ typedef uint32_t FFDMethod;        /**< FFD_METHOD_... */
 #define FFD_ERROR_READ_ONLY UINT64_C(34)       /**< an edit of a file opened for reading only */
 #define FFD_TAG_VERSION_UNKNOWN UINT64_C(42)   /**< an ID3 version above 4; stays in the driver */
 
+/* ---- Statuses in words --------------------------------------------------------------------- */
+
+/** Every status above as X(status, meaning, advice): what has happened, as the end of a sentence,
+ * and what can be done about it, as one sentence. For tables of a host's own. */
+#define FFD_FOR_EACH_STATUS(X)                                                                     \
+    X(FFD_NOERROR, "success", "Nothing to do.")                                                    \
+    X(FFD_INVALID_PATH, "the path has no file name, is malformed or too long",                     \
+      "Give the path of a file, shorter than 260 characters; a .DIR file cannot be edited "        \
+      "itself.")                                                                                   \
+    X(FFD_INVALID_HANDLE, "the file is not open", "Open the file first.")                          \
+    X(FFD_ERROR_WRITE_PROTECT, "the medium is write-protected",                                    \
+      "Remove the write protection, or copy the file to another medium.")                          \
+    X(FFD_ERROR_ACCESS_DENIED, "access denied, or the file is in use",                             \
+      "Check the permissions of the file, and close the programs that have it open.")              \
+    X(FFD_ERR_NOT_ENOUGH_DSPACE, "too little free disk space to rebuild the file",                 \
+      "Free as much disk space as the file has and open it for writing again: the edits are kept " \
+      "in the .DIR file beside it.")                                                               \
+    X(FFD_FILE_ALREADY_EXISTS, "the file exists", "Choose another name.")                          \
+    X(FFD_NO_MORE_FRAMES, "the file holds no MP3 frame", "Choose an MP3 file.")                    \
+    X(FFD_INVALID_POSITION, "the position has moved since the read was prepared",                  \
+      "Prepare the read again.")                                                                   \
+    X(FFD_INVALID_READ_HANDLE, "the read was not prepared", "Prepare the read first.")             \
+    X(FFD_BUFFER_OVERFLOW, "the buffer is too small", "Give a larger buffer.")                     \
+    X(FFD_GRANULARITY_ERROR, "a size is no multiple of the block align",                           \
+      "Give a size that is a multiple of the block align.")                                        \
+    X(FFD_NOT_SUPPORTED, "the operation or the kind of file is not supported",                     \
+      "The file needs one constant bitrate and less than 4 GiB: encode it anew with a constant "   \
+      "bitrate, or split it.")                                                                     \
+    X(FFD_NOT_UNDOABLE, "the undo did not reach the .DIR file",                                    \
+      "Close the file normally: the undo is in effect, but a crash would lose it.")                \
+    X(FFD_FILE_NOT_FOUND, "the file does not exist", "Check the path.")                            \
+    X(FFD_NOTHING_TO_UNDO, "no deletion is left to be taken back",                                 \
+      "Only the last delete since the file was opened or recovered can be undone; inserts and "    \
+      "overwrites cannot.")                                                                        \
+    X(FFD_INVALID_PARAMETER, "a bad argument",                                                     \
+      "Check the arguments: an access or a method that is none, or a pointer that is null.")       \
+    X(FFD_INVALID_FORMAT, "the ID3 tags of the file are corrupt",                                  \
+      "Remove or rewrite the ID3v2 tag with a tag editor.")                                        \
+    X(FFD_ERROR_OUTOFMEMORY, "no memory, or no room left in the edit directory",                   \
+      "Close the file and open it again: the close folds the edits in and empties the directory.") \
+    X(FFD_FILE_IO_ERROR, "a file operation failed",                                                \
+      "Check that the file exists, is no directory, may be accessed, is not open in another "      \
+      "program, and that the disk is not full.")                                                   \
+    X(FFD_DIRECTORY_MISMATCH, "the .DIR file and the MP3 file disagree",                           \
+      "Open the file for writing: the driver repairs a leftover .DIR file, or sets a damaged one " \
+      "aside as .DIR.bad.")                                                                        \
+    X(FFD_INTERNAL_ERROR, "a state that should not be",                                            \
+      "Open the file again; if it happens again, keep the file and report it.")                    \
+    X(FFD_NO_STORED_FILE_STATUS, "there is no stored status to restore",                           \
+      "Store the status before you restore it, while the file is open.")                           \
+    X(FFD_ERROR_READ_ONLY, "the file is open for reading only", "Open the file for writing.")      \
+    X(FFD_TAG_VERSION_UNKNOWN, "an ID3 version above 4", "Rewrite the ID3v2 tag with a tag editor.")
+
+/** A status in words. */
+typedef struct FFDStatusText {
+    FFDError ffdStatus;    /**< the code */
+    char const* szName;    /**< its name in this header */
+    char const* szMeaning; /**< what has happened, as the end of a sentence */
+    char const* szAdvice;  /**< what can be done about it, as one sentence */
+} FFDStatusText;
+
+/** One row of a table of FFDStatusText, for FFD_FOR_EACH_STATUS. */
+#define FFD_STATUS_ROW(status, meaning, advice) {status, #status, meaning, advice},
+
+/** The words for a status. One that this header does not name gets words that say so. */
+static inline FFDStatusText ffd_describe(FFDError status) {
+    static FFDStatusText const rows[] = {FFD_FOR_EACH_STATUS(FFD_STATUS_ROW)};
+    FFDStatusText text = {0, "unknown status", "a status that this header does not know",
+                          "Use a host of the same version as the driver."};
+    size_t i;
+    for (i = 0; i < sizeof rows / sizeof rows[0]; ++i) {
+        if (rows[i].ffdStatus == status) {
+            return rows[i];
+        }
+    }
+    text.ffdStatus = status;
+    return text;
+}
+
 /* ---- Argument values ----------------------------------------------------------------------- */
 
 #define FFD_ACCESS_READ 1u      /**< read only; edits answer FFD_ERROR_READ_ONLY */
@@ -110,12 +193,15 @@ typedef struct FFDAudioInfo {
     uint8_t byClosing;        /**< written: 0 */
 } FFDAudioInfo;
 
-/** Where the driver sends its messages. The target is called on the thread of FFDWriteData, as
- * void target(hDriver, uint32 message, dwUser, parameter 1, parameter 2), each but the message
- * pointer-sized. */
+/** A host's function for the messages of the driver, called in the middle of FFDWriteData and on
+ * its thread. It must call no slot, and nothing may be thrown out of it. `dwParam2` is not used. */
+typedef void (*FFDCallbackProc)(void* hDriver, uint32_t dwMessage, uintptr_t dwUser,
+                                uintptr_t dwParam1, uintptr_t dwParam2);
+
+/** Where the driver sends its messages. */
 typedef struct FFDCallbackParams {
     void* hDriver;        /**< the host's driver handle; must not be null */
-    uint64_t dwCallback;  /**< address of the callback function; 0 for none */
+    uint64_t dwCallback;  /**< address of an FFDCallbackProc; 0 for none */
     uint32_t dwHostValue; /**< stored, never read */
     uint32_t dwPadding;   /**< not used */
     uint64_t dwUser;      /**< handed to the callback */
@@ -143,7 +229,7 @@ FFD_ASSERT_LAYOUT(offsetof(FFDCallbackParams, dwUser) == 24);
 
 /* ---- The table ----------------------------------------------------------------------------- */
 
-#define FFD_TABLE_SYMBOL "FFD_Function_Table" /**< an array of FFD_SLOT_COUNT pointers */
+#define FFD_TABLE_SYMBOL "FFD_Function_Table" /**< the name of the one symbol, an FFDTable */
 
 /** The numbers of the slots. Each is a pointer to a function of the type named. */
 enum {
@@ -276,6 +362,76 @@ typedef FFDError (*FFDGetDownloadLengthProc)(FFDHandle ffdHandle, void* lpffdDow
 
 /** Slot 23. FFD_NOT_SUPPORTED; lpffdBool is not touched. */
 typedef FFDError (*FFDGetDSSEncryptedProc)(FFDHandle ffdHandle, void* lpffdBool);
+
+/** The table: its slots by name and type, in the order of their numbers. What the symbol
+ * `FFD_Function_Table` names has this type. The driver fills it when it is loaded. */
+typedef struct FFDTable {
+    FFDGetCurrentPosProc get_current_pos;                      /**< slot 0 */
+    FFDGetDictationFileSizeProc get_dictation_file_size;       /**< slot 1 */
+    FFDGetGranularitySizeProc get_granularity_size;            /**< slot 2 */
+    FFDGetAudioInfoProc get_audio_info;                        /**< slot 3 */
+    FFDGetSizeOfDataProc get_size_of_data;                     /**< slot 4 */
+    FFDGetFileNameProc get_file_name;                          /**< slot 5 */
+    FFDGetFilePathProc get_file_path;                          /**< slot 6 */
+    FFDGetSoundDataLengthProc get_sound_data_length;           /**< slot 7 */
+    FFDSetDiskspaceWarningTimeProc set_diskspace_warning_time; /**< slot 8 */
+    FFDSetCallbackAddressProc set_callback_address;            /**< slot 9 */
+    FFDAudioSeekProc audio_seek;                               /**< slot 10 */
+    FFDSaveAsProc save_as;                                     /**< slot 11 */
+    FFDCloseProc close;                                        /**< slot 12 */
+    FFDCreateFileProc create_file;                             /**< slot 13 */
+    FFDReadDataProc read_data;                                 /**< slot 14 */
+    FFDWriteDataProc write_data;                               /**< slot 15 */
+    FFDDeleteDataProc delete_data;                             /**< slot 16 */
+    FFDUndoLastProc undo_last;                                 /**< slot 17 */
+    FFDStoreActualFileStatusProc store_actual_file_status;     /**< slot 18 */
+    FFDRestoreFileStatusProc restore_file_status;              /**< slot 19 */
+    FFDGetWfxProc get_wfx;                                     /**< slot 20 */
+    FFDGetDownloadLengthProc get_download_length;              /**< slot 21 */
+    void* reserved;                                            /**< slot 22, null */
+    FFDGetDSSEncryptedProc get_dss_encrypted;                  /**< slot 23 */
+} FFDTable;
+
+FFD_ASSERT_LAYOUT(sizeof(FFDTable) == FFD_SLOT_COUNT * sizeof(void*));
+/** Fails to compile if a member does not stand at its slot. */
+#define FFD_ASSERT_SLOT(member, slot)                                                              \
+    FFD_ASSERT_LAYOUT(offsetof(FFDTable, member) == FFD_SLOT_##slot * sizeof(void*))
+
+FFD_ASSERT_SLOT(get_current_pos, GET_CURRENT_POS);
+FFD_ASSERT_SLOT(get_dictation_file_size, GET_DICTATION_FILE_SIZE);
+FFD_ASSERT_SLOT(get_granularity_size, GET_GRANULARITY_SIZE);
+FFD_ASSERT_SLOT(get_audio_info, GET_AUDIO_INFO);
+FFD_ASSERT_SLOT(get_size_of_data, GET_SIZE_OF_DATA);
+FFD_ASSERT_SLOT(get_file_name, GET_FILE_NAME);
+FFD_ASSERT_SLOT(get_file_path, GET_FILE_PATH);
+FFD_ASSERT_SLOT(get_sound_data_length, GET_SOUND_DATA_LENGTH);
+FFD_ASSERT_SLOT(set_diskspace_warning_time, SET_DISKSPACE_WARNING_TIME);
+FFD_ASSERT_SLOT(set_callback_address, SET_CALLBACK_ADDRESS);
+FFD_ASSERT_SLOT(audio_seek, AUDIO_SEEK);
+FFD_ASSERT_SLOT(save_as, SAVE_AS);
+FFD_ASSERT_SLOT(close, CLOSE);
+FFD_ASSERT_SLOT(create_file, CREATE_FILE);
+FFD_ASSERT_SLOT(read_data, READ_DATA);
+FFD_ASSERT_SLOT(write_data, WRITE_DATA);
+FFD_ASSERT_SLOT(delete_data, DELETE_DATA);
+FFD_ASSERT_SLOT(undo_last, UNDO_LAST);
+FFD_ASSERT_SLOT(store_actual_file_status, STORE_ACTUAL_FILE_STATUS);
+FFD_ASSERT_SLOT(restore_file_status, RESTORE_FILE_STATUS);
+FFD_ASSERT_SLOT(get_wfx, GET_WFX);
+FFD_ASSERT_SLOT(get_download_length, GET_DOWNLOAD_LENGTH);
+FFD_ASSERT_SLOT(reserved, RESERVED);
+FFD_ASSERT_SLOT(get_dss_encrypted, GET_DSS_ENCRYPTED);
+
+#ifdef FFD_LINKED
+#ifdef _WIN32
+#define FFD_IMPORT __declspec(dllimport) /**< in front of what comes from the DLL */
+#else
+#define FFD_IMPORT /**< in front of what comes from the DLL */
+#endif
+/** The table of a driver that is linked, not loaded: declared if FFD_LINKED is defined. It is
+ * filled before main begins. */
+FFD_IMPORT extern FFDTable const FFD_Function_Table;
+#endif
 
 #ifdef __cplusplus
 }

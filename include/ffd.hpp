@@ -15,6 +15,11 @@
  */
 #pragma once
 
+// Compilers of the time in which C++20 was made say something in between.
+#if __cplusplus <= 201703L && (!defined(_MSVC_LANG) || _MSVC_LANG <= 201703L)
+#error "ffd.hpp wants C++20: compile with -std=c++20 or /std:c++20. ffd.h is plain C."
+#else
+
 #include "ffd.h"
 
 #include <array>
@@ -44,53 +49,11 @@
 namespace ffd {
 
 /** A status in words. */
-struct StatusText {
-    FFDError status;          /**< the code */
-    std::string_view name;    /**< its name in ffd.h */
-    std::string_view meaning; /**< what has happened */
-};
+using StatusText = FFDStatusText;
 
-/** Every status that ffd.h names. */
-inline constexpr StatusText kStatusTexts[] = {
-    {FFD_NOERROR, "FFD_NOERROR", "success"},
-    {FFD_INVALID_PATH, "FFD_INVALID_PATH", "the path has no file name, is malformed or too long"},
-    {FFD_INVALID_HANDLE, "FFD_INVALID_HANDLE", "the file is not open"},
-    {FFD_ERROR_WRITE_PROTECT, "FFD_ERROR_WRITE_PROTECT", "the medium is write-protected"},
-    {FFD_ERROR_ACCESS_DENIED, "FFD_ERROR_ACCESS_DENIED", "access denied, or the file is in use"},
-    {FFD_ERR_NOT_ENOUGH_DSPACE, "FFD_ERR_NOT_ENOUGH_DSPACE",
-     "too little free disk space to rebuild the file"},
-    {FFD_FILE_ALREADY_EXISTS, "FFD_FILE_ALREADY_EXISTS", "the file exists"},
-    {FFD_NO_MORE_FRAMES, "FFD_NO_MORE_FRAMES", "the file holds no MP3 frame"},
-    {FFD_INVALID_POSITION, "FFD_INVALID_POSITION",
-     "the position has moved since the read was prepared"},
-    {FFD_INVALID_READ_HANDLE, "FFD_INVALID_READ_HANDLE", "the read was not prepared"},
-    {FFD_BUFFER_OVERFLOW, "FFD_BUFFER_OVERFLOW", "the buffer is too small"},
-    {FFD_GRANULARITY_ERROR, "FFD_GRANULARITY_ERROR", "a size is no multiple of the block align"},
-    {FFD_NOT_SUPPORTED, "FFD_NOT_SUPPORTED", "the operation or the kind of file is not supported"},
-    {FFD_NOT_UNDOABLE, "FFD_NOT_UNDOABLE", "the undo did not reach the .DIR file"},
-    {FFD_FILE_NOT_FOUND, "FFD_FILE_NOT_FOUND", "the file does not exist"},
-    {FFD_NOTHING_TO_UNDO, "FFD_NOTHING_TO_UNDO", "no deletion is left to be taken back"},
-    {FFD_INVALID_PARAMETER, "FFD_INVALID_PARAMETER", "a bad argument"},
-    {FFD_INVALID_FORMAT, "FFD_INVALID_FORMAT", "the ID3 tags of the file are corrupt"},
-    {FFD_ERROR_OUTOFMEMORY, "FFD_ERROR_OUTOFMEMORY",
-     "no memory, or no room left in the edit directory"},
-    {FFD_FILE_IO_ERROR, "FFD_FILE_IO_ERROR", "a file operation failed"},
-    {FFD_DIRECTORY_MISMATCH, "FFD_DIRECTORY_MISMATCH", "the .DIR file and the MP3 file disagree"},
-    {FFD_INTERNAL_ERROR, "FFD_INTERNAL_ERROR", "a state that should not be"},
-    {FFD_NO_STORED_FILE_STATUS, "FFD_NO_STORED_FILE_STATUS",
-     "there is no stored status to restore"},
-    {FFD_ERROR_READ_ONLY, "FFD_ERROR_READ_ONLY", "the file is open for reading only"},
-    {FFD_TAG_VERSION_UNKNOWN, "FFD_TAG_VERSION_UNKNOWN", "an ID3 version above 4"},
-};
-
-/** The text of a status. One that ffd.h does not name gets "unknown status". */
-constexpr StatusText describe(FFDError status) {
-    for (StatusText const& text : kStatusTexts) {
-        if (text.status == status) {
-            return text;
-        }
-    }
-    return {status, "unknown status", "a status that this header does not know"};
+/** The words for a status. One that ffd.h does not name gets words that say so. */
+inline StatusText describe(FFDError status) {
+    return ffd_describe(status);
 }
 
 /** An operation that answered another status than FFD_NOERROR. */
@@ -98,49 +61,23 @@ class Error : public std::runtime_error {
 public:
     /** `operation` is a literal: it is kept as it is. */
     Error(char const* operation, FFDError status)
-        : std::runtime_error(std::string(operation) + ": " + std::string(describe(status).meaning)),
+        : std::runtime_error(std::string(operation) + ": " + describe(status).szMeaning),
           m_operation(operation), m_status(status) {}
 
     /** What was tried, in a word or two: "open for reading", "insert". */
     char const* operation() const noexcept { return m_operation; }
     /** The answer of the driver. */
     FFDError status() const noexcept { return m_status; }
+    /** One sentence: what can be done about it. */
+    char const* advice() const noexcept { return describe(m_status).szAdvice; }
 
 private:
     char const* m_operation;
     FFDError m_status;
 };
 
-/** The slots of the table by name and type, in the order of their numbers. */
-struct Table {
-    FFDGetCurrentPosProc get_current_pos;                      /**< slot 0 */
-    FFDGetDictationFileSizeProc get_dictation_file_size;       /**< slot 1 */
-    FFDGetGranularitySizeProc get_granularity_size;            /**< slot 2 */
-    FFDGetAudioInfoProc get_audio_info;                        /**< slot 3 */
-    FFDGetSizeOfDataProc get_size_of_data;                     /**< slot 4 */
-    FFDGetFileNameProc get_file_name;                          /**< slot 5 */
-    FFDGetFilePathProc get_file_path;                          /**< slot 6 */
-    FFDGetSoundDataLengthProc get_sound_data_length;           /**< slot 7 */
-    FFDSetDiskspaceWarningTimeProc set_diskspace_warning_time; /**< slot 8 */
-    FFDSetCallbackAddressProc set_callback_address;            /**< slot 9 */
-    FFDAudioSeekProc audio_seek;                               /**< slot 10 */
-    FFDSaveAsProc save_as;                                     /**< slot 11 */
-    FFDCloseProc close;                                        /**< slot 12 */
-    FFDCreateFileProc create_file;                             /**< slot 13 */
-    FFDReadDataProc read_data;                                 /**< slot 14 */
-    FFDWriteDataProc write_data;                               /**< slot 15 */
-    FFDDeleteDataProc delete_data;                             /**< slot 16 */
-    FFDUndoLastProc undo_last;                                 /**< slot 17 */
-    FFDStoreActualFileStatusProc store_actual_file_status;     /**< slot 18 */
-    FFDRestoreFileStatusProc restore_file_status;              /**< slot 19 */
-    FFDGetWfxProc get_wfx;                                     /**< slot 20 */
-    FFDGetDownloadLengthProc get_download_length;              /**< slot 21 */
-    void* reserved;                                            /**< slot 22, null */
-    FFDGetDSSEncryptedProc get_dss_encrypted;                  /**< slot 23 */
-};
-static_assert(sizeof(Table) == FFD_SLOT_COUNT * sizeof(void*));
-static_assert(offsetof(Table, create_file) == FFD_SLOT_CREATE_FILE * sizeof(void*));
-static_assert(offsetof(Table, get_dss_encrypted) == FFD_SLOT_GET_DSS_ENCRYPTED * sizeof(void*));
+/** The slots of the table by name and type. */
+using Table = FFDTable;
 
 /** The loaded driver. Unloading closes no file: what was edited stays in the .DIR file then. */
 class Driver {
@@ -385,3 +322,5 @@ private:
 };
 
 } // namespace ffd
+
+#endif

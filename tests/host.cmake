@@ -15,5 +15,10 @@ add_library(ffd_header OBJECT ffd_header_c.c ${CMAKE_CURRENT_BINARY_DIR}/ffd_hea
 target_include_directories(ffd_header PRIVATE ${CMAKE_SOURCE_DIR}/include)
 target_compile_options(ffd_header PRIVATE -pedantic -Wall -Wextra -Werror)
 
+# An older compiler is told what is wrong.
+add_test(NAME ffd_header_cxx17 COMMAND ${CMAKE_CXX_COMPILER} -std=c++17 -fsyntax-only -x c++
+    ${CMAKE_SOURCE_DIR}/include/ffd.hpp)
+set_tests_properties(ffd_header_cxx17 PROPERTIES PASS_REGULAR_EXPRESSION "ffd.hpp wants C\\+\\+20")
+
 # Everything that the headers declare is documented.
 add_test(NAME reference COMMAND ${CMAKE_SOURCE_DIR}/scripts/reference.sh)
