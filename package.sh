@@ -1,10 +1,13 @@
 #!/usr/bin/env bash
-# package.sh [windows | deb]: makes, in dist/, the zip for Windows x64 (the two DLLs, the import
+# package.sh [windows | deb | wheel]: makes, in dist/, the zip for Windows x64 (the two DLLs, the import
 # library, the headers, ffdhost.exe, the documents, the notices of what is linked in, checksums) and
-# the Debian package, or one of them.
+# the Debian package and the Python module, or one of them.
 # Installs what is missing and builds first.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
 
 make_deb() {
     scripts/install-packages.sh dpkg-dev
@@ -18,8 +21,7 @@ make_zip() {
 
     version=$(sed -nE 's/^CMAKE_PROJECT_VERSION:STATIC=(.*)/\1/p' build-windows/CMakeCache.txt)
     name=xkivmp3-$version-windows-x64
-    staging=$(mktemp -d)
-    trap 'rm -rf "$staging"' EXIT
+    staging=$work/zip
     folder=$staging/$name
     mkdir -p "$folder/include" "$folder/lib" "$folder/docs" "$folder/notices"
     for program in XKIVMP3.dll XKIVLOG.dll ffdhost.exe; do
@@ -53,15 +55,33 @@ make_zip() {
     echo "dist/$name.zip"
 }
 
+# The module alone, for every system: it loads the driver that is installed.
+make_wheel() {
+    scripts/install-packages.sh
+    cp -r CMakeLists.txt python "$work/" # where it leaves what it makes on the way
+    chmod -R u=rwX,go=rX "$work"
+    SOURCE_DATE_EPOCH=$(git log -1 --format=%ct)
+    export SOURCE_DATE_EPOCH
+    (cd "$work/python" && /usr/bin/python3 setup.py -q bdist_wheel --dist-dir "$work/dist") >"$work/log" 2>&1 ||
+        { cat "$work/log" >&2; exit 1; }
+    mkdir -p dist
+    for wheel in "$work"/dist/*.whl; do
+        cp "$wheel" dist/
+        echo "dist/$(basename "$wheel")"
+    done
+}
+
 case "${1-all}" in
 windows) make_zip ;;
 deb) make_deb ;;
+wheel) make_wheel ;;
 all)
     make_zip
     make_deb
+    make_wheel
     ;;
 *)
-    echo "usage: package.sh [windows | deb]" >&2
+    echo "usage: package.sh [windows | deb | wheel]" >&2
     exit 2
     ;;
 esac

@@ -20,6 +20,8 @@ packages=(
     g++ cmake ninja-build binutils
     libcli11-dev nlohmann-json3-dev   # the host
     libgtest-dev libgmock-dev python3 # the tests
+    python3-pytest mypy               # the Python module, tried out
+    python3-setuptools python3-wheel  # and packed
     ffmpeg mpg123 mp3check mp3val     # judge the files that the driver leaves
     valgrind
     doxygen                           # the reference of the headers
