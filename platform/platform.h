@@ -306,6 +306,14 @@ BOOL PlatformCopyPermissions(HANDLE hFrom, HANDLE hTo);
 bool PlatformIsReadOnly(LPCSTR pszPath);
 BOOL PlatformSetReadOnly(LPCSTR pszPath);
 
+// Whether what made a call on this path fail may be over in a moment: somebody has the file open,
+// or, on Windows, it was deleted and its name is not gone yet.
+bool PlatformMayPass(LPCSTR pszPath, DWORD dwError);
+
+// Whether a name is still there of a file that was deleted, as on Windows for as long as somebody
+// has it open.
+bool PlatformIsNameLingering(LPCSTR pszPath);
+
 // Moves up to dwBytes bytes from the file pointer of one file to that of another, and the pointers
 // along with them, without taking the bytes through the process. The result is how many bytes that
 // were: fewer than asked for, down to 0, at the end of the file, after a failure, and where the

@@ -263,6 +263,14 @@ DWORD PlatformCopyBytes(HANDLE hFrom, HANDLE hTo, DWORD dwBytes) {
     return posix::copy_at_pointers(*from, *to, FAULT_HALVED(dwBytes));
 }
 
+bool PlatformMayPass(LPCSTR /*pszPath*/, DWORD dwError) {
+    return dwError == ERROR_SHARING_VIOLATION;
+}
+
+bool PlatformIsNameLingering(LPCSTR /*pszPath*/) {
+    return false;
+}
+
 bool PlatformIsReadOnly(LPCSTR /*pszPath*/) {
     return false;
 }

@@ -74,6 +74,24 @@ bool PlatformNameOnDisk(LPCSTR pszPath, char (*pszName)[MAX_PATH]) {
     return true;
 }
 
+bool PlatformIsNameLingering(LPCSTR pszPath) {
+    if (GetFileAttributesA(pszPath) != INVALID_FILE_ATTRIBUTES)
+        return false;
+    DWORD const dwError = GetLastError();
+    return dwError == ERROR_ACCESS_DENIED || dwError == ERROR_DELETE_PENDING;
+}
+
+bool PlatformMayPass(LPCSTR pszPath, DWORD dwError) {
+    if (dwError == ERROR_SHARING_VIOLATION || dwError == ERROR_DELETE_PENDING)
+        return true;
+    if (dwError != ERROR_ACCESS_DENIED && dwError != ERROR_ALREADY_EXISTS)
+        return false;
+    // By now the name may be gone.
+    return PlatformIsNameLingering(pszPath) ||
+           (GetFileAttributesA(pszPath) == INVALID_FILE_ATTRIBUTES &&
+            GetLastError() == ERROR_FILE_NOT_FOUND);
+}
+
 DWORD PlatformCopyBytes(HANDLE /*hFrom*/, HANDLE /*hTo*/, DWORD /*dwBytes*/) {
     FAULT_POINT(CopyBytes, 0);
     return 0;

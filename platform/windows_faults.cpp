@@ -80,7 +80,9 @@ Lingering* find_lingering(LPCSTR lpFileName) {
 
 // Whether a call meets such a name, and fails with one of two errors then.
 bool meets_lingering(LPCSTR lpFileName, DWORD dwError, DWORD dwOtherError) {
-    Lingering* const pName = platform_faults::lingers() > 0 ? find_lingering(lpFileName) : nullptr;
+    if (platform_faults::lingers() == 0)
+        g_lingering = {}; // by now there may be files of these names
+    Lingering* const pName = find_lingering(lpFileName);
     if (pName == nullptr)
         return false;
     SetLastError(--pName->nMeetings % 2 == 0 ? dwError : dwOtherError);

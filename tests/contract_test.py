@@ -8,7 +8,7 @@ import subprocess
 import unittest
 
 BUILD = pathlib.Path(os.environ["BUILD"])
-SYSTEM = {"kernel32.dll", "msvcrt.dll", "winmm.dll", "shell32.dll"}
+SYSTEM = {"kernel32.dll", "msvcrt.dll", "winmm.dll", "shell32.dll", "advapi32.dll"}
 
 
 def headers(name):

@@ -80,6 +80,40 @@ TEST_F(WindowsCloseTest, WhatIsEncryptedIsNeverCopiedInTheClear) {
     EXPECT_EQ(read_file(m_sound), m_edited);
 }
 
+// The sound file, the .DIR file and the marker keep their names for a while: the close waits, and
+// so does an open behind it.
+TEST_F(WindowsCloseTest, DeletedAndStillThere) {
+    FFDHandle handle = edited();
+    platform_faults::linger_after_removal(3);
+    close(handle);
+    EXPECT_THAT(listing(), ElementsAre("a.mp3"));
+    EXPECT_EQ(read_file(m_sound), m_edited);
+    handle = open(m_sound);
+    ASSERT_NE(handle, nullptr) << m_status;
+    EXPECT_EQ(erase(handle, 96, 192), 0u);
+    close(handle);
+    platform_faults::reset();
+    EXPECT_EQ(read_file(m_sound), frames(4));
+
+    // A crash in between: the name of the old file is no old file.
+    for (unsigned nChange = 1, nExit = 86; nExit == 86; ++nChange) {
+        SCOPED_TRACE(nChange);
+        nExit = static_cast<unsigned>(crash_after([&] {
+            FFDHandle const again = open_with(m_sound, frames(4));
+            EXPECT_EQ(insert(again, 96, frames(2, 5)), 0u);
+            platform_faults::linger_after_removal(3);
+            platform_faults::stop_before_change(nChange);
+            close(again);
+        }));
+        platform_faults::linger_after_removal(3);
+        handle = open(m_sound);
+        ASSERT_NE(handle, nullptr) << m_status;
+        EXPECT_EQ(read_all(handle), m_edited);
+        close(handle);
+        platform_faults::reset();
+    }
+}
+
 TEST_F(WindowsCloseTest, AReadOnlyFile) {
     write_file(m_sound, frames(4));
     SetFileAttributesA(m_sound.c_str(), FILE_ATTRIBUTE_READONLY);

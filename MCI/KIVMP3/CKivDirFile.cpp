@@ -73,11 +73,10 @@ void CKivDirFile::create_directory_mapping(LPCSTR pszFilePath_p, FFDCreation ffd
 // Whether there is a .DIR file with contents, open then, with its size in bytes. An empty one,
 // which never saw a flush, is open too: made anew, it could be another process's by then.
 bool CKivDirFile::open_existing_file(LPCSTR pszFilePath_p, DWORD* pdwFileSize_p) {
-    m_hDirFile = CreateFileA(pszFilePath_p, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr,
-                             OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (m_hDirFile == INVALID_HANDLE_VALUE) {
-        m_hDirFile = nullptr;
-        DWORD const dwError = GetLastError();
+    DWORD dwError = NO_ERROR;
+    m_hDirFile = KIVMP3_open_existing_file(pszFilePath_p, GENERIC_READ | GENERIC_WRITE,
+                                           FILE_SHARE_READ, &dwError);
+    if (m_hDirFile == nullptr) {
         if (dwError == ERROR_FILE_NOT_FOUND) {
             TRACE_INFO("dir file does not exist");
             return false;
@@ -87,7 +86,7 @@ bool CKivDirFile::open_existing_file(LPCSTR pszFilePath_p, DWORD* pdwFileSize_p)
     }
     TRACE_INFO("Existing directory file");
     uint64_t ullFileSize = 0;
-    DWORD const dwError = KIVMP3_get_file_size(m_hDirFile, &ullFileSize);
+    dwError = KIVMP3_get_file_size(m_hDirFile, &ullFileSize);
     if (dwError != NO_ERROR) {
         TRACE_ERROR(dwError, "GetLastError() after GetFileSize(..)");
         throw FFDError{FFD_FILE_IO_ERROR};
@@ -300,9 +299,12 @@ FFDError CKivDirFile::close_dir_memory_mapping() {
 FFDError CKivDirFile::delete_directory_file() {
     TRACE_ENTRY("-----CKivDirFile::delete_directory_file()");
     FFDError ffdError = close_dir_file();
-    if (!m_bReadOnly && m_szDirFilePath[0] != '\0' && !DeleteFileA(m_szDirFilePath)) {
-        TRACE_ERROR(GetLastError(), "GetLastError() after DeleteFile(m_szDirFilePath)");
-        ffdError = FFD_FILE_IO_ERROR;
+    if (!m_bReadOnly && m_szDirFilePath[0] != '\0') {
+        DWORD const dwError = KIVMP3_delete_file(m_szDirFilePath);
+        if (dwError != NO_ERROR) {
+            TRACE_ERROR(dwError, "GetLastError() after DeleteFile(m_szDirFilePath)");
+            ffdError = FFD_FILE_IO_ERROR;
+        }
     }
     m_dwDataLengthInBy = 0;
     m_psDirHeader = nullptr;

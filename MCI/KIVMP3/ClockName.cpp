@@ -21,8 +21,9 @@ bool CClockName::form(char (&szPath_p)[MAX_PATH]) {
     return false;
 }
 
-bool CClockName::wait_if_taken(DWORD dwError_p) {
-    if (dwError_p != ERROR_FILE_EXISTS && dwError_p != ERROR_ALREADY_EXISTS) {
+bool CClockName::wait_if_taken(LPCSTR pszPath_p, DWORD dwError_p) {
+    if (dwError_p != ERROR_FILE_EXISTS && dwError_p != ERROR_ALREADY_EXISTS &&
+        !PlatformIsNameLingering(pszPath_p)) {
         return false;
     }
     while (m_dwPausesLeft > 0) {

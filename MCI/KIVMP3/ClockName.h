@@ -25,10 +25,11 @@ public:
     // fit.
     bool form(char (&szPath_p)[MAX_PATH]);
 
-    // Whether another name is to be tried after a creation that gave this error: the error says
-    // that the name is taken, the clock shows another second by now, and the time was not over
-    // before it did. Rests meanwhile, and leaves no line in the log.
-    bool wait_if_taken(DWORD dwError_p);
+    // Whether another name is to be tried after a creation of this path that gave this error: the
+    // error says that the name is taken, if only by a file that was deleted, the clock shows
+    // another second by now, and the time was not over before it did. Rests meanwhile, and leaves
+    // no line in the log.
+    bool wait_if_taken(LPCSTR pszPath_p, DWORD dwError_p);
 
 private:
     static constexpr DWORD PAUSES_PER_SECOND = 10;

@@ -1,6 +1,7 @@
 #include "MCI/KIVMP3/CloseMarker.h"
 
 #include "MCI/KIVMP3/INTERNAL.h"
+#include "MCI/KIVMP3/Patience.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -75,20 +76,18 @@ bool is_marker_of(LPCSTR pszMarkerPath_p, CloseMarkerRecord const& rRecord_p) {
 
 // The size of a file; false if there is none. A file that can't be asked throws.
 bool find_file(LPCSTR pszPath_p, uint64_t* pullFileSize_p) {
-    // A file that is not there is an answer, and no error for the log.
-    HANDLE hFile = CreateFileA(pszPath_p, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                               OPEN_EXISTING, 0, nullptr);
-    if (hFile == INVALID_HANDLE_VALUE) {
-        DWORD const dwError = GetLastError();
-        if (dwError == ERROR_FILE_NOT_FOUND) {
-            return false;
-        }
-        TRACE_ERROR(dwError, "GetLastError() after CreateFile()");
-        throw FFDError{FFD_FILE_IO_ERROR};
+    DWORD dwError = NO_ERROR;
+    HANDLE hFile = KIVMP3_open_existing_file(pszPath_p, GENERIC_READ,
+                                             FILE_SHARE_READ | FILE_SHARE_WRITE, &dwError);
+    if (dwError == ERROR_FILE_NOT_FOUND) {
+        return false;
     }
-    DWORD const dwError = KIVMP3_get_file_size(hFile, pullFileSize_p);
-    KIVMP3_release_file(&hFile);
+    if (dwError == NO_ERROR) {
+        dwError = KIVMP3_get_file_size(hFile, pullFileSize_p);
+        KIVMP3_release_file(&hFile);
+    }
     if (dwError != NO_ERROR) {
+        TRACE_ERROR(dwError, "file can not be looked at");
         throw FFDError{FFD_FILE_IO_ERROR};
     }
     return true;
@@ -144,8 +143,9 @@ bool is_rebuilt_file(LPCSTR pszPath_p, uint64_t ullFileSize_p, CloseMarkerRecord
 }
 
 void delete_file(LPCSTR pszPath_p) {
-    if (!DeleteFileA(pszPath_p) && GetLastError() != ERROR_FILE_NOT_FOUND) {
-        TRACE_ERROR(GetLastError(), "GetLastError() after DeleteFile(.)");
+    DWORD const dwError = KIVMP3_delete_file(pszPath_p);
+    if (dwError != NO_ERROR) {
+        TRACE_ERROR(dwError, "GetLastError() after DeleteFile(.)");
         throw FFDError{FFD_FILE_IO_ERROR};
     }
 }
@@ -185,8 +185,9 @@ void settle_files(LPCSTR pszMarkerPath_p, CloseMarkerRecord const& rRecord_p) {
         }
     } else if (bRebuilt && ullRebuiltSize == rRecord_p.dwNewSize) {
         TRACE_INFO("interrupted close: give the rebuilt file its name");
-        if (!MoveFileA(szRebuiltPath, szSoundPath)) {
-            TRACE_ERROR(GetLastError(), "GetLastError() after MoveFile(..)");
+        DWORD const dwError = KIVMP3_move_file(szRebuiltPath, szSoundPath);
+        if (dwError != NO_ERROR) {
+            TRACE_ERROR(dwError, "GetLastError() after MoveFile(..)");
             throw FFDError{FFD_FILE_IO_ERROR};
         }
         delete_file(szDirPath);
@@ -231,8 +232,11 @@ FFDError CCloseMarker::write(LPCSTR pszSoundPath_p, LPCSTR pszRebuiltPath_p, DWO
         return ffdError;
     }
     DWORD dwError = NO_ERROR;
-    m_hMarkerFile = KIVMP3_create_file(m_szMarkerPath, &dwError, GENERIC_READ | GENERIC_WRITE, 0,
-                                       CREATE_NEW, FILE_ATTRIBUTE_NORMAL);
+    CPatience oPatience; // with the name of the last marker
+    do {
+        m_hMarkerFile = KIVMP3_create_file(m_szMarkerPath, &dwError, GENERIC_READ | GENERIC_WRITE,
+                                           0, CREATE_NEW, FILE_ATTRIBUTE_NORMAL);
+    } while (dwError != ERROR_SHARING_VIOLATION && oPatience.wait_for(m_szMarkerPath, dwError));
     if (dwError != NO_ERROR) {
         m_szMarkerPath[0] = '\0';
         return FFD_FILE_IO_ERROR;
@@ -257,8 +261,9 @@ FFDError CCloseMarker::remove() {
     if (m_szMarkerPath[0] == '\0') {
         return FFD_NOERROR;
     }
-    if (!DeleteFileA(m_szMarkerPath)) {
-        TRACE_ERROR(GetLastError(), "GetLastError() after DeleteFile(m_szMarkerPath)");
+    DWORD const dwError = KIVMP3_delete_file(m_szMarkerPath);
+    if (dwError != NO_ERROR) {
+        TRACE_ERROR(dwError, "GetLastError() after DeleteFile(m_szMarkerPath)");
         return FFD_FILE_IO_ERROR;
     }
     m_szMarkerPath[0] = '\0';
@@ -278,10 +283,10 @@ void CCloseMarker::finish_interrupted_close(LPCSTR pszSoundPath_p) {
         TRACE_ERROR(ffdError, "by KIVMP3_make_sibling_path(...)");
         throw FFDError{ffdError};
     }
-    HANDLE hMarkerFile = CreateFileA(szMarkerPath, GENERIC_READ | GENERIC_WRITE, 0, nullptr,
-                                     OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (hMarkerFile == INVALID_HANDLE_VALUE) {
-        DWORD const dwError = GetLastError();
+    DWORD dwError = NO_ERROR;
+    HANDLE hMarkerFile =
+        KIVMP3_open_existing_file(szMarkerPath, GENERIC_READ | GENERIC_WRITE, 0, &dwError);
+    if (hMarkerFile == nullptr) {
         if (dwError == ERROR_FILE_NOT_FOUND || dwError == ERROR_PATH_NOT_FOUND) {
             return;
         }

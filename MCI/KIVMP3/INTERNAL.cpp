@@ -1,5 +1,6 @@
 #include "MCI/KIVMP3/INTERNAL.h"
 
+#include "MCI/KIVMP3/Patience.h"
 #include "MCI/KIVMP3/ReadAhead.h"
 
 #include <algorithm>
@@ -296,6 +297,36 @@ FFDError KIVMP3_make_sibling_path(LPCSTR pszFilePath_p, LPCSTR pszExtension_p,
         memcpy(szSiblingPath_p, szGiven, sizeof szGiven);
     }
     return FFD_NOERROR;
+}
+
+HANDLE KIVMP3_open_existing_file(LPCSTR pszPath_p, DWORD dwDesiredAccess_p, DWORD dwShareMode_p,
+                                 DWORD* pdwError_p) {
+    HANDLE hFile = INVALID_HANDLE_VALUE;
+    CPatience oPatience;
+    do {
+        hFile = CreateFileA(pszPath_p, dwDesiredAccess_p, dwShareMode_p, nullptr, OPEN_EXISTING,
+                            FILE_ATTRIBUTE_NORMAL, nullptr);
+        *pdwError_p = hFile == INVALID_HANDLE_VALUE ? GetLastError() : NO_ERROR;
+    } while (*pdwError_p != ERROR_SHARING_VIOLATION && oPatience.wait_for(pszPath_p, *pdwError_p));
+    return *pdwError_p == NO_ERROR ? hFile : nullptr;
+}
+
+DWORD KIVMP3_delete_file(LPCSTR pszPath_p) {
+    CPatience oPatience;
+    DWORD dwError = NO_ERROR;
+    do {
+        dwError = DeleteFileA(pszPath_p) ? NO_ERROR : GetLastError();
+    } while (oPatience.wait_for(pszPath_p, dwError));
+    return dwError == ERROR_FILE_NOT_FOUND ? NO_ERROR : dwError;
+}
+
+DWORD KIVMP3_move_file(LPCSTR pszPath_p, LPCSTR pszNewPath_p) {
+    CPatience oPatience;
+    DWORD dwError = NO_ERROR;
+    do {
+        dwError = MoveFileA(pszPath_p, pszNewPath_p) ? NO_ERROR : GetLastError();
+    } while (oPatience.wait_for(pszNewPath_p, dwError));
+    return dwError;
 }
 
 int KIVMP3_set_file_aside(LPCSTR pszPath_p) {

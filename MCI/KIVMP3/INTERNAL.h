@@ -87,6 +87,18 @@ int KIVMP3_get_full_path(LPCSTR pszPath_p, char (&szFullPath_p)[MAX_PATH],
 FFDError KIVMP3_make_sibling_path(LPCSTR pszFilePath_p, LPCSTR pszExtension_p,
                                   char (&szSiblingPath_p)[MAX_PATH]);
 
+// CreateFileA of a file that exists. Null, with the platform's error number in *pdwError_p, which
+// is 0 on success. On Windows it waits for a name that was deleted and is not gone yet
+// (Patience.h), but not for one that has the file open: that lasts as long as a session. Leaves no
+// line in the log.
+HANDLE KIVMP3_open_existing_file(LPCSTR pszPath_p, DWORD dwDesiredAccess_p, DWORD dwShareMode_p,
+                                 DWORD* pdwError_p);
+
+// Removes or renames a file, in spite of others that have it open for a moment (Patience.h). The
+// error number, 0 on success; a file that is gone counts as removed.
+DWORD KIVMP3_delete_file(LPCSTR pszPath_p);
+DWORD KIVMP3_move_file(LPCSTR pszPath_p, LPCSTR pszNewPath_p);
+
 // Renames a file that can't be used to its own name followed by ".bad", or ".bad1", ".bad2" and so
 // on if that is taken. 1 or 0.
 int KIVMP3_set_file_aside(LPCSTR pszPath_p);

@@ -156,7 +156,7 @@ HANDLE CKivmp3::create_temp_file(char (&szTmpPath_p)[MAX_PATH]) {
         if (hNewFile != nullptr) {
             return hNewFile;
         }
-    } while (oName.wait_if_taken(dwError));
+    } while (oName.wait_if_taken(szTmpPath_p, dwError));
     TRACE_ERROR(FFD_FILE_IO_ERROR, "FFD_FILE_IO_ERROR: cannot create temp file");
     throw FFDError{FFD_FILE_IO_ERROR};
 }
@@ -171,13 +171,15 @@ void CKivmp3::replace_mp3_file(LPCSTR pszTmpPath_p, DWORD dwNewFileSize_p) {
         throw FFDError{FFD_FILE_IO_ERROR};
     }
     bool const bReadOnly = PlatformIsReadOnly(m_szFilePath); // since the open
-    if (!DeleteFileA(m_szFilePath)) {
-        TRACE_ERROR(GetLastError(), "GetLastError() after DeleteFile(.)");
+    DWORD dwError = KIVMP3_delete_file(m_szFilePath);
+    if (dwError != NO_ERROR) {
+        TRACE_ERROR(dwError, "GetLastError() after DeleteFile(.)");
         m_oCloseMarker.remove();
         throw FFDError{FFD_FILE_IO_ERROR};
     }
-    if (!MoveFileA(pszTmpPath_p, m_szFilePath)) {
-        TRACE_ERROR(GetLastError(), "GetLastError() after MoveFile(..) Tmp to Current Wave file.");
+    dwError = KIVMP3_move_file(pszTmpPath_p, m_szFilePath);
+    if (dwError != NO_ERROR) {
+        TRACE_ERROR(dwError, "GetLastError() after MoveFile(..) Tmp to Current Wave file.");
         throw FFDError{FFD_FILE_IO_ERROR};
     }
     if (bReadOnly) { // last, for such a file can't be removed

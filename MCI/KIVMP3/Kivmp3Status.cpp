@@ -121,8 +121,8 @@ void CKivmp3::create_status_file() {
         dwError = GetLastError();
         TRACE_ERROR(dwError, "GetLastError() after CreateFile(...) Filestatus file");
         m_hStatusFile = nullptr;
-        m_szFileStatusPath[0] = '\0'; // the name belongs to somebody else
-    } while (oName.wait_if_taken(dwError));
+    } while (oName.wait_if_taken(m_szFileStatusPath, dwError));
+    m_szFileStatusPath[0] = '\0'; // the name belongs to somebody else
     throw FFDError{FFD_FILE_IO_ERROR};
 }
 

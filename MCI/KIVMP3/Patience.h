@@ -1,0 +1,29 @@
+#pragma once
+
+#include "platform/platform.h"
+
+// Makes a call on a file again as long as what is in its way may pass, for at most 3 seconds in
+// all, by the pauses made:
+//
+//     CPatience oPatience;
+//     DWORD dwError = NO_ERROR;
+//     do {
+//         dwError = DeleteFileA(pszPath) ? NO_ERROR : GetLastError();
+//     } while (oPatience.wait_for(pszPath, dwError));
+class CPatience {
+public:
+    // Whether a call on this path that gave this error is to be made again. Rests then, and leaves
+    // no line in the log.
+    bool wait_for(LPCSTR pszPath_p, DWORD dwError_p) {
+        if (dwError_p == NO_ERROR || m_nPausesLeft == 0 || !PlatformMayPass(pszPath_p, dwError_p)) {
+            return false;
+        }
+        --m_nPausesLeft;
+        Sleep(PAUSE_MS);
+        return true;
+    }
+
+private:
+    static constexpr DWORD PAUSE_MS = 30;
+    int m_nPausesLeft = 3000 / PAUSE_MS;
+};
