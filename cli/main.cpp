@@ -28,6 +28,7 @@ struct Arguments {
     ReadOptions read;
     std::vector<std::string> operations;
     bool force = false;
+    bool dryRun = false;
     bool copy = false;
 };
 
@@ -101,6 +102,8 @@ void add_edit(CLI::App& app, Arguments& arguments, Command& command) {
         ->expected(1, CLI::detail::expected_max_vector_size);
     edit->add_flag("--force", arguments.force,
                    "enter clips even if their format does not fit the dictation");
+    edit->add_flag("--dry-run", arguments.dryRun,
+                   "change nothing; do it in memory and show what would change on the disk");
     edit->footer(
         "Operations:\n"
         "  seek POS          go to a position, or to the 'end'\n"
@@ -121,8 +124,12 @@ void add_edit(CLI::App& app, Arguments& arguments, Command& command) {
         "Example:\n  ffdhost edit dictation.mp3 seek 0:10 insert addition.mp3 delete 2.5s show");
     edit->callback([&] {
         command = [&](Driver const& driver) {
-            return run_edit(driver, arguments.file, arguments.operations, arguments.force,
-                            arguments.json);
+            EditOptions options;
+            options.force = arguments.force;
+            return arguments.dryRun ? run_dry_edit(arguments.file, arguments.operations,
+                                                   arguments.force, arguments.json)
+                                    : run_edit(driver, arguments.file, arguments.operations,
+                                               options, arguments.json);
         };
     });
 }

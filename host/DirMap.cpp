@@ -1,18 +1,15 @@
 #include "DirMap.h"
 
-#include "Bytes.h"
 #include "console/Files.h"
 #include "console/Status.h"
+#include "MCI/KIVMP3/CKivDirFile.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace ffdhost {
 
 namespace {
-
-constexpr size_t kEntrySize = 12;
-constexpr size_t kNewFileSize = 65536; // the driver zero-fills a smaller file up to here
-constexpr uint64_t kLargestFile = uint64_t{16} << 20; // what the driver still adopts
 
 [[noreturn]] void damaged(std::filesystem::path const& path, std::string const& words) {
     throw Failure("read directory", path.string(), FFD_DIRECTORY_MISMATCH,
@@ -22,8 +19,8 @@ constexpr uint64_t kLargestFile = uint64_t{16} << 20; // what the driver still a
 }
 
 std::vector<uint8_t> read_whole(std::filesystem::path const& path, InputFile const& file) {
-    if (file.size() > kLargestFile) {
-        damaged(path, "it is larger than 16 MiB");
+    if (file.size() > DIR_FILE_SIZE_MOST) {
+        damaged(path, "it is larger than " + std::to_string(DIR_FILE_SIZE_MOST) + " bytes");
     }
     std::vector<uint8_t> bytes = file.read_at(0, static_cast<size_t>(file.size()));
     if (bytes.size() != file.size()) {
@@ -32,31 +29,11 @@ std::vector<uint8_t> read_whole(std::filesystem::path const& path, InputFile con
     return bytes;
 }
 
-BlockState parse_state(std::filesystem::path const& path, std::string const& entry,
-                       uint8_t status) {
-    switch (status) {
-    case 1:
-        return BlockState::Live;
-    case 3:
-        return BlockState::Deleted;
-    case 11:
-        return BlockState::DeletedUndoable;
-    default:
-        damaged(path, entry + " has the unknown status " + std::to_string(status));
-    }
-}
-
-void check_no_overlap(std::filesystem::path const& path, std::vector<Block> blocks) {
-    std::erase_if(blocks, [](Block const& block) { return block.size() == 0; });
-    std::sort(blocks.begin(), blocks.end(), [](Block const& left, Block const& right) {
-        return left.audioFrom < right.audioFrom;
-    });
-    for (size_t i = 1; i < blocks.size(); ++i) {
-        if (blocks[i].audioFrom < blocks[i - 1].audioTo) {
-            damaged(path,
-                    "two blocks overlap at audio position " + std::to_string(blocks[i].audioFrom));
-        }
-    }
+BlockState state_of(DirEntry const& entry) {
+    bool const undoable = (entry.Status & DIR_ENTRY_UNDOABLE) != 0;
+    return !entry.is_deleted() ? BlockState::Live
+           : undoable          ? BlockState::DeletedUndoable
+                               : BlockState::Deleted;
 }
 
 } // namespace
@@ -78,31 +55,41 @@ std::optional<DirMap> read_dir_file(std::filesystem::path const& path) {
     if (!file) {
         return std::nullopt;
     }
-    std::vector<uint8_t> const bytes = read_whole(path, *file);
-    DirMap map;
-    map.blocks.reserve(bytes.size() / kEntrySize);
+    return parse_dir_file(path, read_whole(path, *file));
+}
+
+std::optional<DirMap> parse_dir_file(std::filesystem::path const& path,
+                                     std::vector<uint8_t> const& bytes) {
     size_t offset = 0;
-    for (; offset < bytes.size() && bytes[offset] != 0; offset += kEntrySize) {
-        std::string const entry = "entry " + std::to_string(map.blocks.size());
-        if (bytes.size() - offset < kEntrySize) {
-            damaged(path, "the end of the file cuts " + entry);
-        }
-        uint8_t const* const fields = &bytes[offset];
-        Block const block{parse_state(path, entry, fields[0]), le32(fields + 4), le32(fields + 8),
-                          map.dictationLength};
-        if (fields[1] != 0 || fields[2] != 0 || fields[3] != 0) {
-            damaged(path, "a reserved byte of " + entry + " is not 0");
-        }
-        if (block.audioFrom > block.audioTo) {
-            damaged(path, entry + " ends before it starts");
-        }
-        map.dictationLength += block.live() ? block.size() : 0;
-        map.blocks.push_back(block);
+    while (offset < bytes.size() && bytes[offset] != 0) {
+        offset += sizeof(DirEntry);
     }
-    if (offset >= bytes.size() && bytes.size() >= kNewFileSize) {
+    size_t const count = offset / sizeof(DirEntry);
+    if (offset > bytes.size()) {
+        damaged(path, "the end of the file cuts entry " + std::to_string(count - 1));
+    }
+    if (offset == bytes.size() && bytes.size() >= DIR_FILE_SIZE) {
         damaged(path, "no entry ends the directory");
     }
-    check_no_overlap(path, map.blocks);
+    std::vector<DirEntry> entries(count);
+    if (count > 0) {
+        std::memcpy(entries.data(), bytes.data(), offset);
+    }
+    // The driver's own judgement.
+    if (CKivDirFile::check_entries(entries.data(), static_cast<DWORD>(count)) != FFD_NOERROR) {
+        auto const bad = std::find_if(entries.begin(), entries.end(), [](DirEntry const& entry) {
+            return CKivDirFile::check_entries(&entry, 1) != FFD_NOERROR;
+        });
+        damaged(path, bad == entries.end()
+                          ? "two blocks overlap"
+                          : "entry " + std::to_string(bad - entries.begin()) + " is none");
+    }
+    DirMap map;
+    map.blocks.reserve(count);
+    for (DirEntry const& entry : entries) {
+        map.blocks.push_back({state_of(entry), entry.Startpos, entry.Endpos, map.dictationLength});
+        map.dictationLength += entry.live_size();
+    }
     if (map.blocks.empty() || (map.blocks.size() == 1 && map.blocks[0].audioTo == 0)) {
         return std::nullopt;
     }

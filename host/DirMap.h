@@ -38,6 +38,10 @@ char const* state_text(BlockState state);
 // FFD_FILE_IO_ERROR if it can't be read or the name is that of a link or no regular file.
 std::optional<DirMap> read_dir_file(std::filesystem::path const& path);
 
+// The same with the bytes of the file.
+std::optional<DirMap> parse_dir_file(std::filesystem::path const& path,
+                                     std::vector<uint8_t> const& bytes);
+
 // An unedited dictation: all the audio of the file in one block.
 DirMap one_block(uint32_t audioLength);
 

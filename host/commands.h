@@ -9,6 +9,7 @@
 #include "StreamView.h"
 #include "Tags.h"
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -30,9 +31,19 @@ struct ReadOptions {
 Outcome run_read(Driver const& driver, std::string const& file, ReadOptions const& options,
                  bool json);
 
+// What an edit does beyond its operations on the driver; as it stands, the true thing.
+struct EditOptions {
+    bool force = false; // enters clips that do not fit
+    // With a driver that only pretends: no output is written, and 'crash' does not end the process
+    // but the operations, with a call of this in place of the close.
+    std::function<void()> pretendedCrash;
+    std::function<std::optional<DirMap>(std::filesystem::path const&)> readDirectory =
+        read_dir_file;
+};
+
 // `tokens` are the operations with their arguments, one behind the other.
 Outcome run_edit(Driver const& driver, std::string const& file,
-                 std::vector<std::string> const& tokens, bool force, bool json);
+                 std::vector<std::string> const& tokens, EditOptions const& options, bool json);
 
 // ---- Shared by commands ------------------------------------------------------------------------
 

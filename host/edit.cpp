@@ -16,13 +16,13 @@ namespace {
 // One run of 'edit': the checks, the open file, and the results so far.
 class Editor {
 public:
-    Editor(Driver const& driver, std::string const& file, std::vector<EditOp> ops, bool force,
-           bool json)
+    Editor(Driver const& driver, std::string const& file, std::vector<EditOp> ops,
+           EditOptions const& options, bool json)
         : m_driver(driver), m_file(file), m_dirFile(dir_file_of(file)), m_ops(std::move(ops)),
-          m_force(force), m_json(json), m_document{{"command", "edit"},
-                                                   {"ok", false},
-                                                   {"file", file},
-                                                   {"operations", Json::array()}} {}
+          m_options(options), m_json(json), m_document{{"command", "edit"},
+                                                       {"ok", false},
+                                                       {"file", file},
+                                                       {"operations", Json::array()}} {}
 
     Outcome run();
 
@@ -47,7 +47,7 @@ private:
     void show(Json& result);
     void map(Json& result);
     void restore(Json& result);
-    [[noreturn]] void crash();
+    void crash();
 
     void report_failure(char const* key, Failure const& failure);
     void say(std::string const& name, std::string const& value) const {
@@ -60,7 +60,7 @@ private:
     std::string const m_file;
     std::filesystem::path const m_dirFile;
     std::vector<EditOp> const m_ops;
-    bool const m_force;
+    EditOptions const& m_options;
     bool const m_json;
     Json m_document;
     std::optional<StreamView> m_view; // the file before this edit
@@ -79,6 +79,9 @@ Outcome Editor::run() {
     } catch (Failure const& failure) {
         failed = true;
         report_failure("failure", failure);
+    }
+    if (m_document.contains("crashed")) { // which only was pretended
+        return {m_document, kExitCrash};
     }
     // Also after a failure: the edits that worked are kept.
     try {
@@ -148,7 +151,7 @@ void Editor::check_clips(StreamFormat const* target) const {
         for (std::string const& conflict : format_conflicts(clip, *target)) {
             words += (words.empty() ? "" : "; ") + conflict;
         }
-        if (!words.empty() && !m_force) {
+        if (!words.empty() && !m_options.force) {
             throw Failure(op.name, op.path, FFD_NOT_SUPPORTED,
                           "the clip does not fit the dictation: " + words,
                           "Encode the clip in the format of the dictation (" +
@@ -164,8 +167,10 @@ void Editor::check_clips(StreamFormat const* target) const {
 }
 
 void Editor::open() {
-    tell_when_interrupted("\nffdhost: interrupted: the edits so far are kept beside " +
-                          printable(m_file) + "; the next open for writing finds them\n");
+    if (!m_options.pretendedCrash) {
+        tell_when_interrupted("\nffdhost: interrupted: the edits so far are kept beside " +
+                              printable(m_file) + "; the next open for writing finds them\n");
+    }
     {
         Waiting const waiting("opening");
         m_sound = std::make_unique<SoundFile>(m_driver, m_file, Access::ReadWrite);
@@ -176,6 +181,9 @@ void Editor::open() {
 
 void Editor::perform_all() {
     for (EditOp const& op : m_ops) {
+        if (m_document.contains("crashed")) {
+            return;
+        }
         Json& result = m_document["operations"].emplace_back(Json{{"op", op.name}});
         try {
             perform(op, result);
@@ -281,7 +289,12 @@ void Editor::undo(Json& result) {
 void Editor::read(EditOp const& op, Json& result) {
     uint32_t const from = m_sound->position();
     uint64_t const wanted = std::min(op.position.to_bytes(m_rate), m_sound->length() - from);
-    uint64_t const done = copy_dictation(*m_sound, wanted, OutputFile(op.path, m_file));
+    uint64_t done = wanted;
+    if (!m_options.pretendedCrash) {
+        done = copy_dictation(*m_sound, wanted, OutputFile(op.path, m_file));
+    } else {
+        m_sound->seek(static_cast<uint32_t>(from + wanted));
+    }
     result["from"] = from;
     result["read"] = length_json(done, m_rate);
     result["output"] = op.path;
@@ -295,7 +308,7 @@ void Editor::show(Json& result) {
 
 void Editor::map(Json& result) {
     uint32_t const length = m_sound->length();
-    std::optional<DirMap> const edited = read_dir_file(m_dirFile);
+    std::optional<DirMap> const edited = m_options.readDirectory(m_dirFile);
     DirMap const blocks = edited ? *edited : one_block(length);
     bool const current = !m_dirFileIsBehind && blocks.dictationLength == length;
     result["edited"] = edited.has_value();
@@ -349,14 +362,17 @@ std::string Editor::text_of(EditOp const& op, Json const& result) const {
         return "the edit state is stored";
     case EditOp::Kind::Restore:
         return "back to position " + number("position") + ", dictation " + length("dictation");
-    case EditOp::Kind::Crash:
-        break;
+    case EditOp::Kind::Crash: // to be seen only where it is pretended
+        return "the process would end here";
     }
     return "";
 }
 
 void Editor::crash() {
     m_document["crashed"] = true;
+    if (m_options.pretendedCrash) {
+        return m_options.pretendedCrash();
+    }
     if (m_json) {
         print_document(m_document);
     }
@@ -378,7 +394,7 @@ void Editor::report_failure(char const* key, Failure const& failure) {
 } // namespace
 
 Outcome run_edit(Driver const& driver, std::string const& file,
-                 std::vector<std::string> const& tokens, bool force, bool json) {
+                 std::vector<std::string> const& tokens, EditOptions const& options, bool json) {
     std::vector<EditOp> ops = parse_edit_ops(tokens);
     std::optional<StandardInput> input;
     for (EditOp& op : ops) {
@@ -389,7 +405,7 @@ Outcome run_edit(Driver const& driver, std::string const& file,
             op.path = input->file().string();
         }
     }
-    return Editor(driver, file, std::move(ops), force, json).run();
+    return Editor(driver, file, std::move(ops), options, json).run();
 }
 
 } // namespace ffdhost

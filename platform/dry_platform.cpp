@@ -565,17 +565,22 @@ HANDLE DryPlatformCreatePrivateFile(LPCSTR lpFileName, DWORD dwDesiredAccess, DW
                           FILE_ATTRIBUTE_NORMAL, nullptr);
 }
 
-// Marks are part of no prediction.
-BOOL DryPlatformSetReadOnly(LPCSTR /*pszPath*/) {
-    return TRUE;
-}
-
 BOOL DryPlatformCopyPermissions(HANDLE hFrom, HANDLE hTo) {
     dry::Handle const* const pFrom = dry::file_handle("PlatformCopyPermissions", hFrom, 0);
     dry::Handle const* const pTo = dry::file_handle("PlatformCopyPermissions", hTo, GENERIC_WRITE);
     if (pFrom == nullptr || pTo == nullptr)
         return FALSE;
     dry::note(dry::Change::Kind::Permissions, *pTo->pFile);
+    return TRUE;
+}
+
+BOOL DryPlatformSetReadOnly(LPCSTR pszPath) {
+    std::string const path = dry::absolute(pszPath);
+    std::shared_ptr<dry::File> pFile;
+    DWORD const dwError = dry::find_file(path, 0, FILE_SHARE_READ | FILE_SHARE_WRITE, pFile);
+    if (dwError != NO_ERROR)
+        return dry::fail("PlatformSetReadOnly", path, dwError);
+    dry::note(dry::Change::Kind::Permissions, *pFile);
     return TRUE;
 }
 

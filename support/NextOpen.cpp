@@ -64,7 +64,7 @@ private:
     void tell_of_open();
     void tell_of_directory();
     void tell_of_repair();
-    void tell_of_failure(FFDError status);
+    void tell_of_failure(Failure const& failure);
     void close();
     void rehearse_with_space();
     void tell_of_close();
@@ -136,28 +136,30 @@ void Rehearsal::open() {
     try {
         m_opened = std::make_unique<SoundFile>(m_dry.driver(), m_soundFile, Access::ReadWrite);
     } catch (Failure const& failure) {
-        tell_of_failure(failure.status());
+        tell_of_failure(failure);
     }
     m_progress.reset();
 }
 
-void Rehearsal::tell_of_failure(FFDError status) {
-    m_next.status = status;
-    m_next.reason = m_listener.reason_of(status);
-    auto const& failures = dry::failures();
+void Rehearsal::tell_of_failure(Failure const& failure) {
+    m_next.status = failure.status();
+    m_next.reason = m_listener.reason_of(failure.status());
     if (!m_next.reason.empty()) {
         return;
     }
-    if (status == FFD_FILE_IO_ERROR && sound() == nullptr && failures.empty()) {
-        m_next.reason = "the sound file does not exist";
-    } else if (status == FFD_FILE_IO_ERROR && !failures.empty()) {
+    std::vector<dry::Failure> const& failures = dry::failures();
+    if (failure.status() != FFD_FILE_IO_ERROR) {
+        m_next.reason = status_text(failure.status()).meaning;
+    } else if (!failures.empty()) {
         m_next.inUse = failures.back().dwError == ERROR_SHARING_VIOLATION;
         m_next.reason =
             shown(failures.back().file).string() + ": " + words_of_error(failures.back().dwError);
-    } else if (status == FFD_FILE_IO_ERROR && !m_listener.last_error().empty()) {
+    } else if (!m_listener.last_error().empty()) {
         m_next.reason = m_listener.last_error();
     } else {
-        m_next.reason = status_text(status).meaning;
+        std::error_code error;
+        m_next.reason =
+            fs::exists(m_soundFile, error) ? failure.what() : "the sound file does not exist";
     }
 }
 

@@ -322,6 +322,34 @@ class SupportTest(unittest.TestCase):
                 self.make({"a.mp3": AUDIO[:208] + bytes(size - header) + AUDIO[:header]})
                 self.check()
 
+    # ---- A session that only pretends ----
+
+    def test_dry_run(self):
+        """Changes nothing, and tells what the same session then does."""
+        self.make({"a.mp3": TAGGED})
+        out = self.root / "out.mp3"
+        session = ("seek", 24000, "insert", self.clip, "store", "delete", 700, "read", 100, out,
+                   "restore", "seek", 999, "overwrite", self.clip, "map")
+        for last, code in (("show", 0), ("crash", 3)):
+            before = self.seen(), self.dir.stat().st_mtime_ns, sorted(self.root.iterdir())
+            told_code, told = self.host("edit", "--dry-run", "a.mp3", *session, last)
+            self.assertEqual((self.seen(), self.dir.stat().st_mtime_ns,
+                              sorted(self.root.iterdir())), before)
+            done_code, done = self.host("edit", "a.mp3", *session, last)
+            self.assertEqual((told_code, done_code), (code, code))
+            self.assertEqual(told["operations"], done["operations"])
+            out.unlink()
+            sizes = {}
+            for change in told["changes"]:
+                name = pathlib.Path(change["file"]).name
+                sizes[name] = change["size_after"]
+                if change["change"] in ("rename", "remove"):
+                    del sizes[name]
+                if "new_name" in change:
+                    sizes[pathlib.Path(change["new_name"]).name] = change["size_after"]
+            self.assertEqual({name: size for name, size in sizes.items() if name[-4:] != ".csf"},
+                             {path.name: path.stat().st_size for path in self.dir.iterdir()})
+
     # ---- The copy ----
 
     def test_copy(self):
