@@ -2,6 +2,7 @@
 add_kiv_test(platform_outcomes_test SOURCES platform_outcomes_test.cpp LIBRARIES platform)
 target_compile_definitions(platform_outcomes_test PRIVATE KIV_WINE=false)
 
+add_kiv_test(platform_dry_test SOURCES platform_dry_test.cpp LIBRARIES platform_dry)
 add_kiv_test(platform_linux_test SOURCES platform_linux_test.cpp LIBRARIES platform)
 add_kiv_test(platform_calls_test SOURCES platform_calls_test.cpp LIBRARIES platform)
 add_kiv_test(platform_faults_test SOURCES platform_faults_test.cpp LIBRARIES platform_faults)
