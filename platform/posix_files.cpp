@@ -1,5 +1,6 @@
 // Reading, writing and the file pointer, which lives in the handle: moving it costs no system call.
 #include "platform/fault_seam.h"
+#include "platform/posix_descriptors.h"
 #include "platform/posix_errors.h"
 #include "platform/posix_handles.h"
 
@@ -7,6 +8,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <limits>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -21,6 +23,45 @@ DWORD check(ObjectUse const& file, DWORD dwAccessNeeded) {
     if (!file)
         return ERROR_INVALID_HANDLE;
     return (file->dwAccess & dwAccessNeeded) == dwAccessNeeded ? NO_ERROR : ERROR_ACCESS_DENIED;
+}
+
+// The limit on the size of files that the process makes. The system answers what goes beyond it by
+// a signal that ends the process, so it is never asked.
+int64_t largest_file_bytes() {
+    constexpr int64_t UNLIMITED = std::numeric_limits<int64_t>::max();
+    struct rlimit limit {};
+    if (getrlimit(RLIMIT_FSIZE, &limit) != 0 || limit.rlim_cur > rlim_t{UNLIMITED})
+        return UNLIMITED;
+    return static_cast<int64_t>(limit.rlim_cur);
+}
+
+// How many of the bytes may be written at the offset under the limit.
+size_t bytes_within_limit(int64_t llFileOffset, size_t bytes) {
+    int64_t const llRoom = largest_file_bytes() - llFileOffset;
+    return llRoom <= 0 ? 0 : std::min(bytes, static_cast<size_t>(llRoom));
+}
+
+// pwrite, in which the limit is a full disk.
+ssize_t write_at(int fd, void const* pBytes, size_t bytes, int64_t llFileOffset) {
+    size_t const allowed = bytes_within_limit(llFileOffset, bytes);
+    if (allowed != 0)
+        return pwrite(fd, pBytes, allowed, llFileOffset);
+    errno = ENOSPC;
+    return -1;
+}
+
+// ftruncate, likewise.
+int set_size(int fd, int64_t llFileBytes) {
+    if (llFileBytes > largest_file_bytes()) {
+        struct stat status {};
+        if (fstat(fd, &status) != 0)
+            return -1;
+        if (status.st_size < llFileBytes) {
+            errno = ENOSPC;
+            return -1;
+        }
+    }
+    return ftruncate(fd, llFileBytes);
 }
 
 // Moves bytes piece by piece with pread or pwrite and the file pointer along with them. Ends early
@@ -98,14 +139,13 @@ DWORD flush_name(int fd, char* pszPath) {
     size_t const directoryLength = directory_length(pszPath);
     char const cFirstOfName = pszPath[directoryLength];
     pszPath[directoryLength] = '\0';
-    int const iDirectory = open(pszPath, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    Descriptor const directory(open_descriptor(pszPath, O_RDONLY | O_DIRECTORY));
     pszPath[directoryLength] = cFirstOfName;
     bool bFlushed = false;
     int iErrno = EINVAL;
-    if (iDirectory >= 0) {
-        bFlushed = fsync(iDirectory) == 0;
+    if (directory.get() >= 0) {
+        bFlushed = fsync(directory.get()) == 0;
         iErrno = errno;
-        close(iDirectory);
     }
     if (bFlushed)
         return NO_ERROR;
@@ -133,10 +173,13 @@ DWORD flush(Object& file) {
 DWORD copy_at_pointers(Object& from, Object& to, DWORD dwBytesAsked) {
     DWORD dwBytesMoved = 0;
     while (dwBytesMoved < dwBytesAsked) {
+        size_t const pieceBytes = bytes_within_limit(
+            to.llFileOffset, std::min(dwBytesAsked - dwBytesMoved, COPY_PIECE_BYTES));
+        if (pieceBytes == 0)
+            break;
         // The call moves the two file pointers itself.
         ssize_t const moved =
-            copy_file_range(from.fd, &from.llFileOffset, to.fd, &to.llFileOffset,
-                            std::min(dwBytesAsked - dwBytesMoved, COPY_PIECE_BYTES), 0);
+            copy_file_range(from.fd, &from.llFileOffset, to.fd, &to.llFileOffset, pieceBytes, 0);
         if (moved < 0 && errno == EINTR)
             continue;
         if (moved <= 0)
@@ -179,7 +222,8 @@ BOOL WINAPI WriteFile(HANDLE hFile, LPCVOID lpBuffer, DWORD nNumberOfBytesToWrit
         dwError = posix::transfer_at_pointer(
             *file, FAULT_HALVED(nNumberOfBytesToWrite), dwBytesWritten,
             [lpBuffer](int fd, DWORD dwDone, size_t bytes, int64_t llFileOffset) {
-                return pwrite(fd, static_cast<char const*>(lpBuffer) + dwDone, bytes, llFileOffset);
+                return posix::write_at(fd, static_cast<char const*>(lpBuffer) + dwDone, bytes,
+                                       llFileOffset);
             });
         if (dwError == NO_ERROR)
             dwError = FAULT_HALVED_ERROR();
@@ -221,7 +265,7 @@ BOOL WINAPI SetEndOfFile(HANDLE hFile) {
     FAULT_CHANGE();
     int result;
     do {
-        result = ftruncate(file->fd, file->llFileOffset);
+        result = posix::set_size(file->fd, file->llFileOffset);
     } while (result != 0 && errno == EINTR);
     return result == 0 ? TRUE : posix::fail(posix::error_of(errno));
 }

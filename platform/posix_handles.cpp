@@ -1,6 +1,7 @@
 #include "platform/posix_handles.h"
 
 #include "platform/fault_seam.h"
+#include "platform/posix_descriptors.h"
 #include "platform/posix_errors.h"
 
 #include <array>
@@ -70,10 +71,8 @@ DWORD Object::finish() {
         unlink(pszPath.get());
     int const iClosing = fd;
     fd = -1;
-    // The descriptor is gone whatever close says, after EINTR as well.
-    if (close(iClosing) != 0 && errno != EINTR)
-        return error_of(errno);
-    return NO_ERROR;
+    int const iErrno = close_descriptor(iClosing);
+    return iErrno == 0 ? NO_ERROR : error_of(iErrno);
 }
 
 NewHandle::NewHandle(Kind kind) : m_pObject(new (std::nothrow) Object) {
@@ -140,6 +139,20 @@ DWORD close_handle(HANDLE handle) {
         FAULT_TALLY(Handles, -1);
     }
     return pLast ? pLast->finish() : NO_ERROR;
+}
+
+std::mutex& table_mutex() {
+    return g_mutex;
+}
+
+void forget_handles() {
+    for (uint32_t uIndex = 0; uIndex < g_uPlacesUsed; ++uIndex) {
+        if (g_places[uIndex].pObject != nullptr) {
+            g_places[uIndex].pObject = nullptr;
+            free_place(uIndex);
+            FAULT_TALLY(Handles, -1);
+        }
+    }
 }
 
 } // namespace posix

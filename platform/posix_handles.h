@@ -22,6 +22,7 @@ struct FreeMemory {
     void operator()(char* psz) const { free(psz); }
 };
 using OwnedText = std::unique_ptr<char, FreeMemory>;
+using Memory = std::shared_ptr<void>;
 
 struct Object {
     Kind kind = Kind::File;
@@ -39,6 +40,7 @@ struct Object {
 
     // Of a mapping.
     uint64_t ullMappingBytes = 0;
+    Memory pMapping;
 
     Object() = default;
     Object(Object const&) = delete;
@@ -94,5 +96,12 @@ private:
 
 // Takes the handle out of the table. NO_ERROR, or the error number.
 DWORD close_handle(HANDLE handle);
+
+// Guards the table.
+std::mutex& table_mutex();
+
+// Takes all handles out of the table, whose mutex is held, and leaves their objects, which calls of
+// threads may use that a forked child does not have.
+void forget_handles();
 
 } // namespace posix

@@ -167,11 +167,17 @@ DWORD claim(int fd, Claim const& wanted) {
 }
 
 DWORD test_claim(int fd, Claim const& wanted) {
-    bool const bFree = for_each_run(lock_bytes_of(wanted).sought, [&](unsigned first, unsigned count) {
-        struct flock lock = range_lock(F_WRLCK, first, count);
-        return lock_call(fd, F_OFD_GETLK, lock) != 0 || lock.l_type == F_UNLCK;
-    });
+    bool const bFree =
+        for_each_run(lock_bytes_of(wanted).sought, [&](unsigned first, unsigned count) {
+            struct flock lock = range_lock(F_WRLCK, first, count);
+            return lock_call(fd, F_OFD_GETLK, lock) != 0 || lock.l_type == F_UNLCK;
+        });
     return bFree ? NO_ERROR : ERROR_SHARING_VIOLATION;
+}
+
+void take_back_claim(int fd) {
+    struct flock lock = range_lock(F_UNLCK, 0, LOCK_BYTES);
+    lock_call(fd, F_OFD_SETLK, lock);
 }
 
 } // namespace posix

@@ -51,4 +51,8 @@ DWORD claim(int fd, Claim const& wanted);
 // Whether the claim meets one of another handle, in the same way. Sets nothing.
 DWORD test_claim(int fd, Claim const& wanted);
 
+// Gives up all locks of claims on the descriptor. They would go with its last copy by themselves,
+// but that may be in another process.
+void take_back_claim(int fd);
+
 } // namespace posix

@@ -1,4 +1,5 @@
 // Looking without touching: what the calls that change something would answer.
+#include "platform/posix_descriptors.h"
 #include "platform/posix_errors.h"
 #include "platform/posix_locks.h"
 #include "platform/posix_names.h"

@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <new>
 #include <sys/mman.h>
-#include <unistd.h>
 
 namespace posix {
 namespace {
@@ -19,13 +18,22 @@ struct View {
     View* pNext;
 };
 
-constinit std::mutex g_viewsMutex;
-constinit View* g_pViews = nullptr;
+constinit View* g_pViews = nullptr; // guarded by the table's mutex
 
 DWORD make_mapping(uint64_t ullBytes, Object& object) {
-    object.fd = memfd_create("mapping", MFD_CLOEXEC);
-    if (object.fd < 0 || ftruncate(object.fd, static_cast<off_t>(ullBytes)) != 0)
+    if (ullBytes > SIZE_MAX)
+        return ERROR_NOT_ENOUGH_MEMORY;
+    size_t const bytes = static_cast<size_t>(ullBytes);
+    // No file stands behind it, which a limit on the size of files could meet.
+    void* const pBase =
+        mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (pBase == MAP_FAILED)
         return error_of(errno);
+    try {
+        object.pMapping = Memory(pBase, [bytes](void* pMapped) { munmap(pMapped, bytes); });
+    } catch (std::bad_alloc const&) { // the memory is given back by then
+        return ERROR_NOT_ENOUGH_MEMORY;
+    }
     object.ullMappingBytes = ullBytes;
     return NO_ERROR;
 }
@@ -37,13 +45,14 @@ void* map_view(Object const& mapping, uint64_t ullOffset, size_t bytes, DWORD& d
         dwError = ERROR_NOT_ENOUGH_MEMORY;
         return nullptr;
     }
-    void* const pBase = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, mapping.fd,
-                             static_cast<off_t>(ullOffset));
+    // An old size of 0 maps the same shared pages once more.
+    void* const pBase =
+        mremap(static_cast<BYTE*>(mapping.pMapping.get()) + ullOffset, 0, bytes, MREMAP_MAYMOVE);
     if (pBase == MAP_FAILED) {
         dwError = error_of(errno);
         return nullptr;
     }
-    std::lock_guard const lock(g_viewsMutex);
+    std::lock_guard const lock(table_mutex());
     *pView = {pBase, bytes, g_pViews};
     g_pViews = pView.release();
     FAULT_TALLY(Views, 1);
@@ -51,7 +60,7 @@ void* map_view(Object const& mapping, uint64_t ullOffset, size_t bytes, DWORD& d
 }
 
 std::unique_ptr<View> take_view(void const* pBase) {
-    std::lock_guard const lock(g_viewsMutex);
+    std::lock_guard const lock(table_mutex());
     for (View** ppView = &g_pViews; *ppView != nullptr; ppView = &(*ppView)->pNext) {
         if ((*ppView)->pBase != pBase)
             continue;

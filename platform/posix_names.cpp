@@ -2,6 +2,7 @@
 #include "platform/posix_names.h"
 
 #include "platform/fault_seam.h"
+#include "platform/posix_descriptors.h"
 #include "platform/posix_errors.h"
 #include "platform/posix_locks.h"
 
@@ -14,21 +15,6 @@
 
 namespace posix {
 namespace {
-
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : m_fd(fd) {}
-    ~Descriptor() {
-        if (m_fd >= 0)
-            close(m_fd);
-    }
-    Descriptor(Descriptor const&) = delete;
-    Descriptor& operator=(Descriptor const&) = delete;
-    int get() const { return m_fd; }
-
-private:
-    int m_fd;
-};
 
 constexpr Claim ALONE{0, 0, false, false, true};
 
@@ -86,14 +72,6 @@ bool names_file(char const* pszPath, struct stat const& status) {
     struct stat found {};
     return stat(pszPath, &found) == 0 && found.st_dev == status.st_dev &&
            found.st_ino == status.st_ino;
-}
-
-int open_descriptor(char const* pszPath, int iFlags, mode_t mode) {
-    int fd;
-    do {
-        fd = open(pszPath, iFlags | O_NONBLOCK | O_CLOEXEC | O_NOCTTY, mode);
-    } while (fd < 0 && errno == EINTR);
-    return fd;
 }
 
 OwnedText absolute_path(char const* pszPath) {

@@ -14,10 +14,6 @@ constexpr int MOST_STARTS = 100;
 // Whether the path still names the file with this status.
 bool names_file(char const* pszPath, struct stat const& status);
 
-// open(2) for what may turn out to be no regular file: it never waits, and nothing is inherited.
-// The umask takes from the mode of a file that is made.
-int open_descriptor(char const* pszPath, int iFlags, mode_t mode = 0);
-
 // Copies the path, behind the working directory if it is relative. Null on failure, with errno set.
 OwnedText absolute_path(char const* pszPath);
 

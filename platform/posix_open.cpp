@@ -1,5 +1,6 @@
 // Opening and closing.
 #include "platform/fault_seam.h"
+#include "platform/posix_descriptors.h"
 #include "platform/posix_errors.h"
 #include "platform/posix_locks.h"
 #include "platform/posix_names.h"

@@ -1,7 +1,7 @@
 add_library(driver_fixture STATIC driver_fixture.cpp driver_fixture_posix.cpp)
 target_link_libraries(driver_fixture PUBLIC xkivmp3_testable GTest::gmock)
 
-foreach(subject disk boundary shipped services open directory edit close status calls faults crash torn)
+foreach(subject disk boundary shipped hosts services open directory edit close status calls faults crash torn)
     add_kiv_test(driver_${subject}_test
         SOURCES driver_${subject}_test.cpp LIBRARIES driver_fixture)
 endforeach()
@@ -23,3 +23,4 @@ target_link_options(driver_foreign_log_test PRIVATE -Wl,--wrap=time -Wl,--wrap=S
 target_link_options(driver_faults_test PRIVATE -Wl,--wrap=malloc)
 
 add_dependencies(driver_shipped_test xkivmp3)
+add_dependencies(driver_hosts_test xkivmp3)

@@ -99,7 +99,8 @@ int fcntl(int fd, int command, ...) {
     if (command == F_OFD_SETLK || command == F_OFD_GETLK) {
         if (g_behaviour.lockError != 0)
             return fail_with(g_behaviour.lockError);
-        g_behaviour.locksSetOutsideTheGate += g_behaviour.gateHeld ? 0 : 1;
+        bool const bSets = static_cast<struct flock const*>(argument)->l_type != F_UNLCK;
+        g_behaviour.locksSetOutsideTheGate += bSets && !g_behaviour.gateHeld ? 1 : 0;
     }
     return static_cast<int>(syscall(SYS_fcntl, fd, command, argument));
 }

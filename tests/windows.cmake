@@ -1,5 +1,6 @@
 # The tests of the Windows build, run by wine. Of the programs built on Linux these are left out:
 # driver_shipped_test, valgrind   look at a library of Linux; contract_test.py looks at the DLLs
+# driver_hosts_test               forks, descriptors and limits of Linux
 # driver_processes_test           two processes, by fork
 # driver_disk_test                mounts a small disk, and Linux permissions
 # driver_limits_test              limits of a Linux process
