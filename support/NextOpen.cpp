@@ -10,6 +10,7 @@
 #include "TraceListener.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 
 namespace ffdhost {
@@ -83,7 +84,8 @@ private:
     TraceListener m_listener;
     DryDriver m_dry;
     std::unique_ptr<SoundFile> m_opened;
-    dry::Contents const* m_walked = nullptr; // the sound file as the open walks over it
+    dry::Contents const* m_walked = nullptr; // the sound file, while the open walks over it
+    dry::Contents m_before;                  // when the open is done
     FrameCounter m_counter;
     std::unique_ptr<Progress> m_progress;
     uint64_t m_shown = 0; // file offset that the progress has come to
@@ -191,6 +193,7 @@ void Rehearsal::tell_of_open() {
         std::string const name = file->runs().empty() ? "" : file->runs()[0].pSource->path();
         m_next.soundNow = name.empty() ? m_soundFile : shown(name).string();
         m_next.walk = m_counter.finish(*file);
+        m_before = *file;
     }
 }
 
@@ -312,10 +315,22 @@ void Rehearsal::tell_of_closed_file() {
 // Whether each part of the closed file stands where it stood before, or is the same there.
 bool Rehearsal::stays_same(dry::Contents const& closed) const {
     std::vector<dry::Run> const& runs = closed.runs();
-    bool same = closed.size() == m_next.walk->fileSize;
+    bool same = closed.size() == m_before.size();
     for (size_t i = 0; same && i < runs.size(); ++i) {
-        same = runs[i].pSource != nullptr && runs[i].ullSourceOffset == runs[i].ullFileOffset &&
-               shown(runs[i].pSource->path()) == m_next.soundNow;
+        dry::Run const& run = runs[i];
+        uint64_t const end = i + 1 < runs.size() ? runs[i + 1].ullFileOffset : closed.size();
+        uint64_t const size = end - run.ullFileOffset;
+        same =
+            run.pSource == m_before.runs()[0].pSource && run.ullSourceOffset == run.ullFileOffset;
+        if (!same && size <= kMostNewBytes) { // such as a frame header
+            std::array<uint8_t, kMostNewBytes> before{};
+            std::array<uint8_t, kMostNewBytes> after{};
+            DWORD read = 0;
+            auto const count = static_cast<DWORD>(size);
+            same = m_before.read(run.ullFileOffset, before.data(), count, read) == NO_ERROR &&
+                   closed.read(run.ullFileOffset, after.data(), count, read) == NO_ERROR &&
+                   before == after;
+        }
     }
     return same;
 }

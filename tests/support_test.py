@@ -130,6 +130,8 @@ class SupportTest(unittest.TestCase):
                 self.assertEqual(self.inode(name) != inode, close["rebuild"])
             self.assertEqual(recovery.get("dictation", told["dictation"]), told["dictation"])
             if "closed" in recovery:
+                self.assertEqual("stays the same" in close["reason"], close["rebuild"] and
+                                 closed == (copy / name).read_bytes())
                 self.assertEqual((self.dir / name).read_bytes(), closed)
             if "after" in recovery:
                 after = recovery["after"]
