@@ -84,12 +84,8 @@ bool PlatformIsNameLingering(LPCSTR pszPath) {
 bool PlatformMayPass(LPCSTR pszPath, DWORD dwError) {
     if (dwError == ERROR_SHARING_VIOLATION || dwError == ERROR_DELETE_PENDING)
         return true;
-    if (dwError != ERROR_ACCESS_DENIED && dwError != ERROR_ALREADY_EXISTS)
-        return false;
-    // By now the name may be gone.
-    return PlatformIsNameLingering(pszPath) ||
-           (GetFileAttributesA(pszPath) == INVALID_FILE_ATTRIBUTES &&
-            GetLastError() == ERROR_FILE_NOT_FOUND);
+    return (dwError == ERROR_ACCESS_DENIED || dwError == ERROR_ALREADY_EXISTS) &&
+           PlatformIsNameLingering(pszPath);
 }
 
 DWORD PlatformCopyBytes(HANDLE /*hFrom*/, HANDLE /*hTo*/, DWORD /*dwBytes*/) {

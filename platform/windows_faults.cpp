@@ -83,8 +83,8 @@ bool meets_lingering(LPCSTR lpFileName, DWORD dwError, DWORD dwOtherError) {
     if (platform_faults::lingers() == 0)
         g_lingering = {}; // by now there may be files of these names
     Lingering* const pName = find_lingering(lpFileName);
-    if (pName == nullptr)
-        return false;
+    if (pName == nullptr || (pName->nMeetings == 1 && --pName->nMeetings == 0))
+        return false; // gone between two calls
     SetLastError(--pName->nMeetings % 2 == 0 ? dwError : dwOtherError);
     return true;
 }

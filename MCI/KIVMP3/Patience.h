@@ -15,9 +15,16 @@ public:
     // Whether a call on this path that gave this error is to be made again. Rests then, and leaves
     // no line in the log.
     bool wait_for(LPCSTR pszPath_p, DWORD dwError_p) {
-        if (dwError_p == NO_ERROR || m_nPausesLeft == 0 || !PlatformMayPass(pszPath_p, dwError_p)) {
+        if (dwError_p == NO_ERROR || m_nPausesLeft == 0) {
             return false;
         }
+        if (!PlatformMayPass(pszPath_p, dwError_p)) {
+            // What was waited for may have gone between the call and the question.
+            bool const bOnceMore = m_bWaited;
+            m_bWaited = false;
+            return bOnceMore;
+        }
+        m_bWaited = true;
         --m_nPausesLeft;
         Sleep(PAUSE_MS);
         return true;
@@ -25,5 +32,6 @@ public:
 
 private:
     static constexpr DWORD PAUSE_MS = 30;
+    bool m_bWaited = false;
     int m_nPausesLeft = 3000 / PAUSE_MS;
 };
