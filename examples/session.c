@@ -1,12 +1,13 @@
 /*
  * session DRIVER SOUND CLIP: inserts the audio of CLIP into SOUND after the first second, deletes
- * two seconds behind it, takes the deletion back, and closes. Plain C11 and ffd.h, on Linux and on
- * Windows:
+ * two seconds behind it, takes the deletion back, and closes. All cuts lie between frames. Plain
+ * C11, ffd.h and ffd_frames.h, on Linux and on Windows:
  *
  *     gcc -std=c11 -I include -o session examples/session.c
  *     ./session build/libxkivmp3.so letter.mp3 addition.mp3
  */
 #include "ffd.h"
+#include "ffd_frames.h"
 
 #include <stdio.h>
 #include <stdlib.h>
@@ -68,6 +69,23 @@ static void show_length(char const* what, FFDHandle sound) {
     seek(sound, position);
 }
 
+/* The last border of frames at or before a position. Leaves the position. */
+static uint32_t border(FFDHandle sound, uint32_t position) {
+    static uint8_t block[2 * FFD_BORDER_REACH];
+    uint32_t kept = 0;
+    check("position", SLOT(FFDGetCurrentPosProc, FFD_SLOT_GET_CURRENT_POS)(sound, &kept));
+    position = seek(sound, position);
+    uint32_t const begin =
+        seek(sound, position > FFD_BORDER_REACH ? position - FFD_BORDER_REACH : 0);
+    FFDReadHandle* range = NULL;
+    check("size",
+          SLOT(FFDGetSizeOfDataProc, FFD_SLOT_GET_SIZE_OF_DATA)(sound, sizeof block, &range));
+    check("read", SLOT(FFDReadDataProc, FFD_SLOT_READ_DATA)(sound, range, sizeof block, block));
+    FFDBorders const borders = ffd_find_borders(block, range->RealSizeInBytes, position - begin);
+    seek(sound, kept);
+    return begin + (uint32_t)borders.before;
+}
+
 int main(int argc, char** argv) {
     if (argc != 4) {
         fprintf(stderr, "usage: session DRIVER SOUND CLIP\n");
@@ -96,11 +114,14 @@ int main(int argc, char** argv) {
     memcpy(&bytesPerSecond, format + 8, sizeof bytesPerSecond); /* nAvgBytesPerSec */
     show_length("opened", sound);
 
-    seek(sound, bytesPerSecond);
+    seek(sound, border(sound, bytesPerSecond));
     check("insert",
           SLOT(FFDWriteDataProc, FFD_SLOT_WRITE_DATA)(sound, FFD_METHOD_INSERT, clipSize, audio));
     show_length("inserted", sound);
-    check("delete", SLOT(FFDDeleteDataProc, FFD_SLOT_DELETE_DATA)(sound, 2 * bytesPerSecond));
+    uint32_t position = 0;
+    check("position", SLOT(FFDGetCurrentPosProc, FFD_SLOT_GET_CURRENT_POS)(sound, &position));
+    uint32_t const end = border(sound, position + 2 * bytesPerSecond);
+    check("delete", SLOT(FFDDeleteDataProc, FFD_SLOT_DELETE_DATA)(sound, end - position));
     show_length("deleted", sound);
     check("undo", SLOT(FFDUndoLastProc, FFD_SLOT_UNDO_LAST)(sound));
     show_length("undone", sound);

@@ -27,10 +27,11 @@ int main(int argc, char** argv) {
         ffd::File sound(driver, file, ffd::Access::ReadWrite);
         uint32_t const second = sound.format().bytesPerSecond;
         std::printf("opened   %u bytes\n", sound.length());
-        sound.seek(second);
+        sound.seek(sound.borders(second).before);
         sound.insert(audio);
         std::printf("inserted %u bytes\n", sound.length());
-        sound.erase(2 * second);
+        uint32_t const position = sound.position();
+        sound.erase(sound.borders(position + 2 * second).before - position);
         std::printf("deleted  %u bytes\n", sound.length());
         sound.undo();
         std::printf("undone   %u bytes\n", sound.length());

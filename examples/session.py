@@ -1,4 +1,5 @@
-"""session.py DRIVER SOUND CLIP: the session of session.c, in Python with the module xkivmp3:
+"""session.py DRIVER SOUND CLIP: the session of session.c, in Python with the module xkivmp3. All cuts
+lie between frames:
 
     PYTHONPATH=python python3 examples/session.py build/libxkivmp3.so letter.mp3 addition.mp3
 """
@@ -17,10 +18,11 @@ def main(library: str, path: str, clip_path: str) -> None:
     with xkivmp3.open(path, "r+", driver=driver) as sound:
         second = sound.format.bytes_per_second
         print(f"opened   {sound.length} bytes")
-        sound.seek(second)
+        sound.seek(sound.borders(second).before)
         sound.insert(audio)
         print(f"inserted {sound.length} bytes")
-        sound.delete(2 * second)
+        end = sound.borders(sound.position + 2 * second).before
+        sound.delete(end - sound.position)
         print(f"deleted  {sound.length} bytes")
         sound.undo()
         print(f"undone   {sound.length} bytes")

@@ -6,7 +6,7 @@
  *
  *     ffd::Driver driver("libxkivmp3.so");
  *     ffd::File sound(driver, "letter.mp3", ffd::Access::ReadWrite);
- *     sound.seek(24000);
+ *     sound.seek(sound.borders(24000).before);
  *     sound.insert(frames); // whole MP3 frames of the format of the file
  *     sound.close();
  *
@@ -21,6 +21,7 @@
 #else
 
 #include "ffd.h"
+#include "ffd_frames.h"
 
 #include <array>
 #include <cstddef>
@@ -154,6 +155,51 @@ private:
     Table m_table{};
 };
 
+/**
+ * Whole frames out of a stream that comes in pieces, as ffd_frames.h cuts them. `take` is called
+ * with an FFDFrame const& for each; its bytes are valid during the call.
+ */
+class FrameReader {
+public:
+    FrameReader() { ffd_frames_begin(&m_frames); }
+
+    /** Takes the next bytes of the stream. */
+    template <class Take> void put(std::span<std::byte const> bytes, Take&& take) {
+        auto const* next = reinterpret_cast<uint8_t const*>(bytes.data());
+        size_t count = bytes.size();
+        run(FFD_STREAM_GOES_ON, &next, &count, take);
+    }
+    /** No bytes come for a while: the frame that is whole does not wait for them. */
+    template <class Take> void pause(Take&& take) {
+        run(FFD_STREAM_PAUSES, nullptr, nullptr, take);
+    }
+    /** No more bytes come. */
+    template <class Take> void end(Take&& take) { run(FFD_STREAM_ENDS, nullptr, nullptr, take); }
+
+    /** What was given out and what was left out so far. */
+    FFDFrames const& state() const noexcept { return m_frames; }
+
+private:
+    template <class Take> void run(int how, uint8_t const** bytes, size_t* count, Take& take) {
+        for (FFDFrame frame; ffd_frames_next(&m_frames, how, bytes, count, &frame) != 0;) {
+            take(std::as_const(frame));
+        }
+    }
+
+    FFDFrames m_frames;
+};
+
+/** The borders of frames around a dictation position, which are the places to edit at. */
+struct Borders {
+    uint32_t before; /**< the last one at or before the position */
+    uint32_t behind; /**< the first one at or behind it */
+
+    /** The nearer of the two to the position. */
+    uint32_t nearest(uint32_t dictationPosition) const noexcept {
+        return dictationPosition - before <= behind - dictationPosition ? before : behind;
+    }
+};
+
 /** For what a file is opened. */
 enum class Access : FFDDesiredAccess {
     Read = FFD_ACCESS_READ,          /**< reads only */
@@ -237,6 +283,22 @@ public:
         uint32_t const end = seek(std::numeric_limits<uint32_t>::max());
         seek(before);
         return end;
+    }
+    /** The borders of frames around a position; the end for one beyond it. Leaves the position. */
+    Borders borders(uint32_t dictationPosition) {
+        uint32_t const kept = position();
+        uint32_t const wanted = seek(dictationPosition);
+        uint32_t const begin = seek(wanted > FFD_BORDER_REACH ? wanted - FFD_BORDER_REACH : 0);
+        std::array<std::byte, 2 * FFD_BORDER_REACH> block;
+        size_t size = 0;
+        for (size_t count = 1; count > 0 && size < block.size(); size += count) {
+            count = read(std::span(block).subspan(size));
+        }
+        seek(kept);
+        FFDBorders const found =
+            ffd_find_borders(reinterpret_cast<uint8_t const*>(block.data()), size, wanted - begin);
+        return {begin + static_cast<uint32_t>(found.before),
+                begin + static_cast<uint32_t>(found.behind)};
     }
     /** Bytes of the whole MP3 file, with its tags and with what was deleted and appended. */
     uint32_t file_size() const {

@@ -37,11 +37,11 @@ std::vector<uint8_t> read_at(dry::Contents const& file, uint64_t fileOffset, siz
 
 std::string mpeg_version(Header const& header) {
     static char const* const kVersions[] = {"2.5", "", "2", "1"};
-    return kVersions[frame_version(header.data())];
+    return kVersions[ffd_frame_version(header.data())];
 }
 
 unsigned layer(Header const& header) {
-    return 4 - frame_layer(header.data());
+    return 4 - ffd_frame_layer(header.data());
 }
 
 uint32_t length_of(Header const& header) {

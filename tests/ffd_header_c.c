@@ -2,6 +2,8 @@
 #define FFD_LINKED
 #include "ffd.h"
 
+#include "ffd_frames.h"
+
 #include <ffd.h> /* a second inclusion changes nothing */
 
 FFD_ASSERT_LAYOUT(sizeof(FFDTable) == 24 * sizeof(void*));

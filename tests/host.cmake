@@ -22,3 +22,5 @@ set_tests_properties(ffd_header_cxx17 PROPERTIES PASS_REGULAR_EXPRESSION "ffd.hp
 
 # Everything that the headers declare is documented.
 add_test(NAME reference COMMAND ${CMAKE_SOURCE_DIR}/scripts/reference.sh)
+
+add_kiv_test(ffd_frames_test SOURCES ffd_frames_test.cpp)
