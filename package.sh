@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# package.sh [windows | deb | wheel]: makes, in dist/, the zip for Windows x64 (the two DLLs, the import
-# library, the headers, ffdhost.exe, the documents, the notices of what is linked in, checksums) and
-# the Debian package and the Python module, or one of them.
+# package.sh [windows | deb | wheel]: makes, in dist/, the zip for Windows x64 (the two DLLs, the
+# import library, the headers, ffdhost.exe, the documents, the notices of what is linked in, checksums) and
+# the Debian packages, and the Python module, or one of them.
 # Installs what is missing and builds first.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
@@ -10,9 +10,10 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
 make_deb() {
-    scripts/install-packages.sh dpkg-dev
-    scripts/build-preset.sh release xkivmp3 xkivlog ffdhost
-    (cd build && cpack -G DEB) | sed -nE 's|.*package: .*/(dist/.*) generated\.|\1|p'
+    scripts/install-packages.sh
+    rm -rf dist/debian
+    packaging/deb.sh dist/debian
+    ls dist/debian/*.deb
 }
 
 make_zip() {

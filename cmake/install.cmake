@@ -1,4 +1,4 @@
-# What `cmake --install` puts where, and the Debian package made of it by `cpack -G DEB`.
+# What `cmake --install` puts where. The Debian packages take it from there.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -12,7 +12,7 @@ set_target_properties(xkivmp3_host PROPERTIES EXPORT_NAME host)
 target_include_directories(xkivmp3_host INTERFACE $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 target_link_libraries(xkivmp3_host INTERFACE ${CMAKE_DL_LIBS})
 
-install(TARGETS xkivmp3 xkivlog xkivmp3_host ffdhost EXPORT xkivmp3)
+install(TARGETS xkivmp3 xkivlog xkivmp3_host EXPORT xkivmp3)
 install(DIRECTORY ${CMAKE_SOURCE_DIR}/include/ TYPE INCLUDE)
 install(EXPORT xkivmp3 NAMESPACE xkivmp3:: FILE xkivmp3-targets.cmake
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/xkivmp3)
@@ -33,7 +33,10 @@ install(DIRECTORY docs TYPE DOC PATTERN Doxyfile EXCLUDE PATTERN reference.md EX
 install(DIRECTORY examples TYPE DOC PATTERN CMakeLists.txt EXCLUDE)
 install(FILES LICENSE TYPE DOC RENAME copyright)
 
-if(NOT WIN32)
+if(TARGET ffdhost)
+    install(TARGETS ffdhost)
+endif()
+if(TARGET ffdhost AND NOT WIN32)
     configure_file(${CMAKE_SOURCE_DIR}/cli/ffdhost.1.in ${CMAKE_BINARY_DIR}/ffdhost.1 @ONLY)
     install(FILES ${CMAKE_BINARY_DIR}/ffdhost.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
     install(FILES ${CMAKE_SOURCE_DIR}/cli/completion/ffdhost.bash
@@ -41,19 +44,3 @@ if(NOT WIN32)
     install(FILES ${CMAKE_SOURCE_DIR}/cli/completion/_ffdhost
         DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
 endif()
-
-set(CPACK_GENERATOR DEB)
-set(CPACK_PACKAGE_NAME xkivmp3)
-set(CPACK_PACKAGE_CONTACT "${CMAKE_PROJECT_NAME} maintainers <maintainers@localhost>")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "MP3 dictation driver and its command-line host")
-set(CPACK_PACKAGE_DESCRIPTION 
-"A shared library that a dictation recorder loads to read and edit MP3
-files through one table of 24 entry points, without decoding them; its
-headers, and ffdhost, which drives it from the command line and tells
-what is wrong with a file.")
-set(CPACK_STRIP_FILES ON)
-set(CPACK_PACKAGE_DIRECTORY ${CMAKE_SOURCE_DIR}/dist)
-set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_SECTION sound)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-include(CPack)

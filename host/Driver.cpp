@@ -27,7 +27,7 @@ std::filesystem::path resolved(std::filesystem::path const& path) {
         load_failed(kDriverFileName, FFD_FILE_NOT_FOUND, "where this program lies can't be found");
     }
     std::filesystem::path const beside = own / kDriverFileName;
-    std::filesystem::path const installed = own / FFDHOST_LIBRARY_DIRECTORY / kDriverFileName;
+    std::filesystem::path const installed = own / FFDHOST_INSTALLED_DRIVER;
     std::error_code error;
     return !exists(beside, error) && exists(installed, error) ? installed : beside;
 }

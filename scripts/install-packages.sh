@@ -22,10 +22,12 @@ packages=(
     libgtest-dev libgmock-dev python3 # the tests
     python3-pytest mypy               # the Python module, tried out
     python3-setuptools python3-wheel  # and packed
+    debhelper dh-python python3-all   # the Debian packages
+    lintian                           # judges them
     ffmpeg mpg123 mp3check mp3val     # judge the files that the driver leaves
     valgrind
     doxygen                           # the reference of the headers
-    pkgconf dpkg-dev file debootstrap # the installation and the package, tried out
+    pkgconf dpkg-dev file debootstrap # the installation and the packages, tried out
     clang-14 libclang-rt-14-dev       # the fuzz targets
     "${windows[@]}"
     "$@"

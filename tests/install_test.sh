@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # install_test.sh SOURCE BUILD VERSION: what `cmake --install` lays down serves a project of its own,
-# by find_package and by pkg-config; the Debian package installs, works and goes away again in a
-# Debian root that has never seen it.
+# by find_package and by pkg-config; the Debian packages have the same bytes when built again, and
+# they install, take the place of older ones, work and go away in a root that has never seen them.
 set -euo pipefail
 
 source=$1 build=$2 version=$3
@@ -43,12 +43,10 @@ file(GENERATE OUTPUT driver CONTENT "\$<TARGET_FILE:xkivmp3::xkivmp3>")
 END
 # The table of a driver that is linked is filled when main begins.
 cat >"$work/project/links.c" <<'END'
+#define FFD_LINKED
 #include <ffd.h>
-extern void* FFD_Function_Table[FFD_SLOT_COUNT];
 int main(void) {
-    FFDGetGranularitySizeProc const slot =
-        (FFDGetGranularitySizeProc)FFD_Function_Table[FFD_SLOT_GET_GRANULARITY_SIZE];
-    return slot(NULL, NULL) == FFD_INVALID_HANDLE ? 0 : 1;
+    return FFD_Function_Table.close(NULL) == FFD_INVALID_HANDLE ? 0 : 1;
 }
 END
 quietly cmake -S "$work/project" -B "$work/project/build" -DCMAKE_PREFIX_PATH="$prefix"
@@ -64,18 +62,40 @@ works "$work/loads" "$(pkg-config --variable=driver xkivmp3 | sed 's/\\//g')"
 eval "gcc -o '$work/links' '$work/project/links.c' $(pkg-config --cflags --libs xkivmp3)"
 LD_LIBRARY_PATH=$(dirname "$(find "$prefix" -name libxkivmp3.so)") quietly "$work/links"
 
+# A packager has a compiler and CMake, and is told what else there could be.
+cmake -S "$source" -B "$work/plain" -DCMAKE_DISABLE_FIND_PACKAGE_CLI11=ON >"$work/log" 2>&1
+grep -q 'Not found: CLI11; the programs are left out' "$work/log" || fail "no word of what is missing"
+
+# Everything once, and again all but the program, which takes most of the time.
 quietly "$source/package.sh" deb
-package=$source/dist/xkivmp3_${version}_$(dpkg --print-architecture).deb
+DEB_BUILD_OPTIONS=noffdhost quietly "$source/packaging/deb.sh" "$work/again"
+for package in "$work"/again/*.deb; do
+    cmp "$package" "$source/dist/debian/$(basename "$package")"
+done
+[ "$(find "$work/again" -name '*.deb' | wc -l)" = 5 ] || fail "not all packages were made"
+quietly lintian --allow-root --fail-on error,warning "$source"/dist/debian/*.changes
+soname=libxkivmp3.so.${version%%.*} library=libxkivmp3-${version%%.*}
+
 if ! "${as_root[@]}" true 2>/dev/null; then
-    echo "install_test.sh: neither root nor sudo: the package was made and not tried"
+    echo "install_test.sh: neither root nor sudo: the packages were made and not tried"
     exit 77
 fi
 release=$(. /etc/os-release && echo "$VERSION_CODENAME")
 mirror=$(apt-get indextargets --format '$(REPO_URI)' "Codename: $release" | sed -n 1p)
 root=$work/root
-quietly "${as_root[@]}" debootstrap --variant=minbase "$release" "$root" "$mirror"
-"${as_root[@]}" cp "$package" "$root/package.deb"
-"${as_root[@]}" cp "$samples/speech-22k-mono-tagged.mp3" "$root/root/a.mp3"
+quietly "${as_root[@]}" debootstrap --variant=minbase --include=python3 "$release" "$root" "$mirror"
+mkdir "$work/new" "$work/old"
+for name in "$library" libxkivmp3-dev ffdhost python3-xkivmp3 libxkivmp3-doc; do
+    cp "$source/dist/debian/$name"_*.deb "$work/new/"
+    # The same as if it were older, and with a file that is gone now.
+    dpkg-deb -R "$work/new/$name"_*.deb "$work/older"
+    sed -i "s/$version/0.0.1/" "$work/older/DEBIAN/control"
+    mkdir -p "$work/older/usr/share/xkivmp3-gone/$name"
+    dpkg-deb --root-owner-group -Znone -b "$work/older" "$work/old/$name.deb" >"$work/log"
+    rm -r "$work/older"
+done
+"${as_root[@]}" cp -r "$work/new" "$work/old" "$source/examples/session.py" "$root/root/"
+"${as_root[@]}" cp "$samples/insert-22k-mono.mp3" "$root/root/clip.mp3"
 inside() {
     "${as_root[@]}" chroot "$root" "$@"
 }
@@ -83,11 +103,17 @@ everything() {
     inside find /usr /etc /opt -not -path '/etc/ld.so.cache' | sort
 }
 everything >"$work/before"
-quietly inside dpkg --install /package.deb
-inside ldconfig -p >"$work/log"
-grep -q 'libxkivmp3\.so\.0 ' "$work/log" || fail "the loader does not know the driver"
-quietly inside ffdhost edit /root/a.mp3 seek 1s delete 1s show
+for packages in old new; do
+    quietly inside sh -c "dpkg --install /root/$packages/*.deb"
+    inside ldconfig -p >"$work/log"
+    grep -q "$soname " "$work/log" || fail "the loader does not know the driver"
+    "${as_root[@]}" cp "$samples/speech-22k-mono-tagged.mp3" "$root/root/a.mp3"
+    quietly inside ffdhost edit /root/a.mp3 seek 1s delete 1s undo
+    [ "$(inside python3 /root/session.py "$soname" /root/a.mp3 /root/clip.mp3 | tail -n 1)" = \
+        "undone   96966 bytes" ] || fail "no session in Python"
+done
 [ "$(inside ffdhost --version)" = "ffdhost $version" ] || fail "the version in the package"
-[ "$(inside dpkg-query -W -f '${Version}' xkivmp3)" = "$version" ] || fail "the package's version"
-quietly inside dpkg --purge xkivmp3
+[ "$(inside dpkg-query -W -f '${Version}' "$library")" = "$version" ] || fail "the package's version"
+[ ! -e "$root/usr/share/xkivmp3-gone" ] || fail "the upgrade has left something"
+quietly inside dpkg --purge "$library" libxkivmp3-dev ffdhost python3-xkivmp3 libxkivmp3-doc
 everything | diff "$work/before" - >"$work/log" || { cat "$work/log"; fail "files are left"; }
