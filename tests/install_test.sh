@@ -107,8 +107,10 @@ for packages in old new; do
     quietly inside sh -c "dpkg --install /root/$packages/*.deb"
     inside ldconfig -p >"$work/log"
     grep -q "$soname " "$work/log" || fail "the loader does not know the driver"
-    "${as_root[@]}" cp "$samples/speech-22k-mono-tagged.mp3" "$root/root/a.mp3"
-    quietly inside ffdhost edit /root/a.mp3 seek 1s delete 1s undo
+    for file in a b; do
+        "${as_root[@]}" cp "$samples/speech-22k-mono-tagged.mp3" "$root/root/$file.mp3"
+    done
+    quietly inside ffdhost edit /root/b.mp3 seek 1s delete 1s
     [ "$(inside python3 /root/session.py "$soname" /root/a.mp3 /root/clip.mp3 | tail -n 1)" = \
         "undone   96966 bytes" ] || fail "no session in Python"
 done

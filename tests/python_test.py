@@ -188,6 +188,6 @@ def test_where_the_driver_is_looked_for(tmp_path):
     assert load(tmp_path, XKIVMP3=str(library)) == str(library)
     assert load(module.parent, repr(os.path.join(".", library.name))) == str(library)
     for answer in (load(module.parent), load(module.parent, repr(library.name)),
-                   load(module.parent, XKIVMP3=library.name),
+                   load(module.parent, XKIVMP3=os.path.join(".", library.name)),
                    load(module.parent, "'libc.so.6'"), load(module.parent, "'/none.so'")):
         assert "LoadError" in answer, answer
