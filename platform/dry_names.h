@@ -36,7 +36,10 @@ time_t DryTime(time_t* pTime);
 HANDLE DryPlatformCreatePrivateFile(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
                                     HANDLE hLike);
 BOOL DryPlatformSetReadOnly(LPCSTR pszPath);
-BOOL DryPlatformCopyPermissions(HANDLE hFrom, HANDLE hTo);
+BOOL DryPlatformCopyPermissions(HANDLE hFrom, HANDLE hTo, bool bCompanion);
+BOOL DryPlatformGetFileIdentity(HANDLE hFile, struct PlatformFileIdentity* pIdentity);
+BOOL DryPlatformGetNameIdentity(LPCSTR pszPath, struct PlatformFileIdentity* pIdentity);
+BOOL DryPlatformTestCompanion(HANDLE hFile, LPCSTR pszPath, LPCSTR pszSoundPath);
 DWORD DryPlatformCopyBytes(HANDLE hFrom, HANDLE hTo, DWORD dwBytes);
 
 #if !defined(KIV_PLATFORM_OWN_CALLS) // the sources of this layer reach the true calls
@@ -60,6 +63,9 @@ DWORD DryPlatformCopyBytes(HANDLE hFrom, HANDLE hTo, DWORD dwBytes);
 #define PlatformCopyPermissions DryPlatformCopyPermissions
 #define PlatformSetReadOnly DryPlatformSetReadOnly
 #define PlatformCopyBytes DryPlatformCopyBytes
+#define PlatformGetFileIdentity DryPlatformGetFileIdentity
+#define PlatformGetNameIdentity DryPlatformGetNameIdentity
+#define PlatformTestCompanion DryPlatformTestCompanion
 #define time(pTime) DryTime(pTime)
 
 // The driver's own two names: the driver that ships may be loaded beside this one.

@@ -20,6 +20,7 @@ struct File {
     std::string name;          // absolute; the one it has, or had last
     std::string realName;      // on the disk; empty for one that was made here
     uint64_t ullRealBytes = 0; // on the disk
+    PlatformFileIdentity identity = {};
 };
 
 struct Name {
@@ -56,6 +57,7 @@ struct State {
     std::vector<Failure> failures;
     std::optional<uint64_t> ullFreeBytes;
     uint64_t ullSleptMs = 0;
+    uint64_t ullFilesMade = 0;
     time_t emptyDiskNow = TIME_ON_EMPTY_DISK;
 };
 
@@ -156,7 +158,7 @@ DWORD find_file(std::string const& path, DWORD dwAccess, DWORD dwShare,
     }
     std::string const& onDisk = bKnown ? pName->pFile->realName : path;
     HANDLE hFile = INVALID_HANDLE_VALUE;
-    DWORD const dwError = look(onDisk, dwAccess, dwShare, hFile);
+    DWORD dwError = look(onDisk, dwAccess, dwShare, hFile);
     if (dwError != NO_ERROR)
         return dwError;
     if (bKnown) {
@@ -164,14 +166,19 @@ DWORD find_file(std::string const& path, DWORD dwAccess, DWORD dwShare,
         pFile = pName->pFile;
         return NO_ERROR;
     }
+    PlatformFileIdentity identity = {};
+    dwError = PlatformGetFileIdentity(hFile, &identity) ? NO_ERROR : GetLastError();
     auto const pReal = std::make_shared<RealFile const>(hFile, path);
-    if (pReal->error() != NO_ERROR)
-        return pReal->error();
+    if (dwError == NO_ERROR)
+        dwError = pReal->error();
+    if (dwError != NO_ERROR)
+        return dwError;
     pFile = std::make_shared<File>();
     pFile->contents = Contents(pReal);
     pFile->name = path;
     pFile->realName = path;
     pFile->ullRealBytes = pReal->size();
+    pFile->identity = identity;
     state().names.push_back({path, pFile});
     return NO_ERROR;
 }
@@ -200,6 +207,7 @@ DWORD make_file(std::string const& path, std::shared_ptr<File>& pFile) {
     if (dwError != NO_ERROR)
         return dwError;
     pFile = std::make_shared<File>();
+    pFile->identity = {~uint64_t{0}, ++state().ullFilesMade, 0};
     give_name(path, pFile);
     return NO_ERROR;
 }
@@ -565,7 +573,7 @@ HANDLE DryPlatformCreatePrivateFile(LPCSTR lpFileName, DWORD dwDesiredAccess, DW
                           FILE_ATTRIBUTE_NORMAL, nullptr);
 }
 
-BOOL DryPlatformCopyPermissions(HANDLE hFrom, HANDLE hTo) {
+BOOL DryPlatformCopyPermissions(HANDLE hFrom, HANDLE hTo, bool /*bCompanion*/) {
     dry::Handle const* const pFrom = dry::file_handle("PlatformCopyPermissions", hFrom, 0);
     dry::Handle const* const pTo = dry::file_handle("PlatformCopyPermissions", hTo, GENERIC_WRITE);
     if (pFrom == nullptr || pTo == nullptr)
@@ -582,6 +590,44 @@ BOOL DryPlatformSetReadOnly(LPCSTR pszPath) {
         return dry::fail("PlatformSetReadOnly", path, dwError);
     dry::note(dry::Change::Kind::Permissions, *pFile);
     return TRUE;
+}
+
+BOOL DryPlatformGetFileIdentity(HANDLE hFile, PlatformFileIdentity* pIdentity) {
+    dry::Handle const* const pHandle = dry::file_handle("PlatformGetFileIdentity", hFile, 0);
+    if (pHandle == nullptr)
+        return FALSE;
+    *pIdentity = pHandle->pFile->identity;
+    return TRUE;
+}
+
+BOOL DryPlatformGetNameIdentity(LPCSTR pszPath, PlatformFileIdentity* pIdentity) {
+    std::string const path = dry::absolute(pszPath);
+    dry::Name const* const pName = dry::find_name(path.c_str());
+    std::shared_ptr<dry::File> pFile = pName != nullptr ? pName->pFile : nullptr;
+    DWORD dwError = NO_ERROR;
+    if (pFile == nullptr)
+        dwError = dry::find_file(path, 0, FILE_SHARE_READ | FILE_SHARE_WRITE, pFile);
+    if (dwError != NO_ERROR)
+        return dry::fail("PlatformGetNameIdentity", path, dwError);
+    *pIdentity = pFile->identity;
+    return TRUE;
+}
+
+BOOL DryPlatformTestCompanion(HANDLE hFile, LPCSTR pszPath, LPCSTR pszSoundPath) {
+    dry::Handle const* const pHandle = dry::file_handle("PlatformTestCompanion", hFile, 0);
+    if (pHandle == nullptr)
+        return FALSE;
+    std::string const& onDisk = pHandle->pFile->realName;
+    if (onDisk.empty())
+        return TRUE;
+    HANDLE hLook = INVALID_HANDLE_VALUE;
+    DWORD dwError = dry::look(onDisk, 0, FILE_SHARE_READ | FILE_SHARE_WRITE, hLook);
+    if (dwError == NO_ERROR) {
+        if (!PlatformTestCompanion(hLook, onDisk.c_str(), pszSoundPath))
+            dwError = GetLastError();
+        CloseHandle(hLook);
+    }
+    return dwError == NO_ERROR ? TRUE : dry::fail("PlatformTestCompanion", pszPath, dwError);
 }
 
 DWORD DryPlatformCopyBytes(HANDLE hFrom, HANDLE hTo, DWORD dwBytes) {

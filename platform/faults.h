@@ -33,6 +33,9 @@ enum class Call {
     GetDiskFreeSpaceEx,
     DriverCallback,
     CopyPermissions,
+    GetFileIdentity,
+    GetNameIdentity,
+    TestCompanion,
     CopyBytes,
     Any // in a rule or a question: every kind above
 };

@@ -100,6 +100,7 @@ typedef union ULARGE_INTEGER {
 #define OPEN_ALWAYS 4u
 #define TRUNCATE_EXISTING 5u
 #define FILE_ATTRIBUTE_NORMAL 0x00000080u
+#define FILE_FLAG_OPEN_REPARSE_POINT 0x00200000u
 #define FILE_FLAG_DELETE_ON_CLOSE 0x04000000u
 #define FILE_BEGIN 0u
 #define FILE_CURRENT 1u
@@ -138,7 +139,9 @@ typedef union ULARGE_INTEGER {
 #define ERROR_ALREADY_EXISTS 183u
 #define ERROR_FILENAME_EXCED_RANGE 206u
 #define ERROR_FILE_TOO_LARGE 223u
+#define ERROR_FILE_INVALID 1006u
 #define ERROR_IO_DEVICE 1117u
+#define ERROR_CANT_ACCESS_FILE 1920u
 
 #define WAVE_FORMAT_MPEGLAYER3 0x0055
 #define MPEGLAYER3_WFX_EXTRA_BYTES 12
@@ -174,7 +177,8 @@ extern "C" {
 // Opens or makes a regular file; INVALID_HANDLE_VALUE on failure. Dispositions CREATE_NEW,
 // CREATE_ALWAYS, OPEN_EXISTING, OPEN_ALWAYS, TRUNCATE_EXISTING. Access GENERIC_READ and
 // GENERIC_WRITE. The share mode holds against every other handle of this layer, in this process and
-// in others: error 32. `lpSecurityAttributes` and `hTemplateFile` are null.
+// in others: error 32. `lpSecurityAttributes` and `hTemplateFile` are null. With the flag
+// FILE_FLAG_OPEN_REPARSE_POINT a symbolic link is not followed: error 1920.
 HANDLE WINAPI CreateFileA(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
                           LPVOID lpSecurityAttributes, DWORD dwCreationDisposition,
                           DWORD dwFlagsAndAttributes, HANDLE hTemplateFile);
@@ -297,9 +301,33 @@ bool PlatformNameOnDisk(LPCSTR pszPath, char (*pszName)[MAX_PATH]);
 HANDLE PlatformCreatePrivateFile(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
                                  HANDLE hLike);
 
-// Gives the file behind hTo the permissions (Linux) or the access list and attributes (Windows) of
-// the one behind hFrom, but for the mark that makes it read-only on Windows.
-BOOL PlatformCopyPermissions(HANDLE hFrom, HANDLE hTo);
+// Gives the file behind hTo the permissions (Linux: mode, group, access list and, where the process
+// may, owner) or the access list and attributes (Windows, but for the mark that
+// makes it read-only there) of the one behind hFrom. Where the group can't be kept, it
+// and all others get what both had. A companion, which is kept beside the other file, gets no
+// set-id and execute bits, and its owner can read and write it. Where the file system has no
+// permissions there is nothing to copy, which is no failure. If nobody could read hTo who may not
+// read hFrom, that holds at every instant.
+BOOL PlatformCopyPermissions(HANDLE hFrom, HANDLE hTo, bool bCompanion);
+
+// Which file it is, whatever its name: no two that are there at one time have the same.
+struct PlatformFileIdentity {
+    uint64_t ullVolume;
+    uint64_t ullFile;
+    uint64_t ullBirth; // Linux, where the file system knows: ns since 1970; else 0
+    bool operator==(PlatformFileIdentity const&) const = default;
+};
+
+// The identity of the file behind a handle, or that a path leads to, links followed.
+BOOL PlatformGetFileIdentity(HANDLE hFile, PlatformFileIdentity* pIdentity);
+BOOL PlatformGetNameIdentity(LPCSTR pszPath, PlatformFileIdentity* pIdentity);
+
+// Whether the file that was opened under a path can be one that the driver keeps beside a sound
+// file. Error 1920 if the path is a link, if the file is the sound file itself, and if, in a folder
+// that is sticky and writable for all, its owner is none of these: the owner of the sound file, of
+// the folder, of the process; root. (Elsewhere, whoever may write in the folder could replace the
+// sound file.)
+BOOL PlatformTestCompanion(HANDLE hFile, LPCSTR pszPath, LPCSTR pszSoundPath);
 
 // Whether a file has a mark that forbids to write and to remove it, and setting it. On Linux no
 // file has one; permissions are asked by the calls themselves.

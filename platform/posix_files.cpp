@@ -322,29 +322,3 @@ bool PlatformIsReadOnly(LPCSTR /*pszPath*/) {
 BOOL PlatformSetReadOnly(LPCSTR /*pszPath*/) {
     return TRUE;
 }
-
-BOOL PlatformCopyPermissions(HANDLE hFrom, HANDLE hTo) {
-    FAULT_POINT(CopyPermissions, FALSE);
-    posix::ObjectUse const from(hFrom, posix::Kind::File);
-    posix::ObjectUse const to(hTo, posix::Kind::File);
-    DWORD dwError = posix::check(from, 0);
-    if (dwError == NO_ERROR)
-        dwError = posix::check(to, GENERIC_WRITE);
-    if (dwError != NO_ERROR)
-        return posix::fail(dwError);
-    struct stat status {};
-    if (fstat(from->fd, &status) != 0)
-        return posix::fail(posix::error_of(errno));
-    FAULT_CHANGE();
-    // The owner goes first: a change of it clears the set-id bits, which only the same owner may
-    // keep.
-    constexpr mode_t SET_ID_BITS = S_ISUID | S_ISGID;
-    mode_t mode = status.st_mode & 07777;
-    constexpr uid_t SAME_OWNER = static_cast<uid_t>(-1);
-    if (fchown(to->fd, status.st_uid, status.st_gid) != 0) {
-        mode &= ~SET_ID_BITS;
-        // The group alone may be in the caller's hands. If not, the new file is the caller's.
-        static_cast<void>(fchown(to->fd, SAME_OWNER, status.st_gid) == 0);
-    }
-    return fchmod(to->fd, mode) == 0 ? TRUE : posix::fail(posix::error_of(errno));
-}

@@ -18,6 +18,7 @@ struct Request {
     DWORD dwShare;
     DWORD dwDisposition;
     bool bDeleteOnClose;
+    bool bNoLink;         // a link is not followed
     mode_t modeOfNewFile; // what the umask leaves of it
 
     bool empties() const {
@@ -44,7 +45,7 @@ DWORD check(Request const& request) {
 // handle is checked at each call instead.
 int open_flags(Request const& request) {
     bool const bWrites = (request.dwAccess & GENERIC_WRITE) != 0 || request.empties();
-    return bWrites ? O_RDWR : O_RDONLY;
+    return (bWrites ? O_RDWR : O_RDONLY) | (request.bNoLink ? O_NOFOLLOW : 0);
 }
 
 // The descriptor stays -1, without an error, if the file came or went at the wrong moment.
@@ -73,6 +74,8 @@ DWORD open_or_make_file(Request const& request, Object& object) {
         return NO_ERROR;
     if (errno == ENOENT && request.makes_if_missing())
         return make_file(request, object);
+    if (errno == ELOOP && request.bNoLink)
+        return ERROR_CANT_ACCESS_FILE;
     return error_of_path(errno, request.pszPath);
 }
 
@@ -160,13 +163,15 @@ HANDLE WINAPI CreateFileA(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShar
                           DWORD dwFlagsAndAttributes, HANDLE /*hTemplateFile*/) {
     FAULT_POINT(CreateFile, INVALID_HANDLE_VALUE);
     return posix::create_file({lpFileName, dwDesiredAccess, dwShareMode, dwCreationDisposition,
-                               (dwFlagsAndAttributes & FILE_FLAG_DELETE_ON_CLOSE) != 0, 0666});
+                               (dwFlagsAndAttributes & FILE_FLAG_DELETE_ON_CLOSE) != 0,
+                               (dwFlagsAndAttributes & FILE_FLAG_OPEN_REPARSE_POINT) != 0, 0666});
 }
 
 HANDLE PlatformCreatePrivateFile(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
                                  HANDLE /*hLike*/) {
     FAULT_POINT(CreateFile, INVALID_HANDLE_VALUE);
-    return posix::create_file({lpFileName, dwDesiredAccess, dwShareMode, CREATE_NEW, false, 0600});
+    return posix::create_file(
+        {lpFileName, dwDesiredAccess, dwShareMode, CREATE_NEW, false, true, 0600});
 }
 
 BOOL WINAPI CloseHandle(HANDLE hObject) {

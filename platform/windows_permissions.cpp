@@ -83,7 +83,7 @@ HANDLE PlatformCreatePrivateFile(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD
     return INVALID_HANDLE_VALUE;
 }
 
-BOOL PlatformCopyPermissions(HANDLE hFrom, HANDLE hTo) {
+BOOL PlatformCopyPermissions(HANDLE hFrom, HANDLE hTo, bool bCompanion) {
     FAULT_POINT(CopyPermissions, FALSE);
     // Not FILE_ATTRIBUTE_READONLY: such a file can't be removed, see PlatformSetReadOnly.
     constexpr DWORD COPIED_ATTRIBUTES = FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM |
@@ -98,7 +98,8 @@ BOOL PlatformCopyPermissions(HANDLE hFrom, HANDLE hTo) {
     SecurityDescriptor const list = access_list_of(hFrom);
     bool const bListed = list == nullptr || set_access_list(hTo, list.get());
     DWORD const dwError = GetLastError();
-    if (!SetFileInformationByHandle(hTo, FileBasicInfo, &to, sizeof to))
+    // What is kept beside a file has attributes of its own.
+    if (!bCompanion && !SetFileInformationByHandle(hTo, FileBasicInfo, &to, sizeof to))
         return FALSE;
     SetLastError(dwError);
     return bListed;

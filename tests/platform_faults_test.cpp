@@ -24,6 +24,7 @@ TEST_F(PlatformFaults, EveryKindFailsOnceWithItsErrorAndDoesNothing) {
     void* block = nullptr;
     char text[300];
     DWORD moved = 0;
+    PlatformFileIdentity identity = {};
     string const c = path("c");
     make_file(c, "");
     struct Row {
@@ -39,7 +40,10 @@ TEST_F(PlatformFaults, EveryKindFailsOnceWithItsErrorAndDoesNothing) {
         {Call::SetEndOfFile, [&] { return SetEndOfFile(file); }},
         {Call::GetFileSize, [&] { return GetFileSize(file, nullptr) == 2; }},
         {Call::FlushFileBuffers, [&] { return FlushFileBuffers(file); }},
-        {Call::CopyPermissions, [&] { return PlatformCopyPermissions(file, file); }},
+        {Call::CopyPermissions, [&] { return PlatformCopyPermissions(file, file, false); }},
+        {Call::GetFileIdentity, [&] { return PlatformGetFileIdentity(file, &identity); }},
+        {Call::GetNameIdentity, [&] { return PlatformGetNameIdentity(a.c_str(), &identity); }},
+        {Call::TestCompanion, [&] { return PlatformTestCompanion(file, a.c_str(), c.c_str()); }},
         {Call::CopyBytes,
          [&] {
              Opened const other(c, READ_WRITE, 0);

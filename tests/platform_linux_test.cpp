@@ -141,9 +141,9 @@ TEST_F(PlatformLinux, RightsAreCopiedFromFileToFile) {
     ASSERT_EQ(chmod(a.c_str(), 04640), 0);
     Opened const from(a, READ, 3);
     Opened const to(b, READ_WRITE, 0, 1);
-    EXPECT_TRUE(PlatformCopyPermissions(from, to));
-    EXPECT_TRUE(PlatformCopyPermissions(to, to));
-    EXPECT_FALSE(PlatformCopyPermissions(to, from));
+    EXPECT_TRUE(PlatformCopyPermissions(from, to, false));
+    EXPECT_TRUE(PlatformCopyPermissions(to, to, false));
+    EXPECT_FALSE(PlatformCopyPermissions(to, from, false));
     struct stat expected {
     }, got{};
     stat(a.c_str(), &expected);

@@ -137,7 +137,7 @@ TEST_F(PlatformOutcomes, HandlesThatAreNotOpenAndAccessThatIsNotThere) {
             {"cut", 6, error_unless(SetEndOfFile(bad))},
             {"flush", 6, error_unless(FlushFileBuffers(bad))},
             {"map", 6, error_unless(MapViewOfFile(bad, 2, 0, 0, 1) != nullptr)},
-            {"permissions", 6, error_unless(PlatformCopyPermissions(open, bad))},
+            {"permissions", 6, error_unless(PlatformCopyPermissions(open, bad, false))},
         });
         EXPECT_EQ(read_text(bad), "error 6");
     }

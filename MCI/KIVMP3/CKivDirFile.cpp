@@ -4,26 +4,20 @@
 #include "MCI/KIVMP3/CKivDirFile.h"
 
 #include "MCI/KIVMP3/INTERNAL.h"
+#include "MCI/KIVMP3/Patience.h"
 
 #include <algorithm>
 #include <cstring>
-#include <ctime>
 
 #define TRACE_MODULE "XKIVMP3.DLL"
 #include "log/trace.h"
-
-namespace {
-
-// How long a close tries to get the .DIR file back, in seconds.
-constexpr int64_t MOST_SECONDS_FOR_FLUSH = 3;
-
-} // namespace
 
 void CKivDirFile::create_directory_file(LPCSTR pszFilePath_p, FFDCreation ffdCreation_p,
                                         FFDDesiredAccess ffdDesiredAccess_p) {
     TRACE_ENTRY("-----CKivDirFile::create_directory_file(...)");
     TRACE_PARAM("pszFilePath_p", "%s", pszFilePath_p);
     m_szDirFilePath[0] = '\0';
+    m_pszSoundPath = pszFilePath_p;
     m_bReadOnly = ffdDesiredAccess_p == FFD_ACCESS_READWRITE ? FALSE : TRUE;
     TRACE_INFO(m_bReadOnly ? "Desired Access: READ ONLY" : "Desired Access: READ/WRITE");
     if (!m_bReadOnly) {
@@ -52,35 +46,128 @@ void CKivDirFile::create_directory_mapping(LPCSTR pszFilePath_p, FFDCreation ffd
         return;
     }
     DWORD dwFileSize = 0;
-    if (ffdCreation_p == FFD_OPEN_EXISTING && open_existing_file(pszFilePath_p, &dwFileSize)) {
+    if (ffdCreation_p == FFD_OPEN_EXISTING && open_existing_file(&dwFileSize)) {
         m_dwDirSize = std::max(dwFileSize, DIR_FILE_SIZE);
         allocate_buffer(dwFileSize);
         if (!is_damaged(dwFileSize)) {
             clear_behind_end();
+            m_bAdopted = !is_new_directory();
             return;
         }
         KIVMP3_free_block(m_psDirHeader);
         m_psDirHeader = nullptr;
         m_dwDirSize = DIR_FILE_SIZE;
-        set_file_aside(pszFilePath_p);
+        set_damaged_file_aside();
     }
     if (m_hDirFile == nullptr) {
-        open_new_file(pszFilePath_p);
+        open_new_file();
     }
     allocate_buffer(0);
 }
 
+// Opens the .DIR file; if it may be made and is not there, makes it. The error number, 0 on
+// success. A file that another process has made in between is opened as it is: it would hold its
+// edits.
+DWORD CKivDirFile::open_dir_file(bool bMake_p, bool* pbMade_p) {
+    constexpr int nMostTries = 10;
+    DWORD dwError = ERROR_FILE_NOT_FOUND;
+    *pbMade_p = false;
+    for (int nTry = 0; nTry < nMostTries; ++nTry) {
+        m_hDirFile = KIVMP3_open_companion(m_szDirFilePath, m_pszSoundPath, &dwError,
+                                           GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ);
+        if (dwError != ERROR_FILE_NOT_FOUND || !bMake_p) {
+            return dwError;
+        }
+        m_hDirFile = PlatformCreatePrivateFile(m_szDirFilePath, GENERIC_READ | GENERIC_WRITE,
+                                               FILE_SHARE_READ, nullptr);
+        if (m_hDirFile != INVALID_HANDLE_VALUE) {
+            *pbMade_p = true;
+            m_bPermissionsDue = true;
+            give_permissions();
+            return NO_ERROR;
+        }
+        dwError = GetLastError();
+        m_hDirFile = nullptr;
+        if (dwError != ERROR_FILE_EXISTS && dwError != ERROR_ALREADY_EXISTS) {
+            return dwError;
+        }
+    }
+    return dwError;
+}
+
+// The same for the first time: whatever file it is becomes the directory's.
+DWORD CKivDirFile::take_dir_file(bool bMake_p) {
+    bool bMade = false;
+    DWORD dwError = open_dir_file(bMake_p, &bMade);
+    if (dwError == NO_ERROR && !PlatformGetFileIdentity(m_hDirFile, &m_DirIdentity)) {
+        dwError = GetLastError();
+        close_dir_file();
+    }
+    return dwError;
+}
+
+// The same for the file that was let go after a flush: a file of another identity and with other
+// bytes than were written is let go again, untouched, with error 1006.
+DWORD CKivDirFile::reopen_dir_file(bool bMake_p) {
+    bool bMade = false;
+    DWORD dwError = open_dir_file(bMake_p, &bMade);
+    PlatformFileIdentity found = {};
+    if (dwError == NO_ERROR && !PlatformGetFileIdentity(m_hDirFile, &found)) {
+        dwError = GetLastError();
+    }
+    if (dwError == NO_ERROR && (bMade || found == m_DirIdentity || holds_bytes_of_last_flush())) {
+        m_DirIdentity = found;
+        m_bLost = false;
+        return NO_ERROR;
+    }
+    note_lost();
+    if (is_held()) {
+        KIVMP3_release_file(&m_hDirFile);
+    }
+    return dwError == NO_ERROR ? ERROR_FILE_INVALID : dwError;
+}
+
+// Keeps in mind what the .DIR file holds, as long as that is still in the buffer.
+void CKivDirFile::note_lost() {
+    if (!m_bLost) {
+        m_bLost = true;
+        CFingerprint oFingerprint;
+        oFingerprint.add(reinterpret_cast<BYTE const*>(m_psDirHeader), m_dwDirSize);
+        m_ullLostFingerprint = oFingerprint.get();
+    }
+}
+
+// Of the file that is open now; its identity may have changed, as it does on some file systems.
+bool CKivDirFile::holds_bytes_of_last_flush() {
+    note_lost();
+    uint64_t ullFingerprint = 0;
+    return KIVMP3_fingerprint_file(m_hDirFile, &ullFingerprint) == FFD_NOERROR &&
+           ullFingerprint == m_ullLostFingerprint;
+}
+
+void CKivDirFile::set_sound_file(HANDLE hSoundFile_p) {
+    m_hSoundFile = hSoundFile_p;
+    give_permissions();
+}
+
+void CKivDirFile::give_permissions() {
+    if (m_bPermissionsDue && m_hSoundFile != nullptr && is_held()) {
+        m_bPermissionsDue = false;
+        if (!PlatformCopyPermissions(m_hSoundFile, m_hDirFile, true)) {
+            TRACE_ERROR(GetLastError(), "GetLastError() after PlatformCopyPermissions(..)");
+        }
+    }
+}
+
 // Whether there is a .DIR file with contents, open then, with its size in bytes. An empty one,
 // which never saw a flush, is open too: made anew, it could be another process's by then.
-bool CKivDirFile::open_existing_file(LPCSTR pszFilePath_p, DWORD* pdwFileSize_p) {
-    DWORD dwError = NO_ERROR;
-    m_hDirFile = KIVMP3_open_existing_file(pszFilePath_p, GENERIC_READ | GENERIC_WRITE,
-                                           FILE_SHARE_READ, &dwError);
-    if (m_hDirFile == nullptr) {
-        if (dwError == ERROR_FILE_NOT_FOUND) {
-            TRACE_INFO("dir file does not exist");
-            return false;
-        }
+bool CKivDirFile::open_existing_file(DWORD* pdwFileSize_p) {
+    DWORD dwError = take_dir_file(false);
+    if (dwError == ERROR_FILE_NOT_FOUND) {
+        TRACE_INFO("dir file does not exist");
+        return false;
+    }
+    if (dwError != NO_ERROR) {
         TRACE_ERROR(dwError, "GetLastError() after CreateFile()");
         throw FFDError{FFD_FILE_IO_ERROR};
     }
@@ -93,33 +180,30 @@ bool CKivDirFile::open_existing_file(LPCSTR pszFilePath_p, DWORD* pdwFileSize_p)
     }
     if (ullFileSize > DIR_FILE_SIZE_MOST) {
         TRACE_ERROR(FFD_FILE_IO_ERROR, "dir file is damaged: too large");
-        set_file_aside(pszFilePath_p);
+        set_damaged_file_aside();
         return false;
     }
     if (ullFileSize == 0) {
+        m_bPermissionsDue = true; // a crash may have come first
         return false;
     }
     *pdwFileSize_p = static_cast<DWORD>(ullFileSize);
     return true;
 }
 
-void CKivDirFile::set_file_aside(LPCSTR pszFilePath_p) {
+void CKivDirFile::set_damaged_file_aside() {
     KIVMP3_release_file(&m_hDirFile);
     m_hDirFile = nullptr;
-    if (!KIVMP3_set_file_aside(pszFilePath_p)) {
+    if (!KIVMP3_set_file_aside(m_szDirFilePath)) {
         TRACE_ERROR(FFD_FILE_IO_ERROR, "by KIVMP3_set_file_aside(.)");
         throw FFDError{FFD_FILE_IO_ERROR};
     }
 }
 
-// Leaves alone what a file of that name holds: it would be the edits of another process that came
-// in between.
-void CKivDirFile::open_new_file(LPCSTR pszFilePath_p) {
-    m_hDirFile = CreateFileA(pszFilePath_p, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr,
-                             OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (m_hDirFile == INVALID_HANDLE_VALUE) {
-        m_hDirFile = nullptr;
-        TRACE_ERROR(GetLastError(), "GetLastError() after CreateFile(...)");
+void CKivDirFile::open_new_file() {
+    DWORD const dwError = take_dir_file(true);
+    if (dwError != NO_ERROR) {
+        TRACE_ERROR(dwError, "GetLastError() after CreateFile(...)");
         throw FFDError{FFD_FILE_IO_ERROR};
     }
 }
@@ -202,10 +286,10 @@ DWORD CKivDirFile::write_dir_file() {
         return dwError;
     }
     m_bOnDisk = true;
-    m_hDirFile = CreateFileA(m_szDirFilePath, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ,
-                             nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (m_hDirFile == INVALID_HANDLE_VALUE) {
-        dwError = GetLastError();
+    m_hDirFile = nullptr;
+    m_bLost = false;
+    dwError = reopen_dir_file(false);
+    if (dwError != NO_ERROR) {
         TRACE_ERROR(dwError, "GetLastError() after CreateFile(..) -> FFD_FILE_IO_ERROR");
         return dwError;
     }
@@ -214,41 +298,60 @@ DWORD CKivDirFile::write_dir_file() {
 }
 
 bool CKivDirFile::flush_before_close() {
+    if (is_held() && !is_under_its_name()) {
+        KIVMP3_release_file(&m_hDirFile);
+        set_flush_pending();
+        TRACE_ERROR(ERROR_FILE_INVALID, "dir file is another file by now");
+        if (!set_other_file_aside()) {
+            return false;
+        }
+    }
     if (!m_bFlushPending) {
         return true;
     }
     bool const bOnDisk = m_bOnDisk;
     // Another process that finds the .DIR file let go holds it until it sees that it comes second.
-    int64_t const llBegin = time(nullptr);
-    int64_t llNow = llBegin;
-    bool bHeldElsewhere = true;
-    while (bHeldElsewhere && llNow >= llBegin && llNow - llBegin <= MOST_SECONDS_FOR_FLUSH) {
-        DWORD dwError = NO_ERROR;
-        bHeldElsewhere = flush_dir_file(&dwError) != FFD_NOERROR && !is_held() &&
-                         dwError == ERROR_SHARING_VIOLATION;
-        llNow = time(nullptr);
+    DWORD dwError = NO_ERROR;
+    CPatience oPatience;
+    do {
+        flush_dir_file(&dwError);
+    } while (!is_held() && dwError == ERROR_SHARING_VIOLATION &&
+             oPatience.wait_for(m_szDirFilePath, dwError));
+    if (dwError == ERROR_FILE_INVALID) {
+        return set_other_file_aside() && flush_dir_file() == FFD_NOERROR;
     }
-    return !(bHeldElsewhere && (bOnDisk || m_bOnDisk));
+    bool const bHeldElsewhere = !is_held() && dwError == ERROR_SHARING_VIOLATION;
+    return dwError != ERROR_CANT_ACCESS_FILE && !(bHeldElsewhere && (bOnDisk || m_bOnDisk));
+}
+
+// Renames the file that has come under the .DIR file's name to ".bad", unless somebody holds it or
+// it is none that this driver may touch. Whether the name is free.
+bool CKivDirFile::set_other_file_aside() {
+    DWORD dwError = NO_ERROR;
+    HANDLE hFile =
+        KIVMP3_open_companion(m_szDirFilePath, m_pszSoundPath, &dwError, GENERIC_READ, 0);
+    if (hFile != nullptr) {
+        KIVMP3_release_file(&hFile);
+        return KIVMP3_set_file_aside(m_szDirFilePath) != 0;
+    }
+    return dwError == ERROR_FILE_NOT_FOUND;
 }
 
 bool CKivDirFile::is_held() const {
     return m_hDirFile != INVALID_HANDLE_VALUE && m_hDirFile != nullptr;
 }
 
-// Gets the .DIR file back that an earlier flush wrote but could not open again. The error number, 0
-// on success.
+// Gets the .DIR file back that an earlier flush wrote but could not open again, or makes it. The
+// error number, 0 on success.
 DWORD CKivDirFile::reopen_lost_file() {
     if (is_held()) {
         return NO_ERROR;
     }
-    m_hDirFile = CreateFileA(m_szDirFilePath, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ,
-                             nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (m_hDirFile == INVALID_HANDLE_VALUE) {
-        DWORD const dwError = GetLastError();
+    DWORD const dwError = reopen_dir_file(true);
+    if (dwError != NO_ERROR) {
         TRACE_ERROR(dwError, "GetLastError() after CreateFile(..) -> FFD_FILE_IO_ERROR");
-        return dwError;
     }
-    return NO_ERROR;
+    return dwError;
 }
 
 FFDError CKivDirFile::close_dir_file() {
@@ -296,11 +399,25 @@ FFDError CKivDirFile::close_dir_memory_mapping() {
     return close_dir_file() != FFD_NOERROR ? FFD_FILE_IO_ERROR : ffdError;
 }
 
+// Whether the name of the .DIR file still leads to it. A name that is gone counts as such.
+bool CKivDirFile::is_under_its_name() {
+    PlatformFileIdentity found = {};
+    if (is_held()) { // the present one: on some file systems it changes
+        PlatformGetFileIdentity(m_hDirFile, &m_DirIdentity);
+    }
+    return !PlatformGetNameIdentity(m_szDirFilePath, &found) || found == m_DirIdentity;
+}
+
 FFDError CKivDirFile::delete_directory_file() {
     TRACE_ENTRY("-----CKivDirFile::delete_directory_file()");
     FFDError ffdError = close_dir_file();
     if (!m_bReadOnly && m_szDirFilePath[0] != '\0') {
-        DWORD const dwError = KIVMP3_delete_file(m_szDirFilePath);
+        DWORD dwError = NO_ERROR;
+        if (is_under_its_name()) {
+            dwError = KIVMP3_delete_file(m_szDirFilePath);
+        } else if (!set_other_file_aside()) {
+            dwError = ERROR_FILE_INVALID;
+        }
         if (dwError != NO_ERROR) {
             TRACE_ERROR(dwError, "GetLastError() after DeleteFile(m_szDirFilePath)");
             ffdError = FFD_FILE_IO_ERROR;
@@ -312,6 +429,11 @@ FFDError CKivDirFile::delete_directory_file() {
     m_bReadOnly = FALSE;
     m_szDirFilePath[0] = '\0';
     return ffdError;
+}
+
+FFDError CKivDirFile::set_directory_file_aside() {
+    FFDError const ffdError = close_dir_file();
+    return set_other_file_aside() ? ffdError : FFD_FILE_IO_ERROR;
 }
 
 bool CKivDirFile::is_new_directory() const {

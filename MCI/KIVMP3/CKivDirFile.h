@@ -105,9 +105,14 @@ public:
 
     // Makes the directory of a sound file, or takes over the .DIR file that is left from an unclean
     // end. A .DIR file that can't be a directory is set aside as ".bad" and a new one begun. Throws
-    // FFD_INVALID_PATH with nothing on the disk, else FFD_FILE_IO_ERROR.
+    // FFD_INVALID_PATH with nothing on the disk, else FFD_FILE_IO_ERROR. The path is borrowed: it
+    // stays the sound file's for as long as this object works on it.
     void create_directory_file(LPCSTR pszFilePath_p, FFDCreation ffdCreation_p,
                                FFDDesiredAccess ffdDesiredAccess_p);
+
+    // The sound file that the directory is of, open, borrowed; null before it is closed. A .DIR
+    // file that this object makes gets its permissions.
+    void set_sound_file(HANDLE hSoundFile_p);
 
     // Commits the buffer to the .DIR file, whole. FFD_FILE_IO_ERROR leaves the buffer as it is, and
     // the next flush tries everything again. *pdwError_p receives the platform's error number, 0 on
@@ -115,8 +120,9 @@ public:
     FFDError flush_dir_file(DWORD* pdwError_p = nullptr);
 
     // Brings what a flush has left undone to its end, and gets hold of the .DIR file again: as long
-    // as it is held, no other process gets at the sound file while this one closes it. False, with
-    // the .DIR file as it should be, if somebody else holds it and keeps it.
+    // as it is held, no other process gets at the sound file while this one closes it. Another file
+    // that has come under its name is set aside, if it can be. False if somebody else holds the
+    // .DIR file, which is as it should be then, and keeps it, or if the other file stays.
     bool flush_before_close();
 
     // Whether this object has the .DIR file open.
@@ -126,8 +132,12 @@ public:
     // failed. Run a second time it does nothing.
     FFDError close_dir_memory_mapping();
 
-    // Removes the .DIR file and resets the object. FFD_FILE_IO_ERROR if a step failed.
+    // Removes the .DIR file and resets the object. Another file that has come under its name is set
+    // aside. FFD_FILE_IO_ERROR if a step failed.
     FFDError delete_directory_file();
+
+    // Renames the .DIR file, whose directory is of a file that is no more, to ".bad".
+    FFDError set_directory_file_aside();
 
     // The buffer, borrowed.
     DirEntry const* get_dir_header() const {
@@ -140,6 +150,7 @@ public:
         return m_bReadOnly != FALSE;
     }
     bool is_changed() const { return m_bDirChanged != FALSE; }
+    bool is_adopted() const { return m_bAdopted; } // from a .DIR file that named audio
     void set_changed() { m_bDirChanged = TRUE; }
 
     // The .DIR file may differ from the buffer from now on: a flush failed, or has not followed
@@ -239,9 +250,17 @@ public:
 
 private:
     void create_directory_mapping(LPCSTR pszFilePath_p, FFDCreation ffdCreation_p);
-    bool open_existing_file(LPCSTR pszFilePath_p, DWORD* pdwFileSize_p);
-    void open_new_file(LPCSTR pszFilePath_p);
-    void set_file_aside(LPCSTR pszFilePath_p);
+    bool open_existing_file(DWORD* pdwFileSize_p);
+    void open_new_file();
+    void set_damaged_file_aside();
+    DWORD open_dir_file(bool bMake_p, bool* pbMade_p);
+    DWORD take_dir_file(bool bMake_p);
+    DWORD reopen_dir_file(bool bMake_p);
+    void note_lost();
+    bool holds_bytes_of_last_flush();
+    void give_permissions();
+    bool is_under_its_name();
+    bool set_other_file_aside();
     void map_buffer();
     void allocate_buffer(DWORD dwFileSize_p);
     DWORD reopen_lost_file();
@@ -261,6 +280,14 @@ private:
     HANDLE m_hDirFile = nullptr;        // the open .DIR file
     HANDLE m_hDirFileMapping = nullptr; // the mapping of a file opened for reading
     char m_szDirFilePath[MAX_PATH] = "";
+    LPCSTR m_pszSoundPath = nullptr; // of the sound file, borrowed
+    HANDLE m_hSoundFile = nullptr;   // the same, open
+    bool m_bPermissionsDue = false; // this object has made the .DIR file, and it is its owner's yet
+    bool m_bAdopted = false;
+    // The .DIR file that was opened or written last, and, once it is lost, what it holds.
+    PlatformFileIdentity m_DirIdentity = {};
+    bool m_bLost = false;
+    uint64_t m_ullLostFingerprint = 0;
     DirEntry* m_psDirHeader = nullptr; // the buffer, owned
     DWORD m_dwDirSize = 0;             // bytes of the buffer
     BOOL m_bReadOnly = FALSE;

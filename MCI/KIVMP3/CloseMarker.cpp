@@ -60,32 +60,88 @@ bool beside_marker(LPCSTR pszMarkerPath_p, LPCSTR pszName_p, char (&szPath_p)[MA
     return nLength > 0 && nLength < MAX_PATH;
 }
 
-// Whether the record is whole, and belongs to a sound file whose marker has this path.
-bool is_marker_of(LPCSTR pszMarkerPath_p, CloseMarkerRecord const& rRecord_p) {
-    if (memcmp(rRecord_p.szMagic, szMarkerMagic, sizeof rRecord_p.szMagic) != 0 ||
-        rRecord_p.dwCheck != check_of(rRecord_p) || !is_plain_name(rRecord_p.szSoundName) ||
-        !is_plain_name(rRecord_p.szRebuiltName)) {
-        return false;
-    }
-    PlatformPathParts marker;
-    PlatformPathParts sound;
-    return PlatformSplitPath(pszMarkerPath_p, &marker) &&
-           PlatformSplitPath(rRecord_p.szSoundName, &sound) &&
-           PlatformSameFileName(marker.szStem, sound.szStem);
+// Whether a name is one that a rebuild gives its file: a number, and ".MP3".
+bool is_rebuilt_name(char const (&szName_p)[MAX_PATH]) {
+    size_t const nDigits = strspn(szName_p, "0123456789");
+    return nDigits > 0 && strcmp(szName_p + nDigits, ".MP3") == 0;
 }
 
-// The size of a file; false if there is none. A file that can't be asked throws.
-bool find_file(LPCSTR pszPath_p, uint64_t* pullFileSize_p) {
-    DWORD dwError = NO_ERROR;
-    HANDLE hFile = KIVMP3_open_existing_file(pszPath_p, GENERIC_READ,
-                                             FILE_SHARE_READ | FILE_SHARE_WRITE, &dwError);
-    if (dwError == ERROR_FILE_NOT_FOUND) {
+// What lies under the name of a marker.
+enum class Kind {
+    Marker,     // a whole one, of this sound file
+    OtherSound, // a whole one, of another sound file with the same stem
+    Empty,      // made, and a crash came
+    Torn,       // what a crash leaves of one: cut short, or with bytes that never reached the disk
+    Foreign     // somebody's file
+};
+
+// Of the dwBytes_p bytes that the file has, at most one more than a record.
+Kind kind_of_marker(LPCSTR pszSoundPath_p, BYTE const* pbyContents_p, DWORD dwBytes_p,
+                    CloseMarkerRecord* pRecord_p) {
+    if (dwBytes_p == 0 || dwBytes_p > sizeof *pRecord_p) {
+        return dwBytes_p == 0 ? Kind::Empty : Kind::Foreign;
+    }
+    *pRecord_p = {};
+    memcpy(pRecord_p, pbyContents_p, dwBytes_p);
+    if (dwBytes_p < sizeof *pRecord_p || pRecord_p->dwCheck != check_of(*pRecord_p)) {
+        bool const bZeros = std::all_of(pbyContents_p, pbyContents_p + dwBytes_p,
+                                        [](BYTE byByte) { return byByte == 0; });
+        size_t const nMagic = std::min<size_t>(dwBytes_p, sizeof pRecord_p->szMagic);
+        bool const bBegun = memcmp(pRecord_p->szMagic, szMarkerMagic, nMagic) == 0;
+        return bZeros || bBegun ? Kind::Torn : Kind::Foreign;
+    }
+    PlatformPathParts sound;
+    PlatformPathParts named;
+    if (memcmp(pRecord_p->szMagic, szMarkerMagic, sizeof pRecord_p->szMagic) != 0 ||
+        !is_plain_name(pRecord_p->szSoundName) || !is_plain_name(pRecord_p->szRebuiltName) ||
+        !is_rebuilt_name(pRecord_p->szRebuiltName) ||
+        PlatformSameFileName(pRecord_p->szRebuiltName, pRecord_p->szSoundName) ||
+        !PlatformSplitPath(pszSoundPath_p, &sound) ||
+        !PlatformSplitPath(pRecord_p->szSoundName, &named) ||
+        !PlatformSameFileName(sound.szStem, named.szStem)) {
+        return Kind::Foreign;
+    }
+    return PlatformSameFileName(sound.szExtension, named.szExtension) ? Kind::Marker
+                                                                      : Kind::OtherSound;
+}
+
+// False if the file could not be read to its end.
+bool read_marker(HANDLE hFile, LPCSTR pszSoundPath_p, Kind* pKind_p, CloseMarkerRecord* pRecord_p) {
+    // Larger than the record by a byte, so that a longer file shows. A read that stops short of the
+    // file's end says nothing about the marker.
+    BYTE abyContents[sizeof(CloseMarkerRecord) + 1] = {};
+    DWORD dwBytesRead = 0;
+    uint64_t ullFileSize = 0;
+    if (KIVMP3_get_file_size(hFile, &ullFileSize) != NO_ERROR ||
+        !KIVMP3_read_file(hFile, abyContents, sizeof abyContents, &dwBytesRead) ||
+        dwBytesRead != std::min<uint64_t>(ullFileSize, sizeof abyContents)) {
         return false;
     }
-    if (dwError == NO_ERROR) {
-        dwError = KIVMP3_get_file_size(hFile, pullFileSize_p);
-        KIVMP3_release_file(&hFile);
+    *pKind_p = kind_of_marker(pszSoundPath_p, abyContents, dwBytesRead, pRecord_p);
+    return true;
+}
+
+// Opens what the driver may keep beside a sound file. Null if it is not there; throws for a file
+// that can't be opened, or that the driver must not touch.
+HANDLE open_companion(LPCSTR pszPath_p, LPCSTR pszSoundPath_p, DWORD dwShareMode_p) {
+    DWORD dwError = NO_ERROR;
+    HANDLE const hFile =
+        KIVMP3_open_companion(pszPath_p, pszSoundPath_p, &dwError, GENERIC_READ, dwShareMode_p);
+    if (dwError != NO_ERROR && dwError != ERROR_FILE_NOT_FOUND && dwError != ERROR_PATH_NOT_FOUND) {
+        TRACE_ERROR(dwError, "GetLastError() after CreateFile()");
+        throw FFDError{FFD_FILE_IO_ERROR};
     }
+    return hFile;
+}
+
+// The size of an open file, which is closed then; false for a null handle. A file that can't be
+// asked throws.
+bool take_size(HANDLE hFile, uint64_t* pullFileSize_p) {
+    if (hFile == nullptr) {
+        return false;
+    }
+    DWORD const dwError = KIVMP3_get_file_size(hFile, pullFileSize_p);
+    KIVMP3_release_file(&hFile);
     if (dwError != NO_ERROR) {
         TRACE_ERROR(dwError, "file can not be looked at");
         throw FFDError{FFD_FILE_IO_ERROR};
@@ -93,53 +149,36 @@ bool find_file(LPCSTR pszPath_p, uint64_t* pullFileSize_p) {
     return true;
 }
 
-// A number that follows from every byte of a file and its place: 64-bit FNV-1a over little-endian
-// words of eight bytes, the last filled up with zeros, with the high half folded into the low at
-// each step. A file that can't be read throws.
-uint64_t fingerprint_file(LPCSTR pszPath_p) {
-    CHeapBlock const buffer(KIVMP3_TRANSFER_BUFFER_SIZE);
-    if (buffer.get() == nullptr) {
-        throw FFDError{FFD_ERROR_OUTOFMEMORY};
-    }
+// Opens the sound file to look at it; null if there is none.
+HANDLE open_sound_file(LPCSTR pszSoundPath_p) {
     DWORD dwError = NO_ERROR;
-    HANDLE hFile = KIVMP3_create_file(pszPath_p, &dwError, GENERIC_READ,
-                                      FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING, 0);
-    if (dwError != NO_ERROR) {
+    HANDLE const hFile =
+        KIVMP3_open_existing_file(pszSoundPath_p, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                  FILE_ATTRIBUTE_NORMAL, &dwError);
+    if (dwError != NO_ERROR && dwError != ERROR_FILE_NOT_FOUND) {
+        TRACE_ERROR(dwError, "file can not be looked at");
         throw FFDError{FFD_FILE_IO_ERROR};
     }
-    uint64_t ullFingerprint = 0xCBF29CE484222325u;
-    uint64_t ullBytes = 0;
-    uint64_t ullFileSize = 0;
-    DWORD dwBytesRead = KIVMP3_TRANSFER_BUFFER_SIZE;
-    bool bRead = KIVMP3_get_file_size(hFile, &ullFileSize) == NO_ERROR;
-    while (bRead && dwBytesRead == KIVMP3_TRANSFER_BUFFER_SIZE) {
-        bRead =
-            KIVMP3_read_file(hFile, buffer.get(), KIVMP3_TRANSFER_BUFFER_SIZE, &dwBytesRead) != 0;
-        if (!bRead) {
-            break;
-        }
-        ullBytes += dwBytesRead;
-        memset(buffer.get() + dwBytesRead, 0, KIVMP3_TRANSFER_BUFFER_SIZE - dwBytesRead);
-        for (DWORD dwByte = 0; dwByte < dwBytesRead; dwByte += 8) {
-            uint64_t ullWord = 0;
-            memcpy(&ullWord, buffer.get() + dwByte, sizeof ullWord);
-            ullFingerprint = (ullFingerprint ^ ullWord) * 0x100000001B3u;
-            ullFingerprint ^= ullFingerprint >> 32;
-        }
-    }
-    KIVMP3_release_file(&hFile);
-    if (!bRead || ullBytes != ullFileSize) {
-        throw FFDError{FFD_FILE_IO_ERROR};
-    }
-    return ullFingerprint;
+    return hFile;
 }
 
 // Whether a file is the rebuilt one of a marker. After an edit that only moves bytes both files
 // have one size, and the contents decide.
 bool is_rebuilt_file(LPCSTR pszPath_p, uint64_t ullFileSize_p, CloseMarkerRecord const& rRecord_p) {
-    return ullFileSize_p == rRecord_p.dwNewSize &&
-           (rRecord_p.dwNewSize != rRecord_p.dwOldSize ||
-            fingerprint_file(pszPath_p) == rRecord_p.ullNewFingerprint);
+    if (ullFileSize_p != rRecord_p.dwNewSize || rRecord_p.dwNewSize != rRecord_p.dwOldSize) {
+        return ullFileSize_p == rRecord_p.dwNewSize;
+    }
+    HANDLE hFile = open_sound_file(pszPath_p);
+    uint64_t ullFingerprint = 0;
+    FFDError const ffdError =
+        hFile == nullptr ? FFD_FILE_IO_ERROR : KIVMP3_fingerprint_file(hFile, &ullFingerprint);
+    if (hFile != nullptr) {
+        KIVMP3_release_file(&hFile);
+    }
+    if (ffdError != FFD_NOERROR) {
+        throw FFDError{ffdError};
+    }
+    return ullFingerprint == rRecord_p.ullNewFingerprint;
 }
 
 void delete_file(LPCSTR pszPath_p) {
@@ -150,9 +189,8 @@ void delete_file(LPCSTR pszPath_p) {
     }
 }
 
-void set_directory_aside(LPCSTR pszDirPath_p) {
-    uint64_t ullDirSize = 0;
-    if (find_file(pszDirPath_p, &ullDirSize) && !KIVMP3_set_file_aside(pszDirPath_p)) {
+void set_directory_aside(LPCSTR pszDirPath_p, bool bDir_p) {
+    if (bDir_p && !KIVMP3_set_file_aside(pszDirPath_p)) {
         throw FFDError{FFD_FILE_IO_ERROR};
     }
 }
@@ -168,10 +206,14 @@ void settle_files(LPCSTR pszMarkerPath_p, CloseMarkerRecord const& rRecord_p) {
         KIVMP3_make_sibling_path(szSoundPath, ".DIR", szDirPath) != FFD_NOERROR) {
         throw FFDError{FFD_FILE_IO_ERROR};
     }
+    constexpr DWORD dwShare = FILE_SHARE_READ | FILE_SHARE_WRITE;
     uint64_t ullSoundSize = 0;
     uint64_t ullRebuiltSize = 0;
-    bool const bSound = find_file(szSoundPath, &ullSoundSize);
-    bool const bRebuilt = find_file(szRebuiltPath, &ullRebuiltSize);
+    uint64_t ullDirSize = 0;
+    bool const bSound = take_size(open_sound_file(szSoundPath), &ullSoundSize);
+    bool const bRebuilt =
+        take_size(open_companion(szRebuiltPath, szSoundPath, dwShare), &ullRebuiltSize);
+    bool const bDir = take_size(open_companion(szDirPath, szSoundPath, dwShare), &ullDirSize);
 
     if (bSound && bRebuilt) {
         // Nothing was removed yet: the old file and its directory still hold every edit. A sound
@@ -179,7 +221,7 @@ void settle_files(LPCSTR pszMarkerPath_p, CloseMarkerRecord const& rRecord_p) {
         // the directory belongs to neither.
         TRACE_INFO("interrupted close: forget the rebuilt file");
         if (ullSoundSize != rRecord_p.dwOldSize) {
-            set_directory_aside(szDirPath);
+            set_directory_aside(szDirPath, bDir);
         } else if (ullRebuiltSize == rRecord_p.dwNewSize) {
             delete_file(szRebuiltPath);
         }
@@ -196,58 +238,96 @@ void settle_files(LPCSTR pszMarkerPath_p, CloseMarkerRecord const& rRecord_p) {
         delete_file(szDirPath);
     } else if (bSound && ullSoundSize != rRecord_p.dwOldSize) {
         TRACE_INFO("interrupted close: the directory belongs to another file");
-        set_directory_aside(szDirPath);
+        set_directory_aside(szDirPath, bDir);
     } else if (!bSound) {
         // Nothing here can be opened; everything stays for whoever looks into it.
         throw FFDError{FFD_FILE_IO_ERROR};
     }
 }
 
+// Frees the name of the marker from a file that is none.
+bool set_foreign_file_aside(LPCSTR pszMarkerPath_p, LPCSTR pszSoundPath_p) {
+    try {
+        HANDLE hFile = open_companion(pszMarkerPath_p, pszSoundPath_p, 0);
+        if (hFile == nullptr) {
+            return true;
+        }
+        KIVMP3_release_file(&hFile);
+        return KIVMP3_set_file_aside(pszMarkerPath_p) != 0;
+    } catch (FFDError) {
+        return false;
+    }
+}
+
 } // namespace
 
-FFDError CCloseMarker::write(LPCSTR pszSoundPath_p, LPCSTR pszRebuiltPath_p, DWORD dwOldSize_p,
-                             DWORD dwNewSize_p) {
-    TRACE_ENTRY("-----CCloseMarker::write(...)");
+FFDError CCloseMarker::write(CloseMarkerFiles const& rFiles_p) {
+    TRACE_ENTRY("-----CCloseMarker::write(.)");
     CloseMarkerRecord record = {};
     memcpy(record.szMagic, szMarkerMagic, sizeof record.szMagic);
-    record.dwOldSize = dwOldSize_p;
-    record.dwNewSize = dwNewSize_p;
-    if (!copy_file_name(pszSoundPath_p, record.szSoundName) ||
-        !copy_file_name(pszRebuiltPath_p, record.szRebuiltName)) {
+    record.dwOldSize = rFiles_p.dwOldSize;
+    record.dwNewSize = rFiles_p.dwNewSize;
+    if (!copy_file_name(rFiles_p.pszSoundPath, record.szSoundName) ||
+        !copy_file_name(rFiles_p.pszRebuiltPath, record.szRebuiltName)) {
         return FFD_INVALID_PATH;
     }
-    if (dwOldSize_p == dwNewSize_p) {
-        try {
-            record.ullNewFingerprint = fingerprint_file(pszRebuiltPath_p);
-        } catch (FFDError ffdThrown) {
-            return ffdThrown;
+    if (record.dwOldSize == record.dwNewSize) {
+        FFDError const ffdError =
+            KIVMP3_fingerprint_file(rFiles_p.hRebuiltFile, &record.ullNewFingerprint);
+        if (ffdError != FFD_NOERROR) {
+            return ffdError;
         }
     }
     record.dwCheck = check_of(record);
 
+    char szMarkerPath[MAX_PATH];
     FFDError const ffdError =
-        KIVMP3_make_sibling_path(pszSoundPath_p, szMarkerExtension, m_szMarkerPath);
+        KIVMP3_make_sibling_path(rFiles_p.pszSoundPath, szMarkerExtension, szMarkerPath);
     if (ffdError != FFD_NOERROR) {
-        m_szMarkerPath[0] = '\0';
         return ffdError;
     }
+    DWORD dwError = create_file(szMarkerPath, rFiles_p.hSoundFile);
+    if ((dwError == ERROR_FILE_EXISTS || dwError == ERROR_ALREADY_EXISTS) &&
+        set_foreign_file_aside(szMarkerPath, rFiles_p.pszSoundPath)) {
+        dwError = create_file(szMarkerPath, rFiles_p.hSoundFile);
+    }
+    if (dwError == NO_ERROR) {
+        memcpy(m_szMarkerPath, szMarkerPath, sizeof szMarkerPath);
+        dwError = write_record(rFiles_p.hSoundFile, record);
+        if (dwError == NO_ERROR) {
+            return FFD_NOERROR;
+        }
+        remove();
+    }
+    return dwError == ERROR_DISK_FULL ? FFD_ERR_NOT_ENOUGH_DSPACE : FFD_FILE_IO_ERROR;
+}
+
+// The error number, 0 on success.
+DWORD CCloseMarker::create_file(LPCSTR pszMarkerPath_p, HANDLE hSoundFile_p) {
     DWORD dwError = NO_ERROR;
     CPatience oPatience; // with the name of the last marker
     do {
-        m_hMarkerFile = KIVMP3_create_file(m_szMarkerPath, &dwError, GENERIC_READ | GENERIC_WRITE,
-                                           0, CREATE_NEW, FILE_ATTRIBUTE_NORMAL);
-    } while (dwError != ERROR_SHARING_VIOLATION && oPatience.wait_for(m_szMarkerPath, dwError));
-    if (dwError != NO_ERROR) {
-        m_szMarkerPath[0] = '\0';
-        return FFD_FILE_IO_ERROR;
+        m_hMarkerFile = KIVMP3_create_private_file(pszMarkerPath_p, &dwError,
+                                                   GENERIC_READ | GENERIC_WRITE, 0, hSoundFile_p);
+    } while (dwError != ERROR_SHARING_VIOLATION && oPatience.wait_for(pszMarkerPath_p, dwError));
+    return dwError;
+}
+
+// The error number, 0 on success. Whoever may edit the sound file may finish its close.
+DWORD CCloseMarker::write_record(HANDLE hSoundFile_p, CloseMarkerRecord const& rRecord_p) {
+    if (!PlatformCopyPermissions(hSoundFile_p, m_hMarkerFile, true)) {
+        TRACE_ERROR(GetLastError(), "GetLastError() after PlatformCopyPermissions(..)");
     }
     DWORD dwBytesWritten = 0;
-    if (!KIVMP3_write_file(m_hMarkerFile, &record, sizeof record, &dwBytesWritten) ||
-        dwBytesWritten != sizeof record || !FlushFileBuffers(m_hMarkerFile)) {
-        remove();
-        return FFD_FILE_IO_ERROR;
+    DWORD dwError = NO_ERROR;
+    if (!KIVMP3_write_file(m_hMarkerFile, &rRecord_p, sizeof rRecord_p, &dwBytesWritten,
+                           &dwError)) {
+        return dwError;
     }
-    return FFD_NOERROR;
+    if (dwBytesWritten != sizeof rRecord_p) {
+        return ERROR_DISK_FULL;
+    }
+    return FlushFileBuffers(m_hMarkerFile) ? NO_ERROR : GetLastError();
 }
 
 void CCloseMarker::leave() {
@@ -283,31 +363,16 @@ void CCloseMarker::finish_interrupted_close(LPCSTR pszSoundPath_p) {
         TRACE_ERROR(ffdError, "by KIVMP3_make_sibling_path(...)");
         throw FFDError{ffdError};
     }
-    DWORD dwError = NO_ERROR;
-    HANDLE hMarkerFile =
-        KIVMP3_open_existing_file(szMarkerPath, GENERIC_READ | GENERIC_WRITE, 0, &dwError);
+    HANDLE hMarkerFile = open_companion(szMarkerPath, pszSoundPath_p, 0);
     if (hMarkerFile == nullptr) {
-        if (dwError == ERROR_FILE_NOT_FOUND || dwError == ERROR_PATH_NOT_FOUND) {
-            return;
-        }
-        TRACE_ERROR(dwError, "GetLastError() after CreateFile()");
-        throw FFDError{FFD_FILE_IO_ERROR};
+        return;
     }
-
-    // Larger than the record by a byte, so that a longer file shows. A read that stops short of the
-    // file's end says nothing about the marker.
-    BYTE abyContents[sizeof(CloseMarkerRecord) + 1] = {};
-    DWORD dwBytesRead = 0;
-    uint64_t ullMarkerSize = 0;
-    bool const bRead =
-        KIVMP3_get_file_size(hMarkerFile, &ullMarkerSize) == NO_ERROR &&
-        KIVMP3_read_file(hMarkerFile, abyContents, sizeof abyContents, &dwBytesRead) != 0 &&
-        dwBytesRead == std::min<uint64_t>(ullMarkerSize, sizeof abyContents);
+    Kind kind = Kind::Foreign;
     CloseMarkerRecord record;
-    memcpy(&record, abyContents, sizeof record);
-    bool const bWhole = bRead && dwBytesRead == sizeof record && is_marker_of(szMarkerPath, record);
-    FFDError ffdSettled = bRead ? FFD_NOERROR : FFD_FILE_IO_ERROR;
-    if (bWhole) {
+    FFDError ffdSettled = FFD_NOERROR;
+    if (!read_marker(hMarkerFile, pszSoundPath_p, &kind, &record) || kind == Kind::OtherSound) {
+        ffdSettled = FFD_FILE_IO_ERROR;
+    } else if (kind == Kind::Marker) {
         try {
             settle_files(szMarkerPath, record);
         } catch (FFDError ffdThrown) {
@@ -319,20 +384,30 @@ void CCloseMarker::finish_interrupted_close(LPCSTR pszSoundPath_p) {
         TRACE_ERROR(ffdSettled, "interrupted close can not be settled");
         throw FFDError{ffdSettled};
     }
-    if (bWhole || dwBytesRead == 0) {
+    // A torn one is left of a crash before every other step of its close.
+    if (kind == Kind::Marker || kind == Kind::Empty) {
         delete_file(szMarkerPath);
-    } else if (!KIVMP3_set_file_aside(szMarkerPath)) {
-        // Torn by a crash in front of every other step of its close, or nobody's marker.
+    } else if (kind == Kind::Torn && !KIVMP3_set_file_aside(szMarkerPath)) {
         throw FFDError{FFD_FILE_IO_ERROR};
     }
 }
 
 void CCloseMarker::refuse_close_in_progress(LPCSTR pszSoundPath_p) {
     char szMarkerPath[MAX_PATH];
-    uint64_t ullMarkerSize = 0;
-    if (KIVMP3_make_sibling_path(pszSoundPath_p, szMarkerExtension, szMarkerPath) != FFD_NOERROR ||
-        find_file(szMarkerPath, &ullMarkerSize)) {
-        TRACE_ERROR(FFD_FILE_IO_ERROR, "close in progress -> FFD_FILE_IO_ERROR");
-        throw FFDError{FFD_FILE_IO_ERROR};
+    Kind kind = Kind::Marker;
+    CloseMarkerRecord record;
+    if (KIVMP3_make_sibling_path(pszSoundPath_p, szMarkerExtension, szMarkerPath) == FFD_NOERROR) {
+        HANDLE hMarkerFile =
+            open_companion(szMarkerPath, pszSoundPath_p, FILE_SHARE_READ | FILE_SHARE_WRITE);
+        if (hMarkerFile == nullptr) {
+            return;
+        }
+        bool const bRead = read_marker(hMarkerFile, pszSoundPath_p, &kind, &record);
+        KIVMP3_release_file(&hMarkerFile);
+        if (bRead && kind == Kind::Foreign) {
+            return;
+        }
     }
+    TRACE_ERROR(FFD_FILE_IO_ERROR, "close in progress -> FFD_FILE_IO_ERROR");
+    throw FFDError{FFD_FILE_IO_ERROR};
 }

@@ -27,17 +27,27 @@ static_assert(sizeof(CloseMarkerRecord) == 552);
 static_assert(offsetof(CloseMarkerRecord, ullNewFingerprint) == 24);
 static_assert(offsetof(CloseMarkerRecord, szSoundName) == 32);
 
+// What a marker tells of; the paths are absolute, the handles open, and all is borrowed.
+struct CloseMarkerFiles {
+    LPCSTR pszSoundPath;
+    HANDLE hSoundFile;
+    DWORD dwOldSize; // bytes of the sound file before the rebuild
+    LPCSTR pszRebuiltPath;
+    HANDLE hRebuiltFile; // its file pointer moves
+    DWORD dwNewSize;     // bytes of the rebuilt file
+};
+
 class CCloseMarker {
 public:
     CCloseMarker() = default;
     CCloseMarker(CCloseMarker const&) = delete;
     CCloseMarker& operator=(CCloseMarker const&) = delete;
 
-    // Writes the marker for a sound file (absolute path) and its rebuilt file beside it, and
-    // returns when it is on the disk. It stays open, so that nobody else acts on it. A failure
-    // leaves no marker behind. FFD_FILE_IO_ERROR, FFD_INVALID_PATH.
-    FFDError write(LPCSTR pszSoundPath_p, LPCSTR pszRebuiltPath_p, DWORD dwOldSize_p,
-                   DWORD dwNewSize_p);
+    // Writes the marker and returns when it is on the disk. It stays open, so that nobody else acts
+    // on it, and has the permissions of the sound file. A foreign file under its name is set aside
+    // first. A failure leaves no marker behind. FFD_ERR_NOT_ENOUGH_DSPACE, FFD_FILE_IO_ERROR,
+    // FFD_ERROR_OUTOFMEMORY, FFD_INVALID_PATH.
+    FFDError write(CloseMarkerFiles const& rFiles_p);
 
     // Closes the marker and leaves it for the next open.
     void leave();
@@ -47,7 +57,9 @@ public:
 
     // To be called before an open for writing touches anything else: finishes or forgets the close
     // that a marker beside the sound file tells of. Without a marker, and in an undisturbed
-    // directory, nothing happens. Throws FFD_FILE_IO_ERROR, or FFD_INVALID_PATH for a sound file
+    // directory, nothing happens; a foreign file of its name is left alone. Throws
+    // FFD_FILE_IO_ERROR with nothing touched for a marker of another sound file of this stem and
+    // for one that can't be trusted (PlatformTestCompanion), or FFD_INVALID_PATH for a sound file
     // that could be its own marker or directory file; then everything is still there.
     static void finish_interrupted_close(LPCSTR pszSoundPath_p);
 
@@ -57,6 +69,9 @@ public:
     static void refuse_close_in_progress(LPCSTR pszSoundPath_p);
 
 private:
+    DWORD create_file(LPCSTR pszMarkerPath_p, HANDLE hSoundFile_p);
+    DWORD write_record(HANDLE hSoundFile_p, CloseMarkerRecord const& rRecord_p);
+
     HANDLE m_hMarkerFile = nullptr;
     char m_szMarkerPath[MAX_PATH] = "";
 };

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 
 #define TRACE_MODULE "XKIVMP3.DLL"
 #include "log/trace.h"
@@ -300,15 +301,27 @@ FFDError KIVMP3_make_sibling_path(LPCSTR pszFilePath_p, LPCSTR pszExtension_p,
 }
 
 HANDLE KIVMP3_open_existing_file(LPCSTR pszPath_p, DWORD dwDesiredAccess_p, DWORD dwShareMode_p,
-                                 DWORD* pdwError_p) {
+                                 DWORD dwFlags_p, DWORD* pdwError_p) {
     HANDLE hFile = INVALID_HANDLE_VALUE;
     CPatience oPatience;
     do {
         hFile = CreateFileA(pszPath_p, dwDesiredAccess_p, dwShareMode_p, nullptr, OPEN_EXISTING,
-                            FILE_ATTRIBUTE_NORMAL, nullptr);
+                            dwFlags_p, nullptr);
         *pdwError_p = hFile == INVALID_HANDLE_VALUE ? GetLastError() : NO_ERROR;
     } while (*pdwError_p != ERROR_SHARING_VIOLATION && oPatience.wait_for(pszPath_p, *pdwError_p));
     return *pdwError_p == NO_ERROR ? hFile : nullptr;
+}
+
+HANDLE KIVMP3_open_companion(LPCSTR pszPath_p, LPCSTR pszSoundPath_p, DWORD* pdwError_p,
+                             DWORD dwDesiredAccess_p, DWORD dwShareMode_p) {
+    HANDLE hFile =
+        KIVMP3_open_existing_file(pszPath_p, dwDesiredAccess_p, dwShareMode_p,
+                                  FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, pdwError_p);
+    if (hFile != nullptr && !PlatformTestCompanion(hFile, pszPath_p, pszSoundPath_p)) {
+        *pdwError_p = GetLastError();
+        KIVMP3_release_file(&hFile);
+    }
+    return hFile;
 }
 
 DWORD KIVMP3_delete_file(LPCSTR pszPath_p) {
@@ -329,16 +342,50 @@ DWORD KIVMP3_move_file(LPCSTR pszPath_p, LPCSTR pszNewPath_p) {
     return dwError;
 }
 
+void CFingerprint::add(BYTE const* pbyData_p, DWORD dwBytes_p) {
+    for (DWORD dwByte = 0; dwByte < dwBytes_p; dwByte += 8) {
+        uint64_t ullWord = 0;
+        memcpy(&ullWord, pbyData_p + dwByte, std::min<size_t>(sizeof ullWord, dwBytes_p - dwByte));
+        m_ullFingerprint = (m_ullFingerprint ^ ullWord) * 0x100000001B3u;
+        m_ullFingerprint ^= m_ullFingerprint >> 32;
+    }
+}
+
+FFDError KIVMP3_fingerprint_file(HANDLE hFile, uint64_t* pullFingerprint_p) {
+    CHeapBlock const buffer(KIVMP3_TRANSFER_BUFFER_SIZE);
+    if (buffer.get() == nullptr) {
+        return FFD_ERROR_OUTOFMEMORY;
+    }
+    uint64_t ullFileSize = 0;
+    if (KIVMP3_get_file_size(hFile, &ullFileSize) != NO_ERROR ||
+        !KIVMP3_set_file_pointer(hFile, 0)) {
+        return FFD_FILE_IO_ERROR;
+    }
+    CFingerprint oFingerprint;
+    uint64_t ullBytes = 0;
+    DWORD dwBytesRead = KIVMP3_TRANSFER_BUFFER_SIZE;
+    while (dwBytesRead == KIVMP3_TRANSFER_BUFFER_SIZE) {
+        if (!KIVMP3_read_file(hFile, buffer.get(), KIVMP3_TRANSFER_BUFFER_SIZE, &dwBytesRead)) {
+            return FFD_FILE_IO_ERROR;
+        }
+        oFingerprint.add(buffer.get(), dwBytesRead);
+        ullBytes += dwBytesRead;
+    }
+    *pullFingerprint_p = oFingerprint.get();
+    return ullBytes == ullFileSize ? FFD_NOERROR : FFD_FILE_IO_ERROR;
+}
+
 int KIVMP3_set_file_aside(LPCSTR pszPath_p) {
     TRACE_ENTRY("-----KIVMP3_set_file_aside(.)");
     TRACE_PARAM("pszPath_p", "%s", pszPath_p);
-    constexpr int nMostNames = 10000;
-    for (int nName = 0; nName < nMostNames; ++nName) {
-        char szAside[MAX_PATH + 16];
+    constexpr int nLastNumber = 63;
+    for (int nName = 0; nName <= nLastNumber + 1; ++nName) {
+        char szAside[MAX_PATH + 32];
         if (nName == 0) {
             snprintf(szAside, sizeof szAside, "%s.bad", pszPath_p);
         } else {
-            snprintf(szAside, sizeof szAside, "%s.bad%d", pszPath_p, nName);
+            long long const llNumber = nName <= nLastNumber ? nName : int64_t{time(nullptr)};
+            snprintf(szAside, sizeof szAside, "%s.bad%lld", pszPath_p, llNumber);
         }
         if (MoveFileA(pszPath_p, szAside)) {
             TRACE_INFO("file set aside");
@@ -350,5 +397,6 @@ int KIVMP3_set_file_aside(LPCSTR pszPath_p) {
             return 0;
         }
     }
+    TRACE_ERROR(ERROR_ALREADY_EXISTS, "GetLastError() after MoveFile(..)");
     return 0;
 }

@@ -92,15 +92,36 @@ FFDError KIVMP3_make_sibling_path(LPCSTR pszFilePath_p, LPCSTR pszExtension_p,
 // (Patience.h), but not for one that has the file open: that lasts as long as a session. Leaves no
 // line in the log.
 HANDLE KIVMP3_open_existing_file(LPCSTR pszPath_p, DWORD dwDesiredAccess_p, DWORD dwShareMode_p,
-                                 DWORD* pdwError_p);
+                                 DWORD dwFlags_p, DWORD* pdwError_p);
+
+// The same for a file that the driver keeps beside a sound file; no link is followed. Error 1920
+// for a file that the driver must not touch (PlatformTestCompanion).
+HANDLE KIVMP3_open_companion(LPCSTR pszPath_p, LPCSTR pszSoundPath_p, DWORD* pdwError_p,
+                             DWORD dwDesiredAccess_p, DWORD dwShareMode_p);
 
 // Removes or renames a file, in spite of others that have it open for a moment (Patience.h). The
 // error number, 0 on success; a file that is gone counts as removed.
 DWORD KIVMP3_delete_file(LPCSTR pszPath_p);
 DWORD KIVMP3_move_file(LPCSTR pszPath_p, LPCSTR pszNewPath_p);
 
-// Renames a file that can't be used to its own name followed by ".bad", or ".bad1", ".bad2" and so
-// on if that is taken. 1 or 0.
+// A number that follows from every byte of a file or of a buffer, and its place: 64-bit FNV-1a over
+// little-endian words of eight bytes, the last filled up with zeros, with the high half folded into
+// the low at each step.
+class CFingerprint {
+public:
+    void add(BYTE const* pbyData_p, DWORD dwBytes_p); // a multiple of 8, but at the end
+    uint64_t get() const { return m_ullFingerprint; }
+
+private:
+    uint64_t m_ullFingerprint = 0xCBF29CE484222325u;
+};
+
+// The fingerprint of a whole file; its file pointer moves. FFD_FILE_IO_ERROR,
+// FFD_ERROR_OUTOFMEMORY.
+FFDError KIVMP3_fingerprint_file(HANDLE hFile, uint64_t* pullFingerprint_p);
+
+// Renames a file that can't be used to its own name followed by ".bad", or by ".bad1" to ".bad63"
+// if that is taken, or by ".bad" and the time in seconds. 1 or 0.
 int KIVMP3_set_file_aside(LPCSTR pszPath_p);
 
 // A block of the process heap for the span of one operation.

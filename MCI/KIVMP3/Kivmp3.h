@@ -126,13 +126,23 @@ private:
     // ---- Closing (Kivmp3Close.cpp) ----
     FFDError final_closing_work();
     FFDError close_written_file();
-    FFDError rebuild_and_close_wav_file();
+    FFDError settle_mp3_file();
+    FFDError settle_dir_file(FFDError ffdSettled_p);
+    void release_mp3_file();
+    enum class NameLeads { Here, Elsewhere, Nowhere };
+    NameLeads look_at_name();
+    FFDError rebuild_and_close_wav_file(bool bAsItLies_p);
     void check_rebuild_space();
     HANDLE create_temp_file(char (&szTmpPath_p)[MAX_PATH]);
-    void replace_mp3_file(LPCSTR pszTmpPath_p, DWORD dwNewFileSize_p);
+    DWORD finish_temp_file(HANDLE hNewFile);
+    void write_close_marker(LPCSTR pszTmpPath_p, HANDLE* phNewFile_p, DWORD dwNewFileSize_p);
+    void remove_mp3_file(LPCSTR pszTmpPath_p);
+    void replace_mp3_file(LPCSTR pszTmpPath_p);
+    [[noreturn]] static void leave_temp_file(LPCSTR pszTmpPath_p);
 
     // ---- The copy of a rebuild (Kivmp3Rebuild.cpp) ----
     void reorganize(HANDLE hNewFile);
+    void copy_as_it_lies(HANDLE hNewFile);
     uint64_t copy_range(HANDLE hNewFile, uint64_t ullFileOffset_p, uint64_t ullBytes_p,
                         BYTE* pcBuffer_p, LPCSTR pszFailed_p);
     uint64_t copy_block(HANDLE hNewFile, DirEntry const& rEntry_p, BYTE* pcBuffer_p);
@@ -168,4 +178,6 @@ private:
     // tell: the host may change the working directory while the file is open.
     std::string m_cstrWorkPath;
     CCloseMarker m_oCloseMarker;
+    PlatformFileIdentity m_Mp3Identity = {}; // as of the last time that the file was held
+    bool m_bNameLost = false; // during the close: the name leads elsewhere, or nowhere
 };

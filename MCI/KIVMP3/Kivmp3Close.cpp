@@ -5,6 +5,7 @@
 #include "MCI/KIVMP3/ClockName.h"
 #include "MCI/KIVMP3/INTERNAL.h"
 #include "MCI/KIVMP3/Kivmp3.h"
+#include "MCI/KIVMP3/Patience.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -55,26 +56,52 @@ FFDError CKivmp3::final_closing_work() {
 FFDError CKivmp3::close_written_file() {
     log_member_variables();
     m_oDirFile.log_dir_entries("Log at begin final_closing_work()");
-    DWORD const dwFileSize = m_dwFileSize - m_dwFirstFrame;
+    FFDError const ffdError = settle_mp3_file();
+    release_mp3_file();
+    return settle_dir_file(ffdError);
+}
+
+// Makes the MP3 file the dictation.
+FFDError CKivmp3::settle_mp3_file() {
     int nKindOfClose = 0;
-    m_oDirFile.get_kind_of_close(dwFileSize, &nKindOfClose);
-    FFDError ffdError = FFD_NOERROR;
+    m_oDirFile.get_kind_of_close(m_dwFileSize - m_dwFirstFrame, &nKindOfClose);
+    bool const bRebuild = nKindOfClose == KIVMP3_CLOSE_REBUILD;
     // Whatever ends or fails from here on, the next open must find the directory as it is now.
     // Without the .DIR file in hand nothing is replaced: whoever has it may edit the file by then.
     if (!m_oDirFile.flush_before_close()) {
         TRACE_ERROR(FFD_FILE_IO_ERROR, "dir file is held by somebody else -> FFD_FILE_IO_ERROR");
-        ffdError = FFD_FILE_IO_ERROR;
-        KIVMP3_release_file(&m_hMp3File);
-    } else if (nKindOfClose == KIVMP3_CLOSE_REBUILD) {
-        ffdError = rebuild_and_close_wav_file();
-        if (ffdError != FFD_NOERROR) {
-            TRACE_ERROR(ffdError, "by rebuild_and_close_wav_file()");
+        return FFD_FILE_IO_ERROR;
+    }
+    if (!bRebuild && !m_oDirFile.is_changed() && !m_oDirFile.is_adopted()) {
+        return FFD_NOERROR;
+    }
+    try {
+        // What no name leads to vanishes with its handle.
+        if (look_at_name() == NameLeads::Here && !bRebuild) {
+            return FFD_NOERROR;
         }
-    } else {
+    } catch (FFDError ffdThrown) {
+        return ffdThrown;
+    }
+    FFDError const ffdError = rebuild_and_close_wav_file(!bRebuild);
+    if (ffdError != FFD_NOERROR) {
+        TRACE_ERROR(ffdError, "by rebuild_and_close_wav_file()");
+    }
+    return ffdError;
+}
+
+void CKivmp3::release_mp3_file() {
+    m_oDirFile.set_sound_file(nullptr);
+    if (m_hMp3File != nullptr) {
         KIVMP3_release_file(&m_hMp3File);
     }
+}
+
+// Removes the .DIR file of a finished close, and leaves it behind a failed one. The status of the
+// close.
+FFDError CKivmp3::settle_dir_file(FFDError ffdSettled_p) {
     // Only the directory knows now what the dictation is: the .DIR file holds it for the next open.
-    bool const bKeepDirFile = ffdError != FFD_NOERROR;
+    bool const bKeepDirFile = ffdSettled_p != FFD_NOERROR;
     // A .DIR file that was lost may be in use elsewhere, or gone with a close there.
     if (bKeepDirFile && m_oDirFile.is_held()) {
         m_oDirFile.flush_dir_file();
@@ -84,7 +111,10 @@ FFDError CKivmp3::close_written_file() {
         TRACE_ERROR(ffdReleased, "by close_dir_memory_mapping()");
     }
     FFDError ffdRemoved = ffdReleased;
-    if (!bKeepDirFile && ffdReleased == FFD_NOERROR) {
+    if (bKeepDirFile && m_bNameLost) {
+        // It describes neither the file that has the name now, nor the one that will.
+        m_oDirFile.set_directory_file_aside();
+    } else if (!bKeepDirFile && ffdReleased == FFD_NOERROR) {
         ffdRemoved = m_oDirFile.delete_directory_file();
         if (ffdRemoved != FFD_NOERROR) {
             TRACE_ERROR(ffdRemoved, "by delete_directory_file()");
@@ -96,10 +126,34 @@ FFDError CKivmp3::close_written_file() {
     } else {
         m_oCloseMarker.leave();
     }
-    return ffdError != FFD_NOERROR ? ffdError : ffdRemoved;
+    return ffdSettled_p != FFD_NOERROR ? ffdSettled_p : ffdRemoved;
 }
 
-FFDError CKivmp3::rebuild_and_close_wav_file() {
+// Whether the name of the MP3 file still leads to it: somebody may have replaced it since the open,
+// or removed it.
+CKivmp3::NameLeads CKivmp3::look_at_name() {
+    PlatformFileIdentity found = {};
+    DWORD dwError = NO_ERROR;
+    if (m_hMp3File != nullptr && !PlatformGetFileIdentity(m_hMp3File, &m_Mp3Identity)) {
+        dwError = GetLastError();
+    } else if (!PlatformGetNameIdentity(m_szFilePath, &found)) {
+        dwError = GetLastError();
+        if (dwError == ERROR_FILE_NOT_FOUND) {
+            m_bNameLost = true;
+            return NameLeads::Nowhere;
+        }
+    }
+    if (dwError != NO_ERROR) {
+        TRACE_ERROR(dwError, "file can not be looked at");
+        throw FFDError{FFD_FILE_IO_ERROR};
+    }
+    m_bNameLost = found != m_Mp3Identity;
+    return m_bNameLost ? NameLeads::Elsewhere : NameLeads::Here;
+}
+
+// Puts the dictation together in a temporary file, by the directory or as the file lies, and gives
+// that the name of the MP3 file.
+FFDError CKivmp3::rebuild_and_close_wav_file(bool bAsItLies_p) {
     TRACE_ENTRY("-----CKivmp3::rebuild_and_close_wav_file()");
     FFDError ffdError = FFD_NOERROR;
     HANDLE hNewFile = nullptr;
@@ -107,27 +161,24 @@ FFDError CKivmp3::rebuild_and_close_wav_file() {
         check_rebuild_space();
         char szTmpPath[MAX_PATH];
         hNewFile = create_temp_file(szTmpPath);
-        reorganize(hNewFile);
-        if (!PlatformCopyPermissions(m_hMp3File, hNewFile)) {
-            TRACE_ERROR(GetLastError(), "GetLastError() after PlatformCopyPermissions(..)");
+        if (bAsItLies_p) {
+            copy_as_it_lies(hNewFile);
+        } else {
+            reorganize(hNewFile);
         }
-        // The old file goes only when the new one is on the disk.
-        uint64_t ullNewFileSize = 0;
-        if (!FlushFileBuffers(hNewFile) ||
-            KIVMP3_get_file_size(hNewFile, &ullNewFileSize) != NO_ERROR) {
-            TRACE_ERROR(GetLastError(), "GetLastError() after FlushFileBuffers(.)");
-            throw FFDError{FFD_FILE_IO_ERROR};
+        DWORD const dwNewFileSize = finish_temp_file(hNewFile);
+        if (look_at_name() == NameLeads::Elsewhere) {
+            leave_temp_file(szTmpPath);
         }
-        KIVMP3_release_file(&m_hMp3File);
+        write_close_marker(szTmpPath, &hNewFile, dwNewFileSize);
+        release_mp3_file();
         KIVMP3_release_file(&hNewFile);
-        replace_mp3_file(szTmpPath, static_cast<DWORD>(ullNewFileSize));
+        replace_mp3_file(szTmpPath);
     } catch (FFDError ffdThrown) {
         TRACE_ERROR(ffdThrown, "catched in rebuild_file()");
         ffdError = ffdThrown;
     }
-    if (m_hMp3File != nullptr) {
-        KIVMP3_release_file(&m_hMp3File);
-    }
+    release_mp3_file();
     if (hNewFile != nullptr) {
         KIVMP3_release_file(&hNewFile);
     }
@@ -154,6 +205,9 @@ HANDLE CKivmp3::create_temp_file(char (&szTmpPath_p)[MAX_PATH]) {
             KIVMP3_create_private_file(szTmpPath_p, &dwError, GENERIC_READ | GENERIC_WRITE,
                                        FILE_SHARE_READ | FILE_SHARE_WRITE, m_hMp3File);
         if (hNewFile != nullptr) {
+            if (!PlatformCopyPermissions(m_hMp3File, hNewFile, false)) {
+                TRACE_ERROR(GetLastError(), "GetLastError() after PlatformCopyPermissions(..)");
+            }
             return hNewFile;
         }
     } while (oName.wait_if_taken(szTmpPath_p, dwError));
@@ -161,28 +215,84 @@ HANDLE CKivmp3::create_temp_file(char (&szTmpPath_p)[MAX_PATH]) {
     throw FFDError{FFD_FILE_IO_ERROR};
 }
 
-// Lets the finished temporary file take the place of the MP3 file, under the protection of the
-// marker: from its writing on, the next open for writing knows what to finish or to forget.
-void CKivmp3::replace_mp3_file(LPCSTR pszTmpPath_p, DWORD dwNewFileSize_p) {
-    FFDError const ffdError =
-        m_oCloseMarker.write(m_szFilePath, pszTmpPath_p, m_dwFileSize, dwNewFileSize_p);
-    if (ffdError != FFD_NOERROR) {
-        TRACE_ERROR(ffdError, "by CCloseMarker::write(...)");
+// The size of the temporary file, which is on the disk then: not before that the old file goes.
+DWORD CKivmp3::finish_temp_file(HANDLE hNewFile) {
+    uint64_t ullNewFileSize = 0;
+    DWORD dwError = FlushFileBuffers(hNewFile) ? NO_ERROR : GetLastError();
+    if (dwError == NO_ERROR) {
+        dwError = KIVMP3_get_file_size(hNewFile, &ullNewFileSize);
+    }
+    if (dwError != NO_ERROR) {
+        TRACE_ERROR(dwError, "GetLastError() after FlushFileBuffers(.)");
         throw FFDError{FFD_FILE_IO_ERROR};
     }
-    bool const bReadOnly = PlatformIsReadOnly(m_szFilePath); // since the open
-    DWORD dwError = KIVMP3_delete_file(m_szFilePath);
+    return static_cast<DWORD>(ullNewFileSize);
+}
+
+// From here on the next open for writing knows what to finish or to forget. The MP3 file is still
+// held: whoever waits for it to come free can't get in between and make the close fail.
+void CKivmp3::write_close_marker(LPCSTR pszTmpPath_p, HANDLE* phNewFile_p, DWORD dwNewFileSize_p) {
+    FFDError const ffdError = m_oCloseMarker.write(
+        {m_szFilePath, m_hMp3File, m_dwFileSize, pszTmpPath_p, *phNewFile_p, dwNewFileSize_p});
+    if (ffdError == FFD_NOERROR) {
+        return;
+    }
+    TRACE_ERROR(ffdError, "by CCloseMarker::write(.)");
+    // On a full disk it would be in the way for good.
+    KIVMP3_release_file(phNewFile_p);
+    DWORD const dwError = KIVMP3_delete_file(pszTmpPath_p);
     if (dwError != NO_ERROR) {
         TRACE_ERROR(dwError, "GetLastError() after DeleteFile(.)");
-        m_oCloseMarker.remove();
+    }
+    throw FFDError{ffdError == FFD_ERR_NOT_ENOUGH_DSPACE ? ffdError : FFD_FILE_IO_ERROR};
+}
+
+// Removes the MP3 file, and nothing that has taken its name meanwhile.
+void CKivmp3::remove_mp3_file(LPCSTR pszTmpPath_p) {
+    DWORD dwError = NO_ERROR;
+    CPatience oPatience;
+    do {
+        if (look_at_name() == NameLeads::Elsewhere) {
+            leave_temp_file(pszTmpPath_p);
+        }
+        dwError = DeleteFileA(m_szFilePath) ? NO_ERROR : GetLastError();
+    } while (oPatience.wait_for(m_szFilePath, dwError));
+    if (dwError != NO_ERROR && dwError != ERROR_FILE_NOT_FOUND) {
+        TRACE_ERROR(dwError, "GetLastError() after DeleteFile(.)");
         throw FFDError{FFD_FILE_IO_ERROR};
     }
-    dwError = KIVMP3_move_file(pszTmpPath_p, m_szFilePath);
+}
+
+// Lets the finished temporary file take the place of the MP3 file.
+void CKivmp3::replace_mp3_file(LPCSTR pszTmpPath_p) {
+    bool const bReadOnly = PlatformIsReadOnly(m_szFilePath); // since the open
+    try {
+        remove_mp3_file(pszTmpPath_p);
+    } catch (FFDError) {
+        m_oCloseMarker.remove();
+        throw;
+    }
+    m_bNameLost = false;
+    DWORD const dwError = KIVMP3_move_file(pszTmpPath_p, m_szFilePath);
     if (dwError != NO_ERROR) {
         TRACE_ERROR(dwError, "GetLastError() after MoveFile(..) Tmp to Current Wave file.");
+        if (dwError == ERROR_ALREADY_EXISTS || dwError == ERROR_FILE_EXISTS) {
+            m_bNameLost = true;
+            m_oCloseMarker.remove();
+            leave_temp_file(pszTmpPath_p);
+        }
         throw FFDError{FFD_FILE_IO_ERROR};
     }
     if (bReadOnly) { // last, for such a file can't be removed
         PlatformSetReadOnly(m_szFilePath);
     }
+}
+
+// Tells where the dictation is, whose name another file has, and ends the close.
+void CKivmp3::leave_temp_file(LPCSTR pszTmpPath_p) {
+    char szText[MAX_PATH + 64];
+    snprintf(szText, sizeof szText, "file was replaced while it was open; the dictation is in %s",
+             pszTmpPath_p);
+    TRACE_ERROR(FFD_FILE_IO_ERROR, szText);
+    throw FFDError{FFD_FILE_IO_ERROR};
 }

@@ -85,6 +85,7 @@ FFDError CKivmp3::FFDCreateFile(char const* lpFileName, FFDDesiredAccess ffdDesi
 // The destructors release nothing, and a handle to the .DIR file that stayed open would refuse the
 // next open of the same name for as long as the process lives.
 void CKivmp3::release_failed_open() {
+    m_oDirFile.set_sound_file(nullptr);
     KIVMP3_release_file(&m_hMp3File);
     m_oDirFile.close_dir_memory_mapping();
     free(m_pWfx);
@@ -177,6 +178,7 @@ void CKivmp3::open_mp3_file() {
     if (dwError != NO_ERROR) {
         throw FFDError{FFD_FILE_IO_ERROR};
     }
+    m_oDirFile.set_sound_file(m_hMp3File);
 }
 
 void CKivmp3::check_and_fill_filepath_variables() {

@@ -11,33 +11,53 @@
 #define TRACE_MODULE "XKIVMP3.DLL"
 #include "log/trace.h"
 
+namespace {
+
+// The transfers look at no counts: what came out short must not replace the old file.
+void check_size(HANDLE hNewFile, uint64_t ullCopied_p) {
+    uint64_t ullNewFileSize = 0;
+    if (KIVMP3_get_file_size(hNewFile, &ullNewFileSize) != NO_ERROR ||
+        ullNewFileSize != ullCopied_p) {
+        TRACE_ERROR(FFD_FILE_IO_ERROR, "rebuilt file is not whole -> FFD_FILE_IO_ERROR");
+        throw FFDError{FFD_FILE_IO_ERROR};
+    }
+}
+
+BYTE* checked(CHeapBlock const& rBuffer_p) {
+    if (rBuffer_p.get() == nullptr) {
+        TRACE_ERROR(0, "by malloc(KIVMP3_TRANSFER_BUFFER_SIZE) -> FFD_ERROR_OUTOFMEMORY");
+        throw FFDError{FFD_ERROR_OUTOFMEMORY};
+    }
+    return rBuffer_p.get();
+}
+
+} // namespace
+
 void CKivmp3::reorganize(HANDLE hNewFile) {
     TRACE_ENTRY("-----CKivmp3::reorganize(.)");
     TRACE_PARAM("hNewFile", "%p", hNewFile);
     CHeapBlock const buffer(KIVMP3_TRANSFER_BUFFER_SIZE);
-    if (buffer.get() == nullptr) {
-        TRACE_ERROR(0, "by malloc(KIVMP3_TRANSFER_BUFFER_SIZE) -> FFD_ERROR_OUTOFMEMORY");
-        throw FFDError{FFD_ERROR_OUTOFMEMORY};
-    }
+    BYTE* const pcBuffer = checked(buffer);
     uint64_t ullCopied =
-        copy_range(hNewFile, 0, m_dwFirstFrame, buffer.get(), "by KIVMP3_transfer_wave_data(...)");
+        copy_range(hNewFile, 0, m_dwFirstFrame, pcBuffer, "by KIVMP3_transfer_wave_data(...)");
     for (DirEntry const* pEntry = m_oDirFile.get_dir_header(); pEntry->Status != 0; ++pEntry) {
         // A block smaller than a frame is dropped from the file.
         if (!pEntry->is_deleted() && pEntry->size() >= m_pWfx->nBlockSize) {
-            ullCopied += copy_block(hNewFile, *pEntry, buffer.get());
+            ullCopied += copy_block(hNewFile, *pEntry, pcBuffer);
         }
     }
     if (m_dwTrailingEnd > m_dwTrailingBegin) {
         ullCopied += copy_range(hNewFile, m_dwTrailingBegin, m_dwTrailingEnd - m_dwTrailingBegin,
-                                buffer.get(), "by KIVMP3_transfer_wave_data(...)");
+                                pcBuffer, "by KIVMP3_transfer_wave_data(...)");
     }
-    // The transfers look at no counts: what came out short must not replace the old file.
-    uint64_t ullNewFileSize = 0;
-    if (KIVMP3_get_file_size(hNewFile, &ullNewFileSize) != NO_ERROR ||
-        ullNewFileSize != ullCopied) {
-        TRACE_ERROR(FFD_FILE_IO_ERROR, "rebuilt file is not whole -> FFD_FILE_IO_ERROR");
-        throw FFDError{FFD_FILE_IO_ERROR};
-    }
+    check_size(hNewFile, ullCopied);
+}
+
+// For a file that is the dictation already, and has lost its name.
+void CKivmp3::copy_as_it_lies(HANDLE hNewFile) {
+    CHeapBlock const buffer(KIVMP3_TRANSFER_BUFFER_SIZE);
+    check_size(hNewFile, copy_range(hNewFile, 0, m_dwFileSize, checked(buffer),
+                                    "by KIVMP3_transfer_mp3_data(...)"));
 }
 
 // Copies bytes from a file offset of the MP3 file to the file pointer of the new one. The result is
