@@ -5,6 +5,7 @@
 # Installs what is missing and builds first.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
+umask 022 # so that modes inside depend on nobody
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -19,18 +20,23 @@ make_deb() {
 make_zip() {
     scripts/install-packages.sh --windows zip
     scripts/build-preset.sh windows xkivmp3 xkivlog ffdhost
+    make_wheel >"$work/log"
 
     version=$(sed -nE 's/^CMAKE_PROJECT_VERSION:STATIC=(.*)/\1/p' build-windows/CMakeCache.txt)
     name=xkivmp3-$version-windows-x64
     staging=$work/zip
     folder=$staging/$name
-    mkdir -p "$folder/include" "$folder/lib" "$folder/docs" "$folder/notices"
+    mkdir -p "$folder/include" "$folder/lib" "$folder/docs" "$folder/python" \
+        "$folder/notices"
     for program in XKIVMP3.dll XKIVLOG.dll ffdhost.exe; do
         x86_64-w64-mingw32-strip -o "$folder/$program" "build-windows/$program"
     done
     cp build-windows/libXKIVMP3.dll.a "$folder/lib/"
     cp include/* "$folder/include/"
-    cp README.md LICENSE "$folder/"
+    cp MCI/xkivmp3.def "$folder/lib/XKIVMP3.def" # other compilers make their import library of it
+    cp LICENSE "$folder/"
+    sed "s/@VERSION@/$version/" packaging/windows/README.md >"$folder/README.md"
+    cp "dist/xkivmp3-$version-py3-none-any.whl" "$folder/python/"
     cp -r examples "$folder/"
     rm "$folder/examples/CMakeLists.txt"
     cp -r docs/* "$folder/docs/"

@@ -32,15 +32,14 @@ static void* load_symbol(char const* library, char const* name) {
 }
 #endif
 
-/* The slots of this session; the table holds them as plain pointers. */
-#define SLOT(type, number) ((type)table[number])
-static void** table;
+static FFDTable const* table;
 
 /* For brevity a failure ends the program without a close: as after a crash, the next open for
  * writing finds the edits that were made. */
 static void check(char const* what, FFDError status) {
     if (status != FFD_NOERROR) {
-        fprintf(stderr, "%s: status %llu\n", what, (unsigned long long)status);
+        FFDStatusText const text = ffd_describe(status);
+        fprintf(stderr, "%s: %s (%s). %s\n", what, text.szMeaning, text.szName, text.szAdvice);
         exit(1);
     }
 }
@@ -49,22 +48,22 @@ static FFDHandle open_sound(char const* path, FFDDesiredAccess access) {
     static int self; /* hDriver must not be null; no callback, so no messages about disk space */
     FFDCallbackParams const callback = {.hDriver = &self};
     FFDError status = FFD_NOERROR;
-    FFDHandle const sound = SLOT(FFDCreateFileProc, FFD_SLOT_CREATE_FILE)(
-        path, access, FFD_OPEN_EXISTING, NULL, callback, &status, NULL);
+    FFDHandle const sound =
+        table->create_file(path, access, FFD_OPEN_EXISTING, NULL, callback, &status, NULL);
     check(path, status);
     return sound;
 }
 
 static uint32_t seek(FFDHandle sound, uint32_t position) {
     uint32_t reached = 0;
-    check("seek", SLOT(FFDAudioSeekProc, FFD_SLOT_AUDIO_SEEK)(sound, position, &reached));
+    check("seek", table->audio_seek(sound, position, &reached));
     return reached;
 }
 
 /* A seek beyond the end stops there. */
 static void show_length(char const* what, FFDHandle sound) {
     uint32_t position = 0;
-    check("position", SLOT(FFDGetCurrentPosProc, FFD_SLOT_GET_CURRENT_POS)(sound, &position));
+    check("position", table->get_current_pos(sound, &position));
     printf("%-9s%u bytes\n", what, (unsigned)seek(sound, UINT32_MAX));
     seek(sound, position);
 }
@@ -73,14 +72,13 @@ static void show_length(char const* what, FFDHandle sound) {
 static uint32_t border(FFDHandle sound, uint32_t position) {
     static uint8_t block[2 * FFD_BORDER_REACH];
     uint32_t kept = 0;
-    check("position", SLOT(FFDGetCurrentPosProc, FFD_SLOT_GET_CURRENT_POS)(sound, &kept));
+    check("position", table->get_current_pos(sound, &kept));
     position = seek(sound, position);
     uint32_t const begin =
         seek(sound, position > FFD_BORDER_REACH ? position - FFD_BORDER_REACH : 0);
     FFDReadHandle* range = NULL;
-    check("size",
-          SLOT(FFDGetSizeOfDataProc, FFD_SLOT_GET_SIZE_OF_DATA)(sound, sizeof block, &range));
-    check("read", SLOT(FFDReadDataProc, FFD_SLOT_READ_DATA)(sound, range, sizeof block, block));
+    check("size", table->get_size_of_data(sound, sizeof block, &range));
+    check("read", table->read_data(sound, range, sizeof block, block));
     FFDBorders const borders = ffd_find_borders(block, range->RealSizeInBytes, position - begin);
     seek(sound, kept);
     return begin + (uint32_t)borders.before;
@@ -100,32 +98,31 @@ int main(int argc, char** argv) {
     /* All audio of the clip, without its tags. */
     FFDHandle const clip = open_sound(argv[3], FFD_ACCESS_READ);
     FFDReadHandle* range = NULL;
-    check("size", SLOT(FFDGetSizeOfDataProc, FFD_SLOT_GET_SIZE_OF_DATA)(clip, UINT32_MAX, &range));
+    check("size", table->get_size_of_data(clip, UINT32_MAX, &range));
     uint32_t const clipSize = range->RealSizeInBytes;
     uint8_t* const audio = malloc(clipSize);
     check("memory", audio ? FFD_NOERROR : FFD_ERROR_OUTOFMEMORY);
-    check("read", SLOT(FFDReadDataProc, FFD_SLOT_READ_DATA)(clip, range, clipSize, audio));
-    check("close", SLOT(FFDCloseProc, FFD_SLOT_CLOSE)(clip));
+    check("read", table->read_data(clip, range, clipSize, audio));
+    check("close", table->close(clip));
 
     FFDHandle const sound = open_sound(argv[2], FFD_ACCESS_READWRITE);
     uint8_t format[30];
     uint32_t bytesPerSecond;
-    check("format", SLOT(FFDGetWfxProc, FFD_SLOT_GET_WFX)(sound, format, sizeof format));
+    check("format", table->get_wfx(sound, format, sizeof format));
     memcpy(&bytesPerSecond, format + 8, sizeof bytesPerSecond); /* nAvgBytesPerSec */
     show_length("opened", sound);
 
     seek(sound, border(sound, bytesPerSecond));
-    check("insert",
-          SLOT(FFDWriteDataProc, FFD_SLOT_WRITE_DATA)(sound, FFD_METHOD_INSERT, clipSize, audio));
+    check("insert", table->write_data(sound, FFD_METHOD_INSERT, clipSize, audio));
     show_length("inserted", sound);
     uint32_t position = 0;
-    check("position", SLOT(FFDGetCurrentPosProc, FFD_SLOT_GET_CURRENT_POS)(sound, &position));
+    check("position", table->get_current_pos(sound, &position));
     uint32_t const end = border(sound, position + 2 * bytesPerSecond);
-    check("delete", SLOT(FFDDeleteDataProc, FFD_SLOT_DELETE_DATA)(sound, end - position));
+    check("delete", table->delete_data(sound, end - position));
     show_length("deleted", sound);
-    check("undo", SLOT(FFDUndoLastProc, FFD_SLOT_UNDO_LAST)(sound));
+    check("undo", table->undo_last(sound));
     show_length("undone", sound);
-    check("close", SLOT(FFDCloseProc, FFD_SLOT_CLOSE)(sound));
+    check("close", table->close(sound));
     free(audio);
     return 0;
 }

@@ -13,6 +13,7 @@ if [ "${1-}" = --windows ]; then
         googletest # its sources, built for Windows
         wine64     # runs the tests
         locales    # and what makes it take another code page
+        zip unzip
     )
 fi
 

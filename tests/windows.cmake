@@ -64,3 +64,7 @@ target_include_directories(ffd_header PRIVATE ${CMAKE_SOURCE_DIR}/include)
 target_compile_options(ffd_header PRIVATE -pedantic -Wall -Wextra $<$<BOOL:${XKIV_STRICT}>:-Werror>)
 
 include(${CMAKE_CURRENT_SOURCE_DIR}/examples.cmake)
+
+add_test(NAME windows_package COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/windows_package_test.sh
+    ${CMAKE_SOURCE_DIR} ${CMAKE_CROSSCOMPILING_EMULATOR})
+set_tests_properties(windows_package PROPERTIES RUN_SERIAL ON) # it builds in this folder

@@ -1,0 +1,35 @@
+#!/usr/bin/env bash
+# windows_package_test.sh SOURCE WINE...: the zip for Windows has the same bytes when made again, its
+# checksums are right, and hosts built from it as its README tells load the driver and link it.
+set -euo pipefail
+
+source=$1 wine=("${@:2}")
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+zip=$("$source/package.sh" windows)
+cp "$source/$zip" "$work/first.zip"
+(umask 077 && "$source/package.sh" windows) >/dev/null
+cmp "$source/$zip" "$work/first.zip"
+unzip -q "$work/first.zip" -d "$work"
+cd "$work"/xkivmp3-*
+sha256sum --quiet -c SHA256SUMS
+[ "$(wc -l <SHA256SUMS)" = "$(find . -type f -not -name SHA256SUMS | wc -l)" ]
+
+cp "$source/tests/samples/speech-22k-mono-tagged.mp3" letter.mp3
+cp "$source/tests/samples/insert-22k-mono.mp3" addition.mp3
+cat >host.c <<'END'
+#include <ffd.h>
+int main(void) {
+    return FFD_Function_Table.close(NULL) == FFD_INVALID_HANDLE ? 0 : 1;
+}
+END
+# The two lines for gcc, as they stand there.
+sed -nE 's/^    gcc (.*)/\1/p' README.md | tr '\\' / | while read -r arguments; do
+    # shellcheck disable=SC2086
+    x86_64-w64-mingw32-gcc-posix $arguments
+done
+"${wine[@]}" session.exe XKIVMP3.dll letter.mp3 addition.mp3 | tr -d '\r' | tail -n 1 |
+    grep -x 'undone   96966 bytes'
+"${wine[@]}" host.exe
+"${wine[@]}" ffdhost.exe info letter.mp3 | grep -c 'Dictation'
