@@ -9,6 +9,8 @@
 // The number is set on failure only: read it before anything else can change it.
 #pragma once
 
+#include <cstdint>
+
 #if defined(_WIN32)
 
 #ifndef WIN32_LEAN_AND_MEAN
