@@ -26,6 +26,7 @@ struct Arguments {
     std::string file;
     std::string svg;
     ReadOptions read;
+    RecordOptions record;
     std::vector<std::string> operations;
     bool force = false;
     bool dryRun = false;
@@ -134,6 +135,45 @@ void add_edit(CLI::App& app, Arguments& arguments, Command& command) {
     });
 }
 
+void add_record(CLI::App& app, Arguments& arguments, Command& command) {
+    CLI::App* const record = app.add_subcommand(
+        "record", "Record an MP3 stream from standard input into an MP3 file, as it comes");
+    record->add_option("FILE", arguments.file, "an MP3 file with a constant bitrate")
+        ->type_name(" ")
+        ->required();
+    record->add_option("--at", arguments.record.at, "position to begin at")
+        ->type_name("POS")
+        ->capture_default_str();
+    record
+        ->add_option("--length", arguments.record.length,
+                     "how much to record (default: until the stream ends)")
+        ->type_name("N");
+    record->add_flag("--overwrite", arguments.record.overwrite,
+                     "take out as much behind it: once a minute, and at the end");
+    record->add_flag("--new", arguments.record.create,
+                     "make the file from the first frame of the stream, if there is none");
+    record->add_flag("--force", arguments.record.force,
+                     "take a stream of another format than the file");
+    record->footer(std::string(kPositions) +
+                   "\nThe position goes to the nearest border of frames. Tags and the info frame "
+                   "of the\nencoder are left out. A stream of another format or bitrate is refused "
+                   "before anything\nis written.\n\n"
+                   "What has come is on the disk half a second later: a crash or a power failure "
+                   "loses\nno more, and the next open for writing finds the rest. The end of the "
+                   "stream, Ctrl-C,\nSIGTERM and SIGHUP end the recording and close the file; a "
+                   "second Ctrl-C ends the\nprogram at once, as a crash would.\n\n"
+                   "Examples:\n"
+                   "  ffmpeg -f alsa -i default -ac 1 -ar 22050 -b:a 64k -f mp3 -flush_packets 1 - "
+                   "|\n      ffdhost record letter.mp3\n"
+                   "  arecord -f S16_LE -r 22050 | lame --cbr -b 64 - - |\n"
+                   "      ffdhost record letter.mp3 --at 1:02.5 --overwrite");
+    record->callback([&] {
+        command = [&](Driver const& driver) {
+            return run_record(driver, arguments.file, arguments.record, arguments.json);
+        };
+    });
+}
+
 void add_check(CLI::App& app, Arguments& arguments, Command& command) {
     CLI::App* const check = app.add_subcommand(
         "check", "Tell what is wrong with an MP3 file and what the next open for writing makes of "
@@ -219,6 +259,7 @@ int run(std::span<char const* const> words) {
     add_read(app, arguments, command);
     add_map(app, arguments, command);
     add_edit(app, arguments, command);
+    add_record(app, arguments, command);
     add_check(app, arguments, command);
     add_recover(app, arguments, command);
 

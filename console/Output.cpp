@@ -23,6 +23,15 @@ void clear_line(std::string const& label) {
     std::fprintf(stderr, "\r%*s\r", static_cast<int>(label.size() + 8), "");
 }
 
+size_t g_drawn = 0; // letters of the status line on the terminal
+
+void clear_status_line() {
+    if (g_drawn > 0) {
+        std::fprintf(stderr, "\r%*s\r", static_cast<int>(g_drawn), "");
+        g_drawn = 0;
+    }
+}
+
 bool wants_colour(Stream stream) {
     char const* const noColour = std::getenv("NO_COLOR");
     return (noColour == nullptr || *noColour == '\0') && terminal_has_colours(stream);
@@ -72,6 +81,7 @@ void print_table(std::vector<std::vector<std::string>> rows) {
 }
 
 void print_warning(std::string const& words) {
+    clear_status_line();
     std::cerr << program_name(false) << " warning: " << printable(words) << std::endl;
 }
 
@@ -86,6 +96,7 @@ Json failure_json(Failure const& failure) {
 }
 
 void print_failure(Failure const& failure) {
+    clear_status_line();
     std::cerr << program_name(true) << ' ' << failure.operation() << " failed"
               << (failure.file().empty() ? "" : ": " + printable(failure.file())) << '\n'
               << "  " << status_text(failure.status()).name << " (" << failure.status()
@@ -144,6 +155,34 @@ void Progress::advance(uint64_t count) {
         std::fprintf(stderr, "\r%s  %3u %%", m_label.c_str(),
                      static_cast<unsigned>(m_done * 100 / m_total));
     }
+}
+
+StatusLine::StatusLine()
+    : m_watched(is_terminal(Stream::Error)),
+      m_next(std::chrono::steady_clock::now() +
+             (m_watched ? std::chrono::minutes(0) : std::chrono::minutes(1))) {}
+
+StatusLine::~StatusLine() {
+    if (std::exchange(g_drawn, 0) > 0) {
+        std::fputc('\n', stderr);
+    }
+}
+
+bool StatusLine::due() const {
+    return std::chrono::steady_clock::now() >= m_next;
+}
+
+void StatusLine::show(std::string const& text) {
+    auto const now = std::chrono::steady_clock::now();
+    if (!m_watched) {
+        m_next = now + std::chrono::minutes(1);
+        std::fprintf(stderr, "%s\n", text.c_str());
+        return;
+    }
+    m_next = now + std::chrono::milliseconds(250);
+    int const missing = static_cast<int>(g_drawn) - static_cast<int>(text.size());
+    std::fprintf(stderr, "\r%s%*s", text.c_str(), std::max(missing, 0), "");
+    g_drawn = text.size();
 }
 
 Waiting::Waiting(std::string label) {

@@ -76,6 +76,24 @@ private:
     bool m_shown = false;
 };
 
+// A line on stderr that is drawn over and over on a terminal, and once a minute elsewhere. Warnings
+// and failures go around it.
+class StatusLine {
+public:
+    StatusLine();
+    // Ends the line, which stays.
+    ~StatusLine();
+    StatusLine(StatusLine const&) = delete;
+    StatusLine& operator=(StatusLine const&) = delete;
+
+    bool due() const; // for the next text; a few times a second at most
+    void show(std::string const& text);
+
+private:
+    bool const m_watched;
+    std::chrono::steady_clock::time_point m_next;
+};
+
 // The same for one call that tells nothing of itself before it is done.
 class Waiting {
 public:

@@ -1,6 +1,7 @@
 #include "System.h"
 
 #include <array>
+#include <atomic>
 #include <cstdlib>
 #include <system_error>
 
@@ -9,6 +10,10 @@ namespace ffdhost {
 namespace {
 
 constexpr unsigned kUsualWidth = 80; // of a terminal
+
+// Whether a first stop is only noted, and whether there was one.
+std::atomic<bool> g_stopWaits = false;
+std::atomic<bool> g_stopped = false;
 
 // What the handler of an interruption writes: it can't take memory.
 std::array<char, 1000> g_words;
@@ -181,7 +186,13 @@ Utf8Terminal::~Utf8Terminal() {
 
 namespace {
 
-BOOL WINAPI on_interrupt(DWORD /*event*/) {
+BOOL WINAPI on_interrupt(DWORD event) {
+    if (g_stopWaits && !g_stopped.exchange(true)) {
+        if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT) {
+            Sleep(INFINITE); // the system ends the program when this returns, or after seconds
+        }
+        return TRUE;
+    }
     DWORD written = 0;
     WriteFile(GetStdHandle(STD_ERROR_HANDLE), g_words.data(), static_cast<DWORD>(g_length),
               &written, nullptr);
@@ -201,6 +212,47 @@ void make_stdin_binary() {
     _setmode(_fileno(stdin), _O_BINARY);
 }
 
+void let_stop_wait() {
+    g_stopWaits = true;
+}
+
+bool stdin_is_terminal() {
+    return _isatty(_fileno(stdin)) != 0;
+}
+
+// The system has no way to wait for a pipe: it is asked again and again.
+Arrival await_stdin(std::span<std::byte> buffer, size_t& count,
+                    std::chrono::milliseconds patience) {
+    HANDLE const input = GetStdHandle(STD_INPUT_HANDLE);
+    bool const isPipe = GetFileType(input) == FILE_TYPE_PIPE;
+    auto const end = std::chrono::steady_clock::now() + patience;
+    for (;;) {
+        if (g_stopped) {
+            return Arrival::Stop;
+        }
+        DWORD waiting = 0;
+        if (isPipe && PeekNamedPipe(input, nullptr, 0, nullptr, &waiting, nullptr) == 0) {
+            return Arrival::End;
+        }
+        if (!isPipe || waiting > 0) {
+            break;
+        }
+        if (std::chrono::steady_clock::now() >= end) {
+            return Arrival::Nothing;
+        }
+        Sleep(20);
+    }
+    DWORD read = 0;
+    if (ReadFile(input, buffer.data(), static_cast<DWORD>(buffer.size()), &read, nullptr) == 0) {
+        DWORD const error = GetLastError();
+        if (error != ERROR_BROKEN_PIPE) {
+            throw std::system_error(static_cast<int>(error), std::system_category());
+        }
+    }
+    count = read;
+    return read > 0 ? Arrival::Bytes : Arrival::End;
+}
+
 void end_process(int exitCode) {
     // Leaving by the C library would still let the driver know.
     TerminateProcess(GetCurrentProcess(), static_cast<UINT>(exitCode));
@@ -211,9 +263,11 @@ void end_process(int exitCode) {
 
 #else
 
+#include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <poll.h>
 #include <string_view>
 #include <sys/auxv.h>
 #include <sys/ioctl.h>
@@ -299,8 +353,16 @@ namespace {
 
 constexpr int kStops[] = {SIGINT, SIGTERM, SIGHUP};
 
+int g_stopPipe[2] = {-1, -1}; // wakes up who waits for stdin
+
 // Ends the process by the signal itself, so that the caller sees what it was.
 void on_interrupt(int signal) {
+    if (g_stopWaits && !g_stopped.exchange(true)) {
+        int const error = errno;
+        [[maybe_unused]] ssize_t const woken = write(g_stopPipe[1], "", 1);
+        errno = error;
+        return;
+    }
     [[maybe_unused]] ssize_t const written = write(STDERR_FILENO, g_words.data(), g_length);
     std::signal(signal, SIG_DFL);
     std::raise(signal);
@@ -326,6 +388,41 @@ void tell_when_interrupted(std::string const& words) {
 }
 
 void make_stdin_binary() {}
+
+void let_stop_wait() {
+    if (pipe2(g_stopPipe, O_CLOEXEC | O_NONBLOCK) != 0) {
+        throw std::system_error(errno, std::generic_category());
+    }
+    g_stopWaits = true;
+    std::signal(SIGPIPE, SIG_IGN);
+    // What comes during a close that rebuilds waits in the pipe. Refused if it is none.
+    [[maybe_unused]] int const size = fcntl(STDIN_FILENO, F_SETPIPE_SZ, 1 << 20);
+}
+
+bool stdin_is_terminal() {
+    return isatty(STDIN_FILENO) != 0;
+}
+
+Arrival await_stdin(std::span<std::byte> buffer, size_t& count,
+                    std::chrono::milliseconds patience) {
+    pollfd sources[] = {{STDIN_FILENO, POLLIN, 0}, {g_stopPipe[0], POLLIN, 0}};
+    int const ready = poll(sources, 2, static_cast<int>(patience.count()));
+    if (g_stopped) {
+        return Arrival::Stop;
+    }
+    if (ready == 0 || (ready < 0 && errno == EINTR)) {
+        return Arrival::Nothing;
+    }
+    ssize_t const got = ready < 0 ? -1 : read(STDIN_FILENO, buffer.data(), buffer.size());
+    if (got < 0) {
+        if (errno == EINTR || errno == EAGAIN) {
+            return Arrival::Nothing;
+        }
+        throw std::system_error(errno, std::generic_category());
+    }
+    count = static_cast<size_t>(got);
+    return got > 0 ? Arrival::Bytes : Arrival::End;
+}
 
 void end_process(int exitCode) {
     _exit(exitCode);

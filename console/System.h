@@ -2,6 +2,8 @@
 // that knows which system it runs on.
 #pragma once
 
+#include <chrono>
+#include <cstddef>
 #include <filesystem>
 #include <optional>
 #include <span>
@@ -70,6 +72,24 @@ private:
 // that ask for it). Empty: nothing. The program ends on the spot, as in a crash. At most 1000
 // bytes.
 void tell_when_interrupted(std::string const& words);
+
+// From now on the first such stop does not end the program but shows as Arrival::Stop. The second
+// does what tell_when_interrupted says. A reader of stderr that goes away ends nothing.
+void let_stop_wait();
+
+enum class Arrival {
+    Bytes,   // some have come
+    Nothing, // none have, in the time given
+    End,     // none will
+    Stop     // the program is to stop
+};
+
+// What comes through stdin, as soon as something has come. Throws std::system_error if stdin cannot
+// be read.
+Arrival await_stdin(std::span<std::byte> buffer, size_t& count, std::chrono::milliseconds patience);
+
+// Whether stdin is the keyboard.
+bool stdin_is_terminal();
 
 // Keeps the system from translating line ends in what comes from stdin.
 void make_stdin_binary();

@@ -57,8 +57,13 @@ template <class Call> auto named(std::string const& path, Call call) {
 } // namespace
 
 SoundFile::SoundFile(Driver const& driver, std::string path, Access access)
-    : m_path(std::make_unique<std::string>(std::move(path))),
+    : m_driver(driver), m_access(access), m_path(std::make_unique<std::string>(std::move(path))),
       m_file(named(*m_path, [&] { return open(driver, *m_path, access); })) {}
+
+void SoundFile::hand_to(
+    std::function<void(ffd::File&, std::function<ffd::File()> const&)> const& work) {
+    named(*m_path, [&] { work(m_file, [&] { return open(m_driver, *m_path, m_access); }); });
+}
 
 void SoundFile::close() {
     named(*m_path, [&] { m_file.close(); });

@@ -4,6 +4,7 @@
 #include "Driver.h"
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -42,7 +43,13 @@ public:
     void store();
     void restore();
 
+    // Calls `work` with the file and with a function that opens it once more, for what works on
+    // an ffd::File. An ffd::Error of it becomes a Failure, too.
+    void hand_to(std::function<void(ffd::File&, std::function<ffd::File()> const&)> const& work);
+
 private:
+    Driver const& m_driver;
+    Access m_access;
     std::unique_ptr<std::string> m_path; // where messages find it
     ffd::File m_file;
 };

@@ -6,6 +6,7 @@
 #include "Beside.h"
 #include "console/Output.h"
 #include "DirMap.h"
+#include "Recorder.h"
 #include "StreamView.h"
 #include "Tags.h"
 
@@ -45,11 +46,28 @@ struct EditOptions {
 Outcome run_edit(Driver const& driver, std::string const& file,
                  std::vector<std::string> const& tokens, EditOptions const& options, bool json);
 
+struct RecordOptions {
+    std::string at = "end";
+    std::string length; // empty: as long as the stream goes on
+    bool overwrite = false;
+    bool create = false; // makes the file if there is none
+    bool force = false;  // takes a stream that does not fit
+};
+// From standard input, until it ends or the program is to stop (let_stop_wait).
+Outcome run_record(Driver const& driver, std::string const& file, RecordOptions const& options,
+                   bool json);
+
 // ---- Shared by commands ------------------------------------------------------------------------
 
 // Copies up to `size` bytes of the dictation from the position on to an output, piece by piece. The
 // result is the count of bytes written.
 uint64_t copy_dictation(SoundFile& sound, uint64_t size, OutputFile output);
+
+// Records standard input into an open file, with a status line. `begun` are bytes of the stream
+// that have been read already. What it throws leaves what was recorded in the dictation. `name` is
+// that of the file.
+Json record_stream(SoundFile& sound, std::string const& name, RecorderOptions const& options,
+                   std::span<std::byte const> begun = {});
 
 // Throws a Failure if `output` is `file` or its .DIR file, even one that is not there: writing it
 // would destroy them, or what the next open would take for one.

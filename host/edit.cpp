@@ -4,7 +4,6 @@
 #include "console/Printable.h"
 #include "console/System.h"
 #include "EditOps.h"
-#include "StandardInput.h"
 
 #include <algorithm>
 #include <memory>
@@ -12,6 +11,10 @@
 namespace ffdhost {
 
 namespace {
+
+bool takes_standard_input(EditOp const& op) {
+    return op.takes_clip() && op.path == "-";
+}
 
 // One run of 'edit': the checks, the open file, and the results so far.
 class Editor {
@@ -40,6 +43,7 @@ private:
     std::string text_of(EditOp const& op, Json const& result) const;
     void seek(EditOp const& op, Json& result);
     void enter_clip(EditOp const& op, Json& result);
+    void record(EditOp const& op, Json& result);
     uint64_t enter_pieces(FFDMethod method, std::string const& name, SoundFile& clip, Json& result);
     void erase(EditOp const& op, Json& result);
     void undo(Json& result);
@@ -140,7 +144,8 @@ void Editor::check_paths(EditOp const& op) const {
 // Without a target only what the driver itself refuses is found.
 void Editor::check_clips(StreamFormat const* target) const {
     for (EditOp const& op : m_ops) {
-        if (!op.takes_clip()) {
+        if (!op.takes_clip() ||
+            takes_standard_input(op)) { // which the recorder checks before it writes
             continue;
         }
         StreamFormat const clip = look_at(m_driver, op.path).format;
@@ -167,6 +172,10 @@ void Editor::check_clips(StreamFormat const* target) const {
 }
 
 void Editor::open() {
+    if (std::any_of(m_ops.begin(), m_ops.end(), takes_standard_input)) {
+        make_stdin_binary();
+        let_stop_wait();
+    }
     if (!m_options.pretendedCrash) {
         tell_when_interrupted("\nffdhost: interrupted: the edits so far are kept beside " +
                               printable(m_file) + "; the next open for writing finds them\n");
@@ -240,6 +249,9 @@ void Editor::seek(EditOp const& op, Json& result) {
 void Editor::enter_clip(EditOp const& op, Json& result) {
     FFDMethod const method =
         op.kind == EditOp::Kind::Overwrite ? FFD_METHOD_OVERWRITE : FFD_METHOD_INSERT;
+    if (takes_standard_input(op)) {
+        return record(op, result);
+    }
     // Through the driver: its dictation is the clip without its tags.
     SoundFile clip(m_driver, op.path, Access::Read);
     uint32_t const before = m_sound->length();
@@ -249,6 +261,20 @@ void Editor::enter_clip(EditOp const& op, Json& result) {
     clip.close();
     result["replaced"] = before + done - m_sound->length();
     result["position"] = m_sound->position();
+}
+
+void Editor::record(EditOp const& op, Json& result) {
+    RecorderOptions options;
+    options.at = m_sound->position();
+    options.overwrite = op.kind == EditOp::Kind::Overwrite;
+    options.force = m_options.force;
+    m_dirFileIsBehind = false;
+    Json const recorded = record_stream(*m_sound, m_file, options);
+    result.update({{"clip", op.path},
+                   {"from", recorded["from"]},
+                   {"bytes", recorded["recorded"]["bytes"]},
+                   {"replaced", recorded["replaced"]},
+                   {"position", recorded["position"]}});
 }
 
 uint64_t Editor::enter_pieces(FFDMethod method, std::string const& name, SoundFile& clip,
@@ -396,14 +422,9 @@ void Editor::report_failure(char const* key, Failure const& failure) {
 Outcome run_edit(Driver const& driver, std::string const& file,
                  std::vector<std::string> const& tokens, EditOptions const& options, bool json) {
     std::vector<EditOp> ops = parse_edit_ops(tokens);
-    std::optional<StandardInput> input;
-    for (EditOp& op : ops) {
-        if (op.takes_clip() && op.path == "-") {
-            if (!input) {
-                input.emplace();
-            }
-            op.path = input->file().string();
-        }
+    if (std::count_if(ops.begin(), ops.end(), takes_standard_input) > 1) {
+        throw Failure("edit", file, FFD_INVALID_PARAMETER, "standard input can be taken only once",
+                      "Give the clip as a file; nothing was changed.");
     }
     return Editor(driver, file, std::move(ops), options, json).run();
 }

@@ -289,7 +289,7 @@ public:
         uint32_t const kept = position();
         uint32_t const wanted = seek(dictationPosition);
         uint32_t const begin = seek(wanted > FFD_BORDER_REACH ? wanted - FFD_BORDER_REACH : 0);
-        std::array<std::byte, 2 * FFD_BORDER_REACH> block;
+        std::array<std::byte, size_t{2} * FFD_BORDER_REACH> block;
         size_t size = 0;
         for (size_t count = 1; count > 0 && size < block.size(); size += count) {
             count = read(std::span(block).subspan(size));

@@ -6,7 +6,8 @@ if(TARGET ffdhost)
     add_test(NAME host_guard
         COMMAND Python3::Interpreter ${CMAKE_CURRENT_SOURCE_DIR}/host_guard_test.py)
     add_test(NAME support COMMAND Python3::Interpreter ${CMAKE_CURRENT_SOURCE_DIR}/support_test.py)
-    set_tests_properties(host host_guard support PROPERTIES ENVIRONMENT
+    add_test(NAME record COMMAND Python3::Interpreter ${CMAKE_CURRENT_SOURCE_DIR}/record_test.py)
+    set_tests_properties(host host_guard record support PROPERTIES ENVIRONMENT
         "FFDHOST=$<TARGET_FILE:ffdhost>;FFD_SAMPLES=${CMAKE_CURRENT_SOURCE_DIR}/samples")
 endif()
 

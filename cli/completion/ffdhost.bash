@@ -1,7 +1,7 @@
 # Completion of ffdhost for bash.
 _ffdhost() {
     local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
-    local commands="info read map edit check recover"
+    local commands="info read record map edit check recover"
     local operations="seek insert overwrite delete undo read show map store restore crash"
     local command="" at=0 i
     for ((i = 1; i < COMP_CWORD; i++)); do
@@ -18,11 +18,12 @@ _ffdhost() {
         compopt -o filenames
         return
         ;;
-    --from | --length | seek | delete) return ;;
+    --from | --at | --length | seek | delete) return ;;
     esac
     case "$command:$word" in
     :*) words="$commands --driver --json --version --help" ;;
     read:-*) words="--from --length --output --json --help" ;;
+    record:-*) words="--at --length --overwrite --new --force --json --help" ;;
     map:-*) words="--svg --json --help" ;;
     edit:-*) words="--force --json --help" ;;
     recover:-*) words="--copy --json --help" ;;
