@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # A dictation from end to end, on a copy of a real MP3 file: an edit session, a second session that
 # ends in a crash, a picture of what it left, the next open that finds every edit, and the file that
-# the close rebuilds. Needs the build of demo.sh.
+# the close rebuilds; then a recording from a live pipe that is killed. Needs the build of demo.sh.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -68,3 +68,24 @@ mpg123 -q -t letter.mp3
 echo "  mpg123 decodes the rebuilt file without an error"
 mp3val letter.mp3 | sed -n 's/^INFO: "[^"]*": /  mp3val: /p'
 echo "  files left beside it: $(ls letter.*)"
+
+step "A recording into the middle, from an encoder that runs in real time, killed after four seconds"
+live=(ffmpeg -v error -re -stream_loop 3 -i addition.mp3 -ac 1 -ar 22050 -b:a 64k -f mp3
+    -flush_packets 1 -)
+printf '\n$ %s | ffdhost record letter.mp3 --at 5s\n' "${live[*]}"
+mkfifo pipe
+"${live[@]}" >pipe 2>encoder.log &
+"$host" record letter.mp3 --at 5s <pipe >record.log 2>&1 &
+recorder=$!
+sleep 4
+kill -KILL "$recorder"
+wait 2>killed.log || true
+echo "What the kill left:"
+stat -c "  %n, %s bytes" letter.mp3 letter.DIR
+run map letter.mp3
+"$host" map letter.mp3 --svg "${picture%map.svg}recording.svg" >picture.log
+
+step "The next open has all but the last second"
+run edit letter.mp3 show
+mpg123 -q -t letter.mp3
+echo "  mpg123 decodes the file without an error; the picture is build/recording.svg"

@@ -44,7 +44,9 @@ class Sound:
                                 stderr=subprocess.PIPE, **how)
 
     def next_open(self):
-        subprocess.run([HOST, "edit", self.path, "show"], check=True, capture_output=True)
+        run = subprocess.run([HOST, "edit", self.path, "show"], capture_output=True, text=True)
+        if run.returncode:
+            raise AssertionError(run.stderr)
         return self.path.read_bytes()[TAGS[0]:-TAGS[1]]
 
 
