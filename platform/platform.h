@@ -9,6 +9,7 @@
 // The number is set on failure only: read it before anything else can change it.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #if defined(_WIN32)
@@ -49,9 +50,6 @@ extern "C" BOOL WINAPI DriverCallback(DWORD_PTR dwCallback, DWORD dwFlags, HDRVR
 #endif
 
 #else
-
-#include <stddef.h>
-#include <stdint.h>
 
 #define PLATFORM_EXPORT __attribute__((visibility("default")))
 #define WINAPI

@@ -1,7 +1,7 @@
 add_library(driver_fixture STATIC driver_fixture.cpp driver_fixture_posix.cpp)
 target_link_libraries(driver_fixture PUBLIC xkivmp3_testable GTest::gmock)
 
-foreach(subject disk boundary shipped hosts services open directory edit close status calls faults crash torn)
+foreach(subject surroundings disk boundary shipped hosts services open directory edit close status calls faults crash torn)
     add_kiv_test(driver_${subject}_test
         SOURCES driver_${subject}_test.cpp LIBRARIES driver_fixture)
 endforeach()
