@@ -9,6 +9,7 @@ import re
 import shutil
 import subprocess
 import sys
+import threading
 
 import pytest
 import xkivmp3
@@ -126,6 +127,16 @@ def test_a_close_that_fails_and_one_that_is_forgotten(path):
     with pytest.warns(ResourceWarning, match="letter.mp3: not closed"):
         assert xkivmp3.open(path, "r+").length == 96966
     assert not path.with_suffix(".DIR").exists()
+
+
+def test_one_call_at_a_time(path):
+    with xkivmp3.open(path) as letter:
+        other = threading.Thread(target=letter.tell)
+        with _driver.lock:  # as in the middle of a call
+            other.start()
+            other.join(0.1)
+            assert other.is_alive()
+        other.join()
 
 
 def test_messages(path, tmp_path):
