@@ -18,7 +18,9 @@ using namespace ffdhost;
 
 char const* const kPositions =
     "Positions and lengths count the audio from its first frame: bytes (12345) or a time\n"
-    "(750ms, 62.5s, 1:02.5, 1:02:03.5), turned into bytes with the bitrate of the file.\n";
+    "(750ms, 62.5s, 1m30s, 1:02.5, 1:02:03.5), turned into bytes with the bitrate of the file.\n"
+    "A position may also be counted from the end (end, end-3s) and, in 'edit', from the\n"
+    "present one (+5s, -5s).\n";
 
 struct Arguments {
     std::string driver;
@@ -30,6 +32,7 @@ struct Arguments {
     std::vector<std::string> operations;
     bool force = false;
     bool dryRun = false;
+    bool snap = false;
     bool copy = false;
 };
 
@@ -103,11 +106,13 @@ void add_edit(CLI::App& app, Arguments& arguments, Command& command) {
         ->expected(1, CLI::detail::expected_max_vector_size);
     edit->add_flag("--force", arguments.force,
                    "enter clips even if their format does not fit the dictation");
+    edit->add_flag("--snap", arguments.snap,
+                   "move positions and lengths to the nearest border of frames");
     edit->add_flag("--dry-run", arguments.dryRun,
                    "change nothing; do it in memory and show what would change on the disk");
     edit->footer(
         "Operations:\n"
-        "  seek POS          go to a position, or to the 'end'\n"
+        "  seek POS          go to a position\n"
         "  insert MP3        enter the audio of another file at the position; '-' is standard\n"
         "                    input\n"
         "  overwrite MP3     the same, and take out as much behind it\n"
@@ -127,10 +132,11 @@ void add_edit(CLI::App& app, Arguments& arguments, Command& command) {
         command = [&](Driver const& driver) {
             EditOptions options;
             options.force = arguments.force;
-            return arguments.dryRun ? run_dry_edit(arguments.file, arguments.operations,
-                                                   arguments.force, arguments.json)
-                                    : run_edit(driver, arguments.file, arguments.operations,
-                                               options, arguments.json);
+            options.snap = arguments.snap;
+            return arguments.dryRun
+                       ? run_dry_edit(arguments.file, arguments.operations, options, arguments.json)
+                       : run_edit(driver, arguments.file, arguments.operations, options,
+                                  arguments.json);
         };
     });
 }

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <optional>
 #include <string_view>
+#include <utility>
 
 namespace ffdhost {
 
@@ -72,6 +73,37 @@ std::optional<uint64_t> parse_clock(std::string_view text) {
     return minutes * 60 * kMicrosecondsPerSecond + *seconds;
 }
 
+// 1h2m3.5s, with at least hours or minutes; all fields but the first stay below 60.
+std::optional<uint64_t> parse_units(std::string_view text) {
+    uint64_t seconds = 0;
+    bool isFirst = true;
+    for (auto const& [letter, size] : {std::pair('h', 3600), std::pair('m', 60)}) {
+        size_t const place = text.find(letter);
+        if (place == std::string_view::npos) {
+            continue;
+        }
+        std::optional<uint64_t> const field = parse_whole(text.substr(0, place));
+        if (!field || *field > 9'999'999 || (!isFirst && *field >= 60)) {
+            return std::nullopt;
+        }
+        seconds += *field * static_cast<uint64_t>(size);
+        text.remove_prefix(place + 1);
+        isFirst = false;
+    }
+    uint64_t rest = 0;
+    if (!text.empty()) {
+        std::optional<uint64_t> const last =
+            text.ends_with('s')
+                ? parse_decimal(text.substr(0, text.size() - 1), kMicrosecondsPerSecond)
+                : std::nullopt;
+        if (!last || *last >= 60 * kMicrosecondsPerSecond) {
+            return std::nullopt;
+        }
+        rest = *last;
+    }
+    return isFirst ? std::nullopt : std::optional(seconds * kMicrosecondsPerSecond + rest);
+}
+
 std::optional<uint64_t> parse_time(std::string_view text) {
     if (text.find(':') != std::string_view::npos) {
         return parse_clock(text);
@@ -79,16 +111,41 @@ std::optional<uint64_t> parse_time(std::string_view text) {
     if (text.ends_with("ms")) {
         return parse_decimal(text.substr(0, text.size() - 2), 1000);
     }
+    if (text.find_first_of("hm") != std::string_view::npos) {
+        return parse_units(text);
+    }
     if (text.ends_with('s')) {
         return parse_decimal(text.substr(0, text.size() - 1), kMicrosecondsPerSecond);
     }
     return std::nullopt;
 }
 
+std::optional<Position> parse_amount(std::string_view text) {
+    Position amount;
+    if (std::optional<uint64_t> const bytes = parse_whole(text); bytes && *bytes <= kLargest) {
+        amount.count = *bytes;
+        return amount;
+    }
+    std::optional<uint64_t> const time = parse_time(text);
+    if (!time) {
+        return std::nullopt;
+    }
+    amount.unit = Position::Unit::Microseconds;
+    amount.count = *time;
+    return amount;
+}
+
+[[noreturn]] void bad_number(std::string const& operation, std::string const& text) {
+    throw Failure(operation, "", FFD_INVALID_PARAMETER,
+                  "'" + text + "' is no position or length of a dictation",
+                  "Give bytes below 4 GiB as in 12345, or a time as in 1:02.5, 1m30s, 62.5s or "
+                  "750ms; a position also as +5s, -5s, end or end-3s.");
+}
+
 } // namespace
 
 uint32_t Position::to_bytes(uint32_t bytesPerSecond) const {
-    if (unit == Unit::End) {
+    if (unit == Unit::All) {
         return kLargest;
     }
     if (unit == Unit::Bytes) {
@@ -100,19 +157,49 @@ uint32_t Position::to_bytes(uint32_t bytesPerSecond) const {
     return static_cast<uint32_t>(std::min(whole + rest, kLargest));
 }
 
-Position parse_position(std::string const& operation, std::string const& text, bool endAllowed) {
-    if (endAllowed && text == "end") {
-        return {Position::Unit::End, 0};
+uint32_t Position::to_place(uint32_t bytesPerSecond, uint32_t here, uint32_t length) const {
+    uint64_t const distance = to_bytes(bytesPerSecond);
+    uint64_t const origin = from == From::Here ? here : from == From::End ? length : 0;
+    if (isBack) {
+        return static_cast<uint32_t>(origin - std::min(origin, distance));
     }
-    if (std::optional<uint64_t> const bytes = parse_whole(text); bytes && *bytes <= kLargest) {
-        return {Position::Unit::Bytes, *bytes};
+    return static_cast<uint32_t>(std::min(origin + distance, kLargest));
+}
+
+Position parse_length(std::string const& operation, std::string const& text) {
+    if (std::optional<Position> const length = parse_amount(text)) {
+        return *length;
     }
-    if (std::optional<uint64_t> const time = parse_time(text)) {
-        return {Position::Unit::Microseconds, *time};
+    bad_number(operation, text);
+}
+
+Position parse_position(std::string const& operation, std::string const& text) {
+    Position place;
+    std::string_view rest = text;
+    if (rest.starts_with("end")) {
+        place.from = Position::From::End;
+        rest.remove_prefix(3);
+        if (rest.empty()) {
+            return place;
+        }
+        if (rest[0] != '-') {
+            bad_number(operation, text);
+        }
     }
-    throw Failure(operation, "", FFD_INVALID_PARAMETER,
-                  "'" + text + "' is no position or length of a dictation",
-                  "Give bytes below 4 GiB as in 12345, or a time as in 1:02.5, 62.5s or 750ms.");
+    if (!rest.empty() && (rest[0] == '+' || rest[0] == '-')) {
+        place.isBack = rest[0] == '-';
+        if (place.from == Position::From::Begin) {
+            place.from = Position::From::Here;
+        }
+        rest.remove_prefix(1);
+    }
+    std::optional<Position> const amount = parse_amount(rest);
+    if (!amount) {
+        bad_number(operation, text);
+    }
+    place.unit = amount->unit;
+    place.count = amount->count;
+    return place;
 }
 
 uint64_t milliseconds_of(uint64_t byteCount, uint32_t bytesPerSecond) {

@@ -61,16 +61,16 @@ std::vector<EditOp> parse_edit_ops(std::vector<std::string> const& tokens) {
         case Arguments::None:
             break;
         case Arguments::Position:
-            op.position = parse_position(op.name, argument("a position"), true);
+            op.position = parse_position(op.name, argument("a position"));
             break;
         case Arguments::Length:
-            op.position = parse_position(op.name, argument("a length"));
+            op.position = parse_length(op.name, argument("a length"));
             break;
         case Arguments::Path:
             op.path = argument("an MP3 file");
             break;
         case Arguments::LengthAndPath:
-            op.position = parse_position(op.name, argument("a length and an output file"));
+            op.position = parse_length(op.name, argument("a length and an output file"));
             op.path = argument("an output file");
             break;
         }

@@ -93,6 +93,15 @@ uint32_t SoundFile::seek(uint32_t dictationPosition) {
     return named(*m_path, [&] { return m_file.seek(dictationPosition); });
 }
 
+uint32_t SoundFile::nearest_border(uint32_t dictationPosition) {
+    return named(*m_path, [&] {
+        uint32_t const end = m_file.length();
+        return dictationPosition < end
+                   ? m_file.borders(dictationPosition).nearest(dictationPosition)
+                   : end;
+    });
+}
+
 std::vector<uint8_t> SoundFile::read(uint32_t size) {
     return named(*m_path, [&] {
         std::vector<uint8_t> bytes(size);

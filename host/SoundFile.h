@@ -33,6 +33,8 @@ public:
     uint32_t length();
     // Gives the position reached, which is the end at most.
     uint32_t seek(uint32_t dictationPosition);
+    // The border of frames that is nearest to a position; the end for one beyond it.
+    uint32_t nearest_border(uint32_t dictationPosition);
 
     // Reads up to `size` bytes from the position on; fewer where ffd::File::read gives fewer.
     std::vector<uint8_t> read(uint32_t size);

@@ -35,6 +35,7 @@ Outcome run_read(Driver const& driver, std::string const& file, ReadOptions cons
 // What an edit does beyond its operations on the driver; as it stands, the true thing.
 struct EditOptions {
     bool force = false; // enters clips that do not fit
+    bool snap = false;  // positions and lengths go to the nearest border of frames
     // With a driver that only pretends: no output is written, and 'crash' does not end the process
     // but the operations, with a call of this in place of the close.
     std::function<void()> pretendedCrash;

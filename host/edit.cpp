@@ -6,6 +6,7 @@
 #include "EditOps.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <memory>
 
 namespace ffdhost {
@@ -41,6 +42,8 @@ private:
     void perform(EditOp const& op, Json& result);
     void print(EditOp const& op, Json const& result) const;
     std::string text_of(EditOp const& op, Json const& result) const;
+    uint32_t snapped(uint32_t dictationPosition, Json& result);
+    uint32_t length_of(EditOp const& op, Json& result);
     void seek(EditOp const& op, Json& result);
     void enter_clip(EditOp const& op, Json& result);
     void record(EditOp const& op, Json& result);
@@ -242,8 +245,37 @@ void Editor::perform(EditOp const& op, Json& result) {
 }
 
 void Editor::seek(EditOp const& op, Json& result) {
-    uint32_t const reached = m_sound->seek(op.position.to_bytes(m_rate));
+    uint32_t const length = m_sound->length();
+    uint32_t const wanted = op.position.to_place(m_rate, m_sound->position(), length);
+    uint32_t const reached = m_sound->seek(snapped(std::min(wanted, length), result));
     result["position"] = reached;
+    if (wanted > length && op.position.from != Position::From::End) {
+        print_warning("seek: " + length_text(wanted, m_rate) + " is beyond the end of " +
+                      length_text(length, m_rate));
+    }
+}
+
+// With --snap the nearest border, and in the result by how much it lies behind the place.
+uint32_t Editor::snapped(uint32_t dictationPosition, Json& result) {
+    if (!m_options.snap) {
+        return dictationPosition;
+    }
+    uint32_t const border = m_sound->nearest_border(dictationPosition);
+    result["snapped"] = int64_t{border} - int64_t{dictationPosition};
+    return border;
+}
+
+// From the position on; what lies beyond the end is cut off.
+uint32_t Editor::length_of(EditOp const& op, Json& result) {
+    uint32_t const from = m_sound->position();
+    uint32_t const left = m_sound->length() - from;
+    uint32_t const wanted = op.position.to_bytes(m_rate);
+    if (wanted > left) {
+        print_warning(op.name + ": " + length_text(wanted, m_rate) + " are wanted and " +
+                      length_text(left, m_rate) + " are left up to the end");
+        return left;
+    }
+    return std::max(from, snapped(from + wanted, result)) - from;
 }
 
 void Editor::enter_clip(EditOp const& op, Json& result) {
@@ -292,7 +324,7 @@ uint64_t Editor::enter_pieces(FFDMethod method, std::string const& name, SoundFi
 }
 
 void Editor::erase(EditOp const& op, Json& result) {
-    uint32_t const wanted = op.position.to_bytes(m_rate);
+    uint32_t const wanted = length_of(op, result);
     uint32_t const before = m_sound->length();
     m_sound->erase(wanted);
     m_dirFileIsBehind = false;
@@ -314,7 +346,7 @@ void Editor::undo(Json& result) {
 
 void Editor::read(EditOp const& op, Json& result) {
     uint32_t const from = m_sound->position();
-    uint64_t const wanted = std::min(op.position.to_bytes(m_rate), m_sound->length() - from);
+    uint64_t const wanted = length_of(op, result);
     uint64_t done = wanted;
     if (!m_options.pretendedCrash) {
         done = copy_dictation(*m_sound, wanted, OutputFile(op.path, m_file));
@@ -354,7 +386,11 @@ void Editor::restore(Json& result) {
 }
 
 void Editor::print(EditOp const& op, Json const& result) const {
-    say(op.name, text_of(op, result));
+    int64_t const moved = result.value("snapped", int64_t{0});
+    say(op.name, text_of(op, result) +
+                     (moved == 0 ? ""
+                                 : ", to the border of frames " + std::to_string(std::abs(moved)) +
+                                       (moved < 0 ? " bytes before" : " bytes behind")));
     if (op.kind == EditOp::Kind::Map && !m_json) {
         print_map(result["blocks"]);
     }

@@ -47,8 +47,8 @@ Outcome run_read(Driver const& driver, std::string const& file, ReadOptions cons
                  bool json) {
     std::string const output = options.output == "-" ? "" : options.output;
     Position const fromOption = parse_position("read", options.from);
-    Position const lengthOption = options.length.empty() ? Position{Position::Unit::End, 0}
-                                                         : parse_position("read", options.length);
+    Position const lengthOption = options.length.empty() ? Position{Position::Unit::All}
+                                                         : parse_length("read", options.length);
     if (output.empty() && json) {
         throw Failure("read", file, FFD_INVALID_PARAMETER,
                       "standard output cannot take the audio and the JSON document at once",
@@ -62,7 +62,7 @@ Outcome run_read(Driver const& driver, std::string const& file, ReadOptions cons
     SoundFile& sound = *opened;
     uint32_t const rate = sound.wave_format().bytesPerSecond;
     uint32_t const end = sound.length();
-    uint32_t const from = sound.seek(fromOption.to_bytes(rate));
+    uint32_t const from = sound.seek(fromOption.to_place(rate, 0, end));
     uint64_t const wanted = std::min(lengthOption.to_bytes(rate), end - from);
     uint64_t const done = copy_dictation(sound, wanted, OutputFile(output, file));
     sound.close();

@@ -168,9 +168,9 @@ Json record_stream(SoundFile& sound, std::string const& name, RecorderOptions co
 
 Outcome run_record(Driver const& driver, std::string const& file, RecordOptions const& options,
                    bool json) {
-    Position const at = parse_position("record", options.at, true);
-    Position const length = options.length.empty() ? Position{Position::Unit::End, 0}
-                                                   : parse_position("record", options.length);
+    Position const at = parse_position("record", options.at);
+    Position const length = options.length.empty() ? Position{Position::Unit::All}
+                                                   : parse_length("record", options.length);
     if (stdin_is_terminal()) {
         throw Failure("record", "standard input", FFD_INVALID_PARAMETER,
                       "standard input is the keyboard, and an MP3 stream is wanted",
@@ -192,10 +192,10 @@ Outcome run_record(Driver const& driver, std::string const& file, RecordOptions 
     auto sound = std::make_unique<SoundFile>(driver, file, Access::ReadWrite);
     uint32_t const rate = sound->wave_format().bytesPerSecond;
     RecorderOptions recorder;
-    recorder.at = at.to_bytes(rate);
+    recorder.at = at.to_place(rate, 0, sound->length());
     recorder.overwrite = options.overwrite;
     recorder.force = options.force;
-    if (length.unit != Position::Unit::End) {
+    if (length.unit != Position::Unit::All) {
         recorder.most = length.to_bytes(rate);
     }
     Json document{{"command", "record"}, {"ok", false}, {"file", file}, {"made", made}};

@@ -60,7 +60,7 @@ run map letter.mp3
 run info letter.mp3
 
 step "Checked from outside"
-"$host" edit crashed.mp3 read 100000000 before.bin >before.log
+"$host" edit crashed.mp3 read 100000000 before.bin >before.log 2>&1
 "$host" read letter.mp3 -o after.bin >after.log
 echo "  dictation that the crash left:      $(stat -c %s before.bin) bytes"
 echo "  rebuilt, widened to whole frames:   $(stat -c %s after.bin) bytes"

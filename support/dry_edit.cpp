@@ -73,11 +73,12 @@ std::optional<DirMap> read_pretended(std::filesystem::path const& path) {
 
 } // namespace
 
-Outcome run_dry_edit(std::string const& file, std::vector<std::string> const& tokens, bool force,
-                     bool json) {
+Outcome run_dry_edit(std::string const& file, std::vector<std::string> const& tokens,
+                     EditOptions options, bool json) {
     DryDriver const dry;
     Json changes; // up to a crash
-    EditOptions const options{force, [&] { changes = changes_json(); }, read_pretended};
+    options.pretendedCrash = [&] { changes = changes_json(); };
+    options.readDirectory = read_pretended;
     Outcome outcome = run_edit(dry.driver(), file, tokens, options, json);
     if (changes.is_null()) {
         changes = changes_json();

@@ -6,8 +6,9 @@
 namespace ffdhost {
 
 // run_edit on a disk that only pretends: its result, and the changes that the disk would have seen.
-Outcome run_dry_edit(std::string const& file, std::vector<std::string> const& tokens, bool force,
-                     bool json);
+// What of the options belongs to that is set here.
+Outcome run_dry_edit(std::string const& file, std::vector<std::string> const& tokens,
+                     EditOptions options, bool json);
 
 // The exit code is kExitFailed if something needs attention.
 Outcome run_check(Driver const& driver, std::string const& file, bool json);

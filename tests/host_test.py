@@ -132,17 +132,26 @@ class HostTest(unittest.TestCase):
             self.assertEqual(read["read"]["bytes"], len(expected), options)
         self.assert_untouched()
 
+    def test_snapped_places(self):
+        begin, end = (frame_border(self.audio, place) for place in (3209, 6209))
+        done = self.json("edit", "--snap", self.file, "seek", begin + 100, "delete", end - begin - 90,
+                         "seek", "1h")["operations"]
+        self.assertEqual([each.get("snapped", 0) for each in done], [-100, 90, 0])
+        self.assertEqual(self.host("read", self.file).stdout, self.audio[:begin] + self.audio[end:])
+
     def test_positions(self):
         long_file = self.dir / "long.mp3"  # more than an hour, 3000 bytes a second
         piece = audio_of(SAMPLES / "speech-16k-mono.mp3")
         long_file.write_bytes(piece * (12_000_000 // len(piece)))
         good = {"0": 0, "12345": 12345, "750ms": 2250, "0.5ms": 1, "62.5s": 187500, "2s": 6000,
-                "1:02.5": 187500, "0:00.001": 3, "1:02:03.5": 11170500}
+                "1:02.5": 187500, "0:00.001": 3, "1:02:03.5": 11170500, "1m30s": 270000,
+                "-5s": 255000, "+1500": 256500, "1h1m": 10980000, "end-3s": long_file.stat().st_size - 9000}
         good["90:00"] = good["end"] = good["9999999:00"] = long_file.stat().st_size
         operations = [word for text in good for word in ("seek", text)]
         done = self.json("edit", long_file, *operations)["operations"]
         self.assertEqual([each["position"] for each in done], list(good.values()))
-        for text in ("", "-1", "+1", " 1", "1:60", "60:60:00", "1:2:3:4", "1:", ":5", "5x", "1.5",
+        for text in ("", "+", "-", "end+1s", "+-1", "1m90s", "1m2m", "1m5ms", " 1", "1:60",
+                     "60:60:00", "1:2:3:4", "1:", ":5", "5x", "1.5",
                      "4294967296", "0.0000001s", "0.0001ms", "ms", "s", "1e3s", "End", "5k",
                      "99999999s", "1:-5", "0x10"):
             failure = self.json("edit", self.file, "delete", "5", "seek", text, code=2)["failure"]

@@ -25,7 +25,7 @@ _ffdhost() {
     read:-*) words="--from --length --output --json --help" ;;
     record:-*) words="--at --length --overwrite --new --force --json --help" ;;
     map:-*) words="--svg --json --help" ;;
-    edit:-*) words="--force --json --help" ;;
+    edit:-*) words="--force --snap --dry-run --json --help" ;;
     recover:-*) words="--copy --json --help" ;;
     *:-*) words="--json --help" ;;
     esac
