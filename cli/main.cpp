@@ -33,6 +33,7 @@ struct Arguments {
     bool force = false;
     bool dryRun = false;
     bool snap = false;
+    bool backup = false;
     bool copy = false;
 };
 
@@ -105,9 +106,11 @@ void add_edit(CLI::App& app, Arguments& arguments, Command& command) {
         ->required()
         ->expected(1, CLI::detail::expected_max_vector_size);
     edit->add_flag("--force", arguments.force,
-                   "enter clips even if their format does not fit the dictation");
+                   "enter clips whose format does not fit the dictation, and delete all of it");
     edit->add_flag("--snap", arguments.snap,
                    "move positions and lengths to the nearest border of frames");
+    edit->add_flag("--backup", arguments.backup,
+                   "keep a copy first, in a new folder beside the file");
     edit->add_flag("--dry-run", arguments.dryRun,
                    "change nothing; do it in memory and show what would change on the disk");
     edit->footer(
@@ -133,6 +136,9 @@ void add_edit(CLI::App& app, Arguments& arguments, Command& command) {
             EditOptions options;
             options.force = arguments.force;
             options.snap = arguments.snap;
+            if (arguments.backup && !arguments.dryRun) {
+                keep_backup(arguments.file, arguments.json);
+            }
             return arguments.dryRun
                        ? run_dry_edit(arguments.file, arguments.operations, options, arguments.json)
                        : run_edit(driver, arguments.file, arguments.operations, options,
@@ -158,6 +164,8 @@ void add_record(CLI::App& app, Arguments& arguments, Command& command) {
                      "take out as much behind it: once a minute, and at the end");
     record->add_flag("--new", arguments.record.create,
                      "make the file from the first frame of the stream, if there is none");
+    record->add_flag("--backup", arguments.backup,
+                     "keep a copy first, in a new folder beside the file");
     record->add_flag("--force", arguments.record.force,
                      "take a stream of another format than the file");
     record->footer(std::string(kPositions) +
@@ -175,6 +183,9 @@ void add_record(CLI::App& app, Arguments& arguments, Command& command) {
                    "      ffdhost record letter.mp3 --at 1:02.5 --overwrite");
     record->callback([&] {
         command = [&](Driver const& driver) {
+            if (arguments.backup) {
+                keep_backup(arguments.file, arguments.json);
+            }
             return run_record(driver, arguments.file, arguments.record, arguments.json);
         };
     });

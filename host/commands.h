@@ -71,8 +71,14 @@ Json record_stream(SoundFile& sound, std::string const& name, RecorderOptions co
                    std::span<std::byte const> begun = {});
 
 // Throws a Failure if `output` is `file` or its .DIR file, even one that is not there: writing it
-// would destroy them, or what the next open would take for one.
+// would destroy them, or what the next open would take for one. The same for a sound file, and its
+// .DIR file, for which a crash has left edits.
 void check_output(std::string const& operation, std::string const& output, std::string const& file);
+
+// Tells of the edits that an open for writing of the file would take over, and gives the count of
+// their blocks. 0 for none, and for a .DIR file that the driver will have to judge.
+size_t tell_edits_waiting(std::filesystem::path const& dirFile, EditOptions const& options,
+                          bool json);
 
 // What stands in front of the audio or behind it.
 Json regions_json(Regions const& regions);

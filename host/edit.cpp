@@ -183,6 +183,7 @@ void Editor::open() {
         tell_when_interrupted("\nffdhost: interrupted: the edits so far are kept beside " +
                               printable(m_file) + "; the next open for writing finds them\n");
     }
+    m_document["taken_over_blocks"] = tell_edits_waiting(m_dirFile, m_options, m_json);
     {
         Waiting const waiting("opening");
         m_sound = std::make_unique<SoundFile>(m_driver, m_file, Access::ReadWrite);
@@ -208,12 +209,21 @@ void Editor::perform_all() {
 }
 
 void Editor::close() {
-    m_document["dictation"] = length_json(m_sound->length(), m_rate);
+    m_document["dictation"] = length_json(m_sound->length(), m_rate); // if the close fails
     {
         Waiting const waiting("closing");
         m_sound->close();
     }
     tell_when_interrupted("");
+    uint32_t length = 0;
+    try {
+        length = look_at(m_driver, m_file).audioLength; // a close goes to whole frames
+    } catch (Failure const& failure) {
+        if (failure.status() != FFD_NO_MORE_FRAMES) {
+            throw;
+        }
+    }
+    m_document["dictation"] = length_json(length, m_rate);
     m_document["closed"] = status_json(FFD_NOERROR);
     say("Closed", length_text(m_document["dictation"]));
 }
@@ -326,6 +336,12 @@ uint64_t Editor::enter_pieces(FFDMethod method, std::string const& name, SoundFi
 void Editor::erase(EditOp const& op, Json& result) {
     uint32_t const wanted = length_of(op, result);
     uint32_t const before = m_sound->length();
+    if (before - wanted < m_sound->wave_format().frameSize && wanted > 0 && !m_options.force) {
+        throw Failure(op.name, m_file, FFD_NOT_SUPPORTED,
+                      "no frame would be left, and a file without one cannot be opened any more",
+                      "Leave a frame, insert the new audio first and delete behind it, or delete "
+                      "all the same with --force.");
+    }
     m_sound->erase(wanted);
     m_dirFileIsBehind = false;
     uint32_t const deleted = before - m_sound->length();
@@ -454,6 +470,23 @@ void Editor::report_failure(char const* key, Failure const& failure) {
 }
 
 } // namespace
+
+size_t tell_edits_waiting(std::filesystem::path const& dirFile, EditOptions const& options,
+                          bool json) {
+    std::optional<DirMap> left;
+    try {
+        left = options.readDirectory(dirFile);
+    } catch (Failure const&) {
+        return 0; // the open repairs it or sets it aside
+    }
+    size_t const blocks = left ? left->blocks.size() : 0;
+    if (blocks > 0 && !json) {
+        print_line("Taken over",
+                   "the edits of a session that did not close: " + std::to_string(blocks) +
+                       (blocks == 1 ? " block" : " blocks") + " in " + dirFile.string());
+    }
+    return blocks;
+}
 
 Outcome run_edit(Driver const& driver, std::string const& file,
                  std::vector<std::string> const& tokens, EditOptions const& options, bool json) {

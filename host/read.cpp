@@ -1,10 +1,26 @@
 #include "commands.h"
 
 #include "console/Position.h"
+#include "console/Printable.h"
 
 #include <algorithm>
 
 namespace ffdhost {
+
+namespace {
+
+// The .DIR file that gives the bytes of an output their order, or is that output.
+std::optional<std::string> waiting_edits_of(std::filesystem::path const& output) {
+    std::error_code error;
+    if (!std::filesystem::is_regular_file(output, error)) {
+        return std::nullopt;
+    }
+    std::filesystem::path const directory = dir_file_of(output.string());
+    uint64_t const size = std::filesystem::file_size(directory, error);
+    return error || size == 0 ? std::nullopt : std::optional(directory.string());
+}
+
+} // namespace
 
 void check_output(std::string const& operation, std::string const& output,
                   std::string const& file) {
@@ -17,6 +33,14 @@ void check_output(std::string const& operation, std::string const& output,
                           "the output would overwrite the file that is read",
                           "Choose another name for the output.");
         }
+    }
+    if (std::optional<std::string> const edits = waiting_edits_of(output)) {
+        throw Failure(operation, output, FFD_FILE_ALREADY_EXISTS,
+                      "a session that did not close has left edits in " + *edits +
+                          ", which would be lost",
+                      "Choose another name for the output. To fold the edits in, run: ffdhost "
+                      "recover -- " +
+                          shell_word(output));
     }
     std::filesystem::path const parent = std::filesystem::absolute(output).parent_path();
     if (std::filesystem::is_directory(output, error) ||

@@ -189,6 +189,7 @@ Outcome run_record(Driver const& driver, std::string const& file, RecordOptions 
         }
         make_file(file, beginning.frame());
     }
+    size_t const takenOver = tell_edits_waiting(dir_file_of(file), {}, json);
     auto sound = std::make_unique<SoundFile>(driver, file, Access::ReadWrite);
     uint32_t const rate = sound->wave_format().bytesPerSecond;
     RecorderOptions recorder;
@@ -198,7 +199,11 @@ Outcome run_record(Driver const& driver, std::string const& file, RecordOptions 
     if (length.unit != Position::Unit::All) {
         recorder.most = length.to_bytes(rate);
     }
-    Json document{{"command", "record"}, {"ok", false}, {"file", file}, {"made", made}};
+    Json document{{"command", "record"},
+                  {"ok", false},
+                  {"file", file},
+                  {"made", made},
+                  {"taken_over_blocks", takenOver}};
     bool failed = false;
     auto const report = [&](char const* key, Failure const& failure) {
         failed = true;

@@ -152,4 +152,21 @@ Outcome run_recover(Driver const& driver, std::string const& file, bool copy, bo
     return Recovery(driver, file, json).run(copy);
 }
 
+void keep_backup(std::string const& file, bool json) {
+    fs::path const marker = beside(file, ".CLM");
+    std::error_code error;
+    if (fs::exists(marker, error)) {
+        throw Failure("backup", file, FFD_ERROR_ACCESS_DENIED,
+                      "a close was interrupted, so that the dictation may have another name",
+                      "End it first, with a copy. Run: ffdhost recover --copy -- " +
+                          shell_word(file));
+    }
+    for (fs::path const& path : keep_copy(
+             file, {fs::path(file).filename().string(), dir_file_of(file).filename().string()})) {
+        if (!json) {
+            print_line("Kept", path.string());
+        }
+    }
+}
+
 } // namespace ffdhost

@@ -16,4 +16,8 @@ Outcome run_check(Driver const& driver, std::string const& file, bool json);
 // `copy`: keeps what is there in a new folder first.
 Outcome run_recover(Driver const& driver, std::string const& file, bool copy, bool json);
 
+// A copy of the file and of what a crash has left beside it, as 'recover --copy' makes it, before
+// anything is changed. Throws a Failure if it can't be made.
+void keep_backup(std::string const& file, bool json);
+
 } // namespace ffdhost

@@ -132,6 +132,25 @@ class HostTest(unittest.TestCase):
             self.assertEqual(read["read"]["bytes"], len(expected), options)
         self.assert_untouched()
 
+    def test_nothing_is_lost_in_silence(self):
+        refused = self.json("edit", self.file, "delete", "1h", code=1)["failure"]
+        self.assertIn("no frame would be left", refused["message"])
+        self.assertEqual(self.file.read_bytes(), self.original)
+        self.host("edit", self.file, "seek", "end", "insert", self.clip, "crash", code=3)
+        whole = len(self.audio) + len(self.clip_audio)
+        directory = self.dir_file.read_bytes()
+        for output in self.file, self.dir_file:
+            run = self.host("read", self.clip, "-o", output, code=1)
+            self.assertIn(b"would be lost", run.stderr)
+        self.assertEqual(self.dir_file.read_bytes(), directory)
+        text = self.host("edit", "--backup", self.file, "seek", 300, "delete", 1000).stdout.decode()
+        self.assertIn("did not close: 2 blocks in", text)
+        closed = len(audio_of(self.file))  # in whole frames
+        self.assertNotEqual(closed, whole - 1000)
+        self.assertIn(f"({closed} bytes)", text.splitlines()[-1])
+        self.assertEqual((self.dir / "a.kept" / "a.DIR").read_bytes(), directory)
+        self.host("edit", "--force", self.file, "delete", "1h")
+
     def test_snapped_places(self):
         begin, end = (frame_border(self.audio, place) for place in (3209, 6209))
         done = self.json("edit", "--snap", self.file, "seek", begin + 100, "delete", end - begin - 90,

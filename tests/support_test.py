@@ -72,7 +72,7 @@ class SupportTest(unittest.TestCase):
     def crashed(self, sound, *operations):
         """The files that a crash behind the operations leaves."""
         self.make({"a.mp3": sound})
-        self.assertEqual(self.host("edit", "a.mp3", *operations, "crash")[0], 3)
+        self.assertEqual(self.host("edit", "--force", "a.mp3", *operations, "crash")[0], 3)
         return {path.name: path.read_bytes() for path in self.dir.iterdir()}
 
     def check(self, name="a.mp3"):

@@ -23,9 +23,9 @@ _ffdhost() {
     case "$command:$word" in
     :*) words="$commands --driver --json --version --help" ;;
     read:-*) words="--from --length --output --json --help" ;;
-    record:-*) words="--at --length --overwrite --new --force --json --help" ;;
+    record:-*) words="--at --length --overwrite --new --backup --force --json --help" ;;
     map:-*) words="--svg --json --help" ;;
-    edit:-*) words="--force --snap --dry-run --json --help" ;;
+    edit:-*) words="--force --snap --backup --dry-run --json --help" ;;
     recover:-*) words="--copy --json --help" ;;
     *:-*) words="--json --help" ;;
     esac
