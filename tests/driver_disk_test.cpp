@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 
 #include <filesystem>
+#include <map>
 
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -98,6 +99,42 @@ TEST_F(DiskTest, ADiskThatRunsFull) {
     close(handle);
     EXPECT_TRUE(same_bytes(read_file(sound), dictation));
     EXPECT_FALSE(exists(path("disk/a.DIR")));
+}
+
+// From no room for the copy to room for everything: whatever the status, every edit is there, and
+// no finished copy fills the disk for good.
+TEST_F(DiskTest, ACloseOnADiskThatIsNearlyFull) {
+    SmallDisk disk(path("disk"), 1000);
+    if (!disk.mounted()) {
+        GTEST_SKIP() << "no right to mount a small disk";
+    }
+    std::string const sound = path("disk/a.mp3");
+    std::string const filler = path("disk/filler");
+    std::string const dictation = frames(1, 3) + frames(1300); // 124,896 bytes
+    std::map<FFDError, unsigned> seen;
+    for (unsigned nPages = 0; nPages < 48; ++nPages) {
+        SCOPED_TRACE(nPages);
+        FFDHandle handle = open_with(sound, frames(1300));
+        ASSERT_EQ(insert(handle, 0, frames(1, 3)), 0u);
+        write_file(filler, "");
+        fs::resize_file(filler, fs::space(path("disk")).available - nPages * 4096);
+        write_file(filler, std::string(fs::file_size(filler), 'x'));
+        FFDError const status = driver().Close(handle);
+        ++seen[status];
+        fs::remove(filler);
+        std::string names;
+        for (auto const& entry : fs::directory_iterator(path("disk"))) {
+            names += entry.path().extension();
+        }
+        EXPECT_EQ(names.size(), status == 0 ? 4u : 8u) << names; // with the .DIR file
+        handle = open(sound);
+        EXPECT_TRUE(same_bytes(read_all(handle), dictation));
+        close(handle);
+        EXPECT_TRUE(same_bytes(read_file(sound), dictation));
+    }
+    EXPECT_EQ(seen.size(), 2u); // 0 and 6
+    EXPECT_GT(seen[0], 10u);
+    EXPECT_GT(seen[6], 10u);
 }
 
 TEST_F(DiskTest, FilesAndFoldersThatCanNotBeWritten) {
