@@ -10,6 +10,7 @@
 #include <thread>
 
 #include <csignal>
+#include <grp.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
@@ -377,6 +378,41 @@ TEST_F(SurroundingsTest, PermissionsGoAlong) {
                     }
                 }
             }
+        }
+    }
+}
+
+// A process that is not in the group of the sound file gives what it makes to its own group: that
+// and all others get what both had.
+TEST_F(SurroundingsTest, AGroupThatCanNotBeKept) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs another user";
+    }
+    ASSERT_EQ(chmod(folder().c_str(), 0777), 0);
+    struct {
+        mode_t sound;
+        mode_t made;
+    } const rows[] = {{0660, 0600}, {0664, 0644}, {0604, 0600}, {02777, 0666}};
+    for (auto const& row : rows) {
+        SCOPED_TRACE(row.sound);
+        for (bool const bClose : {false, true}) {
+            clear();
+            write_file(m_sound, m_audio);
+            ASSERT_EQ(chown(m_sound.c_str(), NOBODY, 2), 0);
+            ASSERT_EQ(chmod(m_sound.c_str(), row.sound), 0);
+            crash_after([&] {
+                ASSERT_TRUE(setgroups(0, nullptr) == 0 && setgid(NOBODY) == 0 &&
+                            setuid(NOBODY) == 0);
+                FFDHandle const handle = open(m_sound);
+                EXPECT_EQ(insert(handle, 480, frames(1, 3)), 0u);
+                if (bClose) {
+                    close(handle);
+                }
+            });
+            struct stat info = {};
+            ASSERT_EQ(stat(path(bClose ? "a.mp3" : "a.DIR").c_str(), &info), 0);
+            EXPECT_EQ(info.st_gid, NOBODY);
+            EXPECT_EQ(info.st_mode & (bClose ? 07666u : 07777u), row.made);
         }
     }
 }
