@@ -67,14 +67,16 @@ void CKivDirFile::create_directory_mapping(LPCSTR pszFilePath_p, FFDCreation ffd
 
 // Opens the .DIR file; if it may be made and is not there, makes it. The error number, 0 on
 // success. A file that another process has made in between is opened as it is: it would hold its
-// edits.
+// edits. One that is not known to be the directory's has to be looked at before anything else is
+// done with it.
 DWORD CKivDirFile::open_dir_file(bool bMake_p, bool* pbMade_p) {
     constexpr int nMostTries = 10;
     DWORD dwError = ERROR_FILE_NOT_FOUND;
     *pbMade_p = false;
     for (int nTry = 0; nTry < nMostTries; ++nTry) {
-        m_hDirFile = KIVMP3_open_companion(m_szDirFilePath, m_pszSoundPath, &dwError,
-                                           GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ);
+        m_hDirFile = KIVMP3_open_existing_file(
+            m_szDirFilePath, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ,
+            FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, &dwError);
         if (dwError != ERROR_FILE_NOT_FOUND || !bMake_p) {
             return dwError;
         }
@@ -99,7 +101,9 @@ DWORD CKivDirFile::open_dir_file(bool bMake_p, bool* pbMade_p) {
 DWORD CKivDirFile::take_dir_file(bool bMake_p) {
     bool bMade = false;
     DWORD dwError = open_dir_file(bMake_p, &bMade);
-    if (dwError == NO_ERROR && !PlatformGetFileIdentity(m_hDirFile, &m_DirIdentity)) {
+    if (dwError == NO_ERROR &&
+        ((!bMade && !PlatformTestCompanion(m_hDirFile, m_szDirFilePath, m_pszSoundPath)) ||
+         !PlatformGetFileIdentity(m_hDirFile, &m_DirIdentity))) {
         dwError = GetLastError();
         close_dir_file();
     }
@@ -115,7 +119,15 @@ DWORD CKivDirFile::reopen_dir_file(bool bMake_p) {
     if (dwError == NO_ERROR && !PlatformGetFileIdentity(m_hDirFile, &found)) {
         dwError = GetLastError();
     }
-    if (dwError == NO_ERROR && (bMade || found == m_DirIdentity || holds_bytes_of_last_flush())) {
+    bool bOwn = dwError == NO_ERROR && (bMade || found == m_DirIdentity);
+    if (dwError == NO_ERROR && !bOwn) {
+        if (PlatformTestCompanion(m_hDirFile, m_szDirFilePath, m_pszSoundPath)) {
+            bOwn = holds_bytes_of_last_flush();
+        } else {
+            dwError = GetLastError();
+        }
+    }
+    if (bOwn) {
         m_DirIdentity = found;
         m_bLost = false;
         return NO_ERROR;
