@@ -97,10 +97,10 @@ Json failure_json(Failure const& failure) {
 
 void print_failure(Failure const& failure) {
     clear_status_line();
-    std::cerr << program_name(true) << ' ' << failure.operation() << " failed"
-              << (failure.file().empty() ? "" : ": " + printable(failure.file())) << '\n'
-              << "  " << status_text(failure.status()).name << " (" << failure.status()
-              << "): " << printable(failure.what()) << '\n'
+    std::string const file = failure.file().empty() ? "" : printable(failure.file()) + ": ";
+    std::cerr << program_name(true) << ' ' << file << printable(failure.what()) << '\n'
+              << "  " << failure.operation() << " failed: " << status_text(failure.status()).name
+              << " (" << failure.status() << ")\n"
               << "  " << printable(failure.advice()) << std::endl;
 }
 

@@ -28,8 +28,44 @@ void on_driver_message(void* /*hDriver*/, uint32_t message, uintptr_t user, uint
     return; // the warning is lost
 }
 
+// Why a file cannot be opened: the driver has one status for all of it.
+[[noreturn]] void explain_open(std::string const& path, Access access, ffd::Error const& error) {
+    auto const fail = [&](std::string const& words, std::string const& advice) {
+        return Failure(error.operation(), path, error.status(), words, advice);
+    };
+    std::error_code code;
+    if (!std::filesystem::exists(path, code)) {
+        if (std::filesystem::is_symlink(path, code)) {
+            throw fail("the link leads to no file", "Check where it leads to.");
+        }
+        throw fail("there is no such file", "Check the path.");
+    }
+    if (std::filesystem::is_directory(path, code)) {
+        throw fail("it is a directory", "Give the path of a file in it.");
+    }
+    try {
+        InputFile const file(path); // takes no heed of what others have open
+    } catch (Failure const& reason) {
+        throw fail(reason.what(), "Check the permissions of the file.");
+    }
+    if (access == Access::ReadWrite) {
+        if (!may_write(path)) {
+            throw fail("permission denied: the file may not be written to",
+                       "Change its permissions, or copy it to a place of your own.");
+        }
+        std::filesystem::path const folder = std::filesystem::absolute(path).parent_path();
+        if (!may_write(folder)) {
+            throw fail("permission denied: no files may be made in its folder, and edits need one",
+                       "Change the permissions of " + folder.string() +
+                           ", or copy the file to a place of your own.");
+        }
+    }
+    throw fail("it is in use by another program", "Close that program, or wait until it is done.");
+}
+
 ffd::File open(Driver const& driver, std::string const& path, Access access) {
-    if (is_no_regular_file(path)) {
+    std::error_code code;
+    if (is_no_regular_file(path) && !std::filesystem::is_directory(path, code)) {
         throw Failure(access == Access::Read ? "open for reading" : "open for writing", path,
                       FFD_FILE_IO_ERROR, "it is no regular file");
     }
@@ -42,7 +78,14 @@ ffd::File open(Driver const& driver, std::string const& path, Access access) {
                       "the name has letters that the code page of this system lacks",
                       "Give the file another name.");
     }
-    return {driver, *name, access, messages};
+    try {
+        return {driver, *name, access, messages};
+    } catch (ffd::Error const& error) {
+        if (error.status() != FFD_FILE_IO_ERROR) {
+            throw;
+        }
+        explain_open(path, access, error);
+    }
 }
 
 // Makes a call, and a Failure of its error.

@@ -16,18 +16,12 @@ namespace {
 constexpr uint32_t kProbeSize = 1024; // bytes of audio that tell where the audio begins
 
 std::string mpeg_version(uint8_t const* header) {
-    switch (header[1] >> 3 & 3) {
-    case 3:
-        return "1";
-    case 2:
-        return "2";
-    default:
-        return "2.5";
-    }
+    static char const* const versions[] = {"2.5", "", "2", "1"};
+    return versions[ffd_frame_version(header)];
 }
 
 unsigned mpeg_layer(uint8_t const* header) {
-    return 4U - (header[1] >> 1 & 3U);
+    return 4U - ffd_frame_layer(header);
 }
 
 // The driver does not tell where the first frame lies, but it gives its bytes: the first place

@@ -132,6 +132,19 @@ class HostTest(unittest.TestCase):
             self.assertEqual(read["read"]["bytes"], len(expected), options)
         self.assert_untouched()
 
+    def test_failures_give_their_reason(self):
+        (self.dir / "link.mp3").symlink_to("nowhere")
+        with subprocess.Popen([HOST, "record", self.file], stdin=subprocess.PIPE,
+                              stdout=subprocess.DEVNULL) as recorder:
+            while not self.dir_file.exists():
+                self.assertIsNone(recorder.poll())
+            for name, words in (("none.mp3", "there is no such file"),
+                                ("link.mp3", "the link leads to no file"),
+                                ("a.mp3", "it is in use by another program")):
+                said = self.host("info", name, code=1).stderr.decode()
+                self.assertTrue(said.startswith(f"ffdhost: {name}: {words}\n"), said)
+            recorder.stdin.close()
+
     def test_nothing_is_lost_in_silence(self):
         refused = self.json("edit", self.file, "delete", "1h", code=1)["failure"]
         self.assertIn("no frame would be left", refused["message"])
