@@ -1,4 +1,5 @@
 // Which file a handle has, or a name leads to, and whether the driver may touch it.
+#define KIV_PLATFORM_OWN_CALLS // a fault of these calls is one of the whole
 #include "platform/fault_seam.h"
 #include "platform/platform.h"
 

@@ -91,15 +91,15 @@ BOOL PlatformCopyPermissions(HANDLE hFrom, HANDLE hTo, bool bCompanion) {
     FILE_BASIC_INFO to = {}; // a time of 0 stays as it is, and so do attributes of 0
     if (!get_attributes(hFrom, &to.FileAttributes))
         return FALSE;
-    to.FileAttributes &= COPIED_ATTRIBUTES;
+    // What is kept beside a file is an ordinary one, which can be removed.
+    to.FileAttributes &= bCompanion ? 0 : COPIED_ATTRIBUTES;
     if (to.FileAttributes == 0)
         to.FileAttributes = FILE_ATTRIBUTE_NORMAL;
     FAULT_CHANGE();
     SecurityDescriptor const list = access_list_of(hFrom);
     bool const bListed = list == nullptr || set_access_list(hTo, list.get());
     DWORD const dwError = GetLastError();
-    // What is kept beside a file has attributes of its own.
-    if (!bCompanion && !SetFileInformationByHandle(hTo, FileBasicInfo, &to, sizeof to))
+    if (!SetFileInformationByHandle(hTo, FileBasicInfo, &to, sizeof to))
         return FALSE;
     SetLastError(dwError);
     return bListed;
