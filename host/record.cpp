@@ -16,7 +16,7 @@ namespace {
 
 constexpr std::chrono::milliseconds kPatience(200); // with a stream that pauses
 constexpr size_t kPieceOfStream = size_t{32} * 1024;
-constexpr uint64_t kReserve = 10 * 1024 * 1024; // that the close wants to find free
+constexpr uint64_t kReserve = uint64_t{10} * 1024 * 1024; // that the close wants to find free
 
 // How long the disk lasts: what is recorded takes its own room, and four times as much is asked of
 // the close (see ffd.h), whose need is checked with every write.

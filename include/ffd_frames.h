@@ -277,7 +277,7 @@ static inline void ffd_frames_drop(FFDFrames* frames, uint32_t count, uint64_t* 
 static inline void ffd_frames_hold(FFDFrames* frames, uint8_t const** bytes, size_t* count) {
     uint32_t const held = frames->dwEnd - frames->dwBegin;
     size_t taken;
-    if (count == NULL || *count == 0) {
+    if (!count || *count == 0) {
         return;
     }
     if (frames->dwBegin > 0) {
@@ -394,7 +394,7 @@ static inline int ffd_frames_next(FFDFrames* frames, int how, uint8_t const** by
         if (frames->dwEnd - frames->dwBegin < FFD_FRAMES_HELD / 2) {
             ffd_frames_hold(frames, bytes, count);
         }
-        if (count != NULL && *count > 0) {
+        if (count && *count > 0) {
             state = FFD_STREAM_GOES_ON; /* and half of what can be held is enough to decide */
         }
         held = frames->abyHeld + frames->dwBegin;
