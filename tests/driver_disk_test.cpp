@@ -117,7 +117,7 @@ TEST_F(DiskTest, ACloseOnADiskThatIsNearlyFull) {
         FFDHandle handle = open_with(sound, frames(1300));
         ASSERT_EQ(insert(handle, 0, frames(1, 3)), 0u);
         write_file(filler, "");
-        fs::resize_file(filler, fs::space(path("disk")).available - nPages * 4096);
+        fs::resize_file(filler, fs::space(path("disk")).available - uint64_t{nPages} * 4096);
         write_file(filler, std::string(fs::file_size(filler), 'x'));
         FFDError const status = driver().Close(handle);
         ++seen[status];

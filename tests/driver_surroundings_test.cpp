@@ -335,8 +335,8 @@ TEST_F(SurroundingsTest, PermissionsGoAlong) {
     char const list[] =
         "\2\0\0\0\1\0\6\0\377\377\377\377\2\0\4\0\376\377\0\0\4\0\0\0\377\377\377\377"
         "\20\0\6\0\377\377\377\377\40\0\0\0\377\377\377\377";
-    for (mode_t const nUmask : {0, 077}) {
-        for (mode_t const nMode : {0600, 0640, 0664, 04755}) {
+    for (mode_t const nUmask : {0u, 077u}) {
+        for (mode_t const nMode : {0600u, 0640u, 0664u, 04755u}) {
             for (bool const bList : {false, true}) {
                 int nExitCode = 86;
                 for (unsigned nChange = 1; nExitCode == 86; ++nChange) {
