@@ -7,11 +7,11 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
 
-presets=(release sanitizers fuzz windows)
+presets=(release lto sanitizers fuzz windows)
 packages=()
 case "${1-}" in
 "") ;;
---linux-only) presets=(release sanitizers fuzz) ;;
+--linux-only) presets=(release lto sanitizers fuzz) ;;
 --quick) presets=(release) ;;
 *)
     echo "usage: test.sh [--linux-only | --quick]" >&2

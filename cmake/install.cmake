@@ -2,8 +2,16 @@
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
+# Whatever the umask of whoever installs.
+set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE
+    GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+
 # The driver finds its trace log beside itself, wherever the two are moved together.
-set_target_properties(xkivmp3 PROPERTIES INSTALL_RPATH "$<$<NOT:$<BOOL:${WIN32}>>:$ORIGIN>")
+# In the build directory too: a path that is
+# to be shortened at the installation is filled up with empty elements, which stand for the working
+# directory.
+set_target_properties(xkivmp3 PROPERTIES BUILD_WITH_INSTALL_RPATH ON
+    INSTALL_RPATH "$<$<NOT:$<BOOL:${WIN32}>>:$ORIGIN>")
 target_include_directories(xkivmp3 INTERFACE $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 
 # For a host that loads the driver at run time: the headers alone.

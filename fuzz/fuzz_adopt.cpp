@@ -46,8 +46,7 @@ std::string directory(fuzz::Input& input, unsigned nKind) {
 std::string marker(fuzz::Input& input) {
     uint32_t const anSizes[] = {AUDIO, 30 + AUDIO, 30 + AUDIO + 128, input.word()};
     std::string record = put32(anSizes[input.byte() % 4]) + put32(anSizes[input.byte() % 4]);
-    record += std::string(4, '\0') + input.bytes(8); // the fingerprint
-    record.resize(20);
+    record.resize(8 + 12); // a reserved word, and a fingerprint that no file has
     for (std::string name : {"a.mp3", "1.MP3"}) {
         name = input.byte() % 4 != 0 ? name : input.bytes(8);
         name.resize(260);

@@ -29,7 +29,7 @@ packages=(
     valgrind
     doxygen                           # the reference of the headers
     pkgconf dpkg-dev file debootstrap # the installation and the packages, tried out
-    clang-14 libclang-rt-14-dev       # the fuzz targets
+    clang-14 libclang-rt-14-dev llvm-14 # the fuzz targets, and what they reach
     "${windows[@]}"
     "$@"
 )

@@ -42,6 +42,9 @@ add_kiv_test(windows_unload_test SOURCES windows_unload_test.cpp LIBRARIES platf
 add_dependencies(windows_unload_test xkivmp3)
 
 find_package(Python3 COMPONENTS Interpreter REQUIRED)
+add_test(NAME hardening COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_SOURCE_DIR}/hardening_test.py)
+set_tests_properties(hardening PROPERTIES
+    ENVIRONMENT "BUILD=${CMAKE_BINARY_DIR};PREFIX=x86_64-w64-mingw32-")
 add_test(NAME contract COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_SOURCE_DIR}/contract_test.py)
 set_tests_properties(contract PROPERTIES ENVIRONMENT "BUILD=${CMAKE_BINARY_DIR}")
 
