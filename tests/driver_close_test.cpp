@@ -125,6 +125,22 @@ TEST_F(CloseTest, WhatARebuiltFileHolds) {
 
 // Frames of 417 bytes, and a block from 500 to 1300: it is moved forward to the frame at 834 and
 // widened to the end of the frame at 1251.
+#if !defined(_WIN32) // where an open file keeps its name
+// A tag behind the audio asks for a rebuild without any edit; nothing is to be rescued then.
+TEST_F(CloseTest, AFileThatLostItsNameWithoutAnEditLeavesNothing) {
+    for (bool const bReplaced : {false, true}) {
+        FFDHandle const handle = open_with(m_sound, frames(10) + id3v1_tag());
+        fs::remove(m_sound);
+        if (bReplaced) {
+            write_file(m_sound, frames(7, 5));
+        }
+        close(handle);
+        EXPECT_EQ(listing(), std::vector<std::string>(bReplaced ? 1 : 0, "a.mp3"));
+        EXPECT_TRUE(!bReplaced || same_bytes(read_file(m_sound), frames(7, 5)));
+    }
+}
+#endif
+
 TEST_F(CloseTest, ABlockIsBroughtBackToWholeFrames) {
     std::string audio;
     for (unsigned nFrame = 0; nFrame < 5; ++nFrame) {
@@ -296,6 +312,32 @@ TEST_F(MarkerTest, TheMarkerToTheByte) {
         fs::remove(path("a.CLM.bad"));
     }
     fs::remove(m_temp);
+}
+
+// A marker that is another sound file's stays where it is; one that names the file as a file system
+// spells it that takes letters of either case for the same (here: hard links) is the file's own.
+TEST_F(MarkerTest, WhoseMarkerItIs) {
+    interrupt_close(false);
+    for (std::string const& file : {m_sound, path("a.CLM"), path("a.DIR"), m_temp}) {
+        fs::remove(file);
+    }
+    FFDHandle handle = open_with(path("a.mpg"), frames(10));
+    ASSERT_EQ(insert(handle, 0, frames(1, 3)), 0u);
+    put(path("a.CLM"), m_marker);
+    close(handle, 29);
+    EXPECT_EQ(read_file(path("a.CLM")), m_marker);
+    EXPECT_THAT(listing(), ElementsAre("a.CLM", "a.DIR", "a.mpg"));
+
+#if !defined(_WIN32) // where no two names differ in case
+    fs::rename(path("a.CLM"), path("A.CLM"));
+    fs::remove(path("a.mpg"));
+    write_file(m_sound, m_rebuilt);
+    fs::create_hard_link(m_sound, path("A.mp3"));
+    handle = open(path("A.mp3")); // the directory is of the old file
+    EXPECT_THAT(listing(), ElementsAre("A.DIR", "A.mp3", "a.mp3"));
+    EXPECT_TRUE(same_bytes(read_all(handle), m_rebuilt));
+    close(handle);
+#endif
 }
 
 // The process that settles an interrupted close ends in front of each change of the disk, and the

@@ -60,10 +60,35 @@ bool beside_marker(LPCSTR pszMarkerPath_p, LPCSTR pszName_p, char (&szPath_p)[MA
     return nLength > 0 && nLength < MAX_PATH;
 }
 
+// By the letters of English; nothing is decided by it.
+bool is_same_but_for_case(LPCSTR pszName1_p, LPCSTR pszName2_p) {
+    auto const lower = [](char c) { return c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c; };
+    return std::equal(pszName1_p, pszName1_p + strlen(pszName1_p) + 1, pszName2_p,
+                      pszName2_p + strlen(pszName2_p) + 1,
+                      [&](char c1, char c2) { return lower(c1) == lower(c2); });
+}
+
 // Whether a name is one that a rebuild gives its file: a number, and ".MP3".
 bool is_rebuilt_name(char const (&szName_p)[MAX_PATH]) {
     size_t const nDigits = strspn(szName_p, "0123456789");
     return nDigits > 0 && strcmp(szName_p + nDigits, ".MP3") == 0;
+}
+
+// Whether a name in a marker is that of the sound file. On a Linux file system that takes letters
+// of either case for the same, two spellings lead to one file.
+bool names_sound_file(LPCSTR pszName_p, LPCSTR pszSoundPath_p) {
+    char szSoundName[MAX_PATH];
+    char szNamedPath[MAX_PATH];
+    if (!copy_file_name(pszSoundPath_p, szSoundName) ||
+        !beside_marker(pszSoundPath_p, pszName_p, szNamedPath)) {
+        return false;
+    }
+    PlatformFileIdentity sound = {};
+    PlatformFileIdentity named = {};
+    return PlatformSameFileName(szSoundName, pszName_p) ||
+           (is_same_but_for_case(szSoundName, pszName_p) &&
+            PlatformGetNameIdentity(pszSoundPath_p, &sound) &&
+            PlatformGetNameIdentity(szNamedPath, &named) && sound == named);
 }
 
 // What lies under the name of a marker.
@@ -97,12 +122,13 @@ Kind kind_of_marker(LPCSTR pszSoundPath_p, BYTE const* pbyContents_p, DWORD dwBy
         !is_rebuilt_name(pRecord_p->szRebuiltName) ||
         PlatformSameFileName(pRecord_p->szRebuiltName, pRecord_p->szSoundName) ||
         !PlatformSplitPath(pszSoundPath_p, &sound) ||
-        !PlatformSplitPath(pRecord_p->szSoundName, &named) ||
-        !PlatformSameFileName(sound.szStem, named.szStem)) {
+        !PlatformSplitPath(pRecord_p->szSoundName, &named)) {
         return Kind::Foreign;
     }
-    return PlatformSameFileName(sound.szExtension, named.szExtension) ? Kind::Marker
-                                                                      : Kind::OtherSound;
+    if (names_sound_file(pRecord_p->szSoundName, pszSoundPath_p)) {
+        return Kind::Marker;
+    }
+    return PlatformSameFileName(sound.szStem, named.szStem) ? Kind::OtherSound : Kind::Foreign;
 }
 
 // False if the file could not be read to its end.
@@ -245,15 +271,19 @@ void settle_files(LPCSTR pszMarkerPath_p, CloseMarkerRecord const& rRecord_p) {
     }
 }
 
-// Frees the name of the marker from a file that is none.
+// Frees the name of the marker from a file that is none. One of another sound file with the same
+// stem is what its next open needs.
 bool set_foreign_file_aside(LPCSTR pszMarkerPath_p, LPCSTR pszSoundPath_p) {
     try {
         HANDLE hFile = open_companion(pszMarkerPath_p, pszSoundPath_p, 0);
         if (hFile == nullptr) {
             return true;
         }
+        Kind kind = Kind::OtherSound;
+        CloseMarkerRecord record;
+        bool const bRead = read_marker(hFile, pszSoundPath_p, &kind, &record);
         KIVMP3_release_file(&hFile);
-        return KIVMP3_set_file_aside(pszMarkerPath_p) != 0;
+        return bRead && kind != Kind::OtherSound && KIVMP3_set_file_aside(pszMarkerPath_p) != 0;
     } catch (FFDError) {
         return false;
     }

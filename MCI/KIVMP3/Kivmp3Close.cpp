@@ -72,12 +72,14 @@ FFDError CKivmp3::settle_mp3_file() {
         TRACE_ERROR(FFD_FILE_IO_ERROR, "dir file is held by somebody else -> FFD_FILE_IO_ERROR");
         return FFD_FILE_IO_ERROR;
     }
-    if (!bRebuild && !m_oDirFile.is_changed() && !m_oDirFile.is_adopted()) {
+    bool const bEdited = m_oDirFile.is_changed() || m_oDirFile.is_adopted();
+    if (!bRebuild && !bEdited) {
         return FFD_NOERROR;
     }
     try {
-        // What no name leads to vanishes with its handle.
-        if (look_at_name() == NameLeads::Here && !bRebuild) {
+        // What no name leads to vanishes with its handle, and any edit with it.
+        bool const bNeeded = look_at_name() == NameLeads::Here ? bRebuild : bEdited;
+        if (!bNeeded) {
             return FFD_NOERROR;
         }
     } catch (FFDError ffdThrown) {
