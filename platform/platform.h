@@ -349,6 +349,10 @@ bool PlatformIsNameLingering(LPCSTR pszPath);
 // tell what the matter is.
 DWORD PlatformCopyBytes(HANDLE hFrom, HANDLE hTo, DWORD dwBytes);
 
+// A number that a forked child finds changed, which has none of its parent's handles. Always 0 on
+// Windows.
+DWORD PlatformForks();
+
 // ---- To look without touching (used by the dry layer, not by the driver)
 // -------------------------
 

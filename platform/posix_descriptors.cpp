@@ -1,9 +1,11 @@
 #include "platform/posix_descriptors.h"
 
+#include "platform/platform.h"
 #include "platform/posix_handles.h"
 #include "platform/posix_locks.h"
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <fcntl.h>
@@ -25,6 +27,7 @@ constinit std::mutex g_mutex;
 constinit std::array<uint64_t, MOST_DESCRIPTORS / WORD_BITS> g_words{};
 constinit int g_iWordsUsed = 0;
 constinit bool g_bForksWatched = false;
+constinit std::atomic<DWORD> g_dwForks = 0;
 
 void before_fork() {
     table_mutex().lock();
@@ -44,6 +47,7 @@ void after_fork_in_child() {
             close(iWord * WORD_BITS + __builtin_ctzll(word));
     }
     forget_handles();
+    ++g_dwForks;
     after_fork_in_parent();
 }
 
@@ -138,3 +142,7 @@ int close_descriptor(int fd) {
 }
 
 } // namespace posix
+
+DWORD PlatformForks() {
+    return posix::g_dwForks;
+}

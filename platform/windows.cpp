@@ -93,6 +93,10 @@ DWORD PlatformCopyBytes(HANDLE /*hFrom*/, HANDLE /*hTo*/, DWORD /*dwBytes*/) {
     return 0;
 }
 
+DWORD PlatformForks() {
+    return 0;
+}
+
 HANDLE PlatformLookAtFile(LPCSTR pszPath, DWORD dwDesiredAccess, DWORD dwShareMode) {
     HANDLE const hTest = CreateFileA(pszPath, dwDesiredAccess, dwShareMode, nullptr, OPEN_EXISTING,
                                      FILE_ATTRIBUTE_NORMAL, nullptr);

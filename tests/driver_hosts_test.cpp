@@ -71,18 +71,24 @@ TEST_F(HostsTest, AForkedChildKeepsNothing) {
     for (bool const bKilled : {false, true}) {
         write_file(m_sound, frames(20));
         int pipeEnds[2];
-        ASSERT_EQ(pipe(pipeEnds), 0);
+        int goOn[2];
+        ASSERT_EQ(pipe(pipeEnds) + pipe(goOn), 0);
         EXPECT_EQ(in_a_process([&] {
                       FFDError status = 1;
                       FFDHandle const handle = open_shipped(2, &status);
                       ASSERT_EQ(status, 0u);
                       EXPECT_EQ(slots->WriteData(handle, 1, 96, m_bytes), 0u);
-                      // The child may even use the handle: it gets an error, and changes nothing.
+                      // The child may even use the handle, when its parent is no more: it is none.
                       pid_t const child = fork_a_child([&] {
-                          uint32_t nPosition = 0;
-                          slots->AudioSeek(handle, 0, &nPosition);
-                          char const told =
-                              slots->WriteData(handle, 1, 96, m_bytes) == 29 ? 'y' : 'n';
+                          char told = 'y';
+                          EXPECT_EQ(::write(pipeEnds[1], &told, 1), 1);
+                          EXPECT_EQ(::read(goOn[0], &told, 1), 1);
+                          bool const bNone = slots->DeleteData(handle, 96) == 2 &&
+                                             slots->UndoLast(handle) == 2 &&
+                                             slots->StoreActualFileStatus(handle) == 2 &&
+                                             slots->WriteData(handle, 1, 96, m_bytes) == 2 &&
+                                             slots->Close(handle) == 2;
+                          told = bNone ? 'y' : 'n';
                           EXPECT_EQ(::write(pipeEnds[1], &told, 1), 1);
                       });
                       char told = 0;
@@ -99,14 +105,19 @@ TEST_F(HostsTest, AForkedChildKeepsNothing) {
                   0);
         pid_t child = 0;
         ASSERT_EQ(::read(pipeEnds[0], &child, sizeof child), ssize_t{sizeof child});
+        char told = 'y';
+        EXPECT_EQ(::write(goOn[1], &told, 1), 1);
+        EXPECT_EQ(::read(pipeEnds[0], &told, 1), 1);
+        EXPECT_EQ(told, 'y');
         EXPECT_EQ(listing().size(), bKilled ? 2u : 1u);
         FFDHandle const handle = open(m_sound);
         ASSERT_NE(handle, nullptr) << m_status;
         EXPECT_TRUE(same_bytes(read_all(handle), m_frame + m_frame + frames(20)));
         close(handle);
         kill(child, SIGKILL);
-        ::close(pipeEnds[0]);
-        ::close(pipeEnds[1]);
+        for (int const fd : {pipeEnds[0], pipeEnds[1], goOn[0], goOn[1]}) {
+            ::close(fd);
+        }
     }
 }
 

@@ -22,6 +22,17 @@ namespace {
 // The open files. The list owns its elements and not the objects; a handle is an object's address,
 // and one that is not on the list is never followed.
 std::list<CKivmp3*> SoundfileList;
+DWORD g_dwForksOfList = 0;
+
+// The files that are open when a child is forked are its parent's: the child must not close them,
+// which could remove or replace what the parent goes on with. Their objects stay, without an owner.
+void forget_files_of_parent() {
+    DWORD const dwForks = PlatformForks();
+    if (dwForks != g_dwForksOfList) {
+        SoundfileList.clear();
+        g_dwForksOfList = dwForks;
+    }
+}
 
 DWORD low_half(FFDHandle ffdHandle) {
     return static_cast<DWORD>(reinterpret_cast<DWORD_PTR>(ffdHandle) & 0xFFFFFFFFu);
@@ -35,6 +46,7 @@ FFDHandle handle_of(CKivmp3* pKivmp3_p) {
 // The open file behind a handle, or null.
 CKivmp3* KIVMP3_get_ckivmp3_object(FFDHandle ffdHandle) {
     TRACE_ENTRY("-----KIVMP3_get_ckivmp3_object(.)");
+    forget_files_of_parent();
     auto const itFound =
         std::find_if(SoundfileList.begin(), SoundfileList.end(),
                      [&](CKivmp3* pKivmp3) { return handle_of(pKivmp3) == ffdHandle; });
@@ -253,6 +265,7 @@ FFDHandle FFDCreateFile(char const* lpFileName, FFDDesiredAccess ffdDesiredAcces
         pKivmp3 = nullptr;
     } else {
         newElement.front() = pKivmp3;
+        forget_files_of_parent();
         SoundfileList.splice(SoundfileList.begin(), newElement);
     }
     FFDHandle const ffdHandle = pKivmp3 == nullptr ? nullptr : handle_of(pKivmp3);
