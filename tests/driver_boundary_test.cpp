@@ -1,6 +1,6 @@
 // The driver's boundary: the table and its entry point, handles, the arguments of an open, names
 // and records.
-#include "tests/driver_fixture.h"
+#include "testing/driver_fixture.h"
 
 #include <gmock/gmock.h>
 

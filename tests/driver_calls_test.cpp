@@ -1,7 +1,7 @@
 // How many platform calls an open, an edit, a read and a close take. The bytes and statuses are the
 // other tests' business: here it shows if a call comes to be made for each frame, each entry or
 // each byte.
-#include "tests/driver_folder.h"
+#include "testing/driver_folder.h"
 
 using platform_faults::Call;
 

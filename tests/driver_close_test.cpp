@@ -1,7 +1,7 @@
 // The close: when the file is rebuilt, what the rebuilt file holds to the byte, and what is found
 // again after a close that failed or was cut off.
 
-#include "tests/driver_fixture.h"
+#include "testing/driver_fixture.h"
 
 #include <gmock/gmock.h>
 

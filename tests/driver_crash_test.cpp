@@ -2,7 +2,7 @@
 // session, in the close, and in the open that clears up behind another crash. What the next open
 // for writing finds is known to the byte, and the close behind it leaves a file that plays it.
 
-#include "tests/driver_folder.h"
+#include "testing/driver_folder.h"
 
 #include <iostream>
 

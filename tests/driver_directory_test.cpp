@@ -1,7 +1,7 @@
 // The edit directory as it lies on the disk after each edit, its repair, and what becomes of .DIR
 // files that can't be trusted.
 
-#include "tests/driver_fixture.h"
+#include "testing/driver_fixture.h"
 
 #include <gmock/gmock.h>
 

@@ -1,7 +1,7 @@
 // Disks and permissions as they are: a disk that runs full, files and folders that can't be
 // written.
 
-#include "tests/driver_fixture.h"
+#include "testing/driver_fixture.h"
 
 #include <gmock/gmock.h>
 

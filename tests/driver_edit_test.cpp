@@ -1,7 +1,7 @@
 // Reading, writing and deleting through the table: what the host gets back, what stands in the
 // file, and what a failure leaves.
 
-#include "tests/driver_fixture.h"
+#include "testing/driver_fixture.h"
 
 #include <gmock/gmock.h>
 

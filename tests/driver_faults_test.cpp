@@ -2,7 +2,7 @@
 // status is one of the operation's own, nothing is lost or left open, and the dictation is the one
 // before or behind the operation.
 
-#include "tests/driver_folder.h"
+#include "testing/driver_folder.h"
 
 #include <algorithm>
 #include <iostream>

@@ -1,6 +1,6 @@
 // A log library of somebody else's that changes errno and the thread's last error in every call:
 // whatever fails, files, statuses and the error numbers that are logged are the same.
-#include "tests/driver_folder.h"
+#include "testing/driver_folder.h"
 
 #include "log/xkivlog.h"
 

@@ -1,6 +1,6 @@
 // Hosts as they come: with a child that only lives on, with closed standard streams, with a limit
 // on the size of files. All on the library as it ships, in a process of its own.
-#include "tests/driver_fixture.h"
+#include "testing/driver_fixture.h"
 
 #include <gmock/gmock.h>
 

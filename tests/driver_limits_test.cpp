@@ -1,6 +1,6 @@
 // The largest files, the longest paths, the most open files, and a directory filled by edits.
 
-#include "tests/driver_fixture.h"
+#include "testing/driver_fixture.h"
 
 #include <gmock/gmock.h>
 

@@ -1,6 +1,6 @@
 // Opening: what the driver sees in a file, what it refuses with which status, what a failed open
 // leaves behind, and the answers about format, length and position.
-#include "tests/driver_fixture.h"
+#include "testing/driver_fixture.h"
 
 #include <gmock/gmock.h>
 

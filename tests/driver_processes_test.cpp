@@ -1,7 +1,7 @@
 // Several processes that want the same file: share modes, and every order in which their opens,
 // edits and closes can meet.
 
-#include "tests/driver_fixture.h"
+#include "testing/driver_fixture.h"
 
 #include <filesystem>
 #include <set>

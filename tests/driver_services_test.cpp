@@ -2,7 +2,7 @@
 // error numbers, and the file helpers as far as their callers rely on how they fail.
 #include "MCI/KIVMP3/INTERNAL.h"
 #include "MCI/KIVMP3/Kivmp3.h"
-#include "tests/driver_fixture.h"
+#include "testing/driver_fixture.h"
 
 #include <filesystem>
 

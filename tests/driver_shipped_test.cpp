@@ -1,5 +1,5 @@
 // The library as it ships, loaded as a host does it.
-#include "tests/driver_fixture.h"
+#include "testing/driver_fixture.h"
 
 #include <gmock/gmock.h>
 

@@ -1,7 +1,7 @@
 // The stored status: the bytes of its file, what a restore brings back and what it leaves, and a
 // store that can't be.
 
-#include "tests/driver_folder.h"
+#include "testing/driver_folder.h"
 
 #include <gmock/gmock.h>
 

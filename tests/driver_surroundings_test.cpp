@@ -1,7 +1,7 @@
 // What others do in the folder of a dictation, by mistake or on purpose: files that are swapped
 // while they are open, planted links, markers and directories, readers that wait, other users.
 
-#include "tests/driver_fixture.h"
+#include "testing/driver_fixture.h"
 
 #include <ctime>
 #include <filesystem>

@@ -2,7 +2,7 @@
 // close marker, a stored status. What can't be whole is set aside or refused and changes nothing;
 // what is taken over plays what it names.
 
-#include "tests/driver_folder.h"
+#include "testing/driver_folder.h"
 
 #include <algorithm>
 #include <fstream>

@@ -1,6 +1,6 @@
 // What a close meets on Windows alone, and what a rebuilt file keeps there. The fault layer plays
 // what wine has not: encryption, and names that outlive their removal.
-#include "tests/driver_fixture.h"
+#include "testing/driver_fixture.h"
 
 #include <gmock/gmock.h>
 

@@ -1,5 +1,5 @@
 // The ways to write the path of a file on Windows.
-#include "tests/driver_fixture.h"
+#include "testing/driver_fixture.h"
 
 #include <gmock/gmock.h>
 

@@ -1,6 +1,6 @@
 // The layer over system calls that behave as they do elsewhere or rarely: the definitions here
 // stand in for those of the C library.
-#include "tests/platform_support.h"
+#include "testing/platform_support.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,6 +1,6 @@
 // The fault seam, which the tests of the driver lean on.
 #include "platform/faults.h"
-#include "tests/platform_support.h"
+#include "testing/platform_support.h"
 
 #include <functional>
 #include <sys/wait.h>

@@ -1,7 +1,7 @@
 // What the layer promises on Linux beyond single outcomes: between processes and threads, by the
 // rights of a user, on full and read-only disks, and about paths.
 #include "platform/split_path.h"
-#include "tests/platform_support.h"
+#include "testing/platform_support.h"
 
 #include <array>
 #include <atomic>

@@ -1,7 +1,7 @@
 // The outcomes that must be the same on every platform: share modes, removing and renaming, error
 // numbers, the file pointer. Uses the layer and the language alone, so that the same tables can run
 // over the platform's own calls.
-#include "tests/platform_support.h"
+#include "testing/platform_support.h"
 
 #include <optional>
 

@@ -1,7 +1,7 @@
 # The driver at the limits of files and paths, and between processes.
 foreach(subject limits processes)
     add_kiv_test(driver_${subject}_test LIBRARIES driver_fixture
-        SOURCES driver_${subject}_test.cpp driver_quick_clock.cpp driver_no_sync.cpp)
+        SOURCES driver_${subject}_test.cpp ${CMAKE_SOURCE_DIR}/testing/driver_quick_clock.cpp ${CMAKE_SOURCE_DIR}/testing/driver_no_sync.cpp)
     target_link_options(driver_${subject}_test PRIVATE -Wl,--wrap=time)
 endforeach()
 

@@ -4,7 +4,7 @@
 //
 // KIV_SESSION_DEPTH sets how many steps the sessions have.
 
-#include "tests/driver_session.h"
+#include "testing/driver_session.h"
 
 #include <iostream>
 #include <random>

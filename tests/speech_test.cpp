@@ -6,7 +6,7 @@
 // KIV_SPEECH_SESSIONS sets how many sessions of each kind there are, KIV_SPEECH_FIRST the seed of
 // the first, KIV_SPEECH_COUNTED after how many closes another program counts once.
 
-#include "tests/driver_session.h"
+#include "testing/driver_session.h"
 
 #include <cstdio>
 #include <filesystem>

@@ -22,7 +22,7 @@ set(left_out_of_driver_torn_test TornTest.AStoredStatusThatIsNotWholeRestoresNot
 add_kiv_test(platform_outcomes_test SOURCES platform_outcomes_test.cpp LIBRARIES platform)
 target_compile_definitions(platform_outcomes_test PRIVATE KIV_WINE=true)
 
-add_library(driver_fixture STATIC driver_fixture.cpp driver_fixture_windows.cpp)
+add_library(driver_fixture STATIC ${CMAKE_SOURCE_DIR}/testing/driver_fixture.cpp ${CMAKE_SOURCE_DIR}/testing/driver_fixture_windows.cpp)
 target_link_libraries(driver_fixture PUBLIC xkivmp3_testable GTest::gmock)
 foreach(subject boundary services windows_paths windows_close open directory edit close status calls
         faults crash torn)
@@ -31,7 +31,7 @@ foreach(subject boundary services windows_paths windows_close open directory edi
 endforeach()
 
 # The test's own clock: the C library's calls go through pointers.
-target_sources(driver_status_test PRIVATE driver_clock_windows.cpp)
+target_sources(driver_status_test PRIVATE ${CMAKE_SOURCE_DIR}/testing/driver_clock_windows.cpp)
 target_link_options(driver_status_test PRIVATE -Wl,--wrap=__imp__time64
     -Wl,--wrap=__imp_Sleep)
 

@@ -2,8 +2,8 @@
 // what the file holds: after each step both must agree on status, position, length and dictation.
 #pragma once
 
+#include "testing/driver_fixture.h"
 #include "testing/memory_disk.h"
-#include "tests/driver_fixture.h"
 
 #include <algorithm>
 #include <cstdlib>

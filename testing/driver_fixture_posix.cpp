@@ -1,4 +1,4 @@
-#include "tests/driver_fixture.h"
+#include "testing/driver_fixture.h"
 
 #include <cstdlib>
 #include <sys/wait.h>

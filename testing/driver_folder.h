@@ -1,7 +1,7 @@
 // A folder with one sound file that is put together and taken apart many times in a test.
 #pragma once
 
-#include "tests/driver_fixture.h"
+#include "testing/driver_fixture.h"
 
 #include <filesystem>
 #include <fstream>
