@@ -41,6 +41,7 @@ struct Object {
     // Of a mapping.
     uint64_t ullMappingBytes = 0;
     Memory pMapping;
+    bool bViewed = false; // guarded by the table's mutex
 
     Object() = default;
     Object(Object const&) = delete;

@@ -13,47 +13,61 @@ namespace posix {
 namespace {
 
 struct View {
-    void* pBase;
-    size_t bytes;
-    View* pNext;
+    void* pBase = nullptr;
+    Memory pMemory; // outlives the handle of the mapping
+    View* pNext = nullptr;
 };
 
 constinit View* g_pViews = nullptr; // guarded by the table's mutex
 
+// Memory that is given back with its last holder; null, with errno set, on failure.
+Memory hold_pages(void* pBase, size_t bytes) {
+    if (pBase == MAP_FAILED)
+        return nullptr;
+    try {
+        return Memory(pBase, [bytes](void* pHeld) { munmap(pHeld, bytes); });
+    } catch (std::bad_alloc const&) { // the pages are given back by then
+        errno = ENOMEM;
+        return nullptr;
+    }
+}
+
+// No file stands behind it, which a limit on the size of files could meet.
 DWORD make_mapping(uint64_t ullBytes, Object& object) {
     if (ullBytes > SIZE_MAX)
         return ERROR_NOT_ENOUGH_MEMORY;
     size_t const bytes = static_cast<size_t>(ullBytes);
-    // No file stands behind it, which a limit on the size of files could meet.
-    void* const pBase =
-        mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (pBase == MAP_FAILED)
+    object.pMapping = hold_pages(
+        mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0), bytes);
+    if (!object.pMapping)
         return error_of(errno);
-    try {
-        object.pMapping = Memory(pBase, [bytes](void* pMapped) { munmap(pMapped, bytes); });
-    } catch (std::bad_alloc const&) { // the memory is given back by then
-        return ERROR_NOT_ENOUGH_MEMORY;
-    }
     object.ullMappingBytes = ullBytes;
     return NO_ERROR;
 }
 
-// Maps a part of the mapping and enters it among the views. Null, with `dwError` set, on failure.
-void* map_view(Object const& mapping, uint64_t ullOffset, size_t bytes, DWORD& dwError) {
+// Enters a part of the mapping among the views: the pages themselves for the first view, and for
+// each further one a place of its own for them. Null, with `dwError` set, on failure.
+void* map_view(Object& mapping, uint64_t ullOffset, size_t bytes, DWORD& dwError) {
     std::unique_ptr<View> pView(new (std::nothrow) View);
     if (!pView) {
         dwError = ERROR_NOT_ENOUGH_MEMORY;
         return nullptr;
     }
-    // An old size of 0 maps the same shared pages once more.
-    void* const pBase =
-        mremap(static_cast<BYTE*>(mapping.pMapping.get()) + ullOffset, 0, bytes, MREMAP_MAYMOVE);
-    if (pBase == MAP_FAILED) {
+    std::lock_guard const lock(table_mutex());
+    void* pBase = static_cast<BYTE*>(mapping.pMapping.get()) + ullOffset;
+    pView->pMemory = mapping.pMapping;
+    if (mapping.bViewed) {
+        // An old size of 0 maps the same shared pages once more.
+        pView->pMemory = hold_pages(mremap(pBase, 0, bytes, MREMAP_MAYMOVE), bytes);
+        pBase = pView->pMemory.get();
+    }
+    if (pBase == nullptr) {
         dwError = error_of(errno);
         return nullptr;
     }
-    std::lock_guard const lock(table_mutex());
-    *pView = {pBase, bytes, g_pViews};
+    mapping.bViewed = true;
+    pView->pBase = pBase;
+    pView->pNext = g_pViews;
     g_pViews = pView.release();
     FAULT_TALLY(Views, 1);
     return pBase;
@@ -148,6 +162,5 @@ BOOL WINAPI UnmapViewOfFile(LPCVOID lpBaseAddress) {
     if (!pView)
         return posix::fail(ERROR_INVALID_PARAMETER);
     FAULT_TALLY(Views, -1);
-    munmap(pView->pBase, pView->bytes);
     return TRUE;
 }
