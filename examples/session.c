@@ -1,7 +1,8 @@
 /*
- * session DRIVER SOUND CLIP: inserts the audio of CLIP into SOUND after the first second, deletes
- * two seconds behind it, takes the deletion back, and closes. All cuts lie between frames. Plain
- * C11, ffd.h and ffd_frames.h, on Linux and on Windows:
+ * session DRIVER SOUND CLIP: takes the MP3 stream of CLIP as it would come from an encoder, inserts
+ * its frames into SOUND after the first second, deletes two seconds behind them, takes the deletion
+ * back, and closes. All cuts lie between frames. Plain C11, ffd.h and ffd_frames.h, on Linux and on
+ * Windows:
  *
  *     gcc -std=c11 -I include -o session examples/session.c
  *     ./session build/libxkivmp3.so letter.mp3 addition.mp3
@@ -44,12 +45,13 @@ static void check(char const* what, FFDError status) {
     }
 }
 
-static FFDHandle open_sound(char const* path, FFDDesiredAccess access) {
+static FFDHandle open_sound(char const* path) {
     static int self; /* hDriver must not be null; no callback, so no messages about disk space */
     FFDCallbackParams const callback = {.hDriver = &self};
     FFDError status = FFD_NOERROR;
     FFDHandle const sound =
-        table->create_file(path, access, FFD_OPEN_EXISTING, NULL, callback, &status, NULL);
+        table->create_file(path, FFD_ACCESS_READWRITE, FFD_OPEN_EXISTING, NULL, callback, &status,
+                           NULL);
     check(path, status);
     return sound;
 }
@@ -84,6 +86,42 @@ static uint32_t border(FFDHandle sound, uint32_t position) {
     return begin + (uint32_t)borders.before;
 }
 
+/* Hands out what waits, as one write: each goes to the disk at once. */
+static uint32_t insert_waiting(FFDHandle sound, uint8_t* waiting, uint32_t size) {
+    check("insert", table->write_data(sound, FFD_METHOD_INSERT, size, waiting));
+    return 0;
+}
+
+/* Enters the frames of a stream, which comes in pieces, without its tags and info frame. A recorder
+ * would not wait for 64 KiB only, but half a second at most. */
+static void insert_stream(FFDHandle sound, char const* path) {
+    static uint8_t waiting[65536];
+    static FFDFrames frames;
+    FILE* const stream = fopen(path, "rb");
+    uint32_t size = 0;
+    int how = FFD_STREAM_GOES_ON;
+    check(path, stream ? FFD_NOERROR : FFD_FILE_NOT_FOUND);
+    ffd_frames_begin(&frames);
+    while (how == FFD_STREAM_GOES_ON) {
+        uint8_t piece[4096];
+        uint8_t const* next = piece;
+        size_t count = fread(piece, 1, sizeof piece, stream);
+        FFDFrame frame;
+        how = count > 0 ? FFD_STREAM_GOES_ON : FFD_STREAM_ENDS;
+        while (ffd_frames_next(&frames, how, &next, &count, &frame)) {
+            if (size + frame.dwLength > sizeof waiting) {
+                size = insert_waiting(sound, waiting, size);
+            }
+            if (!frame.bInfo) {
+                memcpy(waiting + size, frame.pBytes, frame.dwLength);
+                size += frame.dwLength;
+            }
+        }
+    }
+    fclose(stream);
+    insert_waiting(sound, waiting, size);
+}
+
 int main(int argc, char** argv) {
     if (argc != 4) {
         fprintf(stderr, "usage: session DRIVER SOUND CLIP\n");
@@ -95,17 +133,7 @@ int main(int argc, char** argv) {
         return 1;
     }
 
-    /* All audio of the clip, without its tags. */
-    FFDHandle const clip = open_sound(argv[3], FFD_ACCESS_READ);
-    FFDReadHandle* range = NULL;
-    check("size", table->get_size_of_data(clip, UINT32_MAX, &range));
-    uint32_t const clipSize = range->RealSizeInBytes;
-    uint8_t* const audio = malloc(clipSize);
-    check("memory", audio ? FFD_NOERROR : FFD_ERROR_OUTOFMEMORY);
-    check("read", table->read_data(clip, range, clipSize, audio));
-    check("close", table->close(clip));
-
-    FFDHandle const sound = open_sound(argv[2], FFD_ACCESS_READWRITE);
+    FFDHandle const sound = open_sound(argv[2]);
     uint8_t format[30];
     uint32_t bytesPerSecond;
     check("format", table->get_wfx(sound, format, sizeof format));
@@ -113,7 +141,7 @@ int main(int argc, char** argv) {
     show_length("opened", sound);
 
     seek(sound, border(sound, bytesPerSecond));
-    check("insert", table->write_data(sound, FFD_METHOD_INSERT, clipSize, audio));
+    insert_stream(sound, argv[3]);
     show_length("inserted", sound);
     uint32_t position = 0;
     check("position", table->get_current_pos(sound, &position));
@@ -123,6 +151,5 @@ int main(int argc, char** argv) {
     check("undo", table->undo_last(sound));
     show_length("undone", sound);
     check("close", table->close(sound));
-    free(audio);
     return 0;
 }

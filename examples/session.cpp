@@ -4,9 +4,37 @@
 //     ./session build/libxkivmp3.so letter.mp3 addition.mp3
 #include "ffd.hpp"
 
+#include <array>
 #include <cstdio>
 #include <exception>
+#include <fstream>
+#include <span>
+#include <stdexcept>
 #include <vector>
+
+// The frames of a stream that comes in pieces, without its tags and info frame.
+static std::vector<std::byte> frames_of(char const* path) {
+    std::ifstream stream(path, std::ios::binary);
+    if (!stream) {
+        throw std::runtime_error("cannot be read");
+    }
+    std::vector<std::byte> audio;
+    auto const keep = [&](FFDFrame const& frame) {
+        if (!frame.bInfo) {
+            auto const bytes = std::as_bytes(std::span(frame.pBytes, frame.dwLength));
+            audio.insert(audio.end(), bytes.begin(), bytes.end());
+        }
+    };
+    ffd::FrameReader reader;
+    std::array<char, 4096> piece;
+    do {
+        stream.read(piece.data(), piece.size());
+        auto const count = static_cast<size_t>(stream.gcount());
+        reader.put(std::as_bytes(std::span(piece).first(count)), keep);
+    } while (stream);
+    reader.end(keep);
+    return audio;
+}
 
 int main(int argc, char** argv) {
     if (argc != 4) {
@@ -18,10 +46,7 @@ int main(int argc, char** argv) {
         ffd::Driver const driver(argv[1]);
 
         file = argv[3];
-        ffd::File clip(driver, file, ffd::Access::Read);
-        std::vector<std::byte> audio(clip.length()); // without the tags
-        audio.resize(clip.read(audio));
-        clip.close();
+        std::vector<std::byte> const audio = frames_of(file);
 
         file = argv[2];
         ffd::File sound(driver, file, ffd::Access::ReadWrite);

@@ -12,8 +12,9 @@ import xkivmp3
 def main(library: str, path: str, clip_path: str) -> None:
     driver = xkivmp3.Driver(library)
 
-    with xkivmp3.open(clip_path, driver=driver) as clip:
-        audio = clip.read()  # without the tags
+    with open(clip_path, "rb") as stream:  # its frames, without its tags and info frame
+        audio = b"".join(frame.data for frame in xkivmp3.frames(iter(lambda: stream.read(4096), b""))
+                         if not frame.is_info)
 
     with xkivmp3.open(path, "r+", driver=driver) as sound:
         second = sound.format.bytes_per_second
@@ -33,5 +34,5 @@ if __name__ == "__main__":
         sys.exit("usage: session.py DRIVER SOUND CLIP")
     try:
         main(*sys.argv[1:])
-    except (xkivmp3.Error, xkivmp3.LoadError) as error:
+    except (xkivmp3.Error, xkivmp3.LoadError, OSError) as error:
         sys.exit(str(error))

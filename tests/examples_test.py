@@ -23,19 +23,22 @@ class ExamplesTest(unittest.TestCase):
             with self.subTest(command=command), tempfile.TemporaryDirectory() as folder:
                 folder = pathlib.Path(folder)
                 sound = shutil.copy(SAMPLES / "speech-22k-mono-tagged.mp3", folder / "letter.mp3")
-                clip = shutil.copy(SAMPLES / "insert-22k-mono.mp3", folder)
-                before, added = (pathlib.Path(path).read_bytes() for path in (sound, clip))
+                clip = folder / "stream.mp3"
+                before = pathlib.Path(sound).read_bytes()
+                added = (SAMPLES / "insert-22k-mono.mp3").read_bytes()
+                info = (added[:4] + bytes(9) + b"Info").ljust(208, b"\0")
+                clip.write_bytes(before[:202] + info + added + before[-128:])  # with tags
                 run = subprocess.run([*command, sound, clip], capture_output=True,
                                      text=True)
                 self.assertEqual((run.returncode, run.stdout), (0, SHOWN), run.stderr)
-                self.assertEqual(sorted(os.listdir(folder)), ["insert-22k-mono.mp3", "letter.mp3"])
+                self.assertEqual(sorted(os.listdir(folder)), ["letter.mp3", "stream.mp3"])
                 after = pathlib.Path(sound).read_bytes()
                 cut = 202 + BORDER  # the tags have 202 and 128 bytes
                 self.assertEqual(after, before[:cut] + added + before[cut:])
-                missing = subprocess.run([*command, folder / "none.mp3", clip],
-                                         capture_output=True, text=True)
-                self.assertEqual(missing.returncode, 1)
-                self.assertIn("none.mp3", missing.stderr)
+                for files in (folder / "none.mp3", clip), (sound, folder / "none.mp3"):
+                    missing = subprocess.run([*command, *files], capture_output=True, text=True)
+                    self.assertEqual(missing.returncode, 1)
+                    self.assertIn("none.mp3", missing.stderr)
 
 
 if __name__ == "__main__":

@@ -1,10 +1,12 @@
 """The Python module over the driver of this build, which XKIVMP3 names. FFD_SAMPLES names the
-directory of the samples, FFD_HEADER the header that the module mirrors."""
+directory of the samples, FFD_HEADER the header that the module mirrors, FFD_FRAMES_CALLS a library
+of the calls of another."""
 
 import ctypes
 import os
 import pathlib
 import pickle
+import random
 import re
 import shutil
 import subprocess
@@ -62,24 +64,41 @@ def test_frames(path):
         assert next(letter.frames()) == frames[1]
 
 
-@pytest.mark.parametrize("name, count", [
-    (SPEECH, 385), ("speech-44k-stereo.mp3", 155), ("speech-vbr.mp3", 194)])
-def test_frames_of_a_stream(name, count):
-    whole = (SAMPLES / name).read_bytes()
+def test_frames_are_those_of_the_header():
+    """The module and ffd_frames.h hold the same rules twice: C cannot be called without a compiler."""
+    header = ctypes.CDLL(os.environ["FFD_FRAMES_CALLS"])
+    dice = random.Random(1)
     info = (CLIP[:4] + bytes(9) + b"Info").ljust(208, b"\0")
-    # Noise that looks like headers, a frame cut short, the beginning of a tag, an encoder's info.
-    torn = b"\xff\xf3\x90" * 9 + whole[:4000] + whole[4100:] + b"ID3\4\0\0\0\0\0\5hello" + info
-    for size in (1, 1000, 10**6):
-        for stream in (whole, torn + CLIP + whole):
-            found = list(xkivmp3.frames(stream[i:i + size] for i in range(0, len(stream), size)))
-            sound = [frame.data for frame in found if not frame.is_info]
-            if stream is whole:
-                assert (len(found), sound) == (count, [frame.data for frame in found])
-                expected = sound
-            else:
-                assert len(found) == len(sound) + 1 and len(sound) == 2 * count - 1 + 79
-                assert sound[-count:] == expected
-                assert all(stream[f.offset:f.offset + len(f.data)] == f.data for f in found)
+    samples = [path.read_bytes() for path in sorted(SAMPLES.glob("*.mp3"))]
+    things = [b"\xff\xf3\x90", b"ID3\4\0\0\0\0\0\5hello", b"ID3\5\0\0\0\0\0\5", b"TAG", b"LYRICS",
+              b"APETAGEX\xd0\7\0\0\x28\0\0\0\1\0\0\0\0\0\0" b"\xa0".ljust(9, b"\0"), info,
+              CLIP[:4].ljust(208, b"\0"), b"TAG".ljust(128), dice.randbytes(300)]
+    streams = [dice.randbytes(100_000), bytes(b & 3 | 0xfc for b in dice.randbytes(20_000)), *samples]
+    for _ in range(80):
+        cuts = [dice.choice(samples) for _ in range(3)]
+        begins = [dice.randrange(len(cut)) for cut in cuts]
+        streams.append(b"".join(dice.choice([cut[begin:begin + dice.randrange(3000)],
+                                             dice.choice(things)])
+                                for cut, begin in zip(cuts * 4, begins * 4)))
+    for stream in streams:
+        most = len(stream) // 24 + 1
+        offsets, lengths, infos = ((kind * most)() for kind in (ctypes.c_uint64, ctypes.c_uint32, ctypes.c_int))
+        for piece, how in (1, 2), (77, 1), (1000, 0), (10**6, 2), (10**6, 1):
+            if piece == 1 and len(stream) > 20_000:
+                continue
+            count = header.frames_of(stream, ctypes.c_size_t(len(stream)), ctypes.c_size_t(piece), how, offsets,
+                                     lengths, infos)
+            expected = [(offsets[i], stream[offsets[i]:][:lengths[i]], bool(infos[i]))
+                        for i in range(count)]
+            reader = xkivmp3.FrameReader()
+            found = [frame for at in range(0, len(stream), piece)
+                     for frame in reader.put(stream[at:at + piece])]
+            found += [[], reader.pause(), reader.end()][how]
+            assert [(f.offset, f.data, f.is_info) for f in found] == expected
+        borders = (ctypes.c_uint64 * 2)()
+        for position in 0, len(stream), *(dice.randrange(len(stream) + 1) for _ in range(5)):
+            header.borders_of(stream, ctypes.c_size_t(len(stream)), ctypes.c_size_t(position), borders)
+            assert xkivmp3.find_borders(stream, position) == tuple(borders)
 
 
 REFUSED = [

@@ -1,5 +1,8 @@
 """Whole MP3 frames out of bytes that come in pieces: for what goes into a dictation, and for the
-places to edit at. Decides as the header ffd_frames.h of the driver does."""
+places to edit at.
+
+The rules are those of ffd_frames.h, told a second time: a header of C cannot be called without a
+compiler. A test holds both against each other."""
 
 from __future__ import annotations
 
