@@ -55,7 +55,7 @@ def edits(hour, folder, rounds):
                 sound = copy_of(small, folder / "edit.mp3")
                 if entries > 1:
                     measure.make_blocks(sound, entries)
-                for column, more in zip(columns, against_plain(DRIVER, sound, "edits", [kind], 30)):
+                for column, more in zip(columns, against_plain(sound, "edits", [kind], 30)):
                     column += more
             series[kind].append((entries, 1e6 * median(columns[0])))
             series[f"same calls as {kind}"].append((entries, 1e6 * median(columns[1])))
@@ -67,7 +67,7 @@ def reads(hour, folder, rounds):
     sound = copy_of(hour, folder / "read.mp3")
     for blocks in BLOCKS:
         measure.make_blocks(sound, blocks)
-        columns = against_plain(DRIVER, sound, "reads", [], rounds)
+        columns = against_plain(sound, "reads", [], rounds)
         series["the driver"].append((blocks, 1e3 * median(columns[0])))
         series["the same calls"].append((blocks, 1e3 * median(columns[1])))
     return series
