@@ -343,10 +343,10 @@ bool PlatformMayPass(LPCSTR pszPath, DWORD dwError);
 bool PlatformIsNameLingering(LPCSTR pszPath);
 
 // Moves up to dwBytes bytes from the file pointer of one file to that of another, and the pointers
-// along with them, without taking the bytes through the process. The result is how many bytes that
-// were: fewer than asked for, down to 0, at the end of the file, after a failure, and where the
-// system has no such means, as on Windows. The caller goes on with ReadFile and WriteFile, which
-// tell what the matter is.
+// along with them, in large pieces and inside the system where it gains from that. The result is
+// how many bytes that were: fewer than asked for, down to 0, at the end of the file, after a
+// failure, and where the system has no such means, as on Windows. The caller goes on with ReadFile
+// and WriteFile, which tell what the matter is.
 DWORD PlatformCopyBytes(HANDLE hFrom, HANDLE hTo, DWORD dwBytes);
 
 // A number that a forked child finds changed, which has none of its parent's handles. Always 0 on
