@@ -1,7 +1,6 @@
 #include "MCI/KIVMP3/INTERNAL.h"
 
 #include "MCI/KIVMP3/Patience.h"
-#include "MCI/KIVMP3/ReadAhead.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -94,18 +93,6 @@ int KIVMP3_read_file(HANDLE hFile, void* pBuffer, DWORD dwBytesToRead_p, DWORD* 
     }
     if (pdwBytesRead != nullptr) {
         *pdwBytesRead = dwBytesRead;
-    }
-    return 1;
-}
-
-int KIVMP3_read_file(CReadAhead& rFile_p, BYTE const** ppbyData, DWORD dwBytesToRead_p,
-                     DWORD* pdwBytesRead) {
-    TRACE_ENTRY("-----KIVMP3_read_file(...)");
-    TRACE_PARAM("dwBytesToRead_p", "%lu", dwBytesToRead_p);
-    DWORD dwError = NO_ERROR;
-    if (!rFile_p.read(ppbyData, dwBytesToRead_p, pdwBytesRead, &dwError)) {
-        TRACE_ERROR(dwError, "GetLastError() after ReadFile()");
-        return 0;
     }
     return 1;
 }

@@ -12,8 +12,6 @@
 
 #include <cstdint>
 
-class CReadAhead;
-
 // Block size of all bulk copying, in bytes.
 constexpr LONG KIVMP3_TRANSFER_BUFFER_SIZE = 40960;
 
@@ -42,11 +40,6 @@ BOOL KIVMP3_free_block(void* pvBlock_p);
 // 1 or 0. A read that meets the end of the file succeeds with a smaller count. The count may be
 // null; a failure leaves it untouched.
 int KIVMP3_read_file(HANDLE hFile, void* pBuffer, DWORD dwBytesToRead_p, DWORD* pdwBytesRead);
-
-// The same through a read-ahead block: *ppbyData receives the place of the bytes read, valid until
-// the next call on rFile_p.
-int KIVMP3_read_file(CReadAhead& rFile_p, BYTE const** ppbyData, DWORD dwBytesToRead_p,
-                     DWORD* pdwBytesRead);
 
 // 1 or 0. A count smaller than asked for is a success here.
 int KIVMP3_write_file(HANDLE hFile, void const* pBuffer, DWORD dwBytesToWrite_p,

@@ -73,8 +73,11 @@ private:
     // search began. FFD_NO_MORE_FRAMES at the end of the file; a failed read or seek is thrown.
     FFDError search_frame_sync(CReadAhead& rFile_p, bool bFirstFrame_p, DWORD& dwBytesRead,
                                DWORD& dwBytesSkipped);
-    FFDError scan_block(BYTE const* pbyBlock_p, DWORD dwBytesRead_p, BYTE const* pbyCarry_p,
+    FFDError scan_block(BYTE const* pbyBlock_p, DWORD dwBytesRead_p, DWORD dwCarry_p,
                         bool bFirstFrame_p, LONG* plFound_p);
+    FFDError scan_border(BYTE const* pbyBlock_p, DWORD dwCarry_p, bool bFirstFrame_p,
+                         LONG* plFound_p);
+    FFDError judge_header(BYTE const* pbyHeader_p, bool bFirstFrame_p);
 
     // A search that begins inside a frame can meet four bytes of audio that look like a header. So
     // the header found at a file offset, which is in m_byFrameHeader, gives way to the next one

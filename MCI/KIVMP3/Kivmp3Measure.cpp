@@ -15,10 +15,21 @@ namespace {
 constexpr DWORD SEARCH_BLOCK_SIZE = 1024;
 
 // The first place at or behind pbyBegin_p that holds 0xFF; null if there is none in front of
-// pbyEnd_p.
+// pbyEnd_p. A walk comes here for each frame, and as a rule finds it at once.
 BYTE const* find_ff(BYTE const* pbyBegin_p, BYTE const* pbyEnd_p) {
+    if (pbyBegin_p < pbyEnd_p && *pbyBegin_p == 0xFF) {
+        return pbyBegin_p;
+    }
     return static_cast<BYTE const*>(
         memchr(pbyBegin_p, 0xFF, static_cast<size_t>(pbyEnd_p - pbyBegin_p)));
+}
+
+// What KIVMP3_read_file does and traces, through the blocks that were read ahead.
+int read_file(CReadAhead& rFile_p, BYTE const** ppbyData, DWORD dwBytesToRead_p,
+              DWORD* pdwBytesRead) {
+    TRACE_ENTRY("-----KIVMP3_read_file(...)");
+    TRACE_PARAM("dwBytesToRead_p", "%lu", dwBytesToRead_p);
+    return rFile_p.read(ppbyData, dwBytesToRead_p, pdwBytesRead);
 }
 
 } // namespace
@@ -30,11 +41,11 @@ FFDError CKivmp3::search_frame_sync(CReadAhead& rFile_p, bool bFirstFrame_p, DWO
     dwBytesSkipped = 0;
     TRACE_INFO("searching for frame sync");
     // The last four bytes of the block before, so that a header across two blocks is seen whole.
-    BYTE abyCarry[FRAME_HEADER_SIZE] = {};
+    DWORD dwCarry = 0;
     do {
         uint64_t const ullBlockOffset = rFile_p.get_file_pointer();
         BYTE const* pbyBlock = nullptr;
-        if (!KIVMP3_read_file(rFile_p, &pbyBlock, SEARCH_BLOCK_SIZE, &dwBytesRead)) {
+        if (!read_file(rFile_p, &pbyBlock, SEARCH_BLOCK_SIZE, &dwBytesRead)) {
             throw FFDError{FFD_FILE_IO_ERROR};
         }
         if (dwBytesRead < FRAME_HEADER_SIZE) {
@@ -42,8 +53,7 @@ FFDError CKivmp3::search_frame_sync(CReadAhead& rFile_p, bool bFirstFrame_p, DWO
         }
         LONG lFound = 0;
         FFDError const ffdFound =
-            scan_block(pbyBlock, dwBytesRead, abyCarry, bFirstFrame_p, &lFound);
-        memcpy(abyCarry, pbyBlock + dwBytesRead - FRAME_HEADER_SIZE, FRAME_HEADER_SIZE);
+            scan_block(pbyBlock, dwBytesRead, dwCarry, bFirstFrame_p, &lFound);
         if (ffdFound == FFD_NO_MORE_FRAMES) {
             dwBytesRead = 0;
         }
@@ -61,45 +71,46 @@ FFDError CKivmp3::search_frame_sync(CReadAhead& rFile_p, bool bFirstFrame_p, DWO
             }
             BYTE const* pbyHeader = nullptr;
             DWORD dwHeaderBytes = 0;
-            if (!KIVMP3_read_file(rFile_p, &pbyHeader, FRAME_HEADER_SIZE, &dwHeaderBytes) ||
+            if (!read_file(rFile_p, &pbyHeader, FRAME_HEADER_SIZE, &dwHeaderBytes) ||
                 dwHeaderBytes < FRAME_HEADER_SIZE) {
                 throw FFDError{FFD_FILE_IO_ERROR};
             }
             memcpy(m_byFrameHeader, pbyHeader, FRAME_HEADER_SIZE);
             return FFD_NOERROR;
         }
+        if (dwBytesRead > 0) {
+            dwCarry = frame_header_word(pbyBlock + dwBytesRead - FRAME_HEADER_SIZE);
+        }
     } while (dwBytesRead > 0);
     TRACE_ERROR(0, "at end of file and no frame header found");
     return FFD_NO_MORE_FRAMES;
 }
 
-// Looks for a header that begins from 4 bytes in front of the block (in the carry bytes) up to 5
-// bytes in front of its end; the last four places are the carry of the next block. FFD_NOERROR with
-// the place, FFD_NO_MORE_FRAMES at a tag, FFD_INVALID_FORMAT if there is no header.
-FFDError CKivmp3::scan_block(BYTE const* pbyBlock_p, DWORD dwBytesRead_p, BYTE const* pbyCarry_p,
-                             bool bFirstFrame_p, LONG* plFound_p) {
-    auto const judge = [&](BYTE const* pbyHeader_p) -> FFDError {
-        bool const bCandidate = bFirstFrame_p
-                                    ? frame_has_sync(pbyHeader_p)
-                                    : ((frame_header_word(pbyHeader_p) ^ m_dwReferenceHeader) &
-                                       FRAME_REFERENCE_MASK) == 0;
-        if (!bCandidate) {
-            return FFD_INVALID_FORMAT;
-        }
-        FFDError const ffdError = check_frame_header(pbyHeader_p);
-        if (ffdError == FFD_NOERROR && bFirstFrame_p) {
-            m_dwReferenceHeader = frame_header_word(pbyHeader_p);
-        }
-        return ffdError;
-    };
+// Whether four bytes are the header that a search looks for: FFD_NOERROR, FFD_NO_MORE_FRAMES at a
+// tag, FFD_INVALID_FORMAT for all else.
+FFDError CKivmp3::judge_header(BYTE const* pbyHeader_p, bool bFirstFrame_p) {
+    bool const bCandidate =
+        bFirstFrame_p
+            ? frame_has_sync(pbyHeader_p)
+            : ((frame_header_word(pbyHeader_p) ^ m_dwReferenceHeader) & FRAME_REFERENCE_MASK) == 0;
+    if (!bCandidate) {
+        return FFD_INVALID_FORMAT;
+    }
+    FFDError const ffdError = check_frame_header(pbyHeader_p);
+    if (ffdError == FFD_NOERROR && bFirstFrame_p) {
+        m_dwReferenceHeader = frame_header_word(pbyHeader_p);
+    }
+    return ffdError;
+}
 
-    BYTE abyBorder[2 * FRAME_HEADER_SIZE];
-    memcpy(abyBorder, pbyCarry_p, FRAME_HEADER_SIZE);
-    memcpy(abyBorder + FRAME_HEADER_SIZE, pbyBlock_p, FRAME_HEADER_SIZE);
-    for (DWORD dwPlace = 0; dwPlace < FRAME_HEADER_SIZE; ++dwPlace) {
-        FFDError const ffdError = judge(abyBorder + dwPlace);
+// Looks for a header that begins from 4 bytes in front of the block (in the carry bytes) up to 5
+// bytes in front of its end; the last four places are the carry of the next block. The result is
+// that of judge_header, FFD_NOERROR with the place.
+FFDError CKivmp3::scan_block(BYTE const* pbyBlock_p, DWORD dwBytesRead_p, DWORD dwCarry_p,
+                             bool bFirstFrame_p, LONG* plFound_p) {
+    if (dwCarry_p != 0) {
+        FFDError const ffdError = scan_border(pbyBlock_p, dwCarry_p, bFirstFrame_p, plFound_p);
         if (ffdError != FFD_INVALID_FORMAT) {
-            *plFound_p = static_cast<LONG>(dwPlace) - static_cast<LONG>(FRAME_HEADER_SIZE);
             return ffdError;
         }
     }
@@ -107,9 +118,26 @@ FFDError CKivmp3::scan_block(BYTE const* pbyBlock_p, DWORD dwBytesRead_p, BYTE c
     BYTE const* const pbyEnd = pbyBlock_p + (dwBytesRead_p - FRAME_HEADER_SIZE);
     for (BYTE const* pbyHeader = pbyBlock_p; (pbyHeader = find_ff(pbyHeader, pbyEnd)) != nullptr;
          ++pbyHeader) {
-        FFDError const ffdError = judge(pbyHeader);
+        FFDError const ffdError = judge_header(pbyHeader, bFirstFrame_p);
         if (ffdError != FFD_INVALID_FORMAT) {
             *plFound_p = static_cast<LONG>(pbyHeader - pbyBlock_p);
+            return ffdError;
+        }
+    }
+    return FFD_INVALID_FORMAT;
+}
+
+FFDError CKivmp3::scan_border(BYTE const* pbyBlock_p, DWORD dwCarry_p, bool bFirstFrame_p,
+                              LONG* plFound_p) {
+    BYTE abyBorder[2 * FRAME_HEADER_SIZE];
+    for (DWORD dwPlace = 0; dwPlace < FRAME_HEADER_SIZE; ++dwPlace) {
+        abyBorder[dwPlace] = static_cast<BYTE>(dwCarry_p >> 8 * dwPlace & 0xFF);
+    }
+    memcpy(abyBorder + FRAME_HEADER_SIZE, pbyBlock_p, FRAME_HEADER_SIZE);
+    for (DWORD dwPlace = 0; dwPlace < FRAME_HEADER_SIZE; ++dwPlace) {
+        FFDError const ffdError = judge_header(abyBorder + dwPlace, bFirstFrame_p);
+        if (ffdError != FFD_INVALID_FORMAT) {
+            *plFound_p = static_cast<LONG>(dwPlace) - static_cast<LONG>(FRAME_HEADER_SIZE);
             return ffdError;
         }
     }
@@ -134,7 +162,7 @@ bool CKivmp3::is_followed_by_frame(CReadAhead& rFile_p, uint64_t ullFileOffset_p
         BYTE const* pbyNext = nullptr;
         DWORD dwBytesRead = 0;
         if (!rFile_p.set_file_pointer(ullFileOffset_p) ||
-            !KIVMP3_read_file(rFile_p, &pbyNext, FRAME_HEADER_SIZE, &dwBytesRead)) {
+            !read_file(rFile_p, &pbyNext, FRAME_HEADER_SIZE, &dwBytesRead)) {
             throw FFDError{FFD_FILE_IO_ERROR};
         }
         if (dwBytesRead < FRAME_HEADER_SIZE ||
@@ -184,7 +212,7 @@ void CKivmp3::ascertain_data_length_from_file(BYTE* pbyReadAhead_p) {
     BYTE const* pbyHeader = nullptr;
     DWORD dwHeaderBytes = 0;
     if (!file.set_file_pointer(m_dwFirstFrame) ||
-        !KIVMP3_read_file(file, &pbyHeader, FRAME_HEADER_SIZE, &dwHeaderBytes)) {
+        !read_file(file, &pbyHeader, FRAME_HEADER_SIZE, &dwHeaderBytes)) {
         throw FFDError{FFD_FILE_IO_ERROR};
     }
     memcpy(m_byFrameHeader, pbyHeader, dwHeaderBytes);
@@ -231,7 +259,7 @@ void CKivmp3::ascertain_data_length_from_file(BYTE* pbyReadAhead_p) {
 // last: that is a last frame of another bitrate with a tag behind it.
 bool CKivmp3::search_walked_frame(CReadAhead& rFile_p, DWORD dwFileOffset_p,
                                   DWORD* pdwBytesSkipped_p) {
-    BYTE abyLastHeader[FRAME_HEADER_SIZE] = {};
+    DWORD dwLastHeader = 0; // its four bytes
     for (uint64_t ullFrom = dwFileOffset_p;; ++ullFrom) {
         if (!rFile_p.set_file_pointer(ullFrom)) {
             return false;
@@ -239,9 +267,9 @@ bool CKivmp3::search_walked_frame(CReadAhead& rFile_p, DWORD dwFileOffset_p,
         DWORD dwBytesRead = 0;
         DWORD dwSkipped = 0;
         if (search_frame_sync(rFile_p, false, dwBytesRead, dwSkipped) != FFD_NOERROR) {
-            memcpy(m_byFrameHeader, abyLastHeader, FRAME_HEADER_SIZE);
+            memcpy(m_byFrameHeader, &dwLastHeader, FRAME_HEADER_SIZE);
             *pdwBytesSkipped_p = 0;
-            return abyLastHeader[0] != 0;
+            return dwLastHeader != 0;
         }
         ullFrom += dwSkipped;
         if (frame_bitrate(m_byFrameHeader) == m_wLowestBitrate || m_bVBR ||
@@ -250,7 +278,7 @@ bool CKivmp3::search_walked_frame(CReadAhead& rFile_p, DWORD dwFileOffset_p,
             return true;
         }
         if (ullFrom == dwFileOffset_p && ullFrom + frame_length(m_byFrameHeader) < m_dwFileSize) {
-            memcpy(abyLastHeader, m_byFrameHeader, FRAME_HEADER_SIZE);
+            memcpy(&dwLastHeader, m_byFrameHeader, FRAME_HEADER_SIZE);
         }
     }
 }

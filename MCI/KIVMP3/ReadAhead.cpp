@@ -2,40 +2,32 @@
 
 #include "MCI/KIVMP3/INTERNAL.h"
 
-#include <algorithm>
+#define TRACE_MODULE "XKIVMP3.DLL"
+#include "log/trace.h"
 
-int CReadAhead::set_file_pointer(uint64_t ullFileOffset_p) {
-    m_ullFilePointer = ullFileOffset_p;
-    if (is_buffered(ullFileOffset_p, 1)) {
-        return 1;
-    }
-    // All offsets of a file that can be open have 32 bits; only the end of a walk can come out
-    // behind that, where no byte is.
-    return ullFileOffset_p > 0xFFFFFFFFu
+// All offsets of a file that can be open have 32 bits; only the end of a walk can come out behind
+// that, where no byte is.
+int CReadAhead::seek() {
+    return m_ullFilePointer > 0xFFFFFFFFu
                ? 1
-               : KIVMP3_set_file_pointer(m_hFile, static_cast<DWORD>(ullFileOffset_p));
+               : KIVMP3_set_file_pointer(m_hFile, static_cast<DWORD>(m_ullFilePointer));
 }
 
-int CReadAhead::read(BYTE const** ppbyData_p, DWORD dwBytesToRead_p, DWORD* pdwBytesRead_p,
-                     DWORD* pdwError_p) {
-    if (!is_buffered(m_ullFilePointer, dwBytesToRead_p)) {
-        m_dwBuffered = 0;
-        m_ullBufferStart = m_ullFilePointer;
-        if (m_ullFilePointer <= 0xFFFFFFFFu) {
-            if (!KIVMP3_set_file_pointer(m_hFile, static_cast<DWORD>(m_ullFilePointer),
-                                         pdwError_p)) {
-                return 0;
-            }
-            if (!ReadFile(m_hFile, m_pbyBuffer, m_dwBufferSize, &m_dwBuffered, nullptr)) {
-                *pdwError_p = GetLastError();
-                m_dwBuffered = 0;
-                return 0;
-            }
-        }
+// A failure leaves the buffer empty.
+int CReadAhead::fill() {
+    m_dwBuffered = 0;
+    m_ullBufferStart = m_ullFilePointer;
+    if (m_ullFilePointer > 0xFFFFFFFFu) {
+        return 1;
     }
-    DWORD const dwOffset = static_cast<DWORD>(m_ullFilePointer - m_ullBufferStart);
-    *ppbyData_p = m_pbyBuffer + dwOffset;
-    *pdwBytesRead_p = std::min(dwBytesToRead_p, m_dwBuffered - dwOffset);
-    m_ullFilePointer += *pdwBytesRead_p;
-    return 1;
+    DWORD dwError = NO_ERROR;
+    if (KIVMP3_set_file_pointer(m_hFile, static_cast<DWORD>(m_ullFilePointer), &dwError)) {
+        if (ReadFile(m_hFile, m_pbyBuffer, m_dwBufferSize, &m_dwBuffered, nullptr)) {
+            return 1;
+        }
+        dwError = GetLastError();
+        m_dwBuffered = 0;
+    }
+    TRACE_ERROR(dwError, "GetLastError() after ReadFile()");
+    return 0;
 }

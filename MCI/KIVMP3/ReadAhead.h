@@ -2,6 +2,7 @@
 
 #include "platform/platform.h"
 
+#include <algorithm>
 #include <cstdint>
 
 // Bytes of the block that an open reads the file in.
@@ -26,22 +27,36 @@ public:
     CReadAhead& operator=(CReadAhead const&) = delete;
 
     // Moves the pointer to a file offset. 0 if the platform refused, with its error in the trace.
-    int set_file_pointer(uint64_t ullFileOffset_p);
+    int set_file_pointer(uint64_t ullFileOffset_p) {
+        m_ullFilePointer = ullFileOffset_p;
+        return is_buffered(1) ? 1 : seek();
+    }
 
     // The file offset of the next read.
     uint64_t get_file_pointer() const { return m_ullFilePointer; }
 
     // Hands out up to dwBytesToRead_p bytes (at most the size of the buffer) and moves the pointer
-    // behind them. Fewer mean the end of the file. 0 if the platform failed, with its error in
-    // *pdwError_p.
-    int read(BYTE const** ppbyData_p, DWORD dwBytesToRead_p, DWORD* pdwBytesRead_p,
-             DWORD* pdwError_p);
+    // behind them; they are valid until the next read. Fewer mean the end of the file. 0 if the
+    // platform failed, with its error in the trace.
+    int read(BYTE const** ppbyData_p, DWORD dwBytesToRead_p, DWORD* pdwBytesRead_p) {
+        if (!is_buffered(dwBytesToRead_p) && !fill()) {
+            return 0;
+        }
+        DWORD const dwOffset = static_cast<DWORD>(m_ullFilePointer - m_ullBufferStart);
+        *ppbyData_p = m_pbyBuffer + dwOffset;
+        *pdwBytesRead_p = std::min(dwBytesToRead_p, m_dwBuffered - dwOffset);
+        m_ullFilePointer += *pdwBytesRead_p;
+        return 1;
+    }
 
 private:
-    bool is_buffered(uint64_t ullFileOffset_p, DWORD dwBytes_p) const {
-        return ullFileOffset_p >= m_ullBufferStart &&
-               ullFileOffset_p + dwBytes_p <= m_ullBufferStart + m_dwBuffered;
+    // Whether so many bytes from the pointer on are in the buffer.
+    bool is_buffered(DWORD dwBytes_p) const {
+        return m_ullFilePointer >= m_ullBufferStart &&
+               m_ullFilePointer + dwBytes_p <= m_ullBufferStart + m_dwBuffered;
     }
+    int seek();
+    int fill();
 
     HANDLE m_hFile;
     BYTE* m_pbyBuffer;
