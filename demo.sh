@@ -4,6 +4,7 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
 
-scripts/install-packages.sh
-scripts/build-preset.sh release xkivmp3 xkivlog ffdhost
+scripts/install-packages.sh --demo
+echo "Building libxkivmp3.so, libxkivlog.so and ffdhost in build/: some minutes the first time"
+scripts/build-preset.sh demo
 exec scripts/demo-session.sh "$@"

@@ -11,7 +11,7 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
 make_deb() {
-    scripts/install-packages.sh
+    scripts/install-packages.sh --packages
     rm -rf dist/debian
     packaging/deb.sh dist/debian
     ls dist/debian/*.deb
@@ -64,7 +64,7 @@ make_zip() {
 
 # The module alone, for every system: it loads the driver that is installed.
 make_wheel() {
-    scripts/install-packages.sh
+    scripts/install-packages.sh --packages
     cp -r CMakeLists.txt python "$work/" # where it leaves what it makes on the way
     chmod -R u=rwX,go=rX "$work"
     SOURCE_DATE_EPOCH=$(git log -1 --format=%ct)

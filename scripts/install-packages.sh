@@ -1,38 +1,44 @@
 #!/usr/bin/env bash
-# install-packages.sh [--windows] [PACKAGE...]: installs what building and testing need on Debian 12,
-# with --windows what the Windows build and its tests need too, and these packages, as root or
-# through sudo. What is there already is left alone: with nothing missing this asks no registry and
-# no password.
+# install-packages.sh [--demo | --packages | --windows] [PACKAGE...]: installs what building and testing
+# need on Debian 12, as root or through sudo: with --demo only what demo.sh needs, with --packages only
+# what makes the Debian packages and the wheel, with --windows also what the Windows build and its tests
+# need; and these packages. What is there already is left alone: with nothing missing this asks no
+# registry and no password.
 set -euo pipefail
 
-windows=()
-if [ "${1-}" = --windows ]; then
-    shift
-    windows=(
-        g++-mingw-w64-x86-64-posix
-        googletest # its sources, built for Windows
-        wine64     # runs the tests
-        locales    # and what makes it take another code page
-        zip unzip
-    )
-fi
-
-packages=(
-    g++ cmake ninja-build binutils
-    libcli11-dev nlohmann-json3-dev   # the host
-    libgtest-dev libgmock-dev python3 # the tests
-    python3-pytest mypy               # the Python module, tried out
-    python3-setuptools python3-wheel  # and packed
-    debhelper dh-python python3-all   # the Debian packages
-    lintian                           # judges them
-    ffmpeg mpg123 mp3check mp3val     # judge the files that the driver leaves
-    valgrind
-    doxygen                           # the reference of the headers
-    pkgconf dpkg-dev file debootstrap # the installation and the packages, tried out
-    clang-14 libclang-rt-14-dev llvm-14 # the fuzz targets, and what they reach
-    "${windows[@]}"
-    "$@"
+build=(
+    g++ cmake ninja-build
+    libcli11-dev nlohmann-json3-dev # the host
 )
+demo=(ffmpeg mpg123 mp3val) # the encoder of the recording, and judges of the files that the driver leaves
+debian=(
+    debhelper dh-python python3-all python3-setuptools dpkg-dev # the Debian packages
+    python3-wheel
+)
+check=(
+    binutils file pkgconf lintian debootstrap # the installation and the packages, tried out
+    libgtest-dev libgmock-dev python3 valgrind
+    python3-pytest mypy               # the Python module, tried out
+    mp3check
+    doxygen                           # the reference of the headers
+    clang-14 libclang-rt-14-dev llvm-14 # the fuzz targets, and what they reach
+)
+windows=(
+    g++-mingw-w64-x86-64-posix
+    googletest # its sources, built for Windows
+    wine64     # runs the tests
+    locales    # and what makes it take another code page
+    zip unzip
+)
+
+case "${1-}" in
+--demo) packages=("${build[@]}" "${demo[@]}") ;;
+--packages) packages=("${build[@]}" "${debian[@]}") ;;
+*) packages=("${build[@]}" "${demo[@]}" "${debian[@]}" "${check[@]}") ;;
+esac
+[ "${1-}" != --windows ] || packages+=("${windows[@]}")
+[[ ${1-} != --* ]] || shift
+packages+=("$@")
 
 command -v dpkg-query >/dev/null || {
     echo "install-packages.sh: no dpkg here; install by hand: ${packages[*]}" >&2
