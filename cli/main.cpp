@@ -1,5 +1,6 @@
 // ffdhost: the command line.
 #include "console/System.h"
+#include "EachFile.h"
 #include "host/commands.h"
 #include "map/map.h"
 #include "support/support.h"
@@ -10,7 +11,6 @@
 #include <exception>
 #include <functional>
 #include <iostream>
-#include <new>
 
 namespace {
 
@@ -22,10 +22,18 @@ char const* const kPositions =
     "A position may also be counted from the end (end, end-3s) and, in 'edit', from the\n"
     "present one (+5s, -5s).\n";
 
+char const* const kFolders =
+    "Of a folder the sound files are taken that lie directly in it, those of its folders not: "
+    "what\n"
+    "ends in .mp3, and what only a .DIR file or a close marker tells of. Links to files are\n"
+    "followed. With more than one file a summary stands at the end; a file that fails keeps no\n"
+    "other from its turn, and the exit code is the worst.\n";
+
 struct Arguments {
     std::string driver;
     bool json = false;
     std::string file;
+    std::vector<std::string> files;
     std::string svg;
     ReadOptions read;
     RecordOptions record;
@@ -39,14 +47,24 @@ struct Arguments {
 
 using Command = std::function<Outcome(Driver const&)>;
 
+void add_files(CLI::App& command, Arguments& arguments) {
+    command.add_option("FILE", arguments.files, "MP3 files, and folders of such")
+        ->type_name(" ")
+        ->required()
+        ->expected(1, CLI::detail::expected_max_vector_size);
+}
+
 void add_info(CLI::App& app, Arguments& arguments, Command& command) {
     CLI::App* const info = app.add_subcommand(
-        "info", "Show the format, the lengths and the tags of an MP3 file; changes nothing");
-    info->add_option("FILE", arguments.file, "an MP3 file")->type_name(" ")->required();
-    info->footer("Example:\n  ffdhost info dictation.mp3");
+        "info", "Show the format, the lengths and the tags of MP3 files; changes nothing");
+    add_files(*info, arguments);
+    info->footer(std::string(kFolders) +
+                 "\nExamples:\n  ffdhost info dictation.mp3\n  ffdhost info dictations");
     info->callback([&] {
         command = [&](Driver const& driver) {
-            return run_info(driver, arguments.file, arguments.json);
+            return run_each("info", arguments.files, arguments.json, [&](std::string const& file) {
+                return run_info(driver, file, arguments.json);
+            });
         };
     });
 }
@@ -193,21 +211,25 @@ void add_record(CLI::App& app, Arguments& arguments, Command& command) {
 
 void add_check(CLI::App& app, Arguments& arguments, Command& command) {
     CLI::App* const check = app.add_subcommand(
-        "check", "Tell what is wrong with an MP3 file and what the next open for writing makes of "
-                 "it; changes nothing");
-    check->add_option("FILE", arguments.file, "an MP3 file")->type_name(" ")->required();
+        "check", "Tell what is wrong with MP3 files and what the next open for writing makes of "
+                 "them; changes nothing");
+    add_files(*check, arguments);
     check->footer(
-        "Reads the whole file and what lies beside it, and tells of frames that differ, of bytes\n"
+        std::string(kFolders) +
+        "\nReads the whole file and what lies beside it, and tells of frames that differ, of "
+        "bytes\n"
         "that are no frames, of tags, and of what a crash has left: a .DIR file with edits, a\n"
         "close marker, copies. The last line is the verdict.\n\n"
         "Exit code 0: the file is sound, there may be notes. 1: something needs attention: an\n"
         "open for writing would fail, lose the order of edits or has edits to take over, a close\n"
         "was interrupted or would fail, or frames are cut off, differ, or have bytes between\n"
         "them.\n\n"
-        "Example:\n  ffdhost check dictation.mp3");
+        "Examples:\n  ffdhost check dictation.mp3\n  ffdhost check dictations");
     check->callback([&] {
         command = [&](Driver const& driver) {
-            return run_check(driver, arguments.file, arguments.json);
+            return run_each("check", arguments.files, arguments.json, [&](std::string const& file) {
+                return run_check(driver, file, arguments.json);
+            });
         };
     });
 }
@@ -235,17 +257,13 @@ void add_recover(CLI::App& app, Arguments& arguments, Command& command) {
     });
 }
 
-int report(Failure const& failure, std::string const& file, bool json) {
-    Failure const complete =
-        failure.file().empty()
-            ? Failure(failure.operation(), file, failure.status(), failure.what(), failure.advice())
-            : failure;
+int report(Failure const& failure, Json const& command, bool json) {
     if (json) {
-        print_document({{"ok", false}, {"file", file}, {"failure", failure_json(complete)}});
+        print_document({{"command", command}, {"ok", false}, {"failure", failure_json(failure)}});
     } else {
-        print_failure(complete);
+        print_failure(failure);
     }
-    return complete.status() == FFD_INVALID_PARAMETER ? kExitUsage : kExitFailed;
+    return failure.status() == FFD_INVALID_PARAMETER ? kExitUsage : kExitFailed;
 }
 
 Failure stdout_failure() {
@@ -285,28 +303,23 @@ int run(std::span<char const* const> words) {
     } catch (CLI::ParseError const& error) {
         if (error.get_exit_code() == 0) {
             int const code = app.exit(error); // --help and --version
-            return std::cout.flush() ? code : report(stdout_failure(), "", false);
+            return std::cout.flush() ? code : report(stdout_failure(), nullptr, false);
         }
         bool const json =
             std::find(words.begin(), words.end(), std::string("--json")) != words.end();
-        return report(Failure("command line", "", FFD_INVALID_PARAMETER, error.what()), "", json);
+        return report(Failure("command line", "", FFD_INVALID_PARAMETER, error.what()), nullptr,
+                      json);
     }
+    std::string const name = app.get_subcommands().front()->get_name();
     try {
         Driver const driver = load_driver(arguments.driver);
         Outcome const outcome = command(driver);
         if (arguments.json) {
             print_document(outcome.document);
         }
-        return std::cout.flush() ? outcome.exitCode
-                                 : report(stdout_failure(), arguments.file, false);
-    } catch (Failure const& failure) {
-        return report(failure, arguments.file, arguments.json);
-    } catch (std::bad_alloc const&) {
-        return report(Failure("run", "", FFD_ERROR_OUTOFMEMORY, "no memory"), arguments.file,
-                      arguments.json);
-    } catch (std::exception const& error) {
-        return report(Failure("run", "", FFD_INTERNAL_ERROR, error.what()), arguments.file,
-                      arguments.json);
+        return std::cout.flush() ? outcome.exitCode : report(stdout_failure(), name, false);
+    } catch (std::exception const&) {
+        return report(current_failure(arguments.file), name, arguments.json);
     }
 }
 

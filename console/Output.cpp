@@ -52,7 +52,9 @@ bool stdout_wants_colour() {
 }
 
 void print_document(Json const& document) {
-    std::string const text = document.dump(2, ' ', false, Json::error_handler_t::replace);
+    Json versioned = {{"version", kJsonVersion}};
+    versioned.update(document);
+    std::string const text = versioned.dump(2, ' ', false, Json::error_handler_t::replace);
     std::cout << printable_json(text) << '\n' << std::flush;
 }
 

@@ -25,7 +25,12 @@ constexpr int kExitFailed = 1; // an operation did not work
 constexpr int kExitUsage = 2;  // the command line is wrong; nothing was done
 constexpr int kExitCrash = 3;  // the operation 'crash' of edit
 
-// One document on stdout. Names that are not UTF-8 lose the bytes that are not.
+// Of the documents: it changes when a field goes or changes its meaning, not when one is added.
+// docs/json.md has the fields.
+constexpr int kJsonVersion = 1;
+
+// One document on stdout, with the version in front. Names that are not UTF-8 lose the bytes that
+// are not.
 void print_document(Json const& document);
 
 // A line of a text result: a name and what belongs to it, the latter aligned. This and what follows

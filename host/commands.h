@@ -22,6 +22,7 @@ struct Outcome {
     int exitCode = 0;
 };
 
+// The document is that of one file; the caller makes one of many.
 Outcome run_info(Driver const& driver, std::string const& file, bool json);
 
 struct ReadOptions {

@@ -76,8 +76,7 @@ Outcome run_info(Driver const& driver, std::string const& file, bool json) {
     uint64_t const end = view.audioEndOffset();
     InputFile const bytes(file);
     std::optional<uint64_t> const leftover = leftover_size(file);
-    Json info = {{"command", "info"},
-                 {"ok", true},
+    Json info = {{"ok", true},
                  {"file", file},
                  {"file_size", view.fileSize},
                  {"format", format_json(view.format)},

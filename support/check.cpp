@@ -10,7 +10,7 @@ Outcome run_check(Driver const& driver, std::string const& file, bool json) {
         print_diagnosis(diagnosis);
     }
     bool const sound = !diagnosis.needs_attention();
-    Json document = {{"command", "check"}, {"ok", sound}, {"file", file}};
+    Json document = {{"ok", sound}, {"file", file}};
     document.update(diagnosis_json(diagnosis));
     return {document, sound ? 0 : kExitFailed};
 }

@@ -10,7 +10,7 @@ namespace ffdhost {
 Outcome run_dry_edit(std::string const& file, std::vector<std::string> const& tokens,
                      EditOptions options, bool json);
 
-// The exit code is kExitFailed if something needs attention.
+// The document is that of one file. The exit code is kExitFailed if something needs attention.
 Outcome run_check(Driver const& driver, std::string const& file, bool json);
 
 // `copy`: keeps what is there in a new folder first.

@@ -78,7 +78,10 @@ class GuardTest(unittest.TestCase):
                           for command in ("info", "map", "read", "recover")),
                         ("edit", "pipe.mp3", "show"), ("edit", "a.mp3", "insert", "pipe.mp3")):
             output = ("-o", "out") if command[0] == "read" else ()
+            if command == ("info", "folder.mp3"):
+                continue  # there may be sound files in it
             failed = json.loads(self.host("--json", *command, *output, code=1).stdout)
+            failed = failed.get("files", [failed])[0]
             self.assertEqual(failed["failure"]["status"], 29, command)
 
     @UNWATCHED
@@ -100,7 +103,7 @@ class GuardTest(unittest.TestCase):
                 if command == ("info",):
                     for rows, more in (("in_front", 290_000), ("behind", 90_000)):
                         if not left_out:
-                            self.assertEqual(json.loads(said)[rows][10_000:], [{"left_out": more}])
+                            self.assertEqual(json.loads(said)["files"][0][rows][10_000:], [{"left_out": more}])
                 elif command == ("map",) and left_out:
                     self.assertEqual(json.loads(said)["blocks"][10_000:], [{"left_out": left_out}])
             text = self.host("map" if left_out else "info", "c.mp3").stdout

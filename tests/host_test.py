@@ -69,7 +69,7 @@ class HostTest(unittest.TestCase):
     def json(self, *arguments, code=0):
         document = json.loads(self.host("--json", *arguments, code=code).stdout)
         self.assertEqual(document.get("ok"), code == 0)
-        return document
+        return document["files"][0] if "files" in document else document
 
     def assert_untouched(self):
         self.assertEqual(self.file.read_bytes(), self.original)
@@ -335,7 +335,7 @@ class HostTest(unittest.TestCase):
                 said = (run.stdout + run.stderr).decode()
                 self.assertFalse([letter for letter in said if letter != "\n" and (
                     ord(letter) < 32 or 127 <= ord(letter) < 160 or letter in "\u202e\u2066")])
-            self.assertEqual(json.loads(run.stdout)["file"], name.decode(errors="replace"))
+            self.assertEqual(json.loads(run.stdout)["files"][0]["file"], name.decode(errors="replace"))
             warning, word = run.stderr.strip().split(b" run: ffdhost recover --copy -- ")
             self.assertIn((shown or name) + b": a close", warning)
             for shell in ("bash", "sh"):

@@ -43,6 +43,7 @@ class HostTest(unittest.TestCase):
     def document(self, program, command, name, locale):
         run = self.run_host(program, "--driver", "driver/XKIVMP3.dll", "--json", command, name, locale=locale)
         document = json.loads(run.stdout)
+        document = document.get("files", [document])[0]
         self.assertEqual(document["file"], name)
         return document
 
