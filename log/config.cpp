@@ -36,10 +36,12 @@ void set_gate(Level level) {
 // From the first one on the number of the descriptor stays the same and is never closed: a thread
 // in the middle of a line must not find a sound file of the host under it.
 bool take_destination(int descriptor) {
-    if (descriptor < 0)
+    if (descriptor < 0) {
         return false;
-    if (int const kept = current.load(); kept >= 0)
+    }
+    if (int const kept = current.load(); kept >= 0) {
         return os::replace(kept, descriptor);
+    }
     current.store(descriptor);
     return true;
 }
@@ -57,8 +59,9 @@ bool apply(Level level, char const* path) {
 }
 
 bool copy_path(std::string_view path, char (&copy)[kMaxPath]) {
-    if (path.size() >= kMaxPath || path.find('\0') != std::string_view::npos)
+    if (path.size() >= kMaxPath || path.find('\0') != std::string_view::npos) {
         return false;
+    }
     *std::copy(path.begin(), path.end(), copy) = '\0';
     return true;
 }
@@ -96,14 +99,16 @@ void read_environment() {
 void read_ini() {
     size_t const length = os::read_start(iniPath, iniText, kIniLimit);
     std::string_view text(iniText, length);
-    if (length == kIniLimit) // the last line may be cut: half a path is a wrong path
+    if (length == kIniLimit) { // the last line may be cut: half a path is a wrong path
         text = text.substr(0, text.rfind('\n') + 1);
+    }
     Settings const settings = parse_ini(text);
     char path[kMaxPath];
-    if (settings.path.empty() || !copy_path(settings.path, path))
+    if (settings.path.empty() || !copy_path(settings.path, path)) {
         set_gate(Level::Off);
-    else
+    } else {
         apply(settings.level, path);
+    }
 }
 
 // A child forked while another thread holds the mutex would wait for ever in its next LogInit. Done
@@ -118,28 +123,34 @@ void read_ini() {
 } // namespace
 
 void ensure_configured() {
-    if (environmentRead.load(std::memory_order_acquire))
+    if (environmentRead.load(std::memory_order_acquire)) {
         return;
+    }
     std::scoped_lock const lock(configuring);
-    if (environmentRead.load(std::memory_order_relaxed))
+    if (environmentRead.load(std::memory_order_relaxed)) {
         return;
+    }
     read_environment();
     environmentRead.store(true, std::memory_order_release);
 }
 
 void use_ini(char const* path) {
-    if (path == nullptr || *path == '\0')
+    if (path == nullptr || *path == '\0') {
         return;
+    }
     std::scoped_lock const lock(configuring);
-    if (environmentDecides)
+    if (environmentDecides) {
         return;
+    }
     char asked[kMaxPath];
-    if (!copy_path({path, strnlen(path, kMaxPath)}, asked))
+    if (!copy_path({path, strnlen(path, kMaxPath)}, asked)) {
         return;
+    }
     os::to_system_separators(asked);
     os::FileStamp const stamp = os::stamp_of(asked);
-    if (stamp == iniStamp && std::strcmp(asked, iniPath) == 0)
+    if (stamp == iniStamp && std::strcmp(asked, iniPath) == 0) {
         return;
+    }
     std::memcpy(iniPath, asked, std::strlen(asked) + 1);
     iniStamp = stamp;
     read_ini();

@@ -10,13 +10,15 @@ Listener* g_pListener = nullptr;
 using Kind = TraceCall::Kind;
 
 void tell(Kind kind, char const* pszText, uint32_t uCode = 0) {
-    if (g_pListener != nullptr)
+    if (g_pListener != nullptr) {
         g_pListener->on_trace({kind, pszText, uCode});
+    }
 }
 
 void tell_value(Kind kind, char const* pszName, va_list& value) {
-    if (g_pListener != nullptr)
+    if (g_pListener != nullptr) {
         g_pListener->on_trace({kind, pszName, 0, &value});
+    }
 }
 
 } // namespace
@@ -26,8 +28,9 @@ void listen(Listener* pListener) {
 }
 
 void tell_frame(uint32_t dwFileOffset, uint8_t const* pbyHeader) {
-    if (g_pListener != nullptr)
+    if (g_pListener != nullptr) {
         g_pListener->on_frame(dwFileOffset, pbyHeader);
+    }
 }
 
 } // namespace dry

@@ -32,8 +32,9 @@ std::optional<int> take_number(std::string_view& text) {
     int number = 0;
     for (; !text.empty() && is_digit(text.front()); text.remove_prefix(1)) {
         number = number * 10 + (text.front() - '0');
-        if (number > kMaxWidth)
+        if (number > kMaxWidth) {
             return std::nullopt;
+        }
     }
     return number;
 }
@@ -43,31 +44,37 @@ std::optional<Conversion> parse_conversion(std::string_view text) {
     std::string_view const whole = text;
     Conversion conversion;
     conversion.flags = text.substr(0, std::min(text.find_first_not_of(kFlags), text.size()));
-    if (conversion.flags.size() > kFlags.size()) // each of them at most once
+    if (conversion.flags.size() > kFlags.size()) { // each of them at most once
         return std::nullopt;
+    }
     text.remove_prefix(conversion.flags.size());
 
     auto const width = take_number(text);
-    if (!width)
+    if (!width) {
         return std::nullopt;
+    }
     conversion.width = *width;
     if (text.starts_with('.')) {
         text.remove_prefix(1);
         conversion.precision = take_number(text);
-        if (!conversion.precision)
+        if (!conversion.precision) {
             return std::nullopt;
+        }
     }
 
     bool const isLong = text.starts_with('l');
     bool const isFar = text.starts_with('F');
-    if (isLong || isFar)
+    if (isLong || isFar) {
         text.remove_prefix(1);
-    if (text.empty())
+    }
+    if (text.empty()) {
         return std::nullopt;
+    }
     conversion.kind = text.front();
     std::string_view const kinds = isLong ? "diuxXo" : isFar ? "p" : "diuxXocsp";
-    if (kinds.find(conversion.kind) == std::string_view::npos)
+    if (kinds.find(conversion.kind) == std::string_view::npos) {
         return std::nullopt;
+    }
     conversion.length = whole.size() - text.size() + 1;
     return conversion;
 }
@@ -78,11 +85,12 @@ template <typename Number> void append_number(Line& line, Conversion const& how,
     char format[32];
     char text[kNumberSize];
     int const flagCount = static_cast<int>(how.flags.size());
-    if (how.precision)
+    if (how.precision) {
         std::snprintf(format, sizeof format, "%%%.*s*.%d%c", flagCount, how.flags.data(),
                       *how.precision, how.kind);
-    else
+    } else {
         std::snprintf(format, sizeof format, "%%%.*s*%c", flagCount, how.flags.data(), how.kind);
+    }
     std::snprintf(text, sizeof text, format, how.width, value);
     line.append(text);
 }
@@ -111,8 +119,9 @@ void append_formatted(Line& line, char const* format, va_list values) {
         auto const percent = std::min(rest.find('%'), rest.size());
         line.append(rest.substr(0, percent));
         rest.remove_prefix(percent);
-        if (rest.empty())
+        if (rest.empty()) {
             return;
+        }
         rest.remove_prefix(1);
         if (rest.starts_with('%')) {
             line.append("%");

@@ -25,8 +25,9 @@ char printable(char c) {
 }
 
 std::string_view base_name(char const* path) {
-    if (path == nullptr)
+    if (path == nullptr) {
         return "?";
+    }
     std::string_view const whole(path);
     auto const separator = whole.find_last_of("/\\");
     return separator == std::string_view::npos ? whole : whole.substr(separator + 1);
@@ -52,8 +53,9 @@ void append_time(Line& line) {
 } // namespace
 
 std::string_view bounded(char const* text, size_t limit) {
-    if (text == nullptr)
+    if (text == nullptr) {
         return "(null)";
+    }
     return {text, strnlen(text, limit + 1)};
 }
 
@@ -63,18 +65,22 @@ void Line::append(std::string_view text, size_t limit) {
     std::transform(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(taken), text_ + length_,
                    printable);
     length_ += taken;
-    if (taken < text.size() && length_ <= kRoom)
+    if (taken < text.size() && length_ <= kRoom) {
         length_ += kCutMark.copy(text_ + length_, kCutMark.size());
+    }
 }
 
 void Line::append_padded(std::string_view text, size_t width, bool left) {
     size_t const blanks = width - std::min(width, text.size());
-    if (left)
+    if (left) {
         append(text);
-    for (size_t i = 0; i < blanks; ++i)
+    }
+    for (size_t i = 0; i < blanks; ++i) {
         append(" ");
-    if (!left)
+    }
+    if (!left) {
         append(text);
+    }
 }
 
 std::string_view Line::finish() {

@@ -30,8 +30,9 @@ constinit std::mutex mutex;
 constinit std::atomic<mode_t> ownMode{0};
 
 int move_above_standard(int descriptor) {
-    if (descriptor < 0 || descriptor >= kFirstOwnDescriptor)
+    if (descriptor < 0 || descriptor >= kFirstOwnDescriptor) {
         return descriptor;
+    }
     int const moved = fcntl(descriptor, F_DUPFD_CLOEXEC, kFirstOwnDescriptor);
     close(descriptor);
     return moved;
@@ -55,8 +56,9 @@ public:
             sigemptyset(&one);
             sigaddset(&one, signal);
             timespec const noTime{};
-            if (failed_ && sigismember(&pendingBefore_, signal) == 0)
+            if (failed_ && sigismember(&pendingBefore_, signal) == 0) {
                 sigtimedwait(&one, nullptr, &noTime);
+            }
         }
         pthread_sigmask(SIG_SETMASK, &before_, nullptr);
     }
@@ -86,26 +88,31 @@ bool may_raise(mode_t mode) {
 }
 
 ssize_t write_some(int descriptor, mode_t mode, char const* text, size_t length) {
-    if (S_ISSOCK(mode))
+    if (S_ISSOCK(mode)) {
         return send(descriptor, text, length, MSG_DONTWAIT | MSG_NOSIGNAL);
+    }
     return write(descriptor, text, length);
 }
 
 // As write_line, into what has this mode.
 bool write_to(int descriptor, mode_t mode, char const* line, size_t length) {
-    if (S_ISFIFO(mode) && !is_ready(descriptor))
+    if (S_ISFIFO(mode) && !is_ready(descriptor)) {
         return true;
+    }
     std::optional<HoldSignals> signals;
-    if (may_raise(mode))
+    if (may_raise(mode)) {
         signals.emplace();
+    }
     while (length > 0) {
         ssize_t const written = write_some(descriptor, mode, line, length);
-        if (written < 0 && errno == EINTR)
+        if (written < 0 && errno == EINTR) {
             continue;
+        }
         if (written <= 0) {
             bool const gone = errno == EPIPE || errno == ECONNRESET;
-            if (signals)
+            if (signals) {
                 signals->write_failed();
+            }
             return !gone;
         }
         line += written;
@@ -149,8 +156,9 @@ int open_for_append(char const* path) {
     // Not blocking at the open: that of a pipe without a reader would wait for one.
     int const descriptor = move_above_standard(
         open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0666));
-    if (descriptor < 0)
+    if (descriptor < 0) {
         return -1;
+    }
     struct stat status {};
     if (fstat(descriptor, &status) == 0 && (S_ISREG(status.st_mode) || S_ISCHR(status.st_mode))) {
         fcntl(descriptor, F_SETFL, O_APPEND);
@@ -164,16 +172,18 @@ int open_for_append(char const* path) {
 
 int open_standard_error() {
     struct stat status {};
-    if (fstat(STDERR_FILENO, &status) != 0)
+    if (fstat(STDERR_FILENO, &status) != 0) {
         return -1;
+    }
     ownMode = status.st_mode;
     if (S_ISFIFO(status.st_mode)) {
         // The pipe once more: here a write may be told not to wait, for which the host's own way of
         // writing would change along with a mere copy.
         int const own = move_above_standard(
             open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
-        if (own >= 0)
+        if (own >= 0) {
             return own;
+        }
     }
     return fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, kFirstOwnDescriptor);
 }
@@ -190,14 +200,16 @@ bool write_line(int descriptor, char const* line, size_t length) {
 
 void complain(char const* line, size_t length) {
     struct stat status {};
-    if (fstat(STDERR_FILENO, &status) == 0)
+    if (fstat(STDERR_FILENO, &status) == 0) {
         write_to(STDERR_FILENO, status.st_mode, line, length);
+    }
 }
 
 FileStamp stamp_of(char const* path) {
     struct stat status {};
-    if (stat(path, &status) != 0)
+    if (stat(path, &status) != 0) {
         return {};
+    }
     return {true,
             status.st_dev,
             status.st_ino,
@@ -209,17 +221,20 @@ FileStamp stamp_of(char const* path) {
 size_t read_start(char const* path, char* buffer, size_t capacity) {
     int const descriptor =
         move_above_standard(open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
-    if (descriptor < 0)
+    if (descriptor < 0) {
         return 0;
+    }
     size_t length = 0;
     struct stat status {};
     if (fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode)) {
         while (length < capacity) {
             ssize_t const got = read(descriptor, buffer + length, capacity - length);
-            if (got < 0 && errno == EINTR)
+            if (got < 0 && errno == EINTR) {
                 continue;
-            if (got <= 0)
+            }
+            if (got <= 0) {
                 break;
+            }
             length += static_cast<size_t>(got);
         }
     }

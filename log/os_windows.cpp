@@ -36,18 +36,22 @@ void stay_loaded() {
 
 // -1 if the handle is none or there is no room; it is closed then.
 int add(HANDLE handle) {
-    if (handle == nullptr || handle == INVALID_HANDLE_VALUE)
+    if (handle == nullptr || handle == INVALID_HANDLE_VALUE) {
         return -1;
+    }
     stay_loaded();
     AcquireSRWLockExclusive(&lock);
     int descriptor = 0;
-    while (descriptor < kDescriptors && handles[static_cast<size_t>(descriptor)] != nullptr)
+    while (descriptor < kDescriptors && handles[static_cast<size_t>(descriptor)] != nullptr) {
         ++descriptor;
-    if (descriptor < kDescriptors)
+    }
+    if (descriptor < kDescriptors) {
         handles[static_cast<size_t>(descriptor)] = handle;
+    }
     ReleaseSRWLockExclusive(&lock);
-    if (descriptor < kDescriptors)
+    if (descriptor < kDescriptors) {
         return descriptor;
+    }
     CloseHandle(handle);
     return -1;
 }
@@ -55,8 +59,10 @@ int add(HANDLE handle) {
 void write_to(HANDLE handle, char const* line, size_t length) {
     while (length > 0) {
         DWORD written = 0;
-        if (!WriteFile(handle, line, static_cast<DWORD>(length), &written, nullptr) || written == 0)
+        if (!WriteFile(handle, line, static_cast<DWORD>(length), &written, nullptr) ||
+            written == 0) {
             return;
+        }
         line += written;
         length -= written;
     }
@@ -117,10 +123,12 @@ int open_for_append(char const* path) {
     HANDLE const handle =
         CreateFileA(path, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                     nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (handle == INVALID_HANDLE_VALUE)
+    if (handle == INVALID_HANDLE_VALUE) {
         return -1;
-    if (may_take(handle))
+    }
+    if (may_take(handle)) {
         return add(handle);
+    }
     CloseHandle(handle);
     SetLastError(ERROR_BAD_PATHNAME);
     return -1;
@@ -132,8 +140,9 @@ int open_standard_error() {
     if (standardError == nullptr || standardError == INVALID_HANDLE_VALUE ||
         !may_take(standardError) ||
         !DuplicateHandle(GetCurrentProcess(), standardError, GetCurrentProcess(), &copy, 0, FALSE,
-                         DUPLICATE_SAME_ACCESS))
+                         DUPLICATE_SAME_ACCESS)) {
         return -1;
+    }
     return add(copy);
 }
 
@@ -156,25 +165,28 @@ bool write_line(int descriptor, char const* line, size_t length) {
 
 void complain(char const* line, size_t length) {
     HANDLE const standardError = GetStdHandle(STD_ERROR_HANDLE);
-    if (may_take(standardError))
+    if (may_take(standardError)) {
         write_to(standardError, line, length);
+    }
 }
 
 FileStamp stamp_of(char const* path) {
     HANDLE const file = CreateFileA(path, FILE_READ_ATTRIBUTES,
                                     FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                                     OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (file == INVALID_HANDLE_VALUE)
+    if (file == INVALID_HANDLE_VALUE) {
         return {};
+    }
     BY_HANDLE_FILE_INFORMATION status;
     FileStamp stamp;
-    if (GetFileInformationByHandle(file, &status))
+    if (GetFileInformationByHandle(file, &status)) {
         stamp = {true,
                  status.dwVolumeSerialNumber,
                  static_cast<uint64_t>(status.nFileIndexHigh) << 32 | status.nFileIndexLow,
                  static_cast<uint64_t>(status.nFileSizeHigh) << 32 | status.nFileSizeLow,
                  static_cast<int64_t>(status.ftLastWriteTime.dwHighDateTime),
                  static_cast<int64_t>(status.ftLastWriteTime.dwLowDateTime)};
+    }
     CloseHandle(file);
     return stamp;
 }
@@ -183,12 +195,14 @@ size_t read_start(char const* path, char* buffer, size_t capacity) {
     HANDLE const file =
         CreateFileA(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                     nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (file == INVALID_HANDLE_VALUE)
+    if (file == INVALID_HANDLE_VALUE) {
         return 0;
+    }
     DWORD length = 0;
     if (GetFileType(file) != FILE_TYPE_DISK ||
-        !ReadFile(file, buffer, static_cast<DWORD>(capacity), &length, nullptr))
+        !ReadFile(file, buffer, static_cast<DWORD>(capacity), &length, nullptr)) {
         length = 0;
+    }
     CloseHandle(file);
     return length;
 }

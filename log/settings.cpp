@@ -32,8 +32,9 @@ bool same_name(std::string_view a, std::string_view b) {
 std::string_view trim(std::string_view text) {
     constexpr std::string_view kBlank = " \t\r\f\v";
     auto const first = text.find_first_not_of(kBlank);
-    if (first == std::string_view::npos)
+    if (first == std::string_view::npos) {
         return {};
+    }
     return text.substr(first, text.find_last_not_of(kBlank) - first + 1);
 }
 
@@ -48,48 +49,56 @@ std::string_view take_line(std::string_view& text) {
 } // namespace
 
 std::optional<Level> parse_level(std::string_view name) {
-    for (auto const& [known, level] : kLevels)
-        if (same_name(name, known))
+    for (auto const& [known, level] : kLevels) {
+        if (same_name(name, known)) {
             return level;
+        }
+    }
     return std::nullopt;
 }
 
 std::optional<Settings> parse_environment(std::string_view text) {
     auto const colon = text.find(':'); // the first: a path may hold more of them
     auto const level = parse_level(trim(text.substr(0, colon)));
-    if (!level)
+    if (!level) {
         return std::nullopt;
+    }
     Settings settings{*level, {}};
-    if (colon != std::string_view::npos)
+    if (colon != std::string_view::npos) {
         settings.path = text.substr(colon + 1);
+    }
     return settings;
 }
 
 Settings parse_ini(std::string_view content) {
     constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
-    if (content.starts_with(kByteOrderMark))
+    if (content.starts_with(kByteOrderMark)) {
         content.remove_prefix(kByteOrderMark.size());
+    }
 
     Settings settings;
     bool inSection = false;
     while (!content.empty()) {
         std::string_view const line = take_line(content);
         // A comment has a line of its own: a path may hold both signs.
-        if (line.empty() || line.front() == ';' || line.front() == '#')
+        if (line.empty() || line.front() == ';' || line.front() == '#') {
             continue;
+        }
         if (line.front() == '[') {
             inSection = same_name(line, "[XKIVLOG]");
             continue;
         }
         auto const equals = line.find('=');
-        if (!inSection || equals == std::string_view::npos)
+        if (!inSection || equals == std::string_view::npos) {
             continue;
+        }
         std::string_view const key = trim(line.substr(0, equals));
         std::string_view const value = trim(line.substr(equals + 1));
-        if (same_name(key, "Level"))
+        if (same_name(key, "Level")) {
             settings.level = parse_level(value).value_or(Level::Off);
-        else if (same_name(key, "File"))
+        } else if (same_name(key, "File")) {
             settings.path = value;
+        }
     }
     return settings;
 }

@@ -47,16 +47,18 @@ bool is_wanted(Level level) {
 void put(xkivlog::Line& line) {
     if (int const descriptor = xkivlog::destination(); descriptor >= 0) {
         auto const text = line.finish();
-        if (!xkivlog::os::write_line(descriptor, text.data(), text.size()))
+        if (!xkivlog::os::write_line(descriptor, text.data(), text.size())) {
             xkivlog::give_up();
+        }
     }
 }
 
 [[gnu::noinline, gnu::cold]] void write_text(Level level, char const* kind, Place place,
                                              char const* text) noexcept {
     xkivlog::os::PreserveError const preserve;
-    if (!is_wanted(level))
+    if (!is_wanted(level)) {
         return;
+    }
     xkivlog::Line line;
     xkivlog::append_head(line, kind, place.module, place.file, place.line);
     line.append(xkivlog::bounded(text));
@@ -66,8 +68,9 @@ void put(xkivlog::Line& line) {
 [[gnu::noinline, gnu::cold]] void write_warning(Place place, char const* text1,
                                                 char const* text2) noexcept {
     xkivlog::os::PreserveError const preserve;
-    if (!is_wanted(Level::Warning))
+    if (!is_wanted(Level::Warning)) {
         return;
+    }
     xkivlog::Line line;
     xkivlog::append_head(line, "WARNING", place.module, place.file, place.line);
     if (text1 != nullptr && *text1 != '\0') {
@@ -81,8 +84,9 @@ void put(xkivlog::Line& line) {
 [[gnu::noinline, gnu::cold]] void write_error(Place place, uint32_t code,
                                               char const* text) noexcept {
     xkivlog::os::PreserveError const preserve;
-    if (!is_wanted(Level::Error))
+    if (!is_wanted(Level::Error)) {
         return;
+    }
     xkivlog::Line line;
     xkivlog::append_head(line, "ERROR", place.module, place.file, place.line);
     char number[48];
@@ -96,8 +100,9 @@ void put(xkivlog::Line& line) {
                                               char const* name, char const* format,
                                               va_list values) noexcept {
     xkivlog::os::PreserveError const preserve;
-    if (!is_wanted(level))
+    if (!is_wanted(level)) {
         return;
+    }
     xkivlog::Line line;
     xkivlog::append_head(line, kind, place.module, place.file, place.line);
     line.append(xkivlog::bounded(name, kMaxName), kMaxName);
@@ -116,19 +121,22 @@ void LogInit(char const* module, char const* file, int line, char const* path) {
         xkivlog::ensure_configured();
         xkivlog::use_ini(path);
     }
-    if (!XKIVLOG_IS_OFF(Level::Entry))
+    if (!XKIVLOG_IS_OFF(Level::Entry)) {
         write_text(Level::Entry, "INIT", {module, file, line}, path);
+    }
 }
 
 void LogEntry(char const* module, char const* file, int line, char const* text) {
-    if (!XKIVLOG_IS_OFF(Level::Entry))
+    if (!XKIVLOG_IS_OFF(Level::Entry)) {
         write_text(Level::Entry, "ENTRY", {module, file, line}, text);
+    }
 }
 
 XKIVLOG_NO_VECTOR_SAVES void LogParam(char const* module, char const* file, int line,
                                       char const* name, char const* format, ...) {
-    if (XKIVLOG_IS_OFF(Level::Param)) [[likely]]
-        return;
+    if (XKIVLOG_IS_OFF(Level::Param)) {
+        [[likely]] return;
+    }
     va_list values;
     va_start(values, format);
     write_value(Level::Param, "PARAM", {module, file, line}, name, format, values);
@@ -137,19 +145,22 @@ XKIVLOG_NO_VECTOR_SAVES void LogParam(char const* module, char const* file, int 
 
 void LogWarning(char const* module, char const* file, int line, char const* text1,
                 char const* text2) {
-    if (!XKIVLOG_IS_OFF(Level::Warning))
+    if (!XKIVLOG_IS_OFF(Level::Warning)) {
         write_warning({module, file, line}, text1, text2);
+    }
 }
 
 void LogInfo(char const* module, char const* file, int line, char const* text) {
-    if (!XKIVLOG_IS_OFF(Level::Info))
+    if (!XKIVLOG_IS_OFF(Level::Info)) {
         write_text(Level::Info, "INFO", {module, file, line}, text);
+    }
 }
 
 XKIVLOG_NO_VECTOR_SAVES void LogValue(char const* module, char const* file, int line,
                                       char const* name, char const* format, ...) {
-    if (XKIVLOG_IS_OFF(Level::Value)) [[likely]]
-        return;
+    if (XKIVLOG_IS_OFF(Level::Value)) {
+        [[likely]] return;
+    }
     va_list values;
     va_start(values, format);
     write_value(Level::Value, "VALUE", {module, file, line}, name, format, values);
@@ -157,7 +168,8 @@ XKIVLOG_NO_VECTOR_SAVES void LogValue(char const* module, char const* file, int 
 }
 
 void LogError(char const* module, char const* file, int line, uint32_t code, char const* text) {
-    if (!XKIVLOG_IS_OFF(Level::Error))
+    if (!XKIVLOG_IS_OFF(Level::Error)) {
         write_error({module, file, line}, code, text);
+    }
 }
 }

@@ -24,10 +24,11 @@ bool move_pointer(HANDLE hFile, uint64_t ullFileOffset) {
 RealFile::RealFile(HANDLE hFile, std::string path) : m_hFile(hFile), m_path(std::move(path)) {
     DWORD dwHigh = 0;
     DWORD const dwLow = GetFileSize(hFile, &dwHigh);
-    if (dwLow == INVALID_FILE_SIZE && GetLastError() != NO_ERROR)
+    if (dwLow == INVALID_FILE_SIZE && GetLastError() != NO_ERROR) {
         m_dwError = GetLastError();
-    else
+    } else {
         m_ullBytes = uint64_t{dwHigh} << 32 | dwLow;
+    }
 }
 
 RealFile::~RealFile() {
@@ -37,8 +38,9 @@ RealFile::~RealFile() {
 DWORD RealFile::read(uint64_t ullOffset, void* pBuffer, size_t nBytes) const {
     DWORD dwRead = 0;
     if (!move_pointer(m_hFile, ullOffset) ||
-        !ReadFile(m_hFile, pBuffer, static_cast<DWORD>(nBytes), &dwRead, nullptr))
+        !ReadFile(m_hFile, pBuffer, static_cast<DWORD>(nBytes), &dwRead, nullptr)) {
         return GetLastError();
+    }
     return dwRead == nBytes ? NO_ERROR : ERROR_HANDLE_EOF;
 }
 
@@ -53,8 +55,9 @@ std::string const& Held::path() const {
 }
 
 Contents::Contents(std::shared_ptr<RealFile const> pFile) : m_ullBytes(pFile->size()) {
-    if (m_ullBytes > 0)
+    if (m_ullBytes > 0) {
         m_runs.push_back({0, 0, std::move(pFile)});
+    }
 }
 
 uint64_t Contents::end_of(size_t nRun) const {
@@ -72,8 +75,9 @@ size_t Contents::find_run(uint64_t ullFileOffset) const {
 DWORD Contents::read(uint64_t ullFileOffset, void* pBuffer, DWORD dwBytes,
                      DWORD& dwBytesRead) const {
     dwBytesRead = 0;
-    if (ullFileOffset >= m_ullBytes)
+    if (ullFileOffset >= m_ullBytes) {
         return NO_ERROR;
+    }
     uint64_t const ullEnd = std::min(m_ullBytes, ullFileOffset + dwBytes);
     for (size_t nRun = find_run(ullFileOffset); ullFileOffset < ullEnd; ++nRun) {
         Run const& run = m_runs[nRun];
@@ -85,8 +89,9 @@ DWORD Contents::read(uint64_t ullFileOffset, void* pBuffer, DWORD dwBytes,
             uint64_t const ullInside = ullFileOffset - run.ullFileOffset;
             DWORD const dwError =
                 run.pSource->read(run.ullSourceOffset + ullInside, pTarget, nBytes);
-            if (dwError != NO_ERROR)
+            if (dwError != NO_ERROR) {
                 return dwError;
+            }
         }
         dwBytesRead += static_cast<DWORD>(nBytes);
         ullFileOffset += nBytes;
@@ -96,12 +101,14 @@ DWORD Contents::read(uint64_t ullFileOffset, void* pBuffer, DWORD dwBytes,
 
 // Writes over bytes in memory that nobody else has. False if they are not of that kind.
 bool Contents::overwrite(uint64_t ullFileOffset, void const* pBytes, size_t nBytes) {
-    if (m_runs.size() != 1 || ullFileOffset + nBytes > m_ullBytes)
+    if (m_runs.size() != 1 || ullFileOffset + nBytes > m_ullBytes) {
         return false;
+    }
     Run const& run = m_runs[0];
     bool const bOwn = run.pSource.use_count() == (run.pSource == m_pHeld ? 2 : 1);
-    if (run.pSource == nullptr || !run.pSource->path().empty() || !bOwn)
+    if (run.pSource == nullptr || !run.pSource->path().empty() || !bOwn) {
         return false;
+    }
     auto* const pHeld = const_cast<Held*>(static_cast<Held const*>(run.pSource.get()));
     memcpy(pHeld->bytes.data() + run.ullSourceOffset + ullFileOffset, pBytes, nBytes);
     return true;
@@ -109,30 +116,34 @@ bool Contents::overwrite(uint64_t ullFileOffset, void const* pBytes, size_t nByt
 
 // Where the next written bytes go: behind those of before, as long as they are few.
 std::shared_ptr<Held> Contents::room_for(size_t nBytes) {
-    if (m_pHeld == nullptr || m_pHeld->bytes.size() + nBytes > GATHERED_BYTES)
+    if (m_pHeld == nullptr || m_pHeld->bytes.size() + nBytes > GATHERED_BYTES) {
         m_pHeld = std::make_shared<Held>();
+    }
     return m_pHeld;
 }
 
 void Contents::write(uint64_t ullFileOffset, void const* pBytes, size_t nBytes) {
-    if (nBytes == 0 || overwrite(ullFileOffset, pBytes, nBytes))
+    if (nBytes == 0 || overwrite(ullFileOffset, pBytes, nBytes)) {
         return;
+    }
     size_t const nRun = open_gap(ullFileOffset, nBytes);
     std::shared_ptr<Held> const pHeld = room_for(nBytes);
     uint64_t const ullSourceOffset = pHeld->bytes.size();
     pHeld->bytes.append(static_cast<char const*>(pBytes), nBytes);
     if (nRun > 0 && m_runs[nRun - 1].pSource == pHeld &&
         m_runs[nRun - 1].ullSourceOffset + (ullFileOffset - m_runs[nRun - 1].ullFileOffset) ==
-            ullSourceOffset)
+            ullSourceOffset) {
         return; // goes on where the run in front of it ends
+    }
     m_runs.insert(m_runs.begin() + static_cast<ptrdiff_t>(nRun),
                   {ullFileOffset, ullSourceOffset, pHeld});
 }
 
 void Contents::write_range(uint64_t ullFileOffset, Contents const& from, uint64_t ullFrom,
                            uint64_t ullBytes) {
-    if (ullBytes == 0)
+    if (ullBytes == 0) {
         return;
+    }
     std::vector<Run> copied;
     uint64_t const ullEnd = ullFrom + ullBytes;
     for (size_t nRun = from.find_run(ullFrom);
@@ -148,8 +159,9 @@ void Contents::write_range(uint64_t ullFileOffset, Contents const& from, uint64_
     if (nRun > 0) {
         Run const& before = m_runs[nRun - 1];
         uint64_t const ullGoesOn = before.ullSourceOffset + (ullFileOffset - before.ullFileOffset);
-        if (before.pSource == copied[0].pSource && copied[0].ullSourceOffset == ullGoesOn)
+        if (before.pSource == copied[0].pSource && copied[0].ullSourceOffset == ullGoesOn) {
             copied.erase(copied.begin());
+        }
     }
     m_runs.insert(m_runs.begin() + static_cast<ptrdiff_t>(nRun),
                   std::make_move_iterator(copied.begin()), std::make_move_iterator(copied.end()));
@@ -159,8 +171,9 @@ void Contents::write_range(uint64_t ullFileOffset, Contents const& from, uint64_
 void Contents::split_at(uint64_t ullFileOffset) {
     size_t const nRun = find_run(ullFileOffset);
     Run second = m_runs[nRun];
-    if (second.ullFileOffset == ullFileOffset)
+    if (second.ullFileOffset == ullFileOffset) {
         return;
+    }
     second.ullSourceOffset += ullFileOffset - second.ullFileOffset;
     second.ullFileOffset = ullFileOffset;
     m_runs.insert(m_runs.begin() + static_cast<ptrdiff_t>(nRun) + 1, std::move(second));
@@ -170,12 +183,15 @@ void Contents::split_at(uint64_t ullFileOffset) {
 // is the place of the run that is to fill the gap; until it is there, the runs have a gap.
 size_t Contents::open_gap(uint64_t ullFileOffset, uint64_t ullBytes) {
     uint64_t const ullEnd = ullFileOffset + ullBytes;
-    if (ullFileOffset > m_ullBytes)
+    if (ullFileOffset > m_ullBytes) {
         resize(ullFileOffset);
-    if (ullFileOffset < m_ullBytes)
+    }
+    if (ullFileOffset < m_ullBytes) {
         split_at(ullFileOffset);
-    if (ullEnd < m_ullBytes)
+    }
+    if (ullEnd < m_ullBytes) {
         split_at(ullEnd);
+    }
     auto const from = [](Run const& run, uint64_t ullOffset) {
         return run.ullFileOffset < ullOffset;
     };
@@ -186,10 +202,12 @@ size_t Contents::open_gap(uint64_t ullFileOffset, uint64_t ullBytes) {
 }
 
 void Contents::resize(uint64_t ullBytes) {
-    if (ullBytes > m_ullBytes && (m_runs.empty() || m_runs.back().pSource != nullptr))
+    if (ullBytes > m_ullBytes && (m_runs.empty() || m_runs.back().pSource != nullptr)) {
         m_runs.push_back({m_ullBytes, 0, nullptr});
-    while (!m_runs.empty() && m_runs.back().ullFileOffset >= ullBytes)
+    }
+    while (!m_runs.empty() && m_runs.back().ullFileOffset >= ullBytes) {
         m_runs.pop_back();
+    }
     m_ullBytes = ullBytes;
 }
 

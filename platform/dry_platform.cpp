@@ -71,37 +71,43 @@ bool over_real_disk() {
 }
 
 BOOL fail(char const* pszCall, std::string const& file, DWORD dwError) {
-    if (dwError != ERROR_FILE_NOT_FOUND && !file.empty() && over_real_disk())
+    if (dwError != ERROR_FILE_NOT_FOUND && !file.empty() && over_real_disk()) {
         state().failures.push_back({pszCall, file, dwError});
+    }
     SetLastError(dwError);
     return FALSE;
 }
 
 Name* find_name(LPCSTR pszPath) {
-    for (Name& name : state().names)
-        if (PlatformSameFileName(name.path.c_str(), pszPath))
+    for (Name& name : state().names) {
+        if (PlatformSameFileName(name.path.c_str(), pszPath)) {
             return &name;
+        }
+    }
     return nullptr;
 }
 
 // The absolute form of a path. One that has none stays as it is, and meets its error later.
 std::string absolute(LPCSTR pszPath) {
-    if (find_name(pszPath) != nullptr)
+    if (find_name(pszPath) != nullptr) {
         return pszPath;
+    }
     char szFull[4096];
     DWORD const dwLength = GetFullPathNameA(pszPath, sizeof szFull, szFull, nullptr);
     return dwLength > 0 && dwLength < sizeof szFull ? szFull : pszPath;
 }
 
 void note(Change::Kind kind, File const& file, std::string newName = "") {
-    if (over_real_disk())
+    if (over_real_disk()) {
         state().changes.push_back({kind, file.name, std::move(newName), 0, 0, file.contents.size(),
                                    !file.realName.empty()});
+    }
 }
 
 void note_write(File const& file, uint64_t ullFileOffset, uint64_t ullBytes) {
-    if (!over_real_disk())
+    if (!over_real_disk()) {
         return;
+    }
     std::vector<Change>& changes = state().changes;
     if (!changes.empty()) {
         Change& last = changes.back();
@@ -136,8 +142,9 @@ bool is_open(File const& file) {
 
 // Looks at a file of the disk under the eyes of those who have it.
 DWORD look(std::string const& path, DWORD dwAccess, DWORD dwShare, HANDLE& hFile) {
-    if (!over_real_disk())
+    if (!over_real_disk()) {
         return ERROR_FILE_NOT_FOUND;
+    }
     hFile = PlatformLookAtFile(path.c_str(), dwAccess, dwShare);
     return hFile == INVALID_HANDLE_VALUE ? GetLastError() : NO_ERROR;
 }
@@ -147,11 +154,13 @@ DWORD look(std::string const& path, DWORD dwAccess, DWORD dwShare, HANDLE& hFile
 DWORD find_file(std::string const& path, DWORD dwAccess, DWORD dwShare,
                 std::shared_ptr<File>& pFile) {
     Name* const pName = find_name(path.c_str());
-    if (pName != nullptr && pName->pFile == nullptr)
+    if (pName != nullptr && pName->pFile == nullptr) {
         return ERROR_FILE_NOT_FOUND;
+    }
     bool const bKnown = pName != nullptr;
-    if (bKnown && !may_share(*pName->pFile, dwAccess, dwShare))
+    if (bKnown && !may_share(*pName->pFile, dwAccess, dwShare)) {
         return ERROR_SHARING_VIOLATION;
+    }
     if (bKnown && pName->pFile->realName.empty()) {
         pFile = pName->pFile;
         return NO_ERROR;
@@ -159,8 +168,9 @@ DWORD find_file(std::string const& path, DWORD dwAccess, DWORD dwShare,
     std::string const& onDisk = bKnown ? pName->pFile->realName : path;
     HANDLE hFile = INVALID_HANDLE_VALUE;
     DWORD dwError = look(onDisk, dwAccess, dwShare, hFile);
-    if (dwError != NO_ERROR)
+    if (dwError != NO_ERROR) {
         return dwError;
+    }
     if (bKnown) {
         CloseHandle(hFile);
         pFile = pName->pFile;
@@ -169,10 +179,12 @@ DWORD find_file(std::string const& path, DWORD dwAccess, DWORD dwShare,
     PlatformFileIdentity identity = {};
     dwError = PlatformGetFileIdentity(hFile, &identity) ? NO_ERROR : GetLastError();
     auto const pReal = std::make_shared<RealFile const>(hFile, path);
-    if (dwError == NO_ERROR)
+    if (dwError == NO_ERROR) {
         dwError = pReal->error();
-    if (dwError != NO_ERROR)
+    }
+    if (dwError != NO_ERROR) {
         return dwError;
+    }
     pFile = std::make_shared<File>();
     pFile->contents = Contents(pReal);
     pFile->name = path;
@@ -186,26 +198,30 @@ DWORD find_file(std::string const& path, DWORD dwAccess, DWORD dwShare,
 // Whether a name is free to be made: NO_ERROR, 80, or why nothing can be made there.
 DWORD test_creation(std::string const& path) {
     Name const* const pName = find_name(path.c_str());
-    if (pName != nullptr && pName->pFile != nullptr)
+    if (pName != nullptr && pName->pFile != nullptr) {
         return ERROR_FILE_EXISTS;
+    }
     // What was removed here is still on the disk, and whoever may remove may make.
     return pName != nullptr || !over_real_disk() ? NO_ERROR : PlatformTestCreation(path.c_str());
 }
 
 void give_name(std::string const& path, std::shared_ptr<File> const& pFile) {
     Name* const pName = find_name(path.c_str());
-    if (pName != nullptr)
+    if (pName != nullptr) {
         *pName = {path, pFile};
-    else
+    } else {
         state().names.push_back({path, pFile});
-    if (pFile != nullptr)
+    }
+    if (pFile != nullptr) {
         pFile->name = path;
+    }
 }
 
 DWORD make_file(std::string const& path, std::shared_ptr<File>& pFile) {
     DWORD const dwError = test_creation(path);
-    if (dwError != NO_ERROR)
+    if (dwError != NO_ERROR) {
         return dwError;
+    }
     pFile = std::make_shared<File>();
     pFile->identity = {~uint64_t{0}, ++state().ullFilesMade, 0};
     give_name(path, pFile);
@@ -215,14 +231,16 @@ DWORD make_file(std::string const& path, std::shared_ptr<File>& pFile) {
 DWORD open_file(std::string const& path, DWORD dwDisposition, Handle& handle, bool& bMade) {
     bool const bEmpties = dwDisposition == CREATE_ALWAYS || dwDisposition == TRUNCATE_EXISTING;
     DWORD dwError = ERROR_FILE_NOT_FOUND;
-    if (dwDisposition != CREATE_NEW)
+    if (dwDisposition != CREATE_NEW) {
         dwError = find_file(path, handle.dwAccess | (bEmpties ? GENERIC_WRITE : 0), handle.dwShare,
                             handle.pFile);
+    }
     bool const bMakes = dwDisposition == CREATE_NEW || dwDisposition == CREATE_ALWAYS ||
                         dwDisposition == OPEN_ALWAYS;
     bMade = dwError == ERROR_FILE_NOT_FOUND && bMakes;
-    if (bMade)
+    if (bMade) {
         dwError = make_file(path, handle.pFile);
+    }
     if (dwError == NO_ERROR && bEmpties && !bMade && handle.pFile->contents.size() > 0) {
         handle.pFile->contents = Contents();
         note(Change::Kind::Resized, *handle.pFile);
@@ -244,35 +262,40 @@ Handle* find_handle(HANDLE handle) {
 // The handle of a file, with this access. Null, with the error set, if it is none.
 Handle* file_handle(char const* pszCall, HANDLE handle, DWORD dwAccessNeeded) {
     Handle* const pHandle = find_handle(handle);
-    if (pHandle == nullptr || pHandle->pFile == nullptr)
+    if (pHandle == nullptr || pHandle->pFile == nullptr) {
         fail(pszCall, "", ERROR_INVALID_HANDLE);
-    else if ((pHandle->dwAccess & dwAccessNeeded) != dwAccessNeeded)
+    } else if ((pHandle->dwAccess & dwAccessNeeded) != dwAccessNeeded) {
         fail(pszCall, pHandle->pFile->name, ERROR_ACCESS_DENIED);
-    else
+    } else {
         return pHandle;
+    }
     return nullptr;
 }
 
 // A file to be removed or renamed. NO_ERROR, or why it cannot be.
 DWORD find_closed_file(std::string const& path, std::shared_ptr<File>& pFile) {
     DWORD const dwError = find_file(path, 0, FILE_SHARE_READ | FILE_SHARE_WRITE, pFile);
-    if (dwError != NO_ERROR)
+    if (dwError != NO_ERROR) {
         return dwError;
-    if (is_open(*pFile))
+    }
+    if (is_open(*pFile)) {
         return ERROR_SHARING_VIOLATION;
+    }
     return pFile->realName.empty() ? NO_ERROR : PlatformTestRemoval(pFile->realName.c_str());
 }
 
 void note_read(Handle const& handle, void const* pBuffer, DWORD dwBytes) {
-    if (!over_real_disk() || dwBytes == 0)
+    if (!over_real_disk() || dwBytes == 0) {
         return;
+    }
     char const* const pBytes = static_cast<char const*>(pBuffer);
     LastRead& last = state().lastRead;
     if (last.pFile == handle.pFile && last.pBuffer + last.dwBytes == pBytes &&
-        last.ullFileOffset + last.dwBytes == handle.ullFileOffset)
+        last.ullFileOffset + last.dwBytes == handle.ullFileOffset) {
         last.dwBytes += dwBytes;
-    else
+    } else {
         last = {handle.pFile, pBytes, dwBytes, handle.ullFileOffset};
+    }
 }
 
 // Writes what was just read as a reference to where it was read. False if the bytes are others.
@@ -280,16 +303,19 @@ bool write_as_read(Handle& handle, void const* pBuffer, DWORD dwBytes) {
     LastRead const& last = state().lastRead;
     char const* const pBytes = static_cast<char const*>(pBuffer);
     if (last.pFile == nullptr || pBytes < last.pBuffer ||
-        pBytes + dwBytes > last.pBuffer + last.dwBytes)
+        pBytes + dwBytes > last.pBuffer + last.dwBytes) {
         return false;
+    }
     uint64_t const ullFrom = last.ullFileOffset + static_cast<uint64_t>(pBytes - last.pBuffer);
-    if (last.pFile == handle.pFile && ullFrom + dwBytes > handle.pFile->contents.size())
+    if (last.pFile == handle.pFile && ullFrom + dwBytes > handle.pFile->contents.size()) {
         return false;
+    }
     std::vector<char> there(dwBytes);
     DWORD dwRead = 0;
     if (last.pFile->contents.read(ullFrom, there.data(), dwBytes, dwRead) != NO_ERROR ||
-        dwRead != dwBytes || memcmp(there.data(), pBytes, dwBytes) != 0)
+        dwRead != dwBytes || memcmp(there.data(), pBytes, dwBytes) != 0) {
         return false;
+    }
     Contents const from = last.pFile->contents; // it may be this file
     handle.pFile->contents.write_range(handle.ullFileOffset, from, ullFrom, dwBytes);
     return true;
@@ -302,9 +328,11 @@ bool fits_disk(uint64_t ullBytes) {
 // By how much the files have grown here.
 uint64_t grown_bytes() {
     uint64_t ullGrown = 0;
-    for (Name const& name : state().names)
-        if (name.pFile != nullptr && name.pFile->contents.size() > name.pFile->ullRealBytes)
+    for (Name const& name : state().names) {
+        if (name.pFile != nullptr && name.pFile->contents.size() > name.pFile->ullRealBytes) {
             ullGrown += name.pFile->contents.size() - name.pFile->ullRealBytes;
+        }
+    }
     return ullGrown;
 }
 
@@ -332,8 +360,9 @@ void pretend_free_bytes(std::optional<uint64_t> ullFreeBytes) {
 Contents const* find(std::string const& path) {
     std::string const full = absolute(path.c_str());
     Name const* const pName = find_name(full.c_str());
-    if (pName != nullptr)
+    if (pName != nullptr) {
         return pName->pFile != nullptr ? &pName->pFile->contents : nullptr;
+    }
     std::shared_ptr<File> pFile;
     DWORD const dwError = find_file(full, 0, FILE_SHARE_READ | FILE_SHARE_WRITE, pFile);
     return dwError == NO_ERROR ? &pFile->contents : nullptr;
@@ -341,9 +370,11 @@ Contents const* find(std::string const& path) {
 
 std::vector<std::string> names() {
     std::vector<std::string> all;
-    for (Name const& name : state().names)
-        if (name.pFile != nullptr && name.pFile->realName.empty())
+    for (Name const& name : state().names) {
+        if (name.pFile != nullptr && name.pFile->realName.empty()) {
             all.push_back(name.path);
+        }
+    }
     std::sort(all.begin(), all.end());
     return all;
 }
@@ -372,18 +403,21 @@ HANDLE WINAPI DryCreateFileA(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwS
         dry::fail("CreateFileA", path, dwError);
         return INVALID_HANDLE_VALUE;
     }
-    if (bMade && !handle.bDeleteOnClose)
+    if (bMade && !handle.bDeleteOnClose) {
         dry::note(dry::Change::Kind::Made, *handle.pFile);
+    }
     return dry::give_handle(std::move(handle));
 }
 
 BOOL WINAPI DryCloseHandle(HANDLE hObject) {
     dry::Handle const* const pHandle = dry::find_handle(hObject);
-    if (pHandle == nullptr)
+    if (pHandle == nullptr) {
         return dry::fail("CloseHandle", "", ERROR_INVALID_HANDLE);
+    }
     if (pHandle->bDeleteOnClose) {
-        if (!pHandle->pFile->realName.empty())
+        if (!pHandle->pFile->realName.empty()) {
             dry::note(dry::Change::Kind::Removed, *pHandle->pFile);
+        }
         dry::give_name(pHandle->pFile->name, nullptr);
     }
     dry::state().handles.erase(reinterpret_cast<uintptr_t>(hObject));
@@ -394,12 +428,14 @@ BOOL WINAPI DryReadFile(HANDLE hFile, LPVOID lpBuffer, DWORD nNumberOfBytesToRea
                         LPDWORD lpNumberOfBytesRead, LPVOID /*lpOverlapped*/) {
     *lpNumberOfBytesRead = 0;
     dry::Handle* const pHandle = dry::file_handle("ReadFile", hFile, GENERIC_READ);
-    if (pHandle == nullptr)
+    if (pHandle == nullptr) {
         return FALSE;
+    }
     DWORD const dwError = pHandle->pFile->contents.read(pHandle->ullFileOffset, lpBuffer,
                                                         nNumberOfBytesToRead, *lpNumberOfBytesRead);
-    if (dwError != NO_ERROR)
+    if (dwError != NO_ERROR) {
         return dry::fail("ReadFile", pHandle->pFile->name, dwError);
+    }
     dry::note_read(*pHandle, lpBuffer, *lpNumberOfBytesRead);
     pHandle->ullFileOffset += *lpNumberOfBytesRead;
     return TRUE;
@@ -409,15 +445,19 @@ BOOL WINAPI DryWriteFile(HANDLE hFile, LPCVOID lpBuffer, DWORD nNumberOfBytesToW
                          LPDWORD lpNumberOfBytesWritten, LPVOID /*lpOverlapped*/) {
     *lpNumberOfBytesWritten = 0;
     dry::Handle* const pHandle = dry::file_handle("WriteFile", hFile, GENERIC_WRITE);
-    if (pHandle == nullptr)
+    if (pHandle == nullptr) {
         return FALSE;
-    if (nNumberOfBytesToWrite == 0)
+    }
+    if (nNumberOfBytesToWrite == 0) {
         return TRUE;
+    }
     dry::File& file = *pHandle->pFile;
-    if (!dry::fits_disk(pHandle->ullFileOffset + nNumberOfBytesToWrite))
+    if (!dry::fits_disk(pHandle->ullFileOffset + nNumberOfBytesToWrite)) {
         return dry::fail("WriteFile", file.name, ERROR_DISK_FULL);
-    if (!dry::write_as_read(*pHandle, lpBuffer, nNumberOfBytesToWrite))
+    }
+    if (!dry::write_as_read(*pHandle, lpBuffer, nNumberOfBytesToWrite)) {
         file.contents.write(pHandle->ullFileOffset, lpBuffer, nNumberOfBytesToWrite);
+    }
     dry::note_write(file, pHandle->ullFileOffset, nNumberOfBytesToWrite);
     pHandle->ullFileOffset += nNumberOfBytesToWrite;
     *lpNumberOfBytesWritten = nNumberOfBytesToWrite;
@@ -427,12 +467,14 @@ BOOL WINAPI DryWriteFile(HANDLE hFile, LPCVOID lpBuffer, DWORD nNumberOfBytesToW
 DWORD WINAPI DrySetFilePointer(HANDLE hFile, LONG lDistanceToMove, PLONG lpDistanceToMoveHigh,
                                DWORD dwMoveMethod) {
     dry::Handle* const pHandle = dry::file_handle("SetFilePointer", hFile, 0);
-    if (pHandle == nullptr)
+    if (pHandle == nullptr) {
         return INVALID_SET_FILE_POINTER;
+    }
     int64_t llDistance = lDistanceToMove;
-    if (lpDistanceToMoveHigh != nullptr)
+    if (lpDistanceToMoveHigh != nullptr) {
         llDistance = static_cast<int64_t>(static_cast<uint64_t>(*lpDistanceToMoveHigh) << 32 |
                                           static_cast<uint32_t>(lDistanceToMove));
+    }
     uint64_t const ullStart = dwMoveMethod == FILE_END       ? pHandle->pFile->contents.size()
                               : dwMoveMethod == FILE_CURRENT ? pHandle->ullFileOffset
                                                              : 0;
@@ -442,20 +484,24 @@ DWORD WINAPI DrySetFilePointer(HANDLE hFile, LONG lDistanceToMove, PLONG lpDista
         return INVALID_SET_FILE_POINTER;
     }
     pHandle->ullFileOffset = static_cast<uint64_t>(llResult);
-    if (lpDistanceToMoveHigh != nullptr)
+    if (lpDistanceToMoveHigh != nullptr) {
         *lpDistanceToMoveHigh = static_cast<LONG>(llResult >> 32);
+    }
     DWORD const dwLow = static_cast<DWORD>(llResult & 0xFFFFFFFF);
-    if (dwLow == INVALID_SET_FILE_POINTER)
+    if (dwLow == INVALID_SET_FILE_POINTER) {
         SetLastError(NO_ERROR);
+    }
     return dwLow;
 }
 
 BOOL WINAPI DrySetEndOfFile(HANDLE hFile) {
     dry::Handle* const pHandle = dry::file_handle("SetEndOfFile", hFile, GENERIC_WRITE);
-    if (pHandle == nullptr)
+    if (pHandle == nullptr) {
         return FALSE;
-    if (!dry::fits_disk(pHandle->ullFileOffset))
+    }
+    if (!dry::fits_disk(pHandle->ullFileOffset)) {
         return dry::fail("SetEndOfFile", pHandle->pFile->name, ERROR_DISK_FULL);
+    }
     pHandle->pFile->contents.resize(pHandle->ullFileOffset);
     dry::note(dry::Change::Kind::Resized, *pHandle->pFile);
     return TRUE;
@@ -463,14 +509,17 @@ BOOL WINAPI DrySetEndOfFile(HANDLE hFile) {
 
 DWORD WINAPI DryGetFileSize(HANDLE hFile, LPDWORD lpFileSizeHigh) {
     dry::Handle const* const pHandle = dry::file_handle("GetFileSize", hFile, 0);
-    if (pHandle == nullptr)
+    if (pHandle == nullptr) {
         return INVALID_FILE_SIZE;
+    }
     uint64_t const ullBytes = pHandle->pFile->contents.size();
-    if (lpFileSizeHigh != nullptr)
+    if (lpFileSizeHigh != nullptr) {
         *lpFileSizeHigh = static_cast<DWORD>(ullBytes >> 32);
+    }
     DWORD const dwLow = static_cast<DWORD>(ullBytes & 0xFFFFFFFFu);
-    if (dwLow == INVALID_FILE_SIZE)
+    if (dwLow == INVALID_FILE_SIZE) {
         SetLastError(NO_ERROR);
+    }
     return dwLow;
 }
 
@@ -482,8 +531,9 @@ BOOL WINAPI DryDeleteFileA(LPCSTR lpFileName) {
     std::string const path = dry::absolute(lpFileName);
     std::shared_ptr<dry::File> pFile;
     DWORD const dwError = dry::find_closed_file(path, pFile);
-    if (dwError != NO_ERROR)
+    if (dwError != NO_ERROR) {
         return dry::fail("DeleteFileA", path, dwError);
+    }
     dry::note(dry::Change::Kind::Removed, *pFile);
     dry::give_name(path, nullptr);
     return TRUE;
@@ -494,11 +544,13 @@ BOOL WINAPI DryMoveFileA(LPCSTR lpExistingFileName, LPCSTR lpNewFileName) {
     std::string const newPath = dry::absolute(lpNewFileName);
     std::shared_ptr<dry::File> pFile;
     DWORD dwError = dry::find_closed_file(path, pFile);
-    if (dwError == NO_ERROR)
+    if (dwError == NO_ERROR) {
         dwError = dry::test_creation(newPath);
-    if (dwError != NO_ERROR)
+    }
+    if (dwError != NO_ERROR) {
         return dry::fail("MoveFileA", path,
                          dwError == ERROR_FILE_EXISTS ? DWORD{ERROR_ALREADY_EXISTS} : dwError);
+    }
     dry::note(dry::Change::Kind::Renamed, *pFile, newPath);
     dry::give_name(path, nullptr);
     dry::give_name(newPath, pFile);
@@ -522,14 +574,16 @@ LPVOID WINAPI DryMapViewOfFile(HANDLE hFileMappingObject, DWORD /*dwDesiredAcces
         return nullptr;
     }
     void* const pView = HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, pMapping->nMappingBytes);
-    if (pView != nullptr)
+    if (pView != nullptr) {
         dry::state().views.insert(pView);
+    }
     return pView;
 }
 
 BOOL WINAPI DryUnmapViewOfFile(LPCVOID lpBaseAddress) {
-    if (dry::state().views.erase(lpBaseAddress) == 0)
+    if (dry::state().views.erase(lpBaseAddress) == 0) {
         return dry::fail("UnmapViewOfFile", "", ERROR_INVALID_PARAMETER);
+    }
     return HeapFree(GetProcessHeap(), 0, const_cast<void*>(lpBaseAddress));
 }
 
@@ -539,16 +593,19 @@ BOOL WINAPI DryGetDiskFreeSpaceExA(LPCSTR lpDirectoryName, ULARGE_INTEGER* lpFre
     uint64_t const ullGrown = dry::grown_bytes();
     if (dry::over_real_disk()) {
         if (!GetDiskFreeSpaceExA(lpDirectoryName, lpFreeBytesAvailable, lpTotalNumberOfBytes,
-                                 lpTotalNumberOfFreeBytes))
+                                 lpTotalNumberOfFreeBytes)) {
             return dry::fail("GetDiskFreeSpaceExA", lpDirectoryName, GetLastError());
+        }
     } else {
         for (ULARGE_INTEGER* const pBytes :
-             {lpFreeBytesAvailable, lpTotalNumberOfBytes, lpTotalNumberOfFreeBytes})
+             {lpFreeBytesAvailable, lpTotalNumberOfBytes, lpTotalNumberOfFreeBytes}) {
             pBytes->QuadPart = dry::EMPTY_DISK_BYTES;
+        }
     }
     for (ULARGE_INTEGER* const pFree : {lpFreeBytesAvailable, lpTotalNumberOfFreeBytes}) {
-        if (dry::state().ullFreeBytes)
+        if (dry::state().ullFreeBytes) {
             pFree->QuadPart = *dry::state().ullFreeBytes;
+        }
         pFree->QuadPart -= std::min<uint64_t>(ullGrown, pFree->QuadPart);
     }
     return TRUE;
@@ -576,8 +633,9 @@ HANDLE DryPlatformCreatePrivateFile(LPCSTR lpFileName, DWORD dwDesiredAccess, DW
 BOOL DryPlatformCopyPermissions(HANDLE hFrom, HANDLE hTo, bool /*bCompanion*/) {
     dry::Handle const* const pFrom = dry::file_handle("PlatformCopyPermissions", hFrom, 0);
     dry::Handle const* const pTo = dry::file_handle("PlatformCopyPermissions", hTo, GENERIC_WRITE);
-    if (pFrom == nullptr || pTo == nullptr)
+    if (pFrom == nullptr || pTo == nullptr) {
         return FALSE;
+    }
     dry::note(dry::Change::Kind::Permissions, *pTo->pFile);
     return TRUE;
 }
@@ -586,16 +644,18 @@ BOOL DryPlatformSetReadOnly(LPCSTR pszPath) {
     std::string const path = dry::absolute(pszPath);
     std::shared_ptr<dry::File> pFile;
     DWORD const dwError = dry::find_file(path, 0, FILE_SHARE_READ | FILE_SHARE_WRITE, pFile);
-    if (dwError != NO_ERROR)
+    if (dwError != NO_ERROR) {
         return dry::fail("PlatformSetReadOnly", path, dwError);
+    }
     dry::note(dry::Change::Kind::Permissions, *pFile);
     return TRUE;
 }
 
 BOOL DryPlatformGetFileIdentity(HANDLE hFile, PlatformFileIdentity* pIdentity) {
     dry::Handle const* const pHandle = dry::file_handle("PlatformGetFileIdentity", hFile, 0);
-    if (pHandle == nullptr)
+    if (pHandle == nullptr) {
         return FALSE;
+    }
     *pIdentity = pHandle->pFile->identity;
     return TRUE;
 }
@@ -605,26 +665,31 @@ BOOL DryPlatformGetNameIdentity(LPCSTR pszPath, PlatformFileIdentity* pIdentity)
     dry::Name const* const pName = dry::find_name(path.c_str());
     std::shared_ptr<dry::File> pFile = pName != nullptr ? pName->pFile : nullptr;
     DWORD dwError = NO_ERROR;
-    if (pFile == nullptr)
+    if (pFile == nullptr) {
         dwError = dry::find_file(path, 0, FILE_SHARE_READ | FILE_SHARE_WRITE, pFile);
-    if (dwError != NO_ERROR)
+    }
+    if (dwError != NO_ERROR) {
         return dry::fail("PlatformGetNameIdentity", path, dwError);
+    }
     *pIdentity = pFile->identity;
     return TRUE;
 }
 
 BOOL DryPlatformTestCompanion(HANDLE hFile, LPCSTR pszPath, LPCSTR pszSoundPath) {
     dry::Handle const* const pHandle = dry::file_handle("PlatformTestCompanion", hFile, 0);
-    if (pHandle == nullptr)
+    if (pHandle == nullptr) {
         return FALSE;
+    }
     std::string const& onDisk = pHandle->pFile->realName;
-    if (onDisk.empty())
+    if (onDisk.empty()) {
         return TRUE;
+    }
     HANDLE hLook = INVALID_HANDLE_VALUE;
     DWORD dwError = dry::look(onDisk, 0, FILE_SHARE_READ | FILE_SHARE_WRITE, hLook);
     if (dwError == NO_ERROR) {
-        if (!PlatformTestCompanion(hLook, onDisk.c_str(), pszSoundPath))
+        if (!PlatformTestCompanion(hLook, onDisk.c_str(), pszSoundPath)) {
             dwError = GetLastError();
+        }
         CloseHandle(hLook);
     }
     return dwError == NO_ERROR ? TRUE : dry::fail("PlatformTestCompanion", pszPath, dwError);
@@ -633,14 +698,16 @@ BOOL DryPlatformTestCompanion(HANDLE hFile, LPCSTR pszPath, LPCSTR pszSoundPath)
 DWORD DryPlatformCopyBytes(HANDLE hFrom, HANDLE hTo, DWORD dwBytes) {
     dry::Handle* const pFrom = dry::file_handle("PlatformCopyBytes", hFrom, GENERIC_READ);
     dry::Handle* const pTo = dry::file_handle("PlatformCopyBytes", hTo, GENERIC_WRITE);
-    if (pFrom == nullptr || pTo == nullptr || pFrom->pFile == pTo->pFile)
+    if (pFrom == nullptr || pTo == nullptr || pFrom->pFile == pTo->pFile) {
         return 0;
+    }
     dry::Contents const& from = pFrom->pFile->contents;
     uint64_t const ullThere =
         from.size() > pFrom->ullFileOffset ? from.size() - pFrom->ullFileOffset : 0;
     DWORD const dwMoved = static_cast<DWORD>(std::min<uint64_t>(dwBytes, ullThere));
-    if (dwMoved == 0 || !dry::fits_disk(pTo->ullFileOffset + dwMoved))
+    if (dwMoved == 0 || !dry::fits_disk(pTo->ullFileOffset + dwMoved)) {
         return 0;
+    }
     pTo->pFile->contents.write_range(pTo->ullFileOffset, from, pFrom->ullFileOffset, dwMoved);
     dry::note_write(*pTo->pFile, pTo->ullFileOffset, dwMoved);
     pFrom->ullFileOffset += dwMoved;

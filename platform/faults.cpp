@@ -46,8 +46,9 @@ thread_local DWORD t_halvesError = NO_ERROR;
 void add_rule(Rule const& rule) {
     std::lock_guard const lock(g_mutex);
     // A forgotten rule would make a test pass that tests nothing.
-    if (g_state.ruleCount == g_state.rules.size() || rule.nth == 0)
+    if (g_state.ruleCount == g_state.rules.size() || rule.nth == 0) {
         std::abort();
+    }
     g_state.rules[g_state.ruleCount++] = rule;
 }
 
@@ -57,10 +58,12 @@ bool is_transfer(Call call) {
 
 // Counts the call for the rule and tells whether the rule bites.
 bool applies(Rule& rule, Call call) {
-    if (rule.call != call && rule.call != Call::Any)
+    if (rule.call != call && rule.call != Call::Any) {
         return false;
-    if (rule.effect == Rule::Effect::Halve && !is_transfer(call))
+    }
+    if (rule.effect == Rule::Effect::Halve && !is_transfer(call)) {
         return false;
+    }
     ++rule.seen;
     return rule.seen >= rule.nth && rule.seen - rule.nth < rule.times;
 }
@@ -78,11 +81,13 @@ void reset() {
 
 unsigned count(Call call) {
     std::lock_guard const lock(g_mutex);
-    if (call != Call::Any)
+    if (call != Call::Any) {
         return g_state.counts[static_cast<size_t>(call)];
+    }
     unsigned sum = 0;
-    for (unsigned const one : g_state.counts)
+    for (unsigned const one : g_state.counts) {
         sum += one;
+    }
     return sum;
 }
 
@@ -133,8 +138,9 @@ bool enter(Call call) {
     bool fails = false;
     for (size_t i = 0; i < g_state.ruleCount; ++i) {
         Rule& rule = g_state.rules[i];
-        if (!applies(rule, call))
+        if (!applies(rule, call)) {
             continue;
+        }
         if (rule.effect == Rule::Effect::Fail) {
             fails = true;
             SetLastError(rule.dwError);
@@ -161,8 +167,9 @@ void before_change() {
         lock.unlock();
         g_end();
     }
-    if (g_state.changesUntilStop != 0)
+    if (g_state.changesUntilStop != 0) {
         --g_state.changesUntilStop;
+    }
     ++g_state.changes;
 }
 

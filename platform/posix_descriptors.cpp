@@ -43,8 +43,9 @@ void after_fork_in_parent() {
 void after_fork_in_child() {
     for (int iWord = 0; iWord < g_iWordsUsed; ++iWord) {
         uint64_t& word = g_words[static_cast<size_t>(iWord)];
-        for (; word != 0; word &= word - 1)
+        for (; word != 0; word &= word - 1) {
             close(iWord * WORD_BITS + __builtin_ctzll(word));
+        }
     }
     forget_handles();
     ++g_dwForks;
@@ -53,17 +54,19 @@ void after_fork_in_child() {
 
 // The registration belongs to the library and goes with it when it is unloaded.
 bool watch_forks() {
-    if (!g_bForksWatched)
+    if (!g_bForksWatched) {
         g_bForksWatched =
             pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child) == 0;
+    }
     return g_bForksWatched;
 }
 
 void enter(int fd) {
     int const iWord = fd / WORD_BITS;
     g_words[static_cast<size_t>(iWord)] |= uint64_t{1} << fd % WORD_BITS;
-    if (iWord >= g_iWordsUsed)
+    if (iWord >= g_iWordsUsed) {
         g_iWordsUsed = iWord + 1;
+    }
 }
 
 void leave(int fd) {
@@ -85,15 +88,19 @@ public:
     StandardStreams() {
         std::array<struct pollfd, FIRST_DESCRIPTOR> streams{{{0, 0, 0}, {1, 0, 0}, {2, 0, 0}}};
         poll(streams.data(), streams.size(), 0);
-        for (size_t stream = 0; stream < streams.size(); ++stream)
-            if ((streams[stream].revents & POLLNVAL) != 0)
+        for (size_t stream = 0; stream < streams.size(); ++stream) {
+            if ((streams[stream].revents & POLLNVAL) != 0) {
                 m_filled[stream] = open_uninterrupted("/dev/null", O_RDWR, 0);
+            }
+        }
     }
     ~StandardStreams() {
         int const iErrno = errno;
-        for (int const fd : m_filled)
-            if (fd >= 0)
+        for (int const fd : m_filled) {
+            if (fd >= 0) {
                 close(fd);
+            }
+        }
         errno = iErrno;
     }
     StandardStreams(StandardStreams const&) = delete;
@@ -122,15 +129,17 @@ int open_descriptor(char const* pszPath, int iFlags, mode_t mode) {
     }
     StandardStreams const streams;
     int fd = open_uninterrupted(pszPath, iFlags, mode);
-    if (fd >= 0 && fd < FIRST_DESCRIPTOR)
+    if (fd >= 0 && fd < FIRST_DESCRIPTOR) {
         fd = move_up(fd);
+    }
     if (fd >= MOST_DESCRIPTORS) {
         close(fd);
         errno = EMFILE;
         return -1;
     }
-    if (fd >= 0)
+    if (fd >= 0) {
         enter(fd);
+    }
     return fd;
 }
 

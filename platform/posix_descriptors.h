@@ -24,8 +24,9 @@ class Descriptor {
 public:
     explicit Descriptor(int fd) : m_fd(fd) {}
     ~Descriptor() {
-        if (m_fd >= 0)
+        if (m_fd >= 0) {
             close_descriptor(m_fd);
+        }
     }
     Descriptor(Descriptor const&) = delete;
     Descriptor& operator=(Descriptor const&) = delete;

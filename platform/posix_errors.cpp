@@ -20,11 +20,13 @@ bool is_directory(char const* pszPath) {
 // Whether the directory that is to hold the last component is there.
 bool has_directory(char const* pszPath) {
     size_t const length = directory_length(pszPath);
-    if (length == 0)
+    if (length == 0) {
         return is_directory(".");
+    }
     std::array<char, PATH_MAX + 1> directory;
-    if (length >= directory.size())
+    if (length >= directory.size()) {
         return false;
+    }
     memcpy(directory.data(), pszPath, length);
     directory[length] = '\0';
     return is_directory(directory.data());
@@ -83,8 +85,9 @@ DWORD error_of(int iErrno) {
 }
 
 DWORD error_of_path(int iErrno, char const* pszPath) {
-    if (iErrno == ENOENT && !has_directory(pszPath))
+    if (iErrno == ENOENT && !has_directory(pszPath)) {
         return ERROR_PATH_NOT_FOUND;
+    }
     return error_of(iErrno);
 }
 

@@ -23,8 +23,9 @@ constexpr size_t LARGEST_PIECE_BYTES = size_t{1} << 30; // one call moves less t
 
 // Checks, for a call on a file handle, that it is one and has the access. NO_ERROR, or the error.
 DWORD check(ObjectUse const& file, DWORD dwAccessNeeded) {
-    if (!file)
+    if (!file) {
         return ERROR_INVALID_HANDLE;
+    }
     return (file->dwAccess & dwAccessNeeded) == dwAccessNeeded ? NO_ERROR : ERROR_ACCESS_DENIED;
 }
 
@@ -33,8 +34,9 @@ DWORD check(ObjectUse const& file, DWORD dwAccessNeeded) {
 int64_t largest_file_bytes() {
     constexpr int64_t UNLIMITED = std::numeric_limits<int64_t>::max();
     struct rlimit limit {};
-    if (getrlimit(RLIMIT_FSIZE, &limit) != 0 || limit.rlim_cur > rlim_t{UNLIMITED})
+    if (getrlimit(RLIMIT_FSIZE, &limit) != 0 || limit.rlim_cur > rlim_t{UNLIMITED}) {
         return UNLIMITED;
+    }
     return static_cast<int64_t>(limit.rlim_cur);
 }
 
@@ -47,8 +49,9 @@ size_t bytes_within_limit(int64_t llFileOffset, size_t bytes) {
 // pwrite, in which the limit is a full disk.
 ssize_t write_at(int fd, void const* pBytes, size_t bytes, int64_t llFileOffset) {
     size_t const allowed = bytes_within_limit(llFileOffset, bytes);
-    if (allowed != 0)
+    if (allowed != 0) {
         return pwrite(fd, pBytes, allowed, llFileOffset);
+    }
     errno = ENOSPC;
     return -1;
 }
@@ -57,8 +60,9 @@ ssize_t write_at(int fd, void const* pBytes, size_t bytes, int64_t llFileOffset)
 int set_size(int fd, int64_t llFileBytes) {
     if (llFileBytes > largest_file_bytes()) {
         struct stat status {};
-        if (fstat(fd, &status) != 0)
+        if (fstat(fd, &status) != 0) {
             return -1;
+        }
         if (status.st_size < llFileBytes) {
             errno = ENOSPC;
             return -1;
@@ -77,12 +81,15 @@ DWORD transfer_at_pointer(Object& file, DWORD dwBytesAsked, DWORD& dwBytesMoved,
         size_t const pieceBytes =
             std::min<size_t>(dwBytesAsked - dwBytesMoved, LARGEST_PIECE_BYTES);
         ssize_t const moved = transfer(file.fd, dwBytesMoved, pieceBytes, file.llFileOffset);
-        if (moved < 0 && errno == EINTR)
+        if (moved < 0 && errno == EINTR) {
             continue;
-        if (moved < 0)
+        }
+        if (moved < 0) {
             return error_of(errno);
-        if (moved == 0)
+        }
+        if (moved == 0) {
             break;
+        }
         dwBytesMoved += static_cast<DWORD>(moved);
         file.llFileOffset += moved;
     }
@@ -91,8 +98,9 @@ DWORD transfer_at_pointer(Object& file, DWORD dwBytesAsked, DWORD& dwBytesMoved,
 
 DWORD file_size(int fd, int64_t& llFileBytes) {
     struct stat status {};
-    if (fstat(fd, &status) != 0)
+    if (fstat(fd, &status) != 0) {
         return error_of(errno);
+    }
     llFileBytes = status.st_size;
     return NO_ERROR;
 }
@@ -101,8 +109,9 @@ DWORD file_size(int fd, int64_t& llFileBytes) {
 // by a last error of 0.
 DWORD low_half(int64_t llValue) {
     DWORD const dwLow = static_cast<DWORD>(static_cast<uint64_t>(llValue));
-    if (dwLow == INVALID_SET_FILE_POINTER)
+    if (dwLow == INVALID_SET_FILE_POINTER) {
         SetLastError(NO_ERROR);
+    }
     return dwLow;
 }
 
@@ -119,18 +128,22 @@ DWORD move_pointer(Object& file, int64_t llDistance, DWORD dwMethod, bool bNarro
         llStart = file.llFileOffset;
     } else if (dwMethod == FILE_END) {
         DWORD const dwError = file_size(file.fd, llStart);
-        if (dwError != NO_ERROR)
+        if (dwError != NO_ERROR) {
             return dwError;
+        }
     } else if (dwMethod != FILE_BEGIN) {
         return ERROR_INVALID_PARAMETER;
     }
-    if (llDistance > std::numeric_limits<int64_t>::max() - llStart)
+    if (llDistance > std::numeric_limits<int64_t>::max() - llStart) {
         return ERROR_INVALID_PARAMETER;
+    }
     llResult = llStart + llDistance;
-    if (llResult < 0)
+    if (llResult < 0) {
         return ERROR_NEGATIVE_SEEK;
-    if (bNarrow && llResult > std::numeric_limits<DWORD>::max())
+    }
+    if (bNarrow && llResult > std::numeric_limits<DWORD>::max()) {
         return ERROR_INVALID_PARAMETER;
+    }
     file.llFileOffset = llResult;
     return NO_ERROR;
 }
@@ -150,25 +163,31 @@ DWORD flush_name(int fd, char* pszPath) {
         bFlushed = fsync(directory.get()) == 0;
         iErrno = errno;
     }
-    if (bFlushed)
+    if (bFlushed) {
         return NO_ERROR;
-    if (iErrno != EINVAL)
+    }
+    if (iErrno != EINVAL) {
         return error_of(iErrno);
+    }
     return fsync(fd) == 0 ? NO_ERROR : error_of(errno);
 }
 
 DWORD flush(Object& file) {
-    if (fdatasync(file.fd) != 0)
+    if (fdatasync(file.fd) != 0) {
         return error_of(errno);
+    }
     std::lock_guard const lock(file.mutex);
-    if (!file.bNameUnflushed)
+    if (!file.bNameUnflushed) {
         return NO_ERROR;
+    }
     DWORD const dwError = flush_name(file.fd, file.pszPath.get());
-    if (dwError != NO_ERROR)
+    if (dwError != NO_ERROR) {
         return dwError;
+    }
     file.bNameUnflushed = false;
-    if (!file.bDeleteOnClose)
+    if (!file.bDeleteOnClose) {
         file.pszPath.reset();
+    }
     return NO_ERROR;
 }
 
@@ -178,12 +197,14 @@ ssize_t copy_piece(Object& from, Object& to, size_t pieceBytes, char* pBuffer) {
     constexpr int64_t FILE_BLOCK_BYTES = 4096;
     // The system then copies whole pages, or shares them between the files. Pages that it had to
     // put together from two, it would copy one by one, at half the speed of a large read and write.
-    if ((from.llFileOffset - to.llFileOffset) % FILE_BLOCK_BYTES == 0)
+    if ((from.llFileOffset - to.llFileOffset) % FILE_BLOCK_BYTES == 0) {
         return copy_file_range(from.fd, &from.llFileOffset, to.fd, &to.llFileOffset, pieceBytes, 0);
+    }
     ssize_t moved =
         pread(from.fd, pBuffer, std::min(pieceBytes, COPY_BUFFER_BYTES), from.llFileOffset);
-    if (moved > 0)
+    if (moved > 0) {
         moved = pwrite(to.fd, pBuffer, static_cast<size_t>(moved), to.llFileOffset);
+    }
     if (moved > 0) {
         from.llFileOffset += moved;
         to.llFileOffset += moved;
@@ -198,13 +219,16 @@ DWORD copy_at_pointers(Object& from, Object& to, DWORD dwBytesAsked) {
     while (buffer != nullptr && dwBytesMoved < dwBytesAsked) {
         size_t const pieceBytes = bytes_within_limit(
             to.llFileOffset, std::min(dwBytesAsked - dwBytesMoved, COPY_PIECE_BYTES));
-        if (pieceBytes == 0)
+        if (pieceBytes == 0) {
             break;
+        }
         ssize_t const moved = copy_piece(from, to, pieceBytes, buffer.get());
-        if (moved < 0 && errno == EINTR)
+        if (moved < 0 && errno == EINTR) {
             continue;
-        if (moved <= 0)
+        }
+        if (moved <= 0) {
             break;
+        }
         dwBytesMoved += static_cast<DWORD>(moved);
         // The disk begins now, not when the flush that follows waits for it. A refusal is no loss.
         sync_file_range(to.fd, to.llFileOffset - moved, moved, SYNC_FILE_RANGE_WRITE);
@@ -221,14 +245,16 @@ BOOL WINAPI ReadFile(HANDLE hFile, LPVOID lpBuffer, DWORD nNumberOfBytesToRead,
     DWORD dwBytesRead = 0;
     posix::ObjectUse const file(hFile, posix::Kind::File);
     DWORD dwError = posix::check(file, GENERIC_READ);
-    if (dwError == NO_ERROR)
+    if (dwError == NO_ERROR) {
         dwError = posix::transfer_at_pointer(
             *file, FAULT_HALVED(nNumberOfBytesToRead), dwBytesRead,
             [lpBuffer](int fd, DWORD dwDone, size_t bytes, int64_t llFileOffset) {
                 return pread(fd, static_cast<char*>(lpBuffer) + dwDone, bytes, llFileOffset);
             });
-    if (lpNumberOfBytesRead != nullptr)
+    }
+    if (lpNumberOfBytesRead != nullptr) {
         *lpNumberOfBytesRead = dwBytesRead;
+    }
     return dwError == NO_ERROR ? TRUE : posix::fail(dwError);
 }
 
@@ -246,11 +272,13 @@ BOOL WINAPI WriteFile(HANDLE hFile, LPCVOID lpBuffer, DWORD nNumberOfBytesToWrit
                 return posix::write_at(fd, static_cast<char const*>(lpBuffer) + dwDone, bytes,
                                        llFileOffset);
             });
-        if (dwError == NO_ERROR)
+        if (dwError == NO_ERROR) {
             dwError = FAULT_HALVED_ERROR();
+        }
     }
-    if (lpNumberOfBytesWritten != nullptr)
+    if (lpNumberOfBytesWritten != nullptr) {
         *lpNumberOfBytesWritten = dwBytesWritten;
+    }
     return dwError == NO_ERROR ? TRUE : posix::fail(dwError);
 }
 
@@ -259,20 +287,23 @@ DWORD WINAPI SetFilePointer(HANDLE hFile, LONG lDistanceToMove, PLONG lpDistance
     FAULT_POINT(SetFilePointer, INVALID_SET_FILE_POINTER);
     bool const bNarrow = lpDistanceToMoveHigh == nullptr;
     int64_t llDistance = lDistanceToMove;
-    if (!bNarrow)
+    if (!bNarrow) {
         llDistance = static_cast<int64_t>(static_cast<uint64_t>(*lpDistanceToMoveHigh) << 32 |
                                           static_cast<uint32_t>(lDistanceToMove));
+    }
     posix::ObjectUse const file(hFile, posix::Kind::File);
     int64_t llResult = 0;
     DWORD dwError = posix::check(file, 0);
-    if (dwError == NO_ERROR)
+    if (dwError == NO_ERROR) {
         dwError = posix::move_pointer(*file, llDistance, dwMoveMethod, bNarrow, llResult);
+    }
     if (dwError != NO_ERROR) {
         posix::fail(dwError);
         return INVALID_SET_FILE_POINTER;
     }
-    if (!bNarrow)
+    if (!bNarrow) {
         *lpDistanceToMoveHigh = static_cast<LONG>(posix::high_half(llResult));
+    }
     return posix::low_half(llResult);
 }
 
@@ -280,8 +311,9 @@ BOOL WINAPI SetEndOfFile(HANDLE hFile) {
     FAULT_POINT(SetEndOfFile, FALSE);
     posix::ObjectUse const file(hFile, posix::Kind::File);
     DWORD const dwError = posix::check(file, GENERIC_WRITE);
-    if (dwError != NO_ERROR)
+    if (dwError != NO_ERROR) {
         return posix::fail(dwError);
+    }
     std::lock_guard const lock(file->mutex);
     FAULT_CHANGE();
     int result;
@@ -296,14 +328,16 @@ DWORD WINAPI GetFileSize(HANDLE hFile, LPDWORD lpFileSizeHigh) {
     posix::ObjectUse const file(hFile, posix::Kind::File);
     int64_t llFileBytes = 0;
     DWORD dwError = posix::check(file, 0);
-    if (dwError == NO_ERROR)
+    if (dwError == NO_ERROR) {
         dwError = posix::file_size(file->fd, llFileBytes);
+    }
     if (dwError != NO_ERROR) {
         posix::fail(dwError);
         return INVALID_FILE_SIZE;
     }
-    if (lpFileSizeHigh != nullptr)
+    if (lpFileSizeHigh != nullptr) {
         *lpFileSizeHigh = posix::high_half(llFileBytes);
+    }
     return posix::low_half(llFileBytes);
 }
 
@@ -311,8 +345,9 @@ BOOL WINAPI FlushFileBuffers(HANDLE hFile) {
     FAULT_POINT(FlushFileBuffers, FALSE);
     posix::ObjectUse const file(hFile, posix::Kind::File);
     DWORD dwError = posix::check(file, GENERIC_WRITE);
-    if (dwError == NO_ERROR)
+    if (dwError == NO_ERROR) {
         dwError = posix::flush(*file);
+    }
     return dwError == NO_ERROR ? TRUE : posix::fail(dwError);
 }
 
@@ -321,8 +356,9 @@ DWORD PlatformCopyBytes(HANDLE hFrom, HANDLE hTo, DWORD dwBytes) {
     posix::ObjectUse const from(hFrom, posix::Kind::File);
     posix::ObjectUse const to(hTo, posix::Kind::File);
     if (posix::check(from, GENERIC_READ) != NO_ERROR ||
-        posix::check(to, GENERIC_WRITE) != NO_ERROR || &*from == &*to)
+        posix::check(to, GENERIC_WRITE) != NO_ERROR || &*from == &*to) {
         return 0;
+    }
     std::scoped_lock const lock(from->mutex, to->mutex);
     FAULT_CHANGE();
     return posix::copy_at_pointers(*from, *to, FAULT_HALVED(dwBytes));

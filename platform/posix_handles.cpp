@@ -41,8 +41,9 @@ Place* find(HANDLE handle) {
     uintptr_t const value = reinterpret_cast<uintptr_t>(handle);
     uint32_t const uIndex = static_cast<uint32_t>((value >> TAG_BITS) & (PLACES - 1));
     Place& place = g_places[uIndex];
-    if (place.pObject == nullptr || handle_of(uIndex, place.uNumber) != handle)
+    if (place.pObject == nullptr || handle_of(uIndex, place.uNumber) != handle) {
         return nullptr;
+    }
     return &place;
 }
 
@@ -63,12 +64,14 @@ Object::~Object() {
 }
 
 DWORD Object::finish() {
-    if (fd < 0)
+    if (fd < 0) {
         return NO_ERROR;
+    }
     struct stat status {};
     if (bDeleteOnClose && stat(pszPath.get(), &status) == 0 && status.st_dev == device &&
-        status.st_ino == inode)
+        status.st_ino == inode) {
         unlink(pszPath.get());
+    }
     int const iClosing = fd;
     fd = -1;
     int const iErrno = close_descriptor(iClosing);
@@ -93,8 +96,9 @@ NewHandle::NewHandle(Kind kind) : m_pObject(new (std::nothrow) Object) {
 }
 
 NewHandle::~NewHandle() {
-    if (m_bPublished || m_dwError != NO_ERROR)
+    if (m_bPublished || m_dwError != NO_ERROR) {
         return;
+    }
     std::lock_guard const lock(g_mutex);
     free_place(m_uIndex);
 }
@@ -102,8 +106,9 @@ NewHandle::~NewHandle() {
 HANDLE NewHandle::publish() {
     std::lock_guard const lock(g_mutex);
     Place& place = g_places[m_uIndex];
-    if (++place.uNumber == 0) // with number 0 the first handle would be null
+    if (++place.uNumber == 0) { // with number 0 the first handle would be null
         ++place.uNumber;
+    }
     m_pObject->uHolders = 1;
     place.pObject = m_pObject.release();
     m_bPublished = true;
@@ -114,15 +119,17 @@ HANDLE NewHandle::publish() {
 ObjectUse::ObjectUse(HANDLE handle, Kind kind) {
     std::lock_guard const lock(g_mutex);
     Place const* const pPlace = find(handle);
-    if (pPlace == nullptr || pPlace->pObject->kind != kind)
+    if (pPlace == nullptr || pPlace->pObject->kind != kind) {
         return;
+    }
     m_pObject = pPlace->pObject;
     ++m_pObject->uHolders;
 }
 
 ObjectUse::~ObjectUse() {
-    if (m_pObject != nullptr && let_go(*m_pObject))
+    if (m_pObject != nullptr && let_go(*m_pObject)) {
         delete m_pObject;
+    }
 }
 
 DWORD close_handle(HANDLE handle) {
@@ -130,10 +137,12 @@ DWORD close_handle(HANDLE handle) {
     {
         std::lock_guard const lock(g_mutex);
         Place* const pPlace = find(handle);
-        if (pPlace == nullptr)
+        if (pPlace == nullptr) {
             return ERROR_INVALID_HANDLE;
-        if (let_go(*pPlace->pObject))
+        }
+        if (let_go(*pPlace->pObject)) {
             pLast.reset(pPlace->pObject);
+        }
         pPlace->pObject = nullptr;
         free_place(static_cast<uint32_t>(pPlace - g_places.data()));
         FAULT_TALLY(Handles, -1);

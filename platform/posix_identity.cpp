@@ -22,8 +22,9 @@ BOOL answer(DWORD dwError) {
 DWORD identify(int fd, char const* pszPath, PlatformFileIdentity& identity) {
     struct statx status {};
     if (statx(fd, pszPath, *pszPath == '\0' ? AT_EMPTY_PATH : 0, STATX_INO | STATX_BTIME,
-              &status) != 0)
+              &status) != 0) {
         return error_of_path(errno, pszPath);
+    }
     // A number that becomes free is given out again at once: the time of birth tells the two apart.
     uint64_t const birth = (status.stx_mask & STATX_BTIME) != 0
                                ? static_cast<uint64_t>(status.stx_btime.tv_sec) * 1000000000u +
@@ -40,8 +41,9 @@ bool is_same_file(struct stat const& first, struct stat const& second) {
 bool status_of_folder(char const* pszPath, struct stat& status) {
     std::array<char, PATH_MAX + 1> folder = {"."};
     size_t const length = directory_length(pszPath);
-    if (length >= folder.size())
+    if (length >= folder.size()) {
         return false;
+    }
     if (length > 0) {
         memcpy(folder.data(), pszPath, length);
         folder[length] = '\0';
@@ -53,12 +55,14 @@ DWORD test_companion(int fd, char const* pszPath, char const* pszSoundPath) {
     struct stat file {};
     struct stat name {};
     struct stat folder {};
-    if (fstat(fd, &file) != 0 || lstat(pszPath, &name) != 0 || !status_of_folder(pszPath, folder))
+    if (fstat(fd, &file) != 0 || lstat(pszPath, &name) != 0 || !status_of_folder(pszPath, folder)) {
         return error_of_path(errno, pszPath);
+    }
     struct stat sound {};
     bool const bSound = stat(pszSoundPath, &sound) == 0;
-    if (!is_same_file(file, name) || (bSound && is_same_file(file, sound)))
+    if (!is_same_file(file, name) || (bSound && is_same_file(file, sound))) {
         return ERROR_CANT_ACCESS_FILE;
+    }
     bool const bAnybodyAdds = (folder.st_mode & S_ISVTX) != 0 && (folder.st_mode & S_IWOTH) != 0;
     bool const bTrusted = file.st_uid == 0 || file.st_uid == geteuid() ||
                           file.st_uid == folder.st_uid || (bSound && file.st_uid == sound.st_uid);

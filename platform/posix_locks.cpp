@@ -48,8 +48,9 @@ unsigned shared_accesses_of(Claim const& wanted) {
 }
 
 LockBytes lock_bytes_of(Claim const& wanted) {
-    if (wanted.bWholeFileAlone)
+    if (wanted.bWholeFileAlone) {
         return {REMOVES | ACCESSES << FROM_ACCESS_TO_DENIAL, ALL};
+    }
     unsigned const accesses = accesses_of(wanted);
     // A handle without any access denies nothing and is denied nothing, as on the platform.
     unsigned const denied = accesses == 0 ? 0 : ACCESSES & ~shared_accesses_of(wanted);
@@ -76,10 +77,12 @@ template <typename Function> bool for_each_run(unsigned bytes, Function function
             continue;
         }
         unsigned end = first;
-        while ((bytes >> end & 1u) != 0)
+        while ((bytes >> end & 1u) != 0) {
             ++end;
-        if (!function(first, end - first))
+        }
+        if (!function(first, end - first)) {
             return false;
+        }
         first = end;
     }
     return true;
@@ -101,11 +104,13 @@ bool has_own_flock(int fd, struct stat const& status) {
     constexpr unsigned CIFS = 0xFF534D42;
     constexpr unsigned SMB2 = 0xFE534D42;
     constexpr unsigned PLAN9 = 0x01021997;
-    if (major(status.st_dev) != 0) // a block device stands behind it: a local file system
+    if (major(status.st_dev) != 0) { // a block device stands behind it: a local file system
         return true;
+    }
     struct statfs fileSystem {};
-    if (fstatfs(fd, &fileSystem) != 0)
+    if (fstatfs(fd, &fileSystem) != 0) {
         return false;
+    }
     unsigned const type = static_cast<unsigned>(fileSystem.f_type);
     return type != NFS && type != CIFS && type != SMB2 && type != PLAN9;
 }
@@ -127,17 +132,20 @@ Gate::Gate(int fd, struct stat const& status) : m_fd(fd) {
     }
     int64_t llFirstTryMs = -1;
     while (flock(fd, LOCK_EX | LOCK_NB) != 0) {
-        if (errno == EINTR)
+        if (errno == EINTR) {
             continue;
+        }
         if (errno != EWOULDBLOCK) { // a file system without it
             m_bPassed = true;
             return;
         }
         int64_t const llNowMs = milliseconds_now();
-        if (llFirstTryMs < 0)
+        if (llFirstTryMs < 0) {
             llFirstTryMs = llNowMs;
-        if (llNowMs - llFirstTryMs >= LONGEST_WAIT_MS)
+        }
+        if (llNowMs - llFirstTryMs >= LONGEST_WAIT_MS) {
             return;
+        }
         struct timespec const pause{0, PAUSE_NS};
         nanosleep(&pause, nullptr);
     }
@@ -146,8 +154,9 @@ Gate::Gate(int fd, struct stat const& status) : m_fd(fd) {
 }
 
 Gate::~Gate() {
-    if (m_bHeld)
+    if (m_bHeld) {
         flock(m_fd, LOCK_UN);
+    }
 }
 
 DWORD claim(int fd, Claim const& wanted) {
@@ -155,14 +164,16 @@ DWORD claim(int fd, Claim const& wanted) {
     bool bGuarded = true;
     bool const bSet = for_each_run(bytes.held, [&](unsigned first, unsigned count) {
         struct flock lock = range_lock(F_RDLCK, first, count);
-        if (lock_call(fd, F_OFD_SETLK, lock) == 0)
+        if (lock_call(fd, F_OFD_SETLK, lock) == 0) {
             return true;
+        }
         // Nobody of this layer sets a lock that a shared one could meet.
         bGuarded = errno == EAGAIN || errno == EACCES;
         return false;
     });
-    if (!bSet)
+    if (!bSet) {
         return bGuarded ? ERROR_SHARING_VIOLATION : NO_ERROR;
+    }
     return test_claim(fd, wanted);
 }
 

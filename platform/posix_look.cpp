@@ -24,22 +24,25 @@ DWORD may_write(char const* pszPath) {
 DWORD may_change_names(char const* pszPath) {
     size_t const length = directory_length(pszPath);
     std::array<char, PATH_MAX + 1> directory = {"."};
-    if (length >= directory.size())
+    if (length >= directory.size()) {
         return ERROR_FILENAME_EXCED_RANGE;
+    }
     if (length > 0) {
         memcpy(directory.data(), pszPath, length);
         directory[length] = '\0';
     }
-    if (faccessat(AT_FDCWD, directory.data(), W_OK | X_OK, AT_EACCESS) == 0)
+    if (faccessat(AT_FDCWD, directory.data(), W_OK | X_OK, AT_EACCESS) == 0) {
         return NO_ERROR;
+    }
     return errno == ENOENT ? ERROR_PATH_NOT_FOUND : error_of(errno);
 }
 
 // In a sticky directory only its owner, the file's owner and root remove and rename.
 DWORD may_remove(char const* pszPath) {
     struct stat file {};
-    if (lstat(pszPath, &file) != 0)
+    if (lstat(pszPath, &file) != 0) {
         return error_of_path(errno, pszPath);
+    }
     std::array<char, PATH_MAX + 1> directory = {"."};
     size_t const length = directory_length(pszPath);
     if (length > 0 && length < directory.size()) {
@@ -56,10 +59,12 @@ DWORD may_remove(char const* pszPath) {
 DWORD look(char const* pszPath, Claim const& wanted, Object& object) {
     object.fd = open_descriptor(pszPath, O_RDONLY);
     struct stat status {};
-    if (object.fd < 0 || fstat(object.fd, &status) != 0)
+    if (object.fd < 0 || fstat(object.fd, &status) != 0) {
         return error_of_path(errno, pszPath);
-    if (!S_ISREG(status.st_mode))
+    }
+    if (!S_ISREG(status.st_mode)) {
         return ERROR_ACCESS_DENIED;
+    }
     object.device = status.st_dev;
     object.inode = status.st_ino;
     DWORD const dwError = (wanted.dwAccess & GENERIC_WRITE) != 0 ? may_write(pszPath) : NO_ERROR;
@@ -72,11 +77,13 @@ DWORD look(char const* pszPath, Claim const& wanted, Object& object) {
 HANDLE PlatformLookAtFile(LPCSTR pszPath, DWORD dwDesiredAccess, DWORD dwShareMode) {
     posix::NewHandle newHandle(posix::Kind::File);
     DWORD dwError = newHandle.error();
-    if (dwError == NO_ERROR && (pszPath == nullptr || *pszPath == '\0'))
+    if (dwError == NO_ERROR && (pszPath == nullptr || *pszPath == '\0')) {
         dwError = ERROR_PATH_NOT_FOUND;
-    if (dwError == NO_ERROR)
+    }
+    if (dwError == NO_ERROR) {
         dwError = posix::look(pszPath, {dwDesiredAccess, dwShareMode, false, false, false},
                               newHandle.object());
+    }
     if (dwError != NO_ERROR) {
         posix::fail(dwError);
         return INVALID_HANDLE_VALUE;
@@ -94,8 +101,9 @@ DWORD PlatformTestRemoval(LPCSTR pszPath) {
 
 DWORD PlatformTestCreation(LPCSTR pszPath) {
     struct stat status {};
-    if (lstat(pszPath, &status) == 0)
+    if (lstat(pszPath, &status) == 0) {
         return ERROR_FILE_EXISTS;
+    }
     return errno == ENOENT ? posix::may_change_names(pszPath)
                            : posix::error_of_path(errno, pszPath);
 }

@@ -22,8 +22,9 @@ constinit View* g_pViews = nullptr; // guarded by the table's mutex
 
 // Memory that is given back with its last holder; null, with errno set, on failure.
 Memory hold_pages(void* pBase, size_t bytes) {
-    if (pBase == MAP_FAILED)
+    if (pBase == MAP_FAILED) {
         return nullptr;
+    }
     try {
         return Memory(pBase, [bytes](void* pHeld) { munmap(pHeld, bytes); });
     } catch (std::bad_alloc const&) { // the pages are given back by then
@@ -34,13 +35,15 @@ Memory hold_pages(void* pBase, size_t bytes) {
 
 // No file stands behind it, which a limit on the size of files could meet.
 DWORD make_mapping(uint64_t ullBytes, Object& object) {
-    if (ullBytes > SIZE_MAX)
+    if (ullBytes > SIZE_MAX) {
         return ERROR_NOT_ENOUGH_MEMORY;
+    }
     size_t const bytes = static_cast<size_t>(ullBytes);
     object.pMapping = hold_pages(
         mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0), bytes);
-    if (!object.pMapping)
+    if (!object.pMapping) {
         return error_of(errno);
+    }
     object.ullMappingBytes = ullBytes;
     return NO_ERROR;
 }
@@ -76,8 +79,9 @@ void* map_view(Object& mapping, uint64_t ullOffset, size_t bytes, DWORD& dwError
 std::unique_ptr<View> take_view(void const* pBase) {
     std::lock_guard const lock(table_mutex());
     for (View** ppView = &g_pViews; *ppView != nullptr; ppView = &(*ppView)->pNext) {
-        if ((*ppView)->pBase != pBase)
+        if ((*ppView)->pBase != pBase) {
             continue;
+        }
         std::unique_ptr<View> pFound(*ppView);
         *ppView = pFound->pNext;
         return pFound;
@@ -95,8 +99,9 @@ HANDLE WINAPI GetProcessHeap(void) {
 LPVOID WINAPI HeapAlloc(HANDLE /*hHeap*/, DWORD dwFlags, SIZE_T dwBytes) {
     FAULT_POINT(HeapAlloc, nullptr);
     void* pMemory = nullptr;
-    if (dwBytes <= PTRDIFF_MAX)
+    if (dwBytes <= PTRDIFF_MAX) {
         pMemory = (dwFlags & HEAP_ZERO_MEMORY) != 0 ? calloc(1, dwBytes) : malloc(dwBytes);
+    }
     if (pMemory == nullptr) {
         posix::fail(ERROR_NOT_ENOUGH_MEMORY);
         return nullptr;
@@ -107,8 +112,9 @@ LPVOID WINAPI HeapAlloc(HANDLE /*hHeap*/, DWORD dwFlags, SIZE_T dwBytes) {
 
 BOOL WINAPI HeapFree(HANDLE /*hHeap*/, DWORD /*dwFlags*/, LPVOID lpMem) {
     FAULT_POINT(HeapFree, FALSE);
-    if (lpMem != nullptr)
+    if (lpMem != nullptr) {
         FAULT_TALLY(HeapBlocks, -1);
+    }
     free(lpMem);
     return TRUE;
 }
@@ -120,10 +126,12 @@ HANDLE WINAPI CreateFileMappingA(HANDLE hFile, LPVOID /*lpAttributes*/, DWORD fl
     posix::NewHandle newHandle(posix::Kind::Mapping);
     DWORD dwError = newHandle.error();
     if (hFile != INVALID_HANDLE_VALUE || lpName != nullptr || flProtect != PAGE_READWRITE ||
-        ullBytes == 0 || ullBytes > INT64_MAX)
+        ullBytes == 0 || ullBytes > INT64_MAX) {
         dwError = ERROR_INVALID_PARAMETER;
-    if (dwError == NO_ERROR)
+    }
+    if (dwError == NO_ERROR) {
         dwError = posix::make_mapping(ullBytes, newHandle.object());
+    }
     if (dwError != NO_ERROR) {
         posix::fail(dwError);
         return nullptr;
@@ -139,28 +147,31 @@ LPVOID WINAPI MapViewOfFile(HANDLE hFileMappingObject, DWORD dwDesiredAccess,
     posix::ObjectUse const mapping(hFileMappingObject, posix::Kind::Mapping);
     DWORD dwError = NO_ERROR;
     void* pBase = nullptr;
-    if (!mapping)
+    if (!mapping) {
         dwError = ERROR_INVALID_HANDLE;
-    else if (dwDesiredAccess != FILE_MAP_WRITE)
+    } else if (dwDesiredAccess != FILE_MAP_WRITE) {
         dwError = ERROR_INVALID_PARAMETER;
-    else if (ullOffset >= mapping->ullMappingBytes ||
-             dwNumberOfBytesToMap > mapping->ullMappingBytes - ullOffset)
+    } else if (ullOffset >= mapping->ullMappingBytes ||
+               dwNumberOfBytesToMap > mapping->ullMappingBytes - ullOffset) {
         dwError = ERROR_ACCESS_DENIED; // as the platform has it for a view behind the end
-    else
+    } else {
         pBase = posix::map_view(*mapping, ullOffset,
                                 dwNumberOfBytesToMap != 0 ? dwNumberOfBytesToMap
                                                           : mapping->ullMappingBytes - ullOffset,
                                 dwError);
-    if (dwError != NO_ERROR)
+    }
+    if (dwError != NO_ERROR) {
         posix::fail(dwError);
+    }
     return pBase;
 }
 
 BOOL WINAPI UnmapViewOfFile(LPCVOID lpBaseAddress) {
     FAULT_POINT(UnmapViewOfFile, FALSE);
     std::unique_ptr<posix::View> const pView = posix::take_view(lpBaseAddress);
-    if (!pView)
+    if (!pView) {
         return posix::fail(ERROR_INVALID_PARAMETER);
+    }
     FAULT_TALLY(Views, -1);
     return TRUE;
 }

@@ -21,23 +21,29 @@ constexpr Claim ALONE{0, 0, false, false, true};
 // Calls the function, which returns an error number, while no handle has the file open and none can
 // get it. NO_ERROR, or the error number.
 template <typename Function> DWORD while_unopened(char const* pszPath, Function function) {
-    if (pszPath == nullptr || *pszPath == '\0')
+    if (pszPath == nullptr || *pszPath == '\0') {
         return ERROR_PATH_NOT_FOUND;
+    }
     for (int start = 0; start < MOST_STARTS; ++start) {
         Descriptor const descriptor(open_descriptor(pszPath, O_RDONLY));
         struct stat status {};
-        if (descriptor.get() < 0 || fstat(descriptor.get(), &status) != 0)
+        if (descriptor.get() < 0 || fstat(descriptor.get(), &status) != 0) {
             return error_of_path(errno, pszPath);
-        if (!S_ISREG(status.st_mode))
+        }
+        if (!S_ISREG(status.st_mode)) {
             return ERROR_ACCESS_DENIED;
+        }
         Gate const gate(descriptor.get(), status);
-        if (!gate.passed())
+        if (!gate.passed()) {
             break;
+        }
         DWORD const dwError = claim(descriptor.get(), ALONE);
-        if (dwError != NO_ERROR)
+        if (dwError != NO_ERROR) {
             return dwError;
-        if (names_file(pszPath, status))
+        }
+        if (names_file(pszPath, status)) {
             return function();
+        }
     }
     return ERROR_SHARING_VIOLATION;
 }
@@ -49,20 +55,24 @@ DWORD error_of_rename(int iErrno, char const* pszNewPath) {
 // For a file system that cannot rename without replacing. A process that dies between the two steps
 // leaves the file under both names; it never leaves it under none.
 DWORD rename_by_link(char const* pszPath, char const* pszNewPath) {
-    if (link(pszPath, pszNewPath) != 0)
+    if (link(pszPath, pszNewPath) != 0) {
         return error_of_rename(errno, pszNewPath);
-    if (unlink(pszPath) == 0)
+    }
+    if (unlink(pszPath) == 0) {
         return NO_ERROR;
+    }
     DWORD const dwError = error_of_path(errno, pszPath);
     unlink(pszNewPath);
     return dwError;
 }
 
 DWORD rename_without_replacing(char const* pszPath, char const* pszNewPath) {
-    if (renameat2(AT_FDCWD, pszPath, AT_FDCWD, pszNewPath, RENAME_NOREPLACE) == 0)
+    if (renameat2(AT_FDCWD, pszPath, AT_FDCWD, pszNewPath, RENAME_NOREPLACE) == 0) {
         return NO_ERROR;
-    if (errno == EINVAL || errno == ENOSYS)
+    }
+    if (errno == EINVAL || errno == ENOSYS) {
         return rename_by_link(pszPath, pszNewPath);
+    }
     return error_of_rename(errno, pszNewPath);
 }
 
@@ -75,16 +85,19 @@ bool names_file(char const* pszPath, struct stat const& status) {
 }
 
 OwnedText absolute_path(char const* pszPath) {
-    if (*pszPath == '/')
+    if (*pszPath == '/') {
         return OwnedText(strdup(pszPath));
+    }
     OwnedText const directory(getcwd(nullptr, 0));
-    if (!directory)
+    if (!directory) {
         return nullptr;
+    }
     size_t const directoryLength = strlen(directory.get());
     size_t const pathLength = strlen(pszPath);
     OwnedText joined(static_cast<char*>(malloc(directoryLength + 1 + pathLength + 1)));
-    if (!joined)
+    if (!joined) {
         return nullptr;
+    }
     memcpy(joined.get(), directory.get(), directoryLength);
     joined.get()[directoryLength] = '/';
     memcpy(joined.get() + directoryLength + 1, pszPath, pathLength + 1);
@@ -104,8 +117,9 @@ BOOL WINAPI DeleteFileA(LPCSTR lpFileName) {
 
 BOOL WINAPI MoveFileA(LPCSTR lpExistingFileName, LPCSTR lpNewFileName) {
     FAULT_POINT(MoveFile, FALSE);
-    if (lpNewFileName == nullptr || *lpNewFileName == '\0')
+    if (lpNewFileName == nullptr || *lpNewFileName == '\0') {
         return posix::fail(ERROR_PATH_NOT_FOUND);
+    }
     DWORD const dwError =
         posix::while_unopened(lpExistingFileName, [lpExistingFileName, lpNewFileName] {
             FAULT_CHANGE();

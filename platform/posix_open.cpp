@@ -30,8 +30,9 @@ struct Request {
 };
 
 DWORD check(Request const& request) {
-    if (request.pszPath == nullptr || *request.pszPath == '\0')
+    if (request.pszPath == nullptr || *request.pszPath == '\0') {
         return ERROR_PATH_NOT_FOUND;
+    }
     bool const bBadAccess = (request.dwAccess & ~(GENERIC_READ | GENERIC_WRITE)) != 0;
     bool const bBadShare =
         (request.dwShare & ~(FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE)) != 0;
@@ -51,8 +52,9 @@ int open_flags(Request const& request) {
 // The descriptor stays -1, without an error, if the file came or went at the wrong moment.
 DWORD make_file(Request const& request, Object& object) {
     object.pszPath = absolute_path(request.pszPath);
-    if (!object.pszPath)
+    if (!object.pszPath) {
         return error_of_path(errno, request.pszPath);
+    }
     FAULT_CHANGE();
     object.fd = open_descriptor(request.pszPath, open_flags(request) | O_CREAT | O_EXCL,
                                 request.modeOfNewFile);
@@ -60,22 +62,27 @@ DWORD make_file(Request const& request, Object& object) {
         object.bNameUnflushed = true;
         return NO_ERROR;
     }
-    if (errno == EEXIST && request.makes_if_missing())
+    if (errno == EEXIST && request.makes_if_missing()) {
         return NO_ERROR;
+    }
     return error_of_path(errno, request.pszPath);
 }
 
 DWORD open_or_make_file(Request const& request, Object& object) {
     object.bNameUnflushed = false;
-    if (request.dwDisposition == CREATE_NEW)
+    if (request.dwDisposition == CREATE_NEW) {
         return make_file(request, object);
+    }
     object.fd = open_descriptor(request.pszPath, open_flags(request));
-    if (object.fd >= 0)
+    if (object.fd >= 0) {
         return NO_ERROR;
-    if (errno == ENOENT && request.makes_if_missing())
+    }
+    if (errno == ENOENT && request.makes_if_missing()) {
         return make_file(request, object);
-    if (errno == ELOOP && request.bNoLink)
+    }
+    if (errno == ELOOP && request.bNoLink) {
         return ERROR_CANT_ACCESS_FILE;
+    }
     return error_of_path(errno, request.pszPath);
 }
 
@@ -88,20 +95,24 @@ DWORD empty_file(int fd) {
 // another file by now, or none.
 DWORD enter_file(Request const& request, Object& object, bool& bStillThere) {
     struct stat status {};
-    if (fstat(object.fd, &status) != 0)
+    if (fstat(object.fd, &status) != 0) {
         return error_of(errno);
-    if (!S_ISREG(status.st_mode))
+    }
+    if (!S_ISREG(status.st_mode)) {
         return ERROR_ACCESS_DENIED;
+    }
     object.device = status.st_dev;
     object.inode = status.st_ino;
     bool const bEmpties = request.empties() && !object.bNameUnflushed;
     Gate const gate(object.fd, status);
-    if (!gate.passed())
+    if (!gate.passed()) {
         return ERROR_SHARING_VIOLATION;
+    }
     Claim const wanted{request.dwAccess, request.dwShare, request.bDeleteOnClose, bEmpties, false};
     DWORD const dwError = claim(object.fd, wanted);
-    if (dwError != NO_ERROR)
+    if (dwError != NO_ERROR) {
         return dwError;
+    }
     bStillThere = names_file(request.pszPath, status);
     return bStillThere && bEmpties ? empty_file(object.fd) : NO_ERROR;
 }
@@ -110,8 +121,9 @@ DWORD enter_file(Request const& request, Object& object, bool& bStillThere) {
 void complete(Request const& request, Object& object) {
     object.dwAccess = request.dwAccess;
     object.bDeleteOnClose = request.bDeleteOnClose;
-    if (!object.bDeleteOnClose && !object.bNameUnflushed)
+    if (!object.bDeleteOnClose && !object.bNameUnflushed) {
         object.pszPath.reset();
+    }
 }
 
 // A file that is made here and then found claimed by another is left: it is open there, and is that
@@ -119,19 +131,23 @@ void complete(Request const& request, Object& object) {
 DWORD open_file(Request const& request, Object& object) {
     if (request.bDeleteOnClose) {
         object.pszPath = absolute_path(request.pszPath);
-        if (!object.pszPath)
+        if (!object.pszPath) {
             return error_of_path(errno, request.pszPath);
+        }
     }
     for (int start = 0; start < MOST_STARTS; ++start) {
         DWORD dwError = open_or_make_file(request, object);
-        if (dwError != NO_ERROR)
+        if (dwError != NO_ERROR) {
             return dwError;
-        if (object.fd < 0)
+        }
+        if (object.fd < 0) {
             continue;
+        }
         bool bStillThere = true;
         dwError = enter_file(request, object, bStillThere);
-        if (dwError != NO_ERROR)
+        if (dwError != NO_ERROR) {
             return dwError;
+        }
         if (bStillThere) {
             complete(request, object);
             return NO_ERROR;
@@ -144,10 +160,12 @@ DWORD open_file(Request const& request, Object& object) {
 HANDLE create_file(Request const& request) {
     NewHandle newHandle(Kind::File);
     DWORD dwError = check(request);
-    if (dwError == NO_ERROR)
+    if (dwError == NO_ERROR) {
         dwError = newHandle.error();
-    if (dwError == NO_ERROR)
+    }
+    if (dwError == NO_ERROR) {
         dwError = open_file(request, newHandle.object());
+    }
     if (dwError != NO_ERROR) {
         fail(dwError);
         return INVALID_HANDLE_VALUE;

@@ -55,8 +55,9 @@ private:
 // Gives a text to a caller in the way of the platform: the length, or the size that is needed.
 DWORD give(std::string_view text, char* pBuffer, DWORD dwBufferBytes) {
     DWORD const dwLength = static_cast<DWORD>(text.size());
-    if (dwLength >= dwBufferBytes || pBuffer == nullptr)
+    if (dwLength >= dwBufferBytes || pBuffer == nullptr) {
         return dwLength + 1;
+    }
     memcpy(pBuffer, text.data(), text.size());
     pBuffer[dwLength] = '\0';
     return dwLength;
@@ -65,13 +66,15 @@ DWORD give(std::string_view text, char* pBuffer, DWORD dwBufferBytes) {
 DWORD make_full_path(std::string_view path, PathText& fullPath) {
     if (path.front() != '/') {
         std::array<char, PATH_MAX> directory;
-        if (getcwd(directory.data(), directory.size()) == nullptr)
+        if (getcwd(directory.data(), directory.size()) == nullptr) {
             return errno == ENOENT ? ERROR_PATH_NOT_FOUND : error_of(errno);
+        }
         fullPath.append_components(directory.data());
     }
     fullPath.append_components(path);
-    if (fullPath.empty() || path.back() == '/')
+    if (fullPath.empty() || path.back() == '/') {
         fullPath.append("/");
+    }
     return fullPath.too_long() ? ERROR_FILENAME_EXCED_RANGE : NO_ERROR;
 }
 
@@ -83,8 +86,9 @@ DWORD WINAPI GetFullPathNameA(LPCSTR lpFileName, DWORD nBufferLength, LPSTR lpBu
     FAULT_POINT(GetFullPathName, 0);
     posix::PathText fullPath;
     DWORD dwError = ERROR_INVALID_NAME;
-    if (lpFileName != nullptr && *lpFileName != '\0')
+    if (lpFileName != nullptr && *lpFileName != '\0') {
         dwError = posix::make_full_path(lpFileName, fullPath);
+    }
     if (dwError != NO_ERROR) {
         posix::fail(dwError);
         return 0;
@@ -107,12 +111,14 @@ UINT WINAPI GetSystemDirectoryA(LPSTR lpBuffer, UINT uSize) {
 DWORD WINAPI GetTempPathA(DWORD nBufferLength, LPSTR lpBuffer) {
     FAULT_POINT(GetTempPath, 0);
     char const* pszDirectory = getenv("TMPDIR");
-    if (pszDirectory == nullptr || *pszDirectory == '\0')
+    if (pszDirectory == nullptr || *pszDirectory == '\0') {
         pszDirectory = "/tmp";
+    }
     posix::PathText path;
     path.append(pszDirectory);
-    if (!path.too_long() && path.view().back() != '/')
+    if (!path.too_long() && path.view().back() != '/') {
         path.append("/");
+    }
     if (path.too_long()) {
         posix::fail(ERROR_FILENAME_EXCED_RANGE);
         return 0;
@@ -126,8 +132,9 @@ bool PlatformSplitPath(LPCSTR pszPath, PlatformPathParts* pParts) {
 
 bool PlatformNameOnDisk(LPCSTR pszPath, char (*pszName)[MAX_PATH]) {
     PlatformPathParts parts;
-    if (!PlatformSplitPath(pszPath, &parts))
+    if (!PlatformSplitPath(pszPath, &parts)) {
         return false;
+    }
     int const nLength =
         snprintf(*pszName, sizeof *pszName, "%s%s", parts.szStem, parts.szExtension);
     return nLength >= 0 && nLength < MAX_PATH;

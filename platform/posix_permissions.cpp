@@ -50,8 +50,9 @@ bool tells_of_none(int iErrno) {
 // NO_ERROR, or the error number.
 DWORD read_list(int fd, List& list) {
     list.length = fgetxattr(fd, ACCESS_LIST, list.bytes.data(), list.bytes.size());
-    if (list.length >= 0)
+    if (list.length >= 0) {
         return NO_ERROR;
+    }
     list.length = 0;
     return tells_of_none(errno) ? NO_ERROR : error_of(errno);
 }
@@ -73,12 +74,14 @@ struct Kept {
 // The group alone may be in the process's hands.
 Kept give_owner(int fd, struct stat const& from) {
     constexpr uid_t SAME_OWNER = static_cast<uid_t>(-1);
-    if (fchown(fd, from.st_uid, from.st_gid) == 0)
+    if (fchown(fd, from.st_uid, from.st_gid) == 0) {
         return {true, true};
+    }
     bool const bGroup = fchown(fd, SAME_OWNER, from.st_gid) == 0;
     struct stat to {};
-    if (fstat(fd, &to) != 0)
+    if (fstat(fd, &to) != 0) {
         return {false, bGroup};
+    }
     return {to.st_uid == from.st_uid, bGroup || to.st_gid == from.st_gid};
 }
 
@@ -87,12 +90,14 @@ Kept give_owner(int fd, struct stat const& from) {
 void level_group_and_others(List& list, mode_t& mode) {
     unsigned common = mode >> 3 & mode & 7;
     list.for_each([&](ListEntry const& entry) {
-        if (entry.tag == OWNING_GROUP)
+        if (entry.tag == OWNING_GROUP) {
             common &= entry.permissions;
+        }
     });
     list.for_each([&](ListEntry& entry) {
-        if (entry.tag == OWNING_GROUP || entry.tag == OTHERS)
+        if (entry.tag == OWNING_GROUP || entry.tag == OTHERS) {
             entry.permissions = static_cast<uint16_t>(common);
+        }
     });
     // Beside a list these bits of the mode are the most that it grants.
     mode_t const group = list.length > 0 ? mode & 0070 : common << 3;
@@ -110,26 +115,32 @@ void make_companion(List& list, mode_t& mode) {
 
 DWORD copy_permissions(int fdFrom, int fdTo, bool bCompanion) {
     struct stat status {};
-    if (fstat(fdFrom, &status) != 0)
+    if (fstat(fdFrom, &status) != 0) {
         return error_of(errno);
+    }
     List list;
     DWORD dwError = read_list(fdFrom, list);
-    if (dwError != NO_ERROR)
+    if (dwError != NO_ERROR) {
         return dwError;
+    }
     mode_t mode = status.st_mode & 07777;
     FAULT_CHANGE();
     // The owner goes first: a change of it clears the set-id bits, which only the same owner may
     // keep.
     Kept const kept = give_owner(fdTo, status);
-    if (!kept.bOwner || !kept.bGroup)
+    if (!kept.bOwner || !kept.bGroup) {
         mode &= ~mode_t{S_ISUID | S_ISGID};
-    if (!kept.bGroup)
+    }
+    if (!kept.bGroup) {
         level_group_and_others(list, mode);
-    if (bCompanion)
+    }
+    if (bCompanion) {
         make_companion(list, mode);
+    }
     dwError = write_list(fdTo, list);
-    if (dwError != NO_ERROR)
+    if (dwError != NO_ERROR) {
         return dwError;
+    }
     return fchmod(fdTo, mode) == 0 ? NO_ERROR : error_of(errno);
 }
 
@@ -140,10 +151,12 @@ BOOL PlatformCopyPermissions(HANDLE hFrom, HANDLE hTo, bool bCompanion) {
     FAULT_POINT(CopyPermissions, FALSE);
     posix::ObjectUse const from(hFrom, posix::Kind::File);
     posix::ObjectUse const to(hTo, posix::Kind::File);
-    if (!from || !to)
+    if (!from || !to) {
         return posix::fail(ERROR_INVALID_HANDLE);
-    if ((to->dwAccess & GENERIC_WRITE) == 0)
+    }
+    if ((to->dwAccess & GENERIC_WRITE) == 0) {
         return posix::fail(ERROR_ACCESS_DENIED);
+    }
     DWORD const dwError = posix::copy_permissions(from->fd, to->fd, bCompanion);
     // A file's maker may change its mode, wherever the file system has such a thing.
     bool const bNoPermissions =

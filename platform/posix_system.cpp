@@ -24,15 +24,19 @@ BOOL WINAPI GetDiskFreeSpaceExA(LPCSTR lpDirectoryName, ULARGE_INTEGER* lpFreeBy
     do {
         result = statvfs(pszDirectory, &space);
     } while (result != 0 && errno == EINTR);
-    if (result != 0) // the path is a directory, so one that is missing is a missing directory
+    if (result != 0) { // the path is a directory, so one that is missing is a missing directory
         return posix::fail(errno == ENOENT ? ERROR_PATH_NOT_FOUND : posix::error_of(errno));
+    }
     uint64_t const ullUnitBytes = space.f_frsize;
-    if (lpFreeBytesAvailable != nullptr)
+    if (lpFreeBytesAvailable != nullptr) {
         lpFreeBytesAvailable->QuadPart = FAULT_FREE_BYTES(space.f_bavail * ullUnitBytes);
-    if (lpTotalNumberOfBytes != nullptr)
+    }
+    if (lpTotalNumberOfBytes != nullptr) {
         lpTotalNumberOfBytes->QuadPart = space.f_blocks * ullUnitBytes;
-    if (lpTotalNumberOfFreeBytes != nullptr)
+    }
+    if (lpTotalNumberOfFreeBytes != nullptr) {
         lpTotalNumberOfFreeBytes->QuadPart = FAULT_FREE_BYTES(space.f_bfree * ullUnitBytes);
+    }
     return TRUE;
 }
 
@@ -50,8 +54,9 @@ void WINAPI Sleep(DWORD dwMilliseconds) {
 BOOL WINAPI DriverCallback(DWORD_PTR dwCallback, DWORD dwFlags, HDRVR hDevice, DWORD dwMsg,
                            DWORD_PTR dwUser, DWORD_PTR dwParam1, DWORD_PTR dwParam2) {
     FAULT_POINT(DriverCallback, FALSE);
-    if (dwCallback == 0 || dwFlags != DCB_FUNCTION)
+    if (dwCallback == 0 || dwFlags != DCB_FUNCTION) {
         return FALSE;
+    }
     reinterpret_cast<LPDRVCALLBACK>(dwCallback)(hDevice, dwMsg, dwUser, dwParam1, dwParam2);
     return TRUE;
 }

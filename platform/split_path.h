@@ -19,8 +19,9 @@ struct PathRules {
 // Copies the range [pBegin, pEnd) as a text. False if it does not fit.
 template <size_t Size> bool copy_part(char (&szPart)[Size], char const* pBegin, char const* pEnd) {
     size_t const length = static_cast<size_t>(pEnd - pBegin);
-    if (length >= Size)
+    if (length >= Size) {
         return false;
+    }
     memcpy(szPart, pBegin, length);
     szPart[length] = '\0';
     return true;
@@ -28,11 +29,13 @@ template <size_t Size> bool copy_part(char (&szPart)[Size], char const* pBegin, 
 
 // PlatformSplitPath, with the rules as an argument.
 inline bool split_path(char const* pszPath, PlatformPathParts* pParts, PathRules const& rules) {
-    if (pszPath == nullptr)
+    if (pszPath == nullptr) {
         return false;
+    }
     char const* pDirectory = pszPath;
-    if (rules.bDrives && pszPath[0] != '\0' && pszPath[1] == ':')
+    if (rules.bDrives && pszPath[0] != '\0' && pszPath[1] == ':') {
         pDirectory += 2;
+    }
     char const* pStem = pDirectory;
     char const* pExtension = nullptr;
     char const* p = pDirectory;
@@ -46,8 +49,9 @@ inline bool split_path(char const* pszPath, PlatformPathParts* pParts, PathRules
             pExtension = p;
         }
     }
-    if (pExtension == nullptr)
+    if (pExtension == nullptr) {
         pExtension = p;
+    }
     return copy_part(pParts->szDrive, pszPath, pDirectory) &&
            copy_part(pParts->szDirectory, pDirectory, pStem) &&
            copy_part(pParts->szStem, pStem, pExtension) &&

@@ -40,8 +40,9 @@ bool PlatformSameFileName(LPCSTR pszName1, LPCSTR pszName2) {
     std::array<wchar_t, 512> wideName2;
     int const iLength1 = wide_name(pszName1, wideName1);
     int const iLength2 = wide_name(pszName2, wideName2);
-    if (iLength1 == 0 || iLength2 == 0)
+    if (iLength1 == 0 || iLength2 == 0) {
         return lstrcmpiA(pszName1, pszName2) == 0;
+    }
     // Ordinal, as the file system does it: a comparison by language takes different names for one.
     return CompareStringOrdinal(wideName1.data(), iLength1, wideName2.data(), iLength2, TRUE) ==
            CSTR_EQUAL;
@@ -49,41 +50,49 @@ bool PlatformSameFileName(LPCSTR pszName1, LPCSTR pszName2) {
 
 bool PlatformNameOnDisk(LPCSTR pszPath, char (*pszName)[MAX_PATH]) {
     PlatformPathParts parts;
-    if (!PlatformSplitPath(pszPath, &parts))
+    if (!PlatformSplitPath(pszPath, &parts)) {
         return false;
+    }
     int const iLength =
         snprintf(*pszName, sizeof *pszName, "%s%s", parts.szStem, parts.szExtension);
-    if (iLength < 0 || iLength >= MAX_PATH || strchr(*pszName, ':') != nullptr)
+    if (iLength < 0 || iLength >= MAX_PATH || strchr(*pszName, ':') != nullptr) {
         return false;
+    }
     std::array<wchar_t, 512> wideGiven;
     std::array<wchar_t, 512> wideFull;
     wchar_t* pwszFilePart = nullptr;
-    if (strpbrk(*pszName, "*?") != nullptr || wide_name(pszPath, wideGiven) == 0)
+    if (strpbrk(*pszName, "*?") != nullptr || wide_name(pszPath, wideGiven) == 0) {
         return true;
+    }
     DWORD const dwFull =
         GetFullPathNameW(wideGiven.data(), wideFull.size(), wideFull.data(), &pwszFilePart);
-    if (dwFull == 0 || dwFull >= wideFull.size() || pwszFilePart == nullptr)
+    if (dwFull == 0 || dwFull >= wideFull.size() || pwszFilePart == nullptr) {
         return true;
+    }
     char szFound[MAX_PATH];
     WIN32_FIND_DATAW found;
     HANDLE const hSearch = FindFirstFileW(wideFull.data(), &found);
-    if (hSearch != INVALID_HANDLE_VALUE)
+    if (hSearch != INVALID_HANDLE_VALUE) {
         FindClose(hSearch);
-    if (narrow_name(hSearch != INVALID_HANDLE_VALUE ? found.cFileName : pwszFilePart, &szFound))
+    }
+    if (narrow_name(hSearch != INVALID_HANDLE_VALUE ? found.cFileName : pwszFilePart, &szFound)) {
         strcpy(*pszName, szFound);
+    }
     return true;
 }
 
 bool PlatformIsNameLingering(LPCSTR pszPath) {
-    if (GetFileAttributesA(pszPath) != INVALID_FILE_ATTRIBUTES)
+    if (GetFileAttributesA(pszPath) != INVALID_FILE_ATTRIBUTES) {
         return false;
+    }
     DWORD const dwError = GetLastError();
     return dwError == ERROR_ACCESS_DENIED || dwError == ERROR_DELETE_PENDING;
 }
 
 bool PlatformMayPass(LPCSTR pszPath, DWORD dwError) {
-    if (dwError == ERROR_SHARING_VIOLATION || dwError == ERROR_DELETE_PENDING)
+    if (dwError == ERROR_SHARING_VIOLATION || dwError == ERROR_DELETE_PENDING) {
         return true;
+    }
     return (dwError == ERROR_ACCESS_DENIED || dwError == ERROR_ALREADY_EXISTS) &&
            PlatformIsNameLingering(pszPath);
 }
@@ -100,8 +109,9 @@ DWORD PlatformForks() {
 HANDLE PlatformLookAtFile(LPCSTR pszPath, DWORD dwDesiredAccess, DWORD dwShareMode) {
     HANDLE const hTest = CreateFileA(pszPath, dwDesiredAccess, dwShareMode, nullptr, OPEN_EXISTING,
                                      FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (hTest == INVALID_HANDLE_VALUE)
+    if (hTest == INVALID_HANDLE_VALUE) {
         return hTest;
+    }
     bool const bFile = GetFileType(hTest) == FILE_TYPE_DISK;
     CloseHandle(hTest);
     if (!bFile) {
@@ -115,28 +125,34 @@ HANDLE PlatformLookAtFile(LPCSTR pszPath, DWORD dwDesiredAccess, DWORD dwShareMo
 
 DWORD PlatformTestRemoval(LPCSTR pszPath) {
     DWORD const dwAttributes = GetFileAttributesA(pszPath);
-    if (dwAttributes == INVALID_FILE_ATTRIBUTES)
+    if (dwAttributes == INVALID_FILE_ATTRIBUTES) {
         return GetLastError();
-    if ((dwAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_READONLY)) != 0)
+    }
+    if ((dwAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_READONLY)) != 0) {
         return ERROR_ACCESS_DENIED;
+    }
     HANDLE const hTest =
         CreateFileA(pszPath, DELETE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                     nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (hTest == INVALID_HANDLE_VALUE)
+    if (hTest == INVALID_HANDLE_VALUE) {
         return GetLastError();
+    }
     CloseHandle(hTest);
     return NO_ERROR;
 }
 
 DWORD PlatformTestCreation(LPCSTR pszPath) {
-    if (GetFileAttributesA(pszPath) != INVALID_FILE_ATTRIBUTES)
+    if (GetFileAttributesA(pszPath) != INVALID_FILE_ATTRIBUTES) {
         return ERROR_FILE_EXISTS;
+    }
     DWORD const dwError = GetLastError();
     PlatformPathParts parts;
-    if (dwError != ERROR_FILE_NOT_FOUND)
+    if (dwError != ERROR_FILE_NOT_FOUND) {
         return dwError;
-    if (!PlatformSplitPath(pszPath, &parts))
+    }
+    if (!PlatformSplitPath(pszPath, &parts)) {
         return ERROR_FILENAME_EXCED_RANGE;
+    }
     char szDirectory[sizeof parts.szDrive + sizeof parts.szDirectory + 1];
     strcpy(szDirectory, parts.szDrive);
     strcat(szDirectory, parts.szDirectory[0] != '\0' ? parts.szDirectory : ".");
@@ -144,8 +160,9 @@ DWORD PlatformTestCreation(LPCSTR pszPath) {
     HANDLE const hTest = CreateFileA(szDirectory, FILE_ADD_FILE,
                                      FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                                      nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
-    if (hTest == INVALID_HANDLE_VALUE)
+    if (hTest == INVALID_HANDLE_VALUE) {
         return GetLastError();
+    }
     CloseHandle(hTest);
     return NO_ERROR;
 }

@@ -42,8 +42,9 @@ HANDLE remember(HANDLE hObject) {
     if (hObject != nullptr && hObject != INVALID_HANDLE_VALUE) {
         std::lock_guard const lock(g_mutex);
         HANDLE* const phFree = std::find(g_open.begin(), g_open.end(), HANDLE{});
-        if (phFree == g_open.end())
+        if (phFree == g_open.end()) {
             std::abort();
+        }
         *phFree = hObject;
         FAULT_TALLY(Handles, 1);
     }
@@ -72,30 +73,35 @@ std::array<Lingering, 8> g_lingering{};
 
 Lingering* find_lingering(LPCSTR lpFileName) {
     for (Lingering& rName : g_lingering) {
-        if (rName.nMeetings > 0 && PlatformSameFileName(rName.name.data(), lpFileName))
+        if (rName.nMeetings > 0 && PlatformSameFileName(rName.name.data(), lpFileName)) {
             return &rName;
+        }
     }
     return nullptr;
 }
 
 // Whether a call meets such a name, and fails with one of two errors then.
 bool meets_lingering(LPCSTR lpFileName, DWORD dwError, DWORD dwOtherError) {
-    if (platform_faults::lingers() == 0)
+    if (platform_faults::lingers() == 0) {
         g_lingering = {}; // by now there may be files of these names
+    }
     Lingering* const pName = find_lingering(lpFileName);
-    if (pName == nullptr || (pName->nMeetings == 1 && --pName->nMeetings == 0))
+    if (pName == nullptr || (pName->nMeetings == 1 && --pName->nMeetings == 0)) {
         return false; // gone between two calls
+    }
     SetLastError(--pName->nMeetings % 2 == 0 ? dwError : dwOtherError);
     return true;
 }
 
 void let_linger(LPCSTR lpFileName) {
     Lingering* pName = find_lingering(lpFileName);
-    if (pName == nullptr)
+    if (pName == nullptr) {
         pName = std::find_if(g_lingering.begin(), g_lingering.end(),
                              [](Lingering const& rName) { return rName.nMeetings == 0; });
-    if (pName == g_lingering.end() || strlen(lpFileName) >= pName->name.size())
+    }
+    if (pName == g_lingering.end() || strlen(lpFileName) >= pName->name.size()) {
         std::abort();
+    }
     strcpy(pName->name.data(), lpFileName);
     pName->nMeetings = platform_faults::lingers();
 }
@@ -119,8 +125,9 @@ DWORD attributes(HANDLE hFile, DWORD dwTrueAttributes) {
 void abandon_everything() {
     std::lock_guard const lock(g_mutex);
     for (HANDLE& rhObject : g_open) {
-        if (rhObject != nullptr)
+        if (rhObject != nullptr) {
             CloseHandle(rhObject);
+        }
         rhObject = nullptr;
     }
     FAULT_TALLY(Handles, -static_cast<int>(open_handles()));
@@ -137,10 +144,12 @@ HANDLE WINAPI FaultCreateFileA(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD d
                                DWORD dwCreationDisposition, DWORD dwFlagsAndAttributes,
                                HANDLE hTemplateFile) {
     FAULT_POINT(CreateFile, INVALID_HANDLE_VALUE);
-    if (changes_disk(lpFileName, dwCreationDisposition))
+    if (changes_disk(lpFileName, dwCreationDisposition)) {
         FAULT_CHANGE();
-    if (meets_lingering(lpFileName, ERROR_ACCESS_DENIED, ERROR_DELETE_PENDING))
+    }
+    if (meets_lingering(lpFileName, ERROR_ACCESS_DENIED, ERROR_DELETE_PENDING)) {
         return INVALID_HANDLE_VALUE;
+    }
     HANDLE const hFile = CreateFileA(lpFileName, dwDesiredAccess, dwShareMode, lpSecurityAttributes,
                                      dwCreationDisposition, dwFlagsAndAttributes, hTemplateFile);
     if (dwCreationDisposition == CREATE_NEW) {
@@ -154,8 +163,9 @@ HANDLE WINAPI FaultCreateFileA(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD d
 BOOL WINAPI FaultCloseHandle(HANDLE hObject) {
     FAULT_POINT(CloseHandle, FALSE);
     forget(hObject);
-    if (hObject == g_hMade)
+    if (hObject == g_hMade) {
         g_hMade = nullptr; // another file gets the value
+    }
     return CloseHandle(hObject);
 }
 
@@ -206,11 +216,13 @@ BOOL WINAPI FaultFlushFileBuffers(HANDLE hFile) {
 BOOL WINAPI FaultDeleteFileA(LPCSTR lpFileName) {
     FAULT_POINT(DeleteFile, FALSE);
     FAULT_CHANGE();
-    if (meets_lingering(lpFileName, ERROR_ACCESS_DENIED, ERROR_DELETE_PENDING))
+    if (meets_lingering(lpFileName, ERROR_ACCESS_DENIED, ERROR_DELETE_PENDING)) {
         return FALSE;
+    }
     BOOL const bDeleted = DeleteFileA(lpFileName);
-    if (bDeleted && platform_faults::lingers() > 0)
+    if (bDeleted && platform_faults::lingers() > 0) {
         let_linger(lpFileName);
+    }
     return bDeleted;
 }
 
@@ -225,8 +237,9 @@ DWORD WINAPI FaultGetFileAttributesA(LPCSTR lpFileName) {
 BOOL WINAPI FaultMoveFileA(LPCSTR lpExistingFileName, LPCSTR lpNewFileName) {
     FAULT_POINT(MoveFile, FALSE);
     FAULT_CHANGE();
-    if (meets_lingering(lpNewFileName, ERROR_ALREADY_EXISTS, ERROR_ACCESS_DENIED))
+    if (meets_lingering(lpNewFileName, ERROR_ALREADY_EXISTS, ERROR_ACCESS_DENIED)) {
         return FALSE;
+    }
     return MoveFileA(lpExistingFileName, lpNewFileName);
 }
 
@@ -291,8 +304,9 @@ BOOL WINAPI FaultGetDiskFreeSpaceExA(LPCSTR lpDirectoryName, PULARGE_INTEGER lpF
     BOOL const bTold = GetDiskFreeSpaceExA(lpDirectoryName, lpFreeBytesAvailable,
                                            lpTotalNumberOfBytes, lpTotalNumberOfFreeBytes);
     for (PULARGE_INTEGER const lpFree : {lpFreeBytesAvailable, lpTotalNumberOfFreeBytes}) {
-        if (bTold && lpFree != nullptr)
+        if (bTold && lpFree != nullptr) {
             lpFree->QuadPart = FAULT_FREE_BYTES(lpFree->QuadPart);
+        }
     }
     return bTold;
 }

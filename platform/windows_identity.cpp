@@ -7,8 +7,9 @@ namespace {
 
 bool identify(HANDLE hFile, PlatformFileIdentity& identity) {
     BY_HANDLE_FILE_INFORMATION status = {};
-    if (!GetFileInformationByHandle(hFile, &status))
+    if (!GetFileInformationByHandle(hFile, &status)) {
         return false;
+    }
     identity = {status.dwVolumeSerialNumber,
                 uint64_t{status.nFileIndexHigh} << 32 | status.nFileIndexLow, 0};
     return true;
@@ -19,8 +20,9 @@ bool identify(LPCSTR pszPath, PlatformFileIdentity& identity) {
     HANDLE const hFile =
         CreateFileA(pszPath, 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                     OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
-    if (hFile == INVALID_HANDLE_VALUE)
+    if (hFile == INVALID_HANDLE_VALUE) {
         return false;
+    }
     bool const bIdentified = identify(hFile, identity);
     DWORD const dwError = GetLastError();
     CloseHandle(hFile);
@@ -45,12 +47,14 @@ BOOL PlatformTestCompanion(HANDLE hFile, LPCSTR /*pszPath*/, LPCSTR pszSoundPath
     FILE_BASIC_INFO status = {};
     PlatformFileIdentity file = {};
     if (!GetFileInformationByHandleEx(hFile, FileBasicInfo, &status, sizeof status) ||
-        !identify(hFile, file))
+        !identify(hFile, file)) {
         return FALSE;
+    }
     PlatformFileIdentity sound = {};
     bool const bSound = identify(pszSoundPath, sound);
-    if ((status.FileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0 && !(bSound && file == sound))
+    if ((status.FileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0 && !(bSound && file == sound)) {
         return TRUE;
+    }
     SetLastError(ERROR_CANT_ACCESS_FILE);
     return FALSE;
 }

@@ -68,8 +68,9 @@ inline void make_file(std::string const& path, std::string const& text) {
 inline std::string read_text(HANDLE handle, DWORD bytes = 100) {
     std::string text(bytes, '\0');
     DWORD read = 0;
-    if (!ReadFile(handle, text.data(), bytes, &read, nullptr))
+    if (!ReadFile(handle, text.data(), bytes, &read, nullptr)) {
         return "error " + std::to_string(GetLastError());
+    }
     text.resize(read);
     return text;
 }
@@ -103,9 +104,11 @@ struct Sharing {
 
 inline std::vector<Sharing> all_sharings() {
     std::vector<Sharing> all;
-    for (DWORD const access : {DWORD{0}, READ, WRITE, READ_WRITE})
-        for (DWORD share = 0; share < 4; ++share)
+    for (DWORD const access : {DWORD{0}, READ, WRITE, READ_WRITE}) {
+        for (DWORD share = 0; share < 4; ++share) {
             all.push_back({access, share});
+        }
+    }
     return all;
 }
 
@@ -117,9 +120,10 @@ inline bool allows(Sharing const& one, Sharing const& other) {
 
 // While the file is held open in the first way, every second one gets what it should.
 inline void expect_shared(std::string const& path, Sharing const& first) {
-    for (Sharing const& second : all_sharings())
+    for (Sharing const& second : all_sharings()) {
         EXPECT_EQ(open_error(path, second.access, second.share),
                   allows(first, second) && allows(second, first) ? 0u : 32u)
             << std::hex << first.access << " shared " << first.share << ", then " << second.access
             << " shared " << second.share;
+    }
 }

@@ -19,7 +19,7 @@ std::string sample(std::string const& name, size_t front, size_t behind) {
 }
 
 // 64 kbit/s, 22050 Hz: 208 bytes and the padding. The tags of 202 and 128 bytes are left out.
-std::string const speech = sample("speech-22k-mono-tagged.mp3", 202, 128);
+std::string const SPEECH = sample("speech-22k-mono-tagged.mp3", 202, 128);
 
 std::vector<std::string> frames_of(std::string const& audio, size_t length) {
     std::vector<std::string> frames;
@@ -90,7 +90,7 @@ std::string info_frame(std::string const& model, size_t offset, std::string cons
 }
 
 TEST(FramesTest, WhateverStandsBetweenFramesIsLeftOut) {
-    auto const frames = frames_of(speech, 208);
+    auto const frames = frames_of(SPEECH, 208);
     std::string const front = joined(frames, 0, 20);
     std::string const back = joined(frames, 20, 40);
     std::string const blank = frames[0].substr(0, 4) + std::string(frames[0].size() - 4, '\0');
@@ -154,19 +154,19 @@ TEST(FramesTest, WhateverStandsBetweenFramesIsLeftOut) {
 }
 
 TEST(FramesTest, EveryPlaceOfASplitGivesTheSame) {
-    std::string const stream = speech.substr(0, 2000);
+    std::string const stream = SPEECH.substr(0, 2000);
     for (size_t piece = 1; piece < stream.size(); ++piece) {
         EXPECT_TRUE(take(stream, piece).audio == take(stream, stream.size()).audio) << piece;
     }
     // A tag cut by each end of the stream.
     for (size_t length = 1; length < 128; ++length) {
-        Result const result = take(speech + ("TAG" + std::string(125, ' ')).substr(0, length), 77);
-        EXPECT_TRUE(result.audio == speech) << length;
+        Result const result = take(SPEECH + ("TAG" + std::string(125, ' ')).substr(0, length), 77);
+        EXPECT_TRUE(result.audio == SPEECH) << length;
     }
 }
 
 TEST(FramesTest, AFrameWaitsForWhatFollowsUnlessTheStreamPauses) {
-    std::string const stream = joined(frames_of(speech, 208), 0, 5);
+    std::string const stream = joined(frames_of(SPEECH, 208), 0, 5);
     EXPECT_EQ(take(stream, 9, FFD_STREAM_GOES_ON).frames, 4U);
     EXPECT_EQ(take(stream, 9, FFD_STREAM_PAUSES).frames, 5U);
     EXPECT_EQ(take(stream + stream.substr(0, 100), 9, FFD_STREAM_PAUSES).state.ullNoise, 0U);
@@ -211,8 +211,8 @@ TEST(FramesTest, EveryRateAndKindOfFrame) {
 }
 
 TEST(FramesTest, BordersAroundAPosition) {
-    auto const* const bytes = reinterpret_cast<uint8_t const*>(speech.data());
-    auto const frames = frames_of(speech, 208);
+    auto const* const bytes = reinterpret_cast<uint8_t const*>(SPEECH.data());
+    auto const frames = frames_of(SPEECH, 208);
     size_t begin = 0;
     for (size_t i = 0; i < 120; ++i) {
         size_t const end = begin + frames[i].size();
@@ -227,9 +227,9 @@ TEST(FramesTest, BordersAroundAPosition) {
         }
         begin = end;
     }
-    FFDBorders const atEnd = ffd_find_borders(bytes, speech.size(), speech.size());
-    EXPECT_EQ(atEnd.before, speech.size());
-    EXPECT_EQ(atEnd.behind, speech.size());
+    FFDBorders const atEnd = ffd_find_borders(bytes, SPEECH.size(), SPEECH.size());
+    EXPECT_EQ(atEnd.before, SPEECH.size());
+    EXPECT_EQ(atEnd.behind, SPEECH.size());
     FFDBorders const none = ffd_find_borders(bytes + 5, 100, 50);
     EXPECT_EQ(none.before, 0U);
     EXPECT_EQ(none.behind, 100U);

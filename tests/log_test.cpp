@@ -34,17 +34,20 @@ using testing::IsEmpty;
 std::vector<std::string> lines_of(fs::path const& file) {
     std::ifstream stream(file);
     std::vector<std::string> lines;
-    for (std::string line; std::getline(stream, line);)
+    for (std::string line; std::getline(stream, line);) {
         lines.push_back(line);
+    }
     return lines;
 }
 
 // What stands behind "place.cpp:7 " in the lines that have it.
 std::vector<std::string> messages(fs::path const& file) {
     std::vector<std::string> result;
-    for (auto const& line : lines_of(file))
-        if (auto const at = line.find(":7 "); at != std::string::npos)
+    for (auto const& line : lines_of(file)) {
+        if (auto const at = line.find(":7 "); at != std::string::npos) {
             result.push_back(line.substr(at + 3));
+        }
+    }
     return result;
 }
 
@@ -65,12 +68,14 @@ protected:
     // Runs the body in a child, with XKIVLOG as given or not set, and standard error in a file.
     pid_t start(char const* variable, std::function<void()> const& body) {
         pid_t const child = fork();
-        if (child != 0)
+        if (child != 0) {
             return child;
+        }
         dup2(open(standardError.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), STDERR_FILENO);
         unsetenv("XKIVLOG");
-        if (variable != nullptr)
+        if (variable != nullptr) {
             setenv("XKIVLOG", variable, 1);
+        }
         fs::current_path(folder);
         body();
         _exit(0);
@@ -155,8 +160,9 @@ TEST_F(LogTest, LineTellsTimeProcessThreadKindModuleAndPlace) {
     std::regex const head("\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}Z " + number + ":" +
                           number + " ");
     std::vector<std::string> found;
-    for (auto const& line : lines_of(log))
+    for (auto const& line : lines_of(log)) {
         found.push_back(std::regex_replace(line, head, "head "));
+    }
     EXPECT_THAT(
         found,
         ElementsAre("head INIT    XKIVFBASE   FFDBASE.cpp:12 /etc\\XKIVFBASE.INI",
@@ -195,13 +201,15 @@ TEST_F(LogTest, Formats) {
         value("100% of 7%", "100%% of %u%%", 7U);
         value("1 and %u", "%u and %u", 1U); // one conversion is honoured
         for (char const* unknown : {"%f", "%lld", "%n", "%*d", "%hd", "%ls", "%lp", "%", "%l",
-                                    "%999d", "%.999d", "%------d", "plain"})
+                                    "%999d", "%.999d", "%------d", "plain"}) {
             value(unknown, unknown, 0x1234);
+        }
     });
     auto const found = messages(log);
     ASSERT_EQ(64U, found.size());
-    for (size_t i = 0; i < found.size(); i += 2)
+    for (size_t i = 0; i < found.size(); i += 2) {
         EXPECT_EQ(found[i], found[i + 1]);
+    }
 }
 
 TEST_F(LogTest, OverlongTextsAreCut) {
@@ -224,11 +232,12 @@ TEST_F(LogTest, OverlongTextsAreCut) {
 
 TEST_F(LogTest, EnvironmentWinsOverInitialisationFile) {
     write_ini(ini_text("all", log));
-    for (char const* variable : {"warning", "off", "nonsense"})
+    for (char const* variable : {"warning", "off", "nonsense"}) {
         run(variable, [&] {
             init();
             one_of_each();
         });
+    }
     EXPECT_FALSE(fs::exists(log));
     auto const lines = lines_of(standardError);
     ASSERT_EQ(3U, lines.size()); // warning, error, and one complaint about the last
@@ -272,8 +281,9 @@ TEST_F(LogTest, InitialisationFileIsReadWithCare) {
         EXPECT_EQ(cases[i].second, fs::exists(log)) << "case " << i;
         EXPECT_THAT(lines_of(standardError), IsEmpty());
     }
-    for (auto const& entry : fs::directory_iterator(folder)) // no piece of a path became a file
+    for (auto const& entry : fs::directory_iterator(folder)) { // no piece of a path became a file
         EXPECT_THAT((std::vector{log, ini, standardError}), testing::Contains(entry.path()));
+    }
 }
 
 TEST_F(LogTest, RepeatedInitFollowsChangesAndNothingElse) {
@@ -286,11 +296,13 @@ TEST_F(LogTest, RepeatedInitFollowsChangesAndNothingElse) {
         say("one");
         fs::remove(log); // an unchanged file is not acted on again, so this is not made anew
         say("lost");
-        for (std::string const& path : {std::string(), std::string(5000, 'x')})
+        for (std::string const& path : {std::string(), std::string(5000, 'x')}) {
             LogInit("M", "place.cpp", 9, path.c_str());
+        }
         LogInit("M", "place.cpp", 9, nullptr);
-        if (fs::exists(log))
+        if (fs::exists(log)) {
             _exit(1);
+        }
         write_ini(ini_text("error", other));
         say("too low");
         LogError("M", "place.cpp", 7, 5, "other");
@@ -314,10 +326,11 @@ TEST_F(LogTest, NeverEndsNorStopsItsHost) {
         ASSERT_EQ(0, make(ends));
         dup2(ends[1], STDERR_FILENO);
         close(ends[1]);
-        if (gone)
+        if (gone) {
             close(ends[0]);
-        else
+        } else {
             dup2(ends[0], STDIN_FILENO);
+        }
     };
     auto const pipe_ends = [](int(&ends)[2]) { return pipe(ends); };
     auto const sockets = [](int(&ends)[2]) { return socketpair(AF_UNIX, SOCK_STREAM, 0, ends); };
@@ -332,7 +345,7 @@ TEST_F(LogTest, NeverEndsNorStopsItsHost) {
             dup2(open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), STDERR_FILENO);
         },
     };
-    for (char const* variable : {"all", "no such level"}) // the complaint goes there, too
+    for (char const* variable : {"all", "no such level"}) { // the complaint goes there, too
         for (size_t i = 0; i < places.size(); ++i) {
             SCOPED_TRACE(i);
             fs::remove(log);
@@ -341,26 +354,32 @@ TEST_F(LogTest, NeverEndsNorStopsItsHost) {
                 alarm(10);
                 int const flags = fcntl(STDERR_FILENO, F_GETFL);
                 std::string const text(1000, 'x');
-                for (int n = 0; n < 2000; ++n)
+                for (int n = 0; n < 2000; ++n) {
                     LogInfo("M", "place.cpp", 7, text.c_str());
+                }
                 sigset_t blocked, pending;
                 sigprocmask(SIG_BLOCK, nullptr, &blocked);
                 sigpending(&pending);
-                for (int const signal : {SIGPIPE, SIGXFSZ})
-                    if (sigismember(&blocked, signal) || sigismember(&pending, signal))
+                for (int const signal : {SIGPIPE, SIGXFSZ}) {
+                    if (sigismember(&blocked, signal) || sigismember(&pending, signal)) {
                         _exit(1);
-                if (flags != fcntl(STDERR_FILENO, F_GETFL))
+                    }
+                }
+                if (flags != fcntl(STDERR_FILENO, F_GETFL)) {
                     _exit(2);
+                }
                 // What a reader comes to read later are whole lines.
                 std::string read_back(1 << 22, '\0');
                 if (i == 1 || i == 3) {
                     ssize_t const size = read(STDIN_FILENO, &read_back[0], read_back.size());
                     read_back.resize(static_cast<size_t>(std::max<ssize_t>(size, 0)));
-                    if (read_back.empty() || read_back.back() != '\n')
+                    if (read_back.empty() || read_back.back() != '\n') {
                         _exit(3);
+                    }
                 }
             });
         }
+    }
     EXPECT_LE(fs::file_size(log), 100000U);
 }
 
@@ -382,8 +401,9 @@ TEST_F(LogTest, ProcessesAndThreadsAppendWholeLines) {
         }
         int status = -1;
         waitpid(child, &status, 0);
-        for (auto& thread : threads)
+        for (auto& thread : threads) {
             thread.join();
+        }
         _exit(status == 0 ? 0 : 1);
     };
     pid_t const first = start(nullptr, [&] { body('a'); });
@@ -391,8 +411,9 @@ TEST_F(LogTest, ProcessesAndThreadsAppendWholeLines) {
     finish(first);
     finish(second);
     std::map<std::string, int> count;
-    for (auto const& message : messages(log))
+    for (auto const& message : messages(log)) {
         ++count[message];
+    }
     EXPECT_THAT(count, ElementsAre(std::pair("v = " + std::string(900, 'a'), 301),
                                    std::pair("v = " + std::string(900, 'b'), 301)));
 }

@@ -42,10 +42,12 @@ int fail_with(int error) {
 
 // The number of bytes that a transfer moves; -1 with EINTR every second time.
 ssize_t split(size_t bytes, int error = 0) {
-    if (error != 0)
+    if (error != 0) {
         return fail_with(error);
-    if (!g_behaviour.interruptsAndSplits)
+    }
+    if (!g_behaviour.interruptsAndSplits) {
         return static_cast<ssize_t>(bytes);
+    }
     return ++g_behaviour.calls % 2 == 1 ? fail_with(EINTR)
                                         : static_cast<ssize_t>(std::min<size_t>(bytes, 3));
 }
@@ -66,8 +68,9 @@ ssize_t pwrite(int fd, void const* buffer, size_t bytes, off_t fileOffset) {
 
 int renameat2(int oldDirectory, char const* oldPath, int newDirectory, char const* newPath,
               unsigned flags) noexcept {
-    if (g_behaviour.renameError != 0)
+    if (g_behaviour.renameError != 0) {
         return fail_with(g_behaviour.renameError);
+    }
     return static_cast<int>(
         syscall(SYS_renameat2, oldDirectory, oldPath, newDirectory, newPath, flags));
 }
@@ -75,13 +78,15 @@ int renameat2(int oldDirectory, char const* oldPath, int newDirectory, char cons
 // Under another name here, since a type has the name of the call.
 int flock_call(int fd, int operation) __asm__("flock");
 int flock_call(int fd, int operation) {
-    if (g_behaviour.lockError != 0)
+    if (g_behaviour.lockError != 0) {
         return fail_with(g_behaviour.lockError);
+    }
     if (operation == LOCK_UN) {
         g_behaviour.gateHeld = false;
     } else {
-        if (g_behaviour.atTheGate)
+        if (g_behaviour.atTheGate) {
             std::exchange(g_behaviour.atTheGate, nullptr)();
+        }
         if (g_behaviour.gateTakenByOthers != 0) {
             --g_behaviour.gateTakenByOthers;
             return fail_with(EWOULDBLOCK);
@@ -97,8 +102,9 @@ int fcntl(int fd, int command, ...) {
     void* const argument = va_arg(arguments, void*);
     va_end(arguments);
     if (command == F_OFD_SETLK || command == F_OFD_GETLK) {
-        if (g_behaviour.lockError != 0)
+        if (g_behaviour.lockError != 0) {
             return fail_with(g_behaviour.lockError);
+        }
         bool const bSets = static_cast<struct flock const*>(argument)->l_type != F_UNLCK;
         g_behaviour.locksSetOutsideTheGate += bSets && !g_behaviour.gateHeld ? 1 : 0;
     }
@@ -107,15 +113,17 @@ int fcntl(int fd, int command, ...) {
 
 int clock_gettime(clockid_t clock, timespec* time) noexcept {
     int const result = static_cast<int>(syscall(SYS_clock_gettime, clock, time));
-    if (g_behaviour.clockJumps)
+    if (g_behaviour.clockJumps) {
         time->tv_sec += ++g_behaviour.jumps;
+    }
     return result;
 }
 
 int fsync(int fd) {
     struct stat status {};
-    if (fstat(fd, &status) == 0 && S_ISDIR(status.st_mode))
+    if (fstat(fd, &status) == 0 && S_ISDIR(status.st_mode)) {
         ++g_behaviour.directoryFlushes;
+    }
     return static_cast<int>(syscall(SYS_fsync, fd));
 }
 }

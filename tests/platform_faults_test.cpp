@@ -96,8 +96,9 @@ TEST_F(PlatformFaults, TheNthAndThoseBehindItAndCounts) {
     char text[300];
     fail(Call::GetTempPath, 2, 5, 2);
     fail(Call::Any, 6, 5);
-    for (int i = 0; i < 5; ++i)
+    for (int i = 0; i < 5; ++i) {
         worked += GetTempPathA(300, text) != 0 ? 'y' : 'n';
+    }
     worked += GetSystemDirectoryA(text, 300) != 0 ? 'y' : 'n';
     worked += GetSystemDirectoryA(text, 300) != 0 ? 'y' : 'n';
     EXPECT_EQ(worked, "ynnyyny");
@@ -162,8 +163,9 @@ TEST_F(PlatformFaults, StopsInFrontOfEveryChange) {
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 86) << nth;
         string state;
         for (char const* const name : {"a", "b"}) {
-            if (std::filesystem::exists(path(name)))
+            if (std::filesystem::exists(path(name))) {
                 state += string(name) + ":" + text_of(path(name));
+            }
             std::filesystem::remove(path(name));
         }
         EXPECT_EQ(state, stateAtStop[nth - 1]);

@@ -31,8 +31,9 @@ TEST_F(PlatformLinux, ShareModesHoldBetweenProcessesAndDieWithTheirs) {
         if (holder == 0) {
             bool const held = open_file(a, first.access, first.share) != INVALID_HANDLE_VALUE;
             static_cast<void>(write(ready[1], &held, 1) == 1);
-            for (;;)
+            for (;;) {
                 pause();
+            }
         }
         close(ready[1]);
         bool held = false;
@@ -72,8 +73,9 @@ TEST_F(PlatformLinux, OneOwnerAtATime) {
     };
     std::array threads{std::thread(compete), std::thread(compete), std::thread(compete),
                        std::thread(compete)};
-    for (std::thread& thread : threads)
+    for (std::thread& thread : threads) {
         thread.join();
+    }
     EXPECT_GT(times, 0);
 }
 
@@ -87,22 +89,25 @@ TEST_F(PlatformLinux, ManyHandlesAtOnceAndOneOfManyThreads) {
     allow(limit.rlim_max);
     ASSERT_GE(limit.rlim_cur, 3100u) << "too few descriptors to test with";
     std::set<HANDLE> handles;
-    for (int i = 0; i < 3000; ++i)
+    for (int i = 0; i < 3000; ++i) {
         handles.insert(open_file(a, READ_WRITE, 3, 4));
+    }
     EXPECT_EQ(handles.size(), 3000u);
     EXPECT_EQ(handles.count(INVALID_HANDLE_VALUE), 0u);
     // Two threads write through one handle: its file pointer loses no step.
     HANDLE shared = *handles.begin();
     auto const append = [shared] {
-        for (int i = 0; i < 1000; ++i)
+        for (int i = 0; i < 1000; ++i) {
             write_text(shared, "12345");
+        }
     };
     std::thread other(append);
     append();
     other.join();
     EXPECT_EQ(GetFileSize(shared, nullptr), 10000u);
-    for (HANDLE handle : handles)
+    for (HANDLE handle : handles) {
         EXPECT_TRUE(CloseHandle(handle));
+    }
     EXPECT_FALSE(CloseHandle(shared));
     allow(0);
     EXPECT_EQ(open_error(a, READ, 3), 4u);
@@ -110,8 +115,9 @@ TEST_F(PlatformLinux, ManyHandlesAtOnceAndOneOfManyThreads) {
 }
 
 TEST_F(PlatformLinux, RightsDecideAsTheFileSystemDoes) {
-    if (geteuid() != 0)
+    if (geteuid() != 0) {
         GTEST_SKIP() << "only root can take on another user's rights";
+    }
     string const closed = path("closed/a");
     std::filesystem::create_directory(path("closed"));
     make_file(closed, "old");
@@ -178,8 +184,9 @@ TEST_F(PlatformLinux, BytesAreCopiedBetweenFilePointers) {
 TEST_F(PlatformLinux, DisksThatAreFullOrReadOnly) {
     string const disk = path("disk");
     std::filesystem::create_directory(disk);
-    if (mount("none", disk.c_str(), "tmpfs", 0, "size=64k") != 0)
+    if (mount("none", disk.c_str(), "tmpfs", 0, "size=64k") != 0) {
         GTEST_SKIP() << "a small file system cannot be mounted here: " << strerror(errno);
+    }
     string const full = disk + "/a";
     {
         Opened const file(full, READ_WRITE, 0, 1);
@@ -209,8 +216,9 @@ TEST_F(PlatformLinux, DisksThatAreFullOrReadOnly) {
 TEST_F(PlatformLinux, OnlyRegularFilesAndTheFileBehindTheName) {
     string const fifo = path("fifo");
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    for (DWORD const access : {READ, WRITE, READ_WRITE})
+    for (DWORD const access : {READ, WRITE, READ_WRITE}) {
         EXPECT_EQ(open_error(fifo, access, 3), 5u);
+    }
     EXPECT_EQ(remove_error(fifo), 5u);
     EXPECT_EQ(open_error("/dev/null", READ_WRITE, 3), 5u);
     EXPECT_EQ(open_error(path(string(300, 'x')), READ_WRITE, 0, 1), 206u);
@@ -309,8 +317,9 @@ TEST_F(PlatformLinux, PathsAreTakenApart) {
              {d + "/s" + d + "." + d, "|" + d + "/|s" + d + "|." + d},
              {d + "d/", "does not fit"},
              {d + "ss", "does not fit"},
-             {"." + d + "e", "does not fit"}})
+             {"." + d + "e", "does not fit"}}) {
         EXPECT_EQ(joined(PlatformSplitPath(path.c_str(), &parts)), expected);
+    }
     EXPECT_FALSE(PlatformSplitPath(nullptr, &parts));
     // The rules of the other platform: \x83 begins a character whose second byte is a backslash.
     platform::PathRules const rules{"\\/", true, [](char c) { return c == '\x83'; }};
@@ -319,8 +328,9 @@ TEST_F(PlatformLinux, PathsAreTakenApart) {
                                                 {"D:b", "D:||b|"},
                                                 {"a/b\\c.d", "|a/b\\|c|.d"},
                                                 {"\\\x83\\.x", "|\\|\x83\\|.x"},
-                                                {"a\x83", "||a\x83|"}})
+                                                {"a\x83", "||a\x83|"}}) {
         EXPECT_EQ(joined(platform::split_path(path.c_str(), &parts, rules)), expected);
+    }
     EXPECT_TRUE(PlatformSameFileName("a.mp3", "a.mp3"));
     EXPECT_FALSE(PlatformSameFileName("a.mp3", "A.mp3"));
 }

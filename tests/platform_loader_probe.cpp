@@ -30,7 +30,8 @@ extern "C" PLATFORM_EXPORT BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID) 
     tell(reason == 1 ? "attach " : "detach ");
     // The layer works at attach and at detach and does not keep the library in memory.
     if (CloseHandle(CreateFileA("/", GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr)) ||
-        GetLastError() != ERROR_INVALID_HANDLE)
+        GetLastError() != ERROR_INVALID_HANDLE) {
         tell("broken ");
+    }
     return TRUE;
 }

@@ -18,8 +18,9 @@ struct Outcome {
 };
 
 void expect_all(std::vector<Outcome> const& outcomes) {
-    for (Outcome const& one : outcomes)
+    for (Outcome const& one : outcomes) {
         EXPECT_EQ(one.got, one.expected) << one.name;
+    }
 }
 
 TEST_F(PlatformOutcomes, ShareModesInOneProcess) {
@@ -99,8 +100,9 @@ TEST_F(PlatformOutcomes, RemovingAndRenaming) {
         {"rename onto an existing name", 183, rename_error(a, b)},
     });
     for (Sharing const& sharing : all_sharings()) {
-        if (sharing.access == 0)
+        if (sharing.access == 0) {
             continue;
+        }
         Opened const held(a, sharing.access, sharing.share);
         expect_all({{"remove an open file", 32, remove_error(a)},
                     {"rename an open file", 32, rename_error(a, c)},
@@ -280,8 +282,9 @@ TEST_F(PlatformOutcomes, WhereWineDiffers) {
     Opened const file(a, READ_WRITE, 0);
     LONG high = 1;
     ASSERT_EQ(SetFilePointer(file, 5, &high, 0), 5u);
-    for (LONG const distance : {0, 1}) // the place does not fit into the result
+    for (LONG const distance : {0, 1}) { // the place does not fit into the result
         EXPECT_EQ(error_unless(SetFilePointer(file, distance, nullptr, 1) != 0xFFFFFFFF), 87u);
+    }
 }
 
 } // namespace

@@ -12,8 +12,8 @@
 
 namespace {
 
-constexpr char szMarkerMagic[] = "XKIVCLM1";
-constexpr char szMarkerExtension[] = ".CLM";
+constexpr char MARKER_MAGIC[] = "XKIVCLM1";
+constexpr char MARKER_EXTENSION[] = ".CLM";
 
 DWORD crc32(BYTE const* pbyData_p, size_t nBytes_p) {
     DWORD dwCrc = 0xFFFFFFFFu;
@@ -112,12 +112,12 @@ Kind kind_of_marker(LPCSTR pszSoundPath_p, BYTE const* pbyContents_p, DWORD dwBy
         bool const bZeros = std::all_of(pbyContents_p, pbyContents_p + dwBytes_p,
                                         [](BYTE byByte) { return byByte == 0; });
         size_t const nMagic = std::min<size_t>(dwBytes_p, sizeof pRecord_p->szMagic);
-        bool const bBegun = memcmp(pRecord_p->szMagic, szMarkerMagic, nMagic) == 0;
+        bool const bBegun = memcmp(pRecord_p->szMagic, MARKER_MAGIC, nMagic) == 0;
         return bZeros || bBegun ? Kind::Torn : Kind::Foreign;
     }
     PlatformPathParts sound;
     PlatformPathParts named;
-    if (memcmp(pRecord_p->szMagic, szMarkerMagic, sizeof pRecord_p->szMagic) != 0 ||
+    if (memcmp(pRecord_p->szMagic, MARKER_MAGIC, sizeof pRecord_p->szMagic) != 0 ||
         !is_plain_name(pRecord_p->szSoundName) || !is_plain_name(pRecord_p->szRebuiltName) ||
         !is_rebuilt_name(pRecord_p->szRebuiltName) ||
         PlatformSameFileName(pRecord_p->szRebuiltName, pRecord_p->szSoundName) ||
@@ -294,7 +294,7 @@ bool set_foreign_file_aside(LPCSTR pszMarkerPath_p, LPCSTR pszSoundPath_p) {
 FFDError CCloseMarker::write(CloseMarkerFiles const& rFiles_p) {
     TRACE_ENTRY("-----CCloseMarker::write(.)");
     CloseMarkerRecord record = {};
-    memcpy(record.szMagic, szMarkerMagic, sizeof record.szMagic);
+    memcpy(record.szMagic, MARKER_MAGIC, sizeof record.szMagic);
     record.dwOldSize = rFiles_p.dwOldSize;
     record.dwNewSize = rFiles_p.dwNewSize;
     if (!copy_file_name(rFiles_p.pszSoundPath, record.szSoundName) ||
@@ -312,7 +312,7 @@ FFDError CCloseMarker::write(CloseMarkerFiles const& rFiles_p) {
 
     char szMarkerPath[MAX_PATH];
     FFDError const ffdError =
-        KIVMP3_make_sibling_path(rFiles_p.pszSoundPath, szMarkerExtension, szMarkerPath);
+        KIVMP3_make_sibling_path(rFiles_p.pszSoundPath, MARKER_EXTENSION, szMarkerPath);
     if (ffdError != FFD_NOERROR) {
         return ffdError;
     }
@@ -384,7 +384,7 @@ void CCloseMarker::finish_interrupted_close(LPCSTR pszSoundPath_p) {
     TRACE_ENTRY("-----CCloseMarker::finish_interrupted_close(.)");
     char szMarkerPath[MAX_PATH];
     char szDirPath[MAX_PATH];
-    FFDError ffdError = KIVMP3_make_sibling_path(pszSoundPath_p, szMarkerExtension, szMarkerPath);
+    FFDError ffdError = KIVMP3_make_sibling_path(pszSoundPath_p, MARKER_EXTENSION, szMarkerPath);
     if (ffdError == FFD_NOERROR) {
         // The open is going to refuse such a name: no file may change for its sake.
         ffdError = KIVMP3_make_sibling_path(pszSoundPath_p, ".DIR", szDirPath);
@@ -426,7 +426,7 @@ void CCloseMarker::refuse_close_in_progress(LPCSTR pszSoundPath_p) {
     char szMarkerPath[MAX_PATH];
     Kind kind = Kind::Marker;
     CloseMarkerRecord record;
-    if (KIVMP3_make_sibling_path(pszSoundPath_p, szMarkerExtension, szMarkerPath) == FFD_NOERROR) {
+    if (KIVMP3_make_sibling_path(pszSoundPath_p, MARKER_EXTENSION, szMarkerPath) == FFD_NOERROR) {
         HANDLE hMarkerFile =
             open_companion(szMarkerPath, pszSoundPath_p, FILE_SHARE_READ | FILE_SHARE_WRITE);
         if (hMarkerFile == nullptr) {
