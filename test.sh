@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and runs all tests: on the build that ships, and then once more
-# with AddressSanitizer and UndefinedBehaviorSanitizer; then each fuzz target for a moment; then the
-# Windows build, run by wine. --linux-only leaves out the last, --quick runs the first alone.
+# Installs what is missing, checks the sources (scripts/lint.sh), builds, and runs all tests: on the
+# build that ships, and then once more with AddressSanitizer and UndefinedBehaviorSanitizer; then each
+# fuzz target for a moment; then the Windows build, run by wine. --linux-only leaves out the last,
+# --quick runs only the first.
 #
 # The last line tells the sum, "N passed, N failed"; the exit code is 0 if none failed.
 set -euo pipefail
@@ -24,7 +25,9 @@ scripts/install-packages.sh "${packages[@]}"
 
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT
-total=0 failed=0 skipped=0 code=0
+echo "== lint"
+total=1 failed=0 skipped=0 code=0
+scripts/lint.sh || failed=1 code=1
 for preset in "${presets[@]}"; do
     echo "== $preset: build"
     scripts/build-preset.sh "$preset"

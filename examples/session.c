@@ -49,9 +49,8 @@ static FFDHandle open_sound(char const* path) {
     static int self; /* hDriver must not be null; no callback, so no messages about disk space */
     FFDCallbackParams const callback = {.hDriver = &self};
     FFDError status = FFD_NOERROR;
-    FFDHandle const sound =
-        table->create_file(path, FFD_ACCESS_READWRITE, FFD_OPEN_EXISTING, NULL, callback, &status,
-                           NULL);
+    FFDHandle const sound = table->create_file(path, FFD_ACCESS_READWRITE, FFD_OPEN_EXISTING, NULL,
+                                               callback, &status, NULL);
     check(path, status);
     return sound;
 }

@@ -5,7 +5,7 @@ set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 least_percent=95
-build=build-coverage
+build="build-coverage"
 
 scripts/install-packages.sh gcovr
 

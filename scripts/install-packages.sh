@@ -19,6 +19,7 @@ check=(
     binutils file pkgconf lintian debootstrap # the installation and the packages, tried out
     libgtest-dev libgmock-dev python3 valgrind
     python3-pytest mypy               # the Python module, tried out
+    clang-format clang-tidy shellcheck pyflakes3 # the sources
     mp3check
     doxygen                           # the reference of the headers
     clang-14 libclang-rt-14-dev llvm-14 # the fuzz targets, and what they reach

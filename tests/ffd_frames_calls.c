@@ -1,4 +1,5 @@
-/* The frames of a block of bytes as ffd_frames.h gives them, for a test that is not written in C. */
+/* The frames of a block of bytes as ffd_frames.h gives them, for a test that is not written in C.
+ */
 #include "ffd_frames.h"
 
 /* Takes the bytes in pieces of a size; how: FFD_STREAM_... Gives the count of frames. */
