@@ -81,6 +81,9 @@ void add_read(CLI::App& app, Arguments& arguments, Command& command) {
     read->add_option("-o,--output", arguments.read.output,
                      "file to write (default, and '-': standard output)")
         ->type_name("OUT");
+    read->add_flag("--force", arguments.read.force,
+                   "write also where a crash has left edits for a file of that name, and set them "
+                   "aside");
     read->footer(std::string(kPositions) +
                  "\nThe file is opened for reading only. Edits that a crash left in a .DIR file\n"
                  "beside it are not seen: 'ffdhost recover FILE' opens it for writing and folds\n"
@@ -100,6 +103,9 @@ void add_map(CLI::App& app, Arguments& arguments, Command& command) {
     map->add_option("--svg", arguments.svg,
                     "draw the blocks as a picture into a file ('-': standard output)")
         ->type_name("OUT");
+    map->add_flag(
+        "--force", arguments.force,
+        "draw also where a crash has left edits for a file of that name, and set them aside");
     map->footer(
         "The blocks are those of the .DIR file that a crash left beside the file, or else all\n"
         "the audio of the file as one block. An audio position says where bytes lie behind the\n"
@@ -108,7 +114,7 @@ void add_map(CLI::App& app, Arguments& arguments, Command& command) {
         "  ffdhost map dictation.mp3 --svg dictation.svg");
     map->callback([&] {
         command = [&](Driver const& driver) {
-            return run_map(driver, arguments.file, arguments.svg, arguments.json);
+            return run_map(driver, arguments.file, arguments.svg, arguments.force, arguments.json);
         };
     });
 }
@@ -123,8 +129,10 @@ void add_edit(CLI::App& app, Arguments& arguments, Command& command) {
         ->type_name(" ")
         ->required()
         ->expected(1, CLI::detail::expected_max_vector_size);
-    edit->add_flag("--force", arguments.force,
-                   "enter clips whose format does not fit the dictation, and delete all of it");
+    edit->add_flag(
+        "--force", arguments.force,
+        "enter clips whose format does not fit the dictation, delete all of it, and read "
+        "to where a crash has left edits");
     edit->add_flag("--snap", arguments.snap,
                    "move positions and lengths to the nearest border of frames");
     edit->add_flag("--backup", arguments.backup,
@@ -184,8 +192,10 @@ void add_record(CLI::App& app, Arguments& arguments, Command& command) {
                      "make the file from the first frame of the stream, if there is none");
     record->add_flag("--backup", arguments.backup,
                      "keep a copy first, in a new folder beside the file");
-    record->add_flag("--force", arguments.record.force,
-                     "take a stream of another format than the file");
+    record->add_flag(
+        "--force", arguments.record.force,
+        "take a stream of another format than the file; with --new, make it also where "
+        "a crash\nhas left edits for a file of that name, and set them aside");
     record->footer(std::string(kPositions) +
                    "\nThe position goes to the nearest border of frames. Tags and the info frame "
                    "of the\nencoder are left out. A stream of another format or bitrate is refused "

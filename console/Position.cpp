@@ -219,4 +219,9 @@ std::string time_text(uint64_t milliseconds) {
     return text;
 }
 
+std::string rough_time_text(uint64_t seconds) {
+    uint64_t const minutes = seconds / 60;
+    return minutes < 120 ? std::to_string(minutes) + " min" : std::to_string(minutes / 60) + " h";
+}
+
 } // namespace ffdhost

@@ -37,4 +37,7 @@ uint64_t milliseconds_of(uint64_t byteCount, uint32_t bytesPerSecond);
 // As 1:02.500, or 1:02:03.500 from an hour on; parse_position understands both.
 std::string time_text(uint64_t milliseconds);
 
+// As "45 min" or, from two hours on, "2 h"; rounded down.
+std::string rough_time_text(uint64_t seconds);
+
 } // namespace ffdhost

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <string>
+#include <thread>
 #include <utility>
 
 namespace ffdhost {
@@ -10,6 +11,8 @@ namespace {
 
 constexpr std::chrono::milliseconds kLongestWait(500); // a frame, in memory
 constexpr std::chrono::minutes kTakeOutEvery(1);
+constexpr std::chrono::seconds kPatience(10); // with others who look at the file when it is closed
+constexpr std::chrono::milliseconds kPause(50);
 constexpr size_t kMostWaiting = 64 * 1024 - FFD_LONGEST_FRAME;
 constexpr uint64_t kMostNoise =
     uint64_t{4} * 1024 * 1024; // before a first frame: it is no MP3 stream
@@ -112,27 +115,25 @@ void Recorder::flush_if_due() {
 }
 
 void Recorder::flush() {
-    if (m_waiting.empty()) {
-        return;
-    }
     std::span<std::byte const> frames = m_waiting;
-    edit([&] {
-        if (!m_hasBlock) {
-            // A crash between the audio and the directory makes the block that is last in the file
-            // longer. That is the recording from its second write on; the first is kept small.
-            auto const* const header = reinterpret_cast<uint8_t const*>(frames.data());
-            size_t const length = ffd_frame_length(header);
-            m_file.insert(frames.first(length));
-            frames = frames.subspan(length);
-            m_hasBlock = true;
-        }
-        if (!frames.empty()) {
-            m_file.insert(frames);
-        }
-    });
-    m_position += static_cast<uint32_t>(m_waiting.size());
-    m_toTakeOut += m_options.overwrite ? m_waiting.size() : 0;
+    if (!m_hasBlock && !frames.empty()) {
+        // A crash between the audio and the directory makes the block that is last in the file
+        // longer. That is the recording from its second write on; the first is kept small.
+        size_t const length = ffd_frame_length(reinterpret_cast<uint8_t const*>(frames.data()));
+        insert(frames.first(length));
+        frames = frames.subspan(length);
+    }
+    if (!frames.empty()) {
+        insert(frames);
+    }
     m_waiting.clear();
+}
+
+void Recorder::insert(std::span<std::byte const> frames) {
+    edit([&] { m_file.insert(frames); });
+    m_hasBlock = true;
+    m_position += static_cast<uint32_t>(frames.size());
+    m_toTakeOut += m_options.overwrite ? frames.size() : 0;
 }
 
 // Whole frames, and so a bit less than was recorded; the next time makes up for it. At the end the
@@ -171,7 +172,17 @@ template <class Edit> void Recorder::edit(Edit const& edit) {
 void Recorder::reopen() {
     uint32_t const length = m_file.length();
     m_file.close();
-    m_file = m_open();
+    for (auto const end = Clock::now() + kPatience;;) {
+        try {
+            m_file = m_open();
+            break;
+        } catch (std::exception const&) {
+            if (Clock::now() >= end) {
+                throw;
+            }
+        }
+        std::this_thread::sleep_for(kPause);
+    }
     m_hasBlock = false;
     ++m_reopened;
     // A close goes to whole frames: cuts of others inside frames may have moved the place.

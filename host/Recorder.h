@@ -41,7 +41,8 @@ public:
     using Open = std::function<ffd::File()>;
 
     // Goes to the position to begin at. When the edit directory is full, `file` is closed, which
-    // folds the edits in, and assigned from `open`. It must outlive the object.
+    // folds the edits in, and assigned from `open`, which is called for up to ten seconds if it
+    // throws; behind a failure of the two `file` is closed. It must outlive the object.
     Recorder(ffd::File& file, Open open, RecorderOptions const& options);
 
     // The next bytes of the stream. Throws WrongStream once, at the first frame that does not fit;
@@ -68,6 +69,7 @@ private:
     void check(FFDFrame const& frame) const;
     void flush_if_due();
     void flush();
+    void insert(std::span<std::byte const> frames);
     void take_out_overwritten(bool isEnd);
     template <class Edit> void edit(Edit const& edit);
     void reopen();

@@ -3,6 +3,7 @@
 
 #include "Driver.h"
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -26,6 +27,8 @@ public:
 
     // Folds the edits in. The file is closed afterwards, also when this throws.
     void close();
+    // False after a close, and after one inside hand_to() that no open has followed.
+    bool is_open() const { return m_file.handle() != nullptr; }
 
     WaveFormat wave_format();
     uint32_t file_size();
@@ -49,11 +52,25 @@ public:
     // an ffd::File. An ffd::Error of it becomes a Failure, too.
     void hand_to(std::function<void(ffd::File&, std::function<ffd::File()> const&)> const& work);
 
+    // What the messages of the driver find.
+    struct Watched {
+        std::string path;
+        uint32_t bytesPerSecond = 0;
+        std::chrono::steady_clock::time_point saidAgain{}; // what comes with every write
+    };
+
 private:
+    std::string const& path() const { return m_watched->path; }
+
     Driver const& m_driver;
     Access m_access;
-    std::unique_ptr<std::string> m_path; // where messages find it
+    std::unique_ptr<Watched> m_watched;
     ffd::File m_file;
 };
+
+// Seconds that can still be recorded with so many bytes free above what the driver wants to find
+// for the close: a recording takes its own room, and four times as much is asked of the close
+// (ffd.h).
+uint64_t recording_seconds(uint64_t freeBytes, uint32_t bytesPerSecond);
 
 } // namespace ffdhost

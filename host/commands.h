@@ -5,6 +5,7 @@
 
 #include "Beside.h"
 #include "console/Output.h"
+#include "console/Position.h"
 #include "DirMap.h"
 #include "Recorder.h"
 #include "StreamView.h"
@@ -29,13 +30,14 @@ struct ReadOptions {
     std::string from = "0";
     std::string length; // empty: up to the end
     std::string output; // empty: standard output
+    bool force = false; // onto a file that has edits waiting, which are set aside
 };
 Outcome run_read(Driver const& driver, std::string const& file, ReadOptions const& options,
                  bool json);
 
 // What an edit does beyond its operations on the driver; as it stands, the true thing.
 struct EditOptions {
-    bool force = false; // enters clips that do not fit
+    bool force = false; // enters clips that do not fit, deletes all, and reads onto any file
     bool snap = false;  // positions and lengths go to the nearest border of frames
     // With a driver that only pretends: no output is written, and 'crash' does not end the process
     // but the operations, with a call of this in place of the close.
@@ -53,7 +55,7 @@ struct RecordOptions {
     std::string length; // empty: as long as the stream goes on
     bool overwrite = false;
     bool create = false; // makes the file if there is none
-    bool force = false;  // takes a stream that does not fit
+    bool force = false;  // takes a stream that does not fit, makes a file that has edits waiting
 };
 // From standard input, until it ends or the program is to stop (let_stop_wait).
 Outcome run_record(Driver const& driver, std::string const& file, RecordOptions const& options,
@@ -65,21 +67,37 @@ Outcome run_record(Driver const& driver, std::string const& file, RecordOptions 
 // result is the count of bytes written.
 uint64_t copy_dictation(SoundFile& sound, uint64_t size, OutputFile output);
 
+struct Recorded {
+    Json result; // of what is in the dictation now
+    std::optional<Failure> failure;
+};
 // Records standard input into an open file, with a status line. `begun` are bytes of the stream
-// that have been read already. What it throws leaves what was recorded in the dictation. `name` is
-// that of the file.
-Json record_stream(SoundFile& sound, std::string const& name, RecorderOptions const& options,
-                   std::span<std::byte const> begun = {});
+// that have been read already. `name` is that of the file, which a failure may leave closed.
+Recorded record_stream(SoundFile& sound, std::string const& name, RecorderOptions const& options,
+                       std::span<std::byte const> begun = {});
+
+// Throws a Failure if a crash has left edits, or an interrupted close, for a file of this name: the
+// next open for writing would apply them to whatever is put there. Those of `file`, which is read,
+// do not count.
+void check_nothing_left(std::string const& operation, std::string const& output,
+                        std::string const& file = {});
+// Puts them out of the way, under names ending in .bad, where the user wants the file all the same.
+void set_aside_what_is_left(std::string const& output, std::string const& file = {});
 
 // Throws a Failure if `output` is `file` or its .DIR file, even one that is not there: writing it
-// would destroy them, or what the next open would take for one. The same for a sound file, and its
-// .DIR file, for which a crash has left edits.
-void check_output(std::string const& operation, std::string const& output, std::string const& file);
+// would destroy them, or what the next open would take for one. So does check_nothing_left(), but
+// with `force`. Call set_aside_what_is_left() before the output is written.
+void check_output(std::string const& operation, std::string const& output, std::string const& file,
+                  bool force);
 
 // Tells of the edits that an open for writing of the file would take over, and gives the count of
 // their blocks. 0 for none, and for a .DIR file that the driver will have to judge.
 size_t tell_edits_waiting(std::filesystem::path const& dirFile, EditOptions const& options,
                           bool json);
+
+// Warns if a place that was asked for lies beyond the end of the dictation.
+void tell_place_beyond(std::string const& operation, Position const& asked, uint32_t place,
+                       uint32_t length, uint32_t bytesPerSecond);
 
 // What stands in front of the audio or behind it.
 Json regions_json(Regions const& regions);

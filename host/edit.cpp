@@ -136,10 +136,10 @@ void Editor::check_paths(EditOp const& op) const {
                       "standard output takes the results of the edit",
                       "Name a file for the audio, or use 'ffdhost read'.");
     }
-    check_output(op.name, op.path, m_file);
+    check_output(op.name, op.path, m_file, m_options.force);
     for (EditOp const& other : m_ops) {
         if (other.takes_clip()) {
-            check_output(op.name, op.path, other.path);
+            check_output(op.name, op.path, other.path, m_options.force);
         }
     }
 }
@@ -209,6 +209,9 @@ void Editor::perform_all() {
 }
 
 void Editor::close() {
+    if (!m_sound->is_open()) {
+        return; // a recording could not go on, and has told
+    }
     m_document["dictation"] = length_json(m_sound->length(), m_rate); // if the close fails
     {
         Waiting const waiting("closing");
@@ -259,10 +262,7 @@ void Editor::seek(EditOp const& op, Json& result) {
     uint32_t const wanted = op.position.to_place(m_rate, m_sound->position(), length);
     uint32_t const reached = m_sound->seek(snapped(std::min(wanted, length), result));
     result["position"] = reached;
-    if (wanted > length && op.position.from != Position::From::End) {
-        print_warning("seek: " + length_text(wanted, m_rate) + " is beyond the end of " +
-                      length_text(length, m_rate));
-    }
+    tell_place_beyond("seek", op.position, wanted, length, m_rate);
 }
 
 // With --snap the nearest border, and in the result by how much it lies behind the place.
@@ -311,12 +311,15 @@ void Editor::record(EditOp const& op, Json& result) {
     options.overwrite = op.kind == EditOp::Kind::Overwrite;
     options.force = m_options.force;
     m_dirFileIsBehind = false;
-    Json const recorded = record_stream(*m_sound, m_file, options);
+    Recorded const recorded = record_stream(*m_sound, m_file, options);
     result.update({{"clip", op.path},
-                   {"from", recorded["from"]},
-                   {"bytes", recorded["recorded"]["bytes"]},
-                   {"replaced", recorded["replaced"]},
-                   {"position", recorded["position"]}});
+                   {"from", recorded.result["from"]},
+                   {"bytes", recorded.result["recorded"]["bytes"]},
+                   {"replaced", recorded.result["replaced"]},
+                   {"position", recorded.result["position"]}});
+    if (recorded.failure) {
+        throw *recorded.failure;
+    }
 }
 
 uint64_t Editor::enter_pieces(FFDMethod method, std::string const& name, SoundFile& clip,
@@ -365,6 +368,9 @@ void Editor::read(EditOp const& op, Json& result) {
     uint64_t const wanted = length_of(op, result);
     uint64_t done = wanted;
     if (!m_options.pretendedCrash) {
+        if (m_options.force) {
+            set_aside_what_is_left(op.path, m_file);
+        }
         done = copy_dictation(*m_sound, wanted, OutputFile(op.path, m_file));
     } else {
         m_sound->seek(static_cast<uint32_t>(from + wanted));

@@ -9,21 +9,51 @@ namespace ffdhost {
 
 namespace {
 
-// The .DIR file that gives the bytes of an output their order, or is that output.
-std::optional<std::string> waiting_edits_of(std::filesystem::path const& output) {
+// What a crash has left for a sound file of this name: the next open for writing applies it to
+// whatever has the name by then. What `file` has waiting is meant for that, and not for letter.wav
+// or letter.svg beside letter.mp3.
+std::optional<std::filesystem::path> left_for(std::string const& output, std::string const& file) {
     std::error_code error;
-    if (!std::filesystem::is_regular_file(output, error)) {
-        return std::nullopt;
+    for (char const* const extension : {".DIR", ".CLM"}) {
+        std::filesystem::path const left = beside(output, extension);
+        if (std::filesystem::file_size(left, error) > 0 && !error &&
+            !std::filesystem::equivalent(left, beside(file, extension), error)) {
+            return left;
+        }
     }
-    std::filesystem::path const directory = dir_file_of(output.string());
-    uint64_t const size = std::filesystem::file_size(directory, error);
-    return error || size == 0 ? std::nullopt : std::optional(directory.string());
+    return std::nullopt;
 }
 
 } // namespace
 
-void check_output(std::string const& operation, std::string const& output,
-                  std::string const& file) {
+void check_nothing_left(std::string const& operation, std::string const& output,
+                        std::string const& file) {
+    if (std::optional<std::filesystem::path> const left = left_for(output, file)) {
+        throw Failure(operation, output, FFD_FILE_ALREADY_EXISTS,
+                      "a session that did not close has left edits for a file of this name in " +
+                          left->string() + ", which would be lost",
+                      "Choose another name. To fold the edits in, run: ffdhost recover -- " +
+                          shell_word(output) + ". With --force they are set aside.");
+    }
+}
+
+void set_aside_what_is_left(std::string const& output, std::string const& file) {
+    while (std::optional<std::filesystem::path> const left = left_for(output, file)) {
+        std::error_code error;
+        std::filesystem::path kept;
+        for (int i = 0; kept.empty() || std::filesystem::exists(kept, error); ++i) {
+            kept = left->string() + ".bad" + (i == 0 ? "" : std::to_string(i));
+        }
+        std::filesystem::rename(*left, kept, error);
+        if (error) {
+            throw Failure("set aside", left->string(), FFD_FILE_IO_ERROR, error.message());
+        }
+        print_warning(left->string() + " is set aside as " + kept.string());
+    }
+}
+
+void check_output(std::string const& operation, std::string const& output, std::string const& file,
+                  bool force) {
     std::error_code error;
     std::filesystem::path const place = std::filesystem::weakly_canonical(output, error);
     for (std::filesystem::path const& kept : {std::filesystem::path(file), dir_file_of(file)}) {
@@ -34,19 +64,22 @@ void check_output(std::string const& operation, std::string const& output,
                           "Choose another name for the output.");
         }
     }
-    if (std::optional<std::string> const edits = waiting_edits_of(output)) {
-        throw Failure(operation, output, FFD_FILE_ALREADY_EXISTS,
-                      "a session that did not close has left edits in " + *edits +
-                          ", which would be lost",
-                      "Choose another name for the output. To fold the edits in, run: ffdhost "
-                      "recover -- " +
-                          shell_word(output));
+    if (!force) {
+        check_nothing_left(operation, output, file);
     }
     std::filesystem::path const parent = std::filesystem::absolute(output).parent_path();
     if (std::filesystem::is_directory(output, error) ||
         !std::filesystem::is_directory(parent, error)) {
         throw Failure(operation, output, FFD_INVALID_PATH, "no file can be written there",
                       "Give the name of a file in a directory that exists.");
+    }
+}
+
+void tell_place_beyond(std::string const& operation, Position const& asked, uint32_t place,
+                       uint32_t length, uint32_t bytesPerSecond) {
+    if (place > length && asked.from != Position::From::End) {
+        print_warning(operation + ": " + length_text(place, bytesPerSecond) +
+                      " is beyond the end of " + length_text(length, bytesPerSecond));
     }
 }
 
@@ -79,15 +112,20 @@ Outcome run_read(Driver const& driver, std::string const& file, ReadOptions cons
                       "Name a file for the audio with -o.");
     }
     if (!output.empty()) {
-        check_output("read", output, file);
+        check_output("read", output, file, options.force);
     }
 
     std::unique_ptr<SoundFile> const opened = open_for_reading(driver, file);
     SoundFile& sound = *opened;
     uint32_t const rate = sound.wave_format().bytesPerSecond;
     uint32_t const end = sound.length();
-    uint32_t const from = sound.seek(fromOption.to_place(rate, 0, end));
+    uint32_t const place = fromOption.to_place(rate, 0, end);
+    uint32_t const from = sound.seek(place);
     uint64_t const wanted = std::min(lengthOption.to_bytes(rate), end - from);
+    tell_place_beyond("read", fromOption, place, end, rate);
+    if (!output.empty() && options.force) {
+        set_aside_what_is_left(output, file);
+    }
     uint64_t const done = copy_dictation(sound, wanted, OutputFile(output, file));
     sound.close();
 

@@ -1,6 +1,7 @@
 #include "commands.h"
 
 #include "console/Position.h"
+#include "console/Printable.h"
 #include "console/System.h"
 #include "Recorder.h"
 
@@ -17,22 +18,26 @@ namespace {
 constexpr std::chrono::milliseconds kPatience(200); // with a stream that pauses
 constexpr size_t kPieceOfStream = size_t{32} * 1024;
 constexpr uint64_t kReserve = uint64_t{10} * 1024 * 1024; // that the close wants to find free
+constexpr uint64_t kLargestFile = 0xFFFFFFFF;
+constexpr uint64_t kLongestWrite = size_t{64} * 1024; // of a Recorder
 
-// How long the disk lasts: what is recorded takes its own room, and four times as much is asked of
-// the close (see ffd.h), whose need is checked with every write.
+std::filesystem::path parent_of(std::string const& file) {
+    std::error_code error;
+    return std::filesystem::absolute(file, error).parent_path();
+}
+
+// That the disk lasts, or the room in a file.
 std::string time_left(std::string const& file, uint32_t fileSize, uint32_t bytesPerSecond) {
     std::error_code error;
-    auto const folder = std::filesystem::absolute(file, error).parent_path();
-    std::filesystem::space_info const space = std::filesystem::space(folder, error);
+    std::filesystem::space_info const space = std::filesystem::space(parent_of(file), error);
     if (error) {
         return "unknown";
     }
-    uint64_t const needed = uint64_t{fileSize} * 4 + kReserve;
-    uint64_t const seconds =
-        space.available > needed ? (space.available - needed) / 5 / bytesPerSecond : 0;
-    uint64_t const room = (uint64_t{0xFFFFFFFF} - fileSize) / bytesPerSecond; // of a file
-    uint64_t const minutes = std::min(seconds, room) / 60;
-    return minutes >= 120 ? std::to_string(minutes / 60) + " h" : std::to_string(minutes) + " min";
+    uint64_t const needed = uint64_t{fileSize} * 4 + kReserve; // as the driver counts it
+    uint64_t const room = kLargestFile - fileSize;
+    uint64_t const free = space.available - std::min<uint64_t>(space.available, needed);
+    return rough_time_text(
+        std::min(recording_seconds(free, bytesPerSecond), room / bytesPerSecond));
 }
 
 // The stream up to its first frame that is audio.
@@ -90,6 +95,35 @@ void make_file(std::string const& name, std::vector<uint8_t> const& frame) {
     }
 }
 
+Failure unreadable(std::system_error const& error) {
+    return {"read", "standard input", FFD_FILE_IO_ERROR, error.code().message(),
+            "Let an encoder write to it: ffmpeg ... -f mp3 - | ffdhost record FILE"};
+}
+
+Failure wrong_stream(std::string const& name, WrongStream const& wrong, bool isBegun) {
+    return {"record", name, FFD_NOT_SUPPORTED, wrong.what(),
+            isBegun ? "Encode the stream with a constant bitrate; what came before is recorded."
+                    : "Encode the stream in the format of the dictation, with a constant bitrate; "
+                      "nothing was recorded."};
+}
+
+// The driver has one status for every write that fails.
+Failure not_written(std::string const& name, ffd::Error const& error, uint32_t fileSize) {
+    std::error_code code;
+    uint64_t const space = std::filesystem::space(parent_of(name), code).available;
+    if (error.status() == FFD_FILE_IO_ERROR && fileSize > kLargestFile - kLongestWrite) {
+        return {error.operation(), name, error.status(), "the file would get larger than 4 GiB",
+                "What came before is recorded. Go on with another file."};
+    }
+    if (error.status() == FFD_FILE_IO_ERROR && !code && space < kLongestWrite) {
+        return {error.operation(), name, error.status(), "the disk is full",
+                "What came before is recorded. Free as much space as the file has, then open it "
+                "for writing again: ffdhost recover -- " +
+                    shell_word(name)};
+    }
+    return {error.operation(), name, error.status()};
+}
+
 Failure no_audio() {
     return {"record", "standard input", FFD_NO_MORE_FRAMES, "the stream has no MP3 frame",
             "Let an encoder write MP3 to it: ffmpeg ... -f mp3 - | ffdhost record FILE"};
@@ -107,63 +141,66 @@ Json result_json(Recorder const& recorder, uint32_t rate) {
             {"noise_bytes", stream.ullNoise}};
 }
 
+// Up to the end of the stream, a stop, or as much as is wanted.
+void take_stream(Recorder& recorder, ffd::File const& file, std::string const& name, uint32_t rate,
+                 std::span<std::byte const> begun) {
+    StatusLine line;
+    std::array<std::byte, kPieceOfStream> buffer;
+    recorder.put(begun);
+    while (!recorder.done()) {
+        if (line.due()) {
+            line.show("recorded " + time_text(milliseconds_of(recorder.recorded(), rate)) +
+                      ", at " + time_text(milliseconds_of(recorder.position(), rate)) +
+                      ", disk lasts " + time_left(name, file.file_size(), rate));
+        }
+        size_t count = 0;
+        switch (await_stdin(buffer, count, kPatience)) {
+        case Arrival::Bytes:
+            recorder.put(std::span(buffer).first(count));
+            break;
+        case Arrival::Nothing:
+            recorder.pause();
+            break;
+        case Arrival::End:
+        case Arrival::Stop:
+            return;
+        }
+    }
+}
+
 } // namespace
 
-Json record_stream(SoundFile& sound, std::string const& name, RecorderOptions const& options,
-                   std::span<std::byte const> begun) {
+Recorded record_stream(SoundFile& sound, std::string const& name, RecorderOptions const& options,
+                       std::span<std::byte const> begun) {
     uint32_t const rate = sound.wave_format().bytesPerSecond;
-    Json result;
+    Recorded done;
+    auto const fail = [&](Failure const& failure) {
+        if (!done.failure) {
+            done.failure = failure;
+        }
+    };
     sound.hand_to([&](ffd::File& file, Recorder::Open const& open) {
         Recorder recorder(file, open, options);
-        StatusLine line;
-        std::string left;
-        std::array<std::byte, kPieceOfStream> buffer;
-        auto const show = [&] {
-            if (line.due()) {
-                line.show("recorded " + time_text(milliseconds_of(recorder.recorded(), rate)) +
-                          ", at " + time_text(milliseconds_of(recorder.position(), rate)) +
-                          ", disk lasts " + time_left(name, file.file_size(), rate));
-            }
-        };
         try {
-            recorder.put(begun);
-            for (bool goesOn = true; goesOn && !recorder.done();) {
-                show();
-                size_t count = 0;
-                switch (await_stdin(buffer, count, kPatience)) {
-                case Arrival::Bytes:
-                    recorder.put(std::span(buffer).first(count));
-                    break;
-                case Arrival::Nothing:
-                    recorder.pause();
-                    break;
-                case Arrival::End:
-                case Arrival::Stop:
-                    goesOn = false;
-                }
+            try {
+                take_stream(recorder, file, name, rate, begun);
+            } catch (WrongStream const& wrong) {
+                fail(wrong_stream(name, wrong, recorder.recorded() > 0));
+            } catch (std::system_error const& error) {
+                fail(unreadable(error));
             }
             recorder.finish();
-        } catch (WrongStream const& wrong) {
-            bool const nothing = recorder.position() == recorder.begin();
-            if (!nothing) {
-                recorder.finish();
+            if (recorder.stream().ullFrames == 0 && begun.data() == nullptr) {
+                fail(no_audio());
             }
-            throw Failure("record", name, FFD_NOT_SUPPORTED, wrong.what(),
-                          nothing ? "Encode the stream in the format of the dictation, with a "
-                                    "constant bitrate; nothing was recorded."
-                                  : "Encode the stream with a constant bitrate; what came before "
-                                    "is recorded.");
-        } catch (std::system_error const& error) {
-            recorder.finish();
-            throw Failure("read standard input", name, FFD_FILE_IO_ERROR, error.what(),
-                          "What came before is recorded.");
+        } catch (ffd::Error const& error) {
+            fail(not_written(name, error, file.handle() == nullptr ? 0 : file.file_size()));
+        } catch (Failure const& failure) { // of the open behind the close of a full directory
+            fail(failure);
         }
-        if (recorder.stream().ullFrames == 0 && begun.data() == nullptr) {
-            throw no_audio();
-        }
-        result = result_json(recorder, rate);
+        done.result = result_json(recorder, rate);
     });
-    return result;
+    return done;
 }
 
 Outcome run_record(Driver const& driver, std::string const& file, RecordOptions const& options,
@@ -184,20 +221,34 @@ Outcome run_record(Driver const& driver, std::string const& file, RecordOptions 
     bool const made = options.create && !std::filesystem::exists(file, error);
     Beginning beginning;
     if (made) {
-        if (!beginning.find()) {
-            throw no_audio();
+        if (!options.force) {
+            check_nothing_left("record", file);
         }
+        try {
+            if (!beginning.find()) {
+                throw no_audio();
+            }
+        } catch (std::system_error const& reason) {
+            throw unreadable(reason);
+        }
+        set_aside_what_is_left(file);
         make_file(file, beginning.frame());
     }
     size_t const takenOver = tell_edits_waiting(dir_file_of(file), {}, json);
     auto sound = std::make_unique<SoundFile>(driver, file, Access::ReadWrite);
     uint32_t const rate = sound->wave_format().bytesPerSecond;
+    uint32_t const before = sound->length();
+    auto const begun = static_cast<uint32_t>(beginning.frame().size()); // of a file that was made
     RecorderOptions recorder;
-    recorder.at = at.to_place(rate, 0, sound->length());
+    if (!made) {
+        recorder.at = at.to_place(rate, 0, before);
+        tell_place_beyond("record", at, recorder.at, before, rate);
+    }
     recorder.overwrite = options.overwrite;
     recorder.force = options.force;
     if (length.unit != Position::Unit::All) {
-        recorder.most = length.to_bytes(rate);
+        uint32_t const wanted = length.to_bytes(rate);
+        recorder.most = wanted - std::min(wanted, begun);
     }
     Json document{{"command", "record"},
                   {"ok", false},
@@ -212,14 +263,21 @@ Outcome run_record(Driver const& driver, std::string const& file, RecordOptions 
             print_failure(failure);
         }
     };
-    try {
-        document.update(record_stream(*sound, file, recorder, beginning.rest()));
-    } catch (Failure const& failure) {
-        report("failure", failure);
+    Recorded const recorded = record_stream(*sound, file, recorder, beginning.rest());
+    document.update(recorded.result);
+    if (made) {
+        document["from"] = 0;
+        document["recorded"] =
+            length_json(document["recorded"]["bytes"].get<uint64_t>() + begun, rate);
+    }
+    if (recorded.failure) {
+        report("failure", *recorded.failure);
     }
     try {
         Waiting const waiting("closing");
-        sound->close();
+        if (sound->is_open()) {
+            sound->close();
+        }
         uint32_t const now = look_at(driver, file).audioLength;
         document["dictation"] = length_json(now, rate);
     } catch (Failure const& failure) {
@@ -227,13 +285,10 @@ Outcome run_record(Driver const& driver, std::string const& file, RecordOptions 
     }
     document["ok"] = !failed;
     if (!json) {
-        if (document.contains("recorded")) {
-            print_line("Recorded",
-                       length_text(document["recorded"]) + " at position " +
-                           std::to_string(document["from"].get<uint32_t>()) +
-                           (options.overwrite ? " over " + bytes_text(document["replaced"])
-                                              : std::string()));
-        }
+        print_line("Recorded", length_text(document["recorded"]) + " at position " +
+                                   std::to_string(document["from"].get<uint32_t>()) +
+                                   (options.overwrite ? " over " + bytes_text(document["replaced"])
+                                                      : std::string()));
         if (document.contains("dictation")) {
             print_line("Closed", length_text(document["dictation"]));
         }

@@ -62,7 +62,8 @@ void write_picture(std::string const& output, std::string const& file, std::stri
 
 } // namespace
 
-Outcome run_map(Driver const& driver, std::string const& file, std::string const& svg, bool json) {
+Outcome run_map(Driver const& driver, std::string const& file, std::string const& svg, bool force,
+                bool json) {
     bool const toStdout = svg == "-";
     if (toStdout && json) {
         throw Failure("map", file, FFD_INVALID_PARAMETER,
@@ -70,7 +71,7 @@ Outcome run_map(Driver const& driver, std::string const& file, std::string const
                       "Name a file for the picture with --svg.");
     }
     if (!svg.empty() && !toStdout) {
-        check_output("map", svg, file);
+        check_output("map", svg, file, force);
     }
     StreamView const view = look_at(driver, file);
     uint32_t const rate = view.format.wave.bytesPerSecond;
@@ -88,6 +89,9 @@ Outcome run_map(Driver const& driver, std::string const& file, std::string const
     Lanes const lanes = lanes_of(map, view.firstFrameOffset, view.fileSize);
     if (!svg.empty()) {
         document["svg"] = svg;
+        if (force && !toStdout) {
+            set_aside_what_is_left(svg, file);
+        }
         std::string const name = std::filesystem::path(file).filename().string();
         write_picture(
             toStdout ? "" : svg, file,
