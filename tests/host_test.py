@@ -61,8 +61,9 @@ class HostTest(unittest.TestCase):
     def copy(self, sample, name):
         return pathlib.Path(shutil.copy(SAMPLES / sample, self.dir / name))
 
-    def host(self, *arguments, code=0):
-        run = subprocess.run([HOST, *map(str, arguments)], capture_output=True, cwd=self.dir)
+    def host(self, *arguments, code=0, stdin=None):
+        run = subprocess.run([HOST, *map(str, arguments)], capture_output=True, cwd=self.dir,
+                             input=stdin)
         self.assertEqual(run.returncode, code, (arguments, run.stdout[-600:], run.stderr[-600:]))
         return run
 
@@ -156,6 +157,25 @@ class HostTest(unittest.TestCase):
             run = self.host("read", self.clip, "-o", output, code=1)
             self.assertIn(b"would be lost", run.stderr)
         self.assertEqual(self.dir_file.read_bytes(), directory)
+        # The edits of a file that is gone would go to whatever takes its name.
+        other, left = self.dir / "b.mp3", self.dir / "b.DIR"
+        shutil.copy(self.dir_file, left)
+        for command in (("read", self.clip, "-o", other), ("record", "--new", other),
+                        ("edit", self.clip, "read", "1s", other), ("map", self.clip, "--svg", other)):
+            run = self.host(*command, code=1, stdin=self.clip_audio)
+            self.assertIn(b"would be lost", run.stderr)
+            self.assertFalse(other.exists())
+            self.host(*command, "--force", stdin=self.clip_audio)
+            self.assertTrue(other.exists())
+            self.assertEqual(left.with_name("b.DIR.bad").read_bytes(), directory)
+            left.with_name("b.DIR.bad").rename(left)
+            other.unlink()
+        for place in ("a.wav", "a.svg"):  # which its own edits can't go to
+            self.host("read", self.file, "-o", self.dir / place)
+        for command in (("read", self.clip, "--from", "1h", "-o", "out"),
+                        ("record", self.clip, "--at", "1h")):
+            run = self.host(*command, stdin=self.clip_audio)
+            self.assertIn(b"is beyond the end of", run.stderr)
         text = self.host("edit", "--backup", self.file, "seek", 300, "delete", 1000).stdout.decode()
         self.assertIn("did not close: 2 blocks in", text)
         closed = len(audio_of(self.file))  # in whole frames
