@@ -45,6 +45,7 @@ public:
 
 private:
     InputFile(std::filesystem::path path, Descriptor file);
+    [[noreturn]] static void fail(std::filesystem::path const& path, std::string const& words);
 
     std::filesystem::path m_path;
     Descriptor m_file;

@@ -18,10 +18,6 @@ namespace {
 
 char const* const kAccessList = "system.posix_acl_access";
 
-[[noreturn]] void fail_to_read(std::filesystem::path const& path, std::string const& words) {
-    throw Failure("open file", path.string(), FFD_FILE_IO_ERROR, words);
-}
-
 // Without O_NONBLOCK the open of a pipe would wait.
 int open_to_read(std::filesystem::path const& path, int flags) {
     return open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | flags);
@@ -52,18 +48,6 @@ void restrict_as(int file, int like, mode_t mask) {
     fchmod(file, mode & ~mask);
 }
 
-Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
-    if (this != &other) {
-        close();
-        m_number = other.release();
-    }
-    return *this;
-}
-
-int Descriptor::release() {
-    return std::exchange(m_number, -1);
-}
-
 bool Descriptor::close() {
     int const number = release();
     return number < 0 || ::close(number) == 0;
@@ -77,10 +61,10 @@ InputFile::InputFile(std::filesystem::path path, Descriptor file)
     struct stat status {};
     if (m_file.number() < 0 || fstat(m_file.number(), &status) != 0) {
         bool const isLink = errno == ELOOP;
-        fail_to_read(m_path, isLink ? "it is a symbolic link" : std::strerror(errno));
+        fail(m_path, isLink ? "it is a symbolic link" : std::strerror(errno));
     }
     if (!S_ISREG(status.st_mode)) {
-        fail_to_read(m_path, "it is no regular file");
+        fail(m_path, "it is no regular file");
     }
     m_size = static_cast<uint64_t>(status.st_size);
 }
@@ -138,18 +122,6 @@ void OutputFile::write(std::span<uint8_t const> bytes) {
         }
         bytes = bytes.subspan(count > 0 ? static_cast<size_t>(count) : 0);
     }
-}
-
-void OutputFile::close() {
-    if (!m_file.close()) {
-        fail();
-    }
-}
-
-void OutputFile::fail() const {
-    throw Failure("write output", m_name.empty() ? "standard output" : m_name, FFD_FILE_IO_ERROR,
-                  std::string("the output cannot be written: ") + std::strerror(errno),
-                  "Check the permissions of the output, and that the disk is not full.");
 }
 
 } // namespace ffdhost

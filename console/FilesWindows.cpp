@@ -18,10 +18,6 @@ namespace {
 constexpr int kStandardOutput = 1;
 constexpr size_t kMostAtOnce = size_t{1} << 30;
 
-[[noreturn]] void fail_to_read(std::filesystem::path const& path, std::string const& words) {
-    throw Failure("open file", path.string(), FFD_FILE_IO_ERROR, words);
-}
-
 int open_to_read(std::filesystem::path const& path) {
     return _wopen(path.c_str(), _O_RDONLY | _O_BINARY | _O_NOINHERIT);
 }
@@ -32,18 +28,6 @@ bool is_no_regular_file(std::filesystem::path const& path) {
     std::error_code error;
     auto const status = std::filesystem::status(path, error);
     return std::filesystem::exists(status) && !std::filesystem::is_regular_file(status);
-}
-
-Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
-    if (this != &other) {
-        close();
-        m_number = other.release();
-    }
-    return *this;
-}
-
-int Descriptor::release() {
-    return std::exchange(m_number, -1);
 }
 
 bool Descriptor::close() {
@@ -58,10 +42,10 @@ InputFile::InputFile(std::filesystem::path path, Descriptor file)
     : m_path(std::move(path)), m_file(std::move(file)) {
     struct _stat64 status {};
     if (m_file.number() < 0 || _fstat64(m_file.number(), &status) != 0) {
-        fail_to_read(m_path, std::strerror(errno));
+        fail(m_path, std::strerror(errno));
     }
     if ((status.st_mode & _S_IFMT) != _S_IFREG) {
-        fail_to_read(m_path, "it is no regular file");
+        fail(m_path, "it is no regular file");
     }
     m_size = static_cast<uint64_t>(status.st_size);
 }
@@ -73,7 +57,7 @@ std::optional<InputFile> InputFile::find_own(std::filesystem::path const& path) 
         return std::nullopt;
     }
     if (!std::filesystem::is_regular_file(status)) {
-        fail_to_read(path, "it is no regular file");
+        fail(path, "it is no regular file");
     }
     return InputFile(path);
 }
@@ -122,18 +106,6 @@ void OutputFile::write(std::span<uint8_t const> bytes) {
         }
         bytes = bytes.subspan(static_cast<size_t>(count));
     }
-}
-
-void OutputFile::close() {
-    if (!m_file.close()) {
-        fail();
-    }
-}
-
-void OutputFile::fail() const {
-    throw Failure("write output", m_name.empty() ? "standard output" : m_name, FFD_FILE_IO_ERROR,
-                  std::string("the output cannot be written: ") + std::strerror(errno),
-                  "Check the permissions of the output, and that the disk is not full.");
 }
 
 } // namespace ffdhost
