@@ -15,15 +15,6 @@ namespace {
 
 constexpr uint32_t kProbeSize = 1024; // bytes of audio that tell where the audio begins
 
-std::string mpeg_version(uint8_t const* header) {
-    static char const* const versions[] = {"2.5", "", "2", "1"};
-    return versions[ffd_frame_version(header)];
-}
-
-unsigned mpeg_layer(uint8_t const* header) {
-    return 4U - ffd_frame_layer(header);
-}
-
 // The driver does not tell where the first frame lies, but it gives its bytes: the first place
 // behind the tags that holds them is where it found them.
 uint32_t find_audio(std::string const& path, std::vector<uint8_t> const& firstBytes,
@@ -62,6 +53,15 @@ uint32_t find_audio(std::string const& path, std::vector<uint8_t> const& firstBy
 }
 
 } // namespace
+
+std::string mpeg_version(uint8_t const* header) {
+    static char const* const versions[] = {"2.5", "", "2", "1"};
+    return versions[ffd_frame_version(header)];
+}
+
+unsigned mpeg_layer(uint8_t const* header) {
+    return 4U - ffd_frame_layer(header);
+}
 
 std::unique_ptr<SoundFile> open_for_reading(Driver const& driver, std::string const& path) {
     std::error_code error;

@@ -10,11 +10,15 @@
 
 namespace ffdhost {
 
+// Of a usable frame header: "1", "2" or "2.5", and 1 to 3.
+std::string mpeg_version(uint8_t const* header);
+unsigned mpeg_layer(uint8_t const* header);
+
 struct StreamFormat {
     WaveFormat wave;
     // From the header of the first frame.
-    std::string mpegVersion; // "1", "2" or "2.5"
-    unsigned layer;          // 1 to 3
+    std::string mpegVersion;
+    unsigned layer;
 };
 
 struct StreamView {

@@ -3,6 +3,8 @@
 #include "Bytes.h"
 #include "console/Output.h"
 
+#include <ffd_frames.h>
+
 #include <algorithm>
 #include <deque>
 #include <optional>
@@ -12,9 +14,6 @@ namespace ffdhost {
 
 namespace {
 
-constexpr uint64_t kId3v2HeaderSize = 10;
-constexpr uint64_t kId3v1Size = 128;
-constexpr uint64_t kApeHeaderSize = 32;
 constexpr uint64_t kLyrics3EndSize = 9;   // "LYRICS200" or "LYRICSEND"
 constexpr uint64_t kLyrics3SizeField = 6; // decimal digits in front of "LYRICS200"
 constexpr uint64_t kLyrics3v1Longest = 5100 + 20;
@@ -25,19 +24,12 @@ std::string_view text_of(std::vector<uint8_t> const& bytes) {
 }
 
 std::optional<Region> id3v2_at(InputFile const& file, uint64_t fileOffset, uint64_t fileSize) {
-    std::vector<uint8_t> const header = file.read_at(fileOffset, kId3v2HeaderSize);
-    if (header.size() < kId3v2HeaderSize || !text_of(header).starts_with("ID3")) {
+    std::vector<uint8_t> const header = file.read_at(fileOffset, FFD_ID3V2_HEADER_SIZE);
+    if (header.size() < FFD_ID3V2_HEADER_SIZE) {
         return std::nullopt;
     }
-    if (header[3] > 4 || (header[5] & 0x0F) != 0 ||
-        ((header[6] | header[7] | header[8] | header[9]) & 0x80) != 0) {
-        return std::nullopt;
-    }
-    uint64_t const size =
-        kId3v2HeaderSize + ((header[5] & 0x10) != 0 ? kId3v2HeaderSize : 0) +
-        (static_cast<uint64_t>(header[6]) << 21 | static_cast<uint64_t>(header[7]) << 14 |
-         static_cast<uint64_t>(header[8]) << 7 | header[9]);
-    if (size > fileSize - fileOffset) {
+    uint64_t const size = ffd_id3v2_length(header.data());
+    if (size == 0 || size > fileSize - fileOffset) {
         return std::nullopt;
     }
     return Region{"ID3v2", "2." + std::to_string(header[3]) + "." + std::to_string(header[4]),
@@ -47,30 +39,30 @@ std::optional<Region> id3v2_at(InputFile const& file, uint64_t fileOffset, uint6
 // The tags that can end a file, each between `from` and `to`. A tag is recognised by its end.
 
 std::optional<Region> id3v1_before(InputFile const& file, uint64_t from, uint64_t to) {
-    if (to - from < kId3v1Size) {
+    if (to - from < FFD_ID3V1_SIZE) {
         return std::nullopt;
     }
-    std::vector<uint8_t> const tag = file.read_at(to - kId3v1Size, kId3v1Size);
-    if (tag.size() < kId3v1Size || !text_of(tag).starts_with("TAG")) {
+    std::vector<uint8_t> const tag = file.read_at(to - FFD_ID3V1_SIZE, FFD_ID3V1_SIZE);
+    if (tag.size() < FFD_ID3V1_SIZE || !text_of(tag).starts_with("TAG")) {
         return std::nullopt;
     }
     // Version 1.1 keeps a track number in the last byte of the comment, behind a 0.
     bool const hasTrack = tag[125] == 0 && tag[126] != 0;
-    return Region{"ID3v1", hasTrack ? "1.1" : "1.0", to - kId3v1Size, kId3v1Size};
+    return Region{"ID3v1", hasTrack ? "1.1" : "1.0", to - FFD_ID3V1_SIZE, FFD_ID3V1_SIZE};
 }
 
 std::optional<Region> ape_before(InputFile const& file, uint64_t from, uint64_t to) {
-    if (to - from < kApeHeaderSize) {
+    if (to - from < FFD_APE_HEADER_SIZE) {
         return std::nullopt;
     }
-    std::vector<uint8_t> const footer = file.read_at(to - kApeHeaderSize, kApeHeaderSize);
-    if (footer.size() < kApeHeaderSize || !text_of(footer).starts_with("APETAGEX")) {
+    std::vector<uint8_t> const footer = file.read_at(to - FFD_APE_HEADER_SIZE, FFD_APE_HEADER_SIZE);
+    if (footer.size() < FFD_APE_HEADER_SIZE || !text_of(footer).starts_with("APETAGEX")) {
         return std::nullopt;
     }
     bool const hasHeader = (le32(&footer[20]) & 0x80000000) != 0;
     // The size field counts items and footer, not the header.
-    uint64_t const size = le32(&footer[12]) + (hasHeader ? kApeHeaderSize : 0);
-    if (size < kApeHeaderSize || size > to - from) {
+    uint64_t const size = le32(&footer[12]) + (hasHeader ? FFD_APE_HEADER_SIZE : 0);
+    if (size < FFD_APE_HEADER_SIZE || size > to - from) {
         return std::nullopt;
     }
     return Region{"APE", le32(&footer[8]) == 1000 ? "1" : "2", to - size, size};
@@ -114,15 +106,6 @@ Region other(uint64_t from, uint64_t to) {
 }
 
 } // namespace
-
-std::vector<uint8_t> read_at(std::istream& file, uint64_t fileOffset, size_t size) {
-    std::vector<uint8_t> bytes(size);
-    file.clear();
-    file.seekg(static_cast<std::streamoff>(fileOffset));
-    file.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(size));
-    bytes.resize(static_cast<size_t>(file.gcount()));
-    return bytes;
-}
 
 uint64_t end_of_front_tags(InputFile const& file) {
     uint64_t end = 0;

@@ -5,7 +5,6 @@
 #include "console/Files.h"
 
 #include <cstdint>
-#include <istream>
 #include <string>
 #include <vector>
 
@@ -35,8 +34,5 @@ Regions regions_in_front(InputFile const& file, uint64_t firstFrameOffset);
 
 // All bytes from the end of the audio to that of the file, tags and other.
 Regions regions_behind(InputFile const& file, uint64_t fileSize, uint64_t audioEndOffset);
-
-// Reads up to `size` bytes; shorter at the end of the file.
-std::vector<uint8_t> read_at(std::istream& file, uint64_t fileOffset, size_t size);
 
 } // namespace ffdhost

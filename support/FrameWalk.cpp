@@ -13,7 +13,6 @@ namespace {
 using Header = FrameCounter::Header;
 
 constexpr uint64_t kLargestOffset = 0xFFFFFFFF; // where the driver ends to count
-constexpr uint64_t kId3v1Size = 128;
 
 uint32_t be32(uint8_t const* bytes) {
     return static_cast<uint32_t>(bytes[0]) << 24 | static_cast<uint32_t>(bytes[1]) << 16 |
@@ -35,26 +34,16 @@ std::vector<uint8_t> read_at(dry::Contents const& file, uint64_t fileOffset, siz
     return bytes;
 }
 
-std::string mpeg_version(Header const& header) {
-    static char const* const kVersions[] = {"2.5", "", "2", "1"};
-    return kVersions[ffd_frame_version(header.data())];
-}
-
-unsigned layer(Header const& header) {
-    return 4 - ffd_frame_layer(header.data());
-}
-
 uint32_t length_of(Header const& header) {
-    return frame_length(frame_bitrate(header.data()), frame_length_factor(header.data()),
-                        frame_sampling_rate(header.data()), frame_padding(header.data()));
+    return frame_length(header.data());
 }
 
 StreamFormat format_of(Header const& header) {
-    uint32_t const bytesPerSecond = uint32_t{frame_bitrate(header.data())} / 8 * 1000;
-    return {{frame_channels(header.data()), frame_sampling_rate(header.data()), bytesPerSecond,
+    return {{frame_channels(header.data()), frame_sampling_rate(header.data()),
+             frame_bytes_per_second(frame_bitrate(header.data())),
              static_cast<uint16_t>(length_of(header) - frame_padding(header.data()))},
-            mpeg_version(header),
-            layer(header)};
+            mpeg_version(header.data()),
+            mpeg_layer(header.data())};
 }
 
 std::vector<FrameDifference> differences_of(Header const& found, Header const& expected) {
@@ -69,8 +58,8 @@ std::vector<FrameDifference> differences_of(Header const& found, Header const& e
                                      char const* unit) {
         compare(what, std::to_string(ofExpected) + unit, std::to_string(ofFound) + unit);
     };
-    compare("MPEG version", mpeg_version(expected), mpeg_version(found));
-    compare_numbers("layer", layer(expected), layer(found), "");
+    compare("MPEG version", mpeg_version(expected.data()), mpeg_version(found.data()));
+    compare_numbers("layer", mpeg_layer(expected.data()), mpeg_layer(found.data()), "");
     compare_numbers("sampling rate", frame_sampling_rate(expected.data()),
                     frame_sampling_rate(found.data()), " Hz");
     compare_numbers("bitrate", frame_bitrate(expected.data()), frame_bitrate(found.data()),
@@ -163,10 +152,10 @@ void FrameCounter::note_end(dry::Contents const& file) {
     if (end > m_walk.fileSize) {
         m_walk.cut = {m_walk.frames, m_lastFrameOffset, end - m_walk.fileSize, false};
     }
-    if (m_walk.fileSize < m_lastFrameOffset + kId3v1Size) {
+    if (m_walk.fileSize < m_lastFrameOffset + FFD_ID3V1_SIZE) {
         return;
     }
-    uint64_t const tag = m_walk.fileSize - kId3v1Size;
+    uint64_t const tag = m_walk.fileSize - FFD_ID3V1_SIZE;
     if (tag > m_lastFrameOffset && tag < end && begins_with(read_at(file, tag, 3), "TAG")) {
         m_walk.cut = {m_walk.frames, m_lastFrameOffset, end - tag, true};
     }
@@ -174,9 +163,7 @@ void FrameCounter::note_end(dry::Contents const& file) {
 
 void FrameCounter::note_info_frame(dry::Contents const& file) {
     std::vector<uint8_t> const frame = read_at(file, m_walk.firstFrameOffset, length_of(m_first));
-    bool const mono = frame_channels(m_first.data()) == 1;
-    size_t const sideInfo = frame_is_mpeg1(m_first.data()) ? (mono ? 17 : 32) : (mono ? 9 : 17);
-    size_t const xing = m_first.size() + sideInfo;
+    size_t const xing = ffd_info_offset(m_first.data());
     size_t const vbri = m_first.size() + 32;
     auto const has = [&](size_t place, std::string_view text, size_t size) {
         return frame.size() >= place + size &&

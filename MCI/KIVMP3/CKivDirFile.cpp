@@ -47,7 +47,7 @@ void CKivDirFile::create_directory_mapping(LPCSTR pszFilePath_p, FFDCreation ffd
     }
     DWORD dwFileSize = 0;
     if (ffdCreation_p == FFD_OPEN_EXISTING && open_existing_file(&dwFileSize)) {
-        m_dwDirSize = std::max(dwFileSize, DIR_FILE_SIZE);
+        m_dwDirSize = get_buffer_size(dwFileSize);
         allocate_buffer(dwFileSize);
         if (!is_damaged(dwFileSize)) {
             clear_behind_end();
@@ -446,11 +446,6 @@ FFDError CKivDirFile::delete_directory_file() {
 FFDError CKivDirFile::set_directory_file_aside() {
     FFDError const ffdError = close_dir_file();
     return set_other_file_aside() ? ffdError : FFD_FILE_IO_ERROR;
-}
-
-bool CKivDirFile::is_new_directory() const {
-    return m_psDirHeader[0].Status == 0 ||
-           (m_psDirHeader[0].Endpos == 0 && m_psDirHeader[1].Status == 0);
 }
 
 void CKivDirFile::set_first_entry(DWORD dwEndpos_p) {

@@ -40,6 +40,7 @@ struct DirEntry {
 
     DWORD size() const { return Endpos - Startpos; }
     bool is_deleted() const;
+    bool is_undoable() const;                                     // and deleted
     DWORD live_size() const { return is_deleted() ? 0 : size(); } // bytes in the dictation
 };
 static_assert(sizeof(DirEntry) == 12);
@@ -56,6 +57,9 @@ constexpr BYTE DIR_STATUS_UNDOABLE = DIR_ENTRY_USED | DIR_ENTRY_DELETED | DIR_EN
 
 inline bool DirEntry::is_deleted() const {
     return (Status & DIR_ENTRY_DELETED) != 0;
+}
+inline bool DirEntry::is_undoable() const {
+    return (Status & DIR_ENTRY_UNDOABLE) != 0;
 }
 
 constexpr DWORD DIR_FILE_SIZE = 65536;                 // bytes of a new directory
@@ -160,8 +164,19 @@ public:
         m_bOnDisk = false;
     }
 
-    // Whether the directory names no audio yet: no entry, or one that ends at audio position 0.
-    bool is_new_directory() const;
+    bool is_new_directory() const { return is_new_directory(m_psDirHeader); }
+
+    // How many bytes a .DIR file of dwFileSize_p bytes is read into; those that it lacks are 0.
+    static DWORD get_buffer_size(DWORD dwFileSize_p);
+
+    // Whether a .DIR file that was read so can be a directory. FFD_FILE_IO_ERROR if not, with the
+    // reason as it is traced in *ppszDamage_p; FFD_ERROR_OUTOFMEMORY if that could not be found
+    // out.
+    static FFDError judge_dir_file(DirEntry const* psEntries_p, DWORD dwFileSize_p,
+                                   LPCSTR* ppszDamage_p);
+
+    // Whether entries name no audio yet: there is none, or one that ends at audio position 0.
+    static bool is_new_directory(DirEntry const* psEntries_p);
 
     // Whether entries that come from a file can stand in a directory: each with a Status that
     // occurs, nothing reserved set, and no two that overlap. FFD_FILE_IO_ERROR if not,

@@ -46,31 +46,46 @@ bool is_sound(DirEntry const& rEntry_p) {
 
 } // namespace
 
+DWORD CKivDirFile::get_buffer_size(DWORD dwFileSize_p) {
+    return std::max(dwFileSize_p, DIR_FILE_SIZE);
+}
+
+bool CKivDirFile::is_new_directory(DirEntry const* psEntries_p) {
+    return psEntries_p[0].Status == 0 || (psEntries_p[0].Endpos == 0 && psEntries_p[1].Status == 0);
+}
+
 bool CKivDirFile::is_damaged(DWORD dwFileSize_p) const {
-    BYTE const* const pbyBuffer = reinterpret_cast<BYTE const*>(m_psDirHeader);
+    LPCSTR pszDamage = nullptr;
+    FFDError const ffdError = judge_dir_file(m_psDirHeader, dwFileSize_p, &pszDamage);
+    if (ffdError == FFD_ERROR_OUTOFMEMORY) {
+        throw FFDError{ffdError};
+    }
+    if (ffdError != FFD_NOERROR) {
+        TRACE_ERROR(ffdError, pszDamage);
+    }
+    return ffdError != FFD_NOERROR;
+}
+
+FFDError CKivDirFile::judge_dir_file(DirEntry const* psEntries_p, DWORD dwFileSize_p,
+                                     LPCSTR* ppszDamage_p) {
+    BYTE const* const pbyBuffer = reinterpret_cast<BYTE const*>(psEntries_p);
     DWORD dwEntries = 0;
     for (;; ++dwEntries) {
         DWORD const dwOffset = dwEntries * static_cast<DWORD>(sizeof(DirEntry));
-        if (dwOffset >= m_dwDirSize) {
-            TRACE_ERROR(FFD_FILE_IO_ERROR, "dir file is damaged: no terminating entry");
-            return true;
+        if (dwOffset >= get_buffer_size(dwFileSize_p)) {
+            *ppszDamage_p = "dir file is damaged: no terminating entry";
+            return FFD_FILE_IO_ERROR;
         }
         if (pbyBuffer[dwOffset] == 0) {
             break;
         }
         if (dwOffset + sizeof(DirEntry) > dwFileSize_p) {
-            TRACE_ERROR(FFD_FILE_IO_ERROR, "dir file is damaged: entry cut by the end of the file");
-            return true;
+            *ppszDamage_p = "dir file is damaged: entry cut by the end of the file";
+            return FFD_FILE_IO_ERROR;
         }
     }
-    FFDError const ffdError = check_entries(m_psDirHeader, dwEntries);
-    if (ffdError == FFD_ERROR_OUTOFMEMORY) {
-        throw FFDError{ffdError};
-    }
-    if (ffdError != FFD_NOERROR) {
-        TRACE_ERROR(ffdError, "dir file is damaged: bad entries");
-    }
-    return ffdError != FFD_NOERROR;
+    *ppszDamage_p = "dir file is damaged: bad entries";
+    return check_entries(psEntries_p, dwEntries);
 }
 
 FFDError CKivDirFile::check_entries(DirEntry const* psEntries_p, DWORD dwEntries_p) {

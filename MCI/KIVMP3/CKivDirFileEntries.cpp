@@ -85,7 +85,7 @@ DirEntry* CKivDirFile::insert_dir_entry(DirEntry const* pdirEntryNew_p, DirEntry
 bool CKivDirFile::clear_undoable(BYTE byStatus_p) {
     bool bFound = false;
     for (DirEntry* pEntry = m_psDirHeader; pEntry->Status != 0; ++pEntry) {
-        if ((pEntry->Status & DIR_ENTRY_UNDOABLE) != 0) {
+        if (pEntry->is_undoable()) {
             pEntry->Status = byStatus_p;
             bFound = true;
         }

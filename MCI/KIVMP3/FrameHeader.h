@@ -53,6 +53,9 @@ inline DWORD frame_length(WORD wBitrate_p, DWORD dwFactor_p, DWORD dwSamplingRat
 inline DWORD frame_length(BYTE const* pbyHeader_p) {
     return ffd_frame_length(pbyHeader_p);
 }
+inline DWORD frame_bytes_per_second(WORD wBitrate_p) {
+    return DWORD{wBitrate_p} / 8 * 1000;
+}
 
 // Judges four bytes: FFD_NOERROR for a usable header, FFD_NO_MORE_FRAMES for the beginning of a tag
 // ("ID3", "TAG", "APE"), FFD_INVALID_FORMAT for anything else. No second frame is looked for.

@@ -296,7 +296,7 @@ void CKivmp3::note_bitrate(WORD wBitrate_p, DWORD dwActualPosition_p) {
 
 // Seen in the trace of the open only, which ends with FFD_NOT_SUPPORTED.
 void CKivmp3::lower_rate_of_variable_bitrate(DWORD dwFactor_p) {
-    m_ffdSampinfo.nAvgBytesPerSec = DWORD{m_wLowestBitrate} / 8 * 1000;
+    m_ffdSampinfo.nAvgBytesPerSec = frame_bytes_per_second(m_wLowestBitrate);
     m_pWfx->wfx.nAvgBytesPerSec = m_ffdSampinfo.nAvgBytesPerSec;
     m_pWfx->nBlockSize =
         static_cast<WORD>(m_wLowestBitrate * dwFactor_p / m_ffdSampinfo.dwSamplingRate & 0xFFFF);

@@ -271,7 +271,7 @@ void CKivmp3::set_codingtype_and_sampleinfo() {
     m_ffdSampinfo.wBitsPerSample = 0;
     m_ffdSampinfo.dwSamplingRate = frame_sampling_rate(m_byFrameHeader);
     m_ffdSampinfo.wBlockAlign = 1;
-    m_ffdSampinfo.nAvgBytesPerSec = DWORD{frame_bitrate(m_byFrameHeader)} / 8 * 1000;
+    m_ffdSampinfo.nAvgBytesPerSec = frame_bytes_per_second(frame_bitrate(m_byFrameHeader));
     m_byCodtype = CODING_TYPE_MP3;
 }
 
