@@ -61,7 +61,7 @@ public:
     OutputFile(std::string name, std::filesystem::path const& privateAs);
 
     void write(std::span<uint8_t const> bytes);
-    // To be called behind the last write: only then everything is known to be written.
+    // To be called after the last write: only then everything is known to be written.
     void close();
 
 private:

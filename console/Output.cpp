@@ -37,7 +37,7 @@ bool wants_colour(Stream stream) {
     return (noColour == nullptr || *noColour == '\0') && terminal_has_colours(stream);
 }
 
-// The name of the program in front of what it has to complain about.
+// The name of the program, before what it has to complain about.
 char const* program_name(bool failed) {
     if (!wants_colour(Stream::Error)) {
         return "ffdhost:";

@@ -99,7 +99,7 @@ private:
     std::chrono::steady_clock::time_point m_next;
 };
 
-// The same for one call that tells nothing of itself before it is done.
+// The same for one call that reports nothing before it is done.
 class Waiting {
 public:
     explicit Waiting(std::string label);

@@ -24,7 +24,7 @@ std::string from_driver(std::string const& name);
 // The name under which the driver is built on this system.
 extern char const* const kDriverFileName;
 
-// What a file name alone can't hold.
+// The letters that separate the parts of a path.
 extern char const* const kNameSeparators;
 
 // Whether commands are typed into a shell of Windows.

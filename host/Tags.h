@@ -1,5 +1,5 @@
-// What stands in a sound file in front of its audio and behind it. The driver leaves these bytes
-// alone; it does not name them either.
+// What stands in a sound file in front of its audio and behind it. The driver neither touches
+// these bytes nor names them.
 #pragma once
 
 #include "console/Files.h"

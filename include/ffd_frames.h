@@ -357,7 +357,7 @@ static inline uint32_t ffd_frames_tag(FFDFrames const* frames, uint8_t const* by
         return ffd_id3v2_length(bytes);
     }
     if (!frames->bBorder || count < FFD_APE_HEADER_SIZE) {
-        return 0; /* three letters alone are too little elsewhere */
+        return 0; /* elsewhere three letters are not enough */
     }
     return memcmp(bytes, "TAG", 3) == 0 ? FFD_ID3V1_SIZE : ffd_ape_length(bytes);
 }

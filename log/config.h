@@ -1,7 +1,7 @@
 // The state of the log in this process: what decides, how much passes, and where it goes.
 //
 // The environment variable XKIVLOG is read once, at the first call of any kind. If it is set and
-// not empty it decides alone; otherwise the initialisation file of the last LogInit does.
+// not empty, only it decides; otherwise the initialisation file of the last LogInit does.
 #pragma once
 
 #include "log/settings.h"
@@ -10,7 +10,7 @@ namespace xkivlog {
 
 // The highest level that is written, as a number. Starts at the top, so that the first call, which
 // may come before LogInit and before any constructor, takes the slow path and finds out. Read and
-// written with the atomic builtins alone: the entry points that hold a variable argument list are
+// written only with the atomic builtins: the entry points that hold a variable argument list are
 // compiled without floating point registers, and std::atomic cannot be inlined into those.
 extern int gate;
 

@@ -21,13 +21,13 @@ struct TraceCall {
 class Listener {
 public:
     virtual ~Listener() = default;
-    // The texts are there during the call only.
+    // The texts are valid only during the call.
     virtual void on_trace(TraceCall const& call) = 0;
     // A frame that the walk of an open counts, with the four bytes of its header.
     virtual void on_frame(uint32_t dwFileOffset, uint8_t const* pbyHeader) = 0;
 };
 
-// From now on this one listens; null: nobody. It must outlive its listening.
+// From now on this one listens; null: nobody. It must live until it no longer does.
 void listen(Listener* pListener);
 
 void tell_frame(uint32_t dwFileOffset, uint8_t const* pbyHeader);

@@ -1,6 +1,6 @@
-// The seven operations as a driver calls them that is linked into a program and only pretends
-// (KIV_PLATFORM_DRY): under names of its own, since the driver that ships may be loaded beside it
-// with the log library. Included by xkivlog.h.
+// The seven operations for a driver that is linked into a program and only pretends
+// (KIV_PLATFORM_DRY). They have names of their own, since the driver that ships may be loaded
+// beside it with the log library. Included by xkivlog.h.
 #pragma once
 
 #define LogInit DryLogInit

@@ -12,13 +12,13 @@ inline constexpr size_t kMaxLine = 2048;
 // Longest text or value; what is cut ends in "...".
 inline constexpr size_t kMaxText = 1024;
 
-// A zero-terminated text of which no more is looked at than is needed to see that it is cut.
+// A zero-terminated text, looked at only as far as is needed to see that it is cut.
 // "(null)" for null.
 std::string_view bounded(char const* text, size_t limit = kMaxText);
 
 class Line {
 public:
-    // Appends at most `limit` bytes, and the mark if there are more. Control characters come out as
+    // Appends at most `limit` bytes, and the mark if there are more. Control characters become
     // '?': a text must not be able to start a line of its own.
     void append(std::string_view text, size_t limit = kMaxText);
 

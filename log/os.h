@@ -34,7 +34,7 @@ uint64_t process_id();
 uint64_t thread_id();
 
 // The system's text for the calling thread's error number. Never null. The next call may overwrite
-// it: under the mutex alone.
+// it: call this only under the mutex.
 char const* error_text();
 
 // A descriptor that appends to the file, made if need be, and that no program started later
@@ -58,7 +58,7 @@ bool write_line(int descriptor, char const* line, size_t length);
 // Writes to standard error as it stands; on Windows not into a pipe.
 void complain(char const* line, size_t length);
 
-// Tells whether a file is still the one that was read.
+// Says whether a file is still the one that was read.
 struct FileStamp {
     bool exists = false;
     uint64_t device = 0;

@@ -39,7 +39,7 @@ int move_above_standard(int descriptor) {
 }
 
 // Keeps a write from ending the process: a pipe without a reader raises SIGPIPE, a file at the
-// limit of its size SIGXFSZ. They are held back from this thread alone, and one that came is taken
+// limit of its size SIGXFSZ. They are held back only from this thread, and one that came is taken
 // away, unless it was there before. What the process does with them stays as the host has it.
 class HoldSignals {
 public:

@@ -119,7 +119,8 @@ bool may_take(HANDLE handle) {
 } // namespace
 
 int open_for_append(char const* path) {
-    // Access to append alone makes each write go to the end in one step, also between processes.
+    // The right to append and no other makes each write go to the end in one step, also between
+    // processes.
     HANDLE const handle =
         CreateFileA(path, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                     nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);

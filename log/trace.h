@@ -1,6 +1,6 @@
 // The trace calls as the driver's sources write them: each names its module by TRACE_MODULE, a
 // constant that the source defines, and adds its own place. Every call is made and every argument
-// evaluated, whether the log is on or off: the library alone decides what becomes of it.
+// evaluated, whether the log is on or off: only the library decides what becomes of it.
 //
 // Any call may change the thread's last error: an error number is taken before it.
 //
@@ -21,7 +21,7 @@
 #define TRACE_VALUE(name, format, value) LogValue(TRACE_AT, name, format, value)
 #define TRACE_ERROR(code, text) LogError(TRACE_AT, static_cast<uint32_t>(code), text)
 
-// No call of the log: a driver that only pretends tells of each frame that its walk counts.
+// No call of the log: a driver that only pretends reports each frame that its walk counts.
 #if defined(KIV_PLATFORM_DRY)
 #include "log/dry_log.h"
 #define TELL_FRAME(dwFileOffset, pbyHeader) dry::tell_frame(dwFileOffset, pbyHeader)

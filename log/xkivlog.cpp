@@ -1,4 +1,4 @@
-// The seven operations. Each is a comparison with the gate; all work stands out of line behind it,
+// The seven operations. Each is a comparison with the gate; all work is out of line behind it,
 // so that a call of a log that is off costs next to nothing. The driver logs whole directories
 // around every edit.
 #include "log/xkivlog.h"
@@ -37,8 +37,8 @@ struct Place {
     int line;
 };
 
-// The first call of the process passes the gate whatever its level, so the answer is asked again
-// behind the configuration.
+// The first call of the process passes the gate whatever its level, so the gate is asked again
+// after the configuration.
 bool is_wanted(Level level) {
     xkivlog::ensure_configured();
     return !XKIVLOG_IS_OFF(level);

@@ -7,7 +7,7 @@
 //
 // Every call begins with the place it comes from: the module tag ("XKIVMP3.DLL" or "XKIVFBASE"),
 // the path of the source file, and the line. Texts are narrow and zero-terminated and are read
-// during the call only.
+// only during the call.
 //
 // LogParam and LogValue take a printf format with exactly one conversion, and its value. In that
 // format `l` is a 32-bit width on every platform ("%ld", "%lu" convert a 32-bit value), and "%Fp"

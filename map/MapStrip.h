@@ -10,7 +10,7 @@ namespace ffdhost {
 struct StripStyle {
     unsigned width; // columns
     bool colour;    // with escape sequences
-    bool utf8;      // else ASCII alone
+    bool utf8;      // else only ASCII
 };
 
 // The lane, so many columns wide, time marks below it, and a key to what differs from plain audio.

@@ -3,9 +3,9 @@
 // opens, edits and closes as ever, and nothing on the disk has changed when it is done.
 //
 // It tests what other programs claim, and claims nothing itself. What is made, written, renamed or
-// removed is there for every later call, of this layer alone. Copies are kept as references to the
-// file that they come from, and so is what is written just as it was read; other bytes are held in
-// memory.
+// removed is there for every later call, but only of this layer. Copies are kept as references to
+// the file that they come from, and so is what is written just as it was read; other bytes are held
+// in memory.
 //
 // One process, one thread, one state. For tests the disk underneath can be an empty one.
 #pragma once

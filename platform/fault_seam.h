@@ -23,7 +23,7 @@ DWORD halved(DWORD dwBytesAsked);
 // The error of the rule that halved the present call, else NO_ERROR.
 DWORD halved_error();
 
-// Counts a change of the disk that is about to be made, or ends the process in front of it.
+// Counts a change of the disk that is about to be made, or ends the process before it.
 void before_change();
 
 // Puts the pretended free space, if there is one, in the place of the true one.

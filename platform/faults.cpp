@@ -1,4 +1,4 @@
-// The rules and counts behind the fault seam. Compiled into the test build alone.
+// The rules and counts of the fault seam. Compiled only into the test build.
 #include "platform/fault_seam.h"
 
 #include <array>

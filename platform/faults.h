@@ -46,7 +46,7 @@ void reset();
 // How many calls of the kind there were since reset.
 unsigned count(Call call);
 
-// The nth call from now on, and the `times` - 1 behind it, does nothing and fails with the error.
+// The nth call from now on, and the `times` - 1 after it, does nothing and fails with the error.
 void fail(Call call, unsigned nth, DWORD dwError, unsigned times = 1);
 
 // The nth ReadFile, WriteFile or CopyBytes from now on (Any: of all) moves half of its bytes. A
@@ -54,7 +54,7 @@ void fail(Call call, unsigned nth, DWORD dwError, unsigned times = 1);
 // 0, succeeds with the smaller count.
 void halve(Call call, unsigned nth, DWORD dwError);
 
-// The process ends at once, without any clean-up, in front of the nth call from now on that changes
+// The process ends at once, without any clean-up, before the nth call from now on that changes
 // the disk: CreateFile that makes or empties a file, WriteFile, SetEndOfFile, DeleteFile, MoveFile,
 // CopyPermissions, CopyBytes. The exit code is 86.
 void stop_before_change(unsigned nth);
@@ -74,16 +74,16 @@ unsigned open_handles();
 unsigned heap_blocks();
 unsigned mapped_views();
 
-// Windows alone: from now on every file is encrypted that is opened, and of those that are made
+// Windows only: from now on every file is encrypted that is opened, and of those that are made
 // each that was asked to be, if bWorks.
 void pretend_encryption(bool bWorks);
 
-// Windows alone: a name outlives its removal, as if another program had the file open, until it has
+// Windows only: a name outlives its removal, as if another program had the file open, until it has
 // been met so many times. An open of it gives error 5 or 303, a removal 5, and a rename onto it 183
 // or 5.
 void linger_after_removal(unsigned nMeetings);
 
-// Windows alone: closes all handles, as the end of the process would, behind the back of whoever
+// Windows only: closes all handles, as the end of the process would, behind the back of whoever
 // opened them, and forgets what memory there was.
 void abandon_everything();
 

@@ -3,7 +3,7 @@
 // On Windows these are the platform's own calls. On Linux this layer gives the same operations
 // under the same names, with the same types, constants and outcomes, as far as the driver uses
 // them; what differs is told in docs/platform.md. The driver's sources are written against this
-// header alone and hold no other platform call.
+// header only and hold no other platform call.
 //
 // Every call reports a failure by its result and a per-thread error number that GetLastError gives.
 // The number is set on failure only: read it before anything else can change it.
@@ -295,7 +295,7 @@ bool PlatformSameFileName(LPCSTR pszName1, LPCSTR pszName2);
 bool PlatformNameOnDisk(LPCSTR pszPath, char (*pszName)[MAX_PATH]);
 
 // Makes a new file, as CreateFileA does with CREATE_NEW and FILE_ATTRIBUTE_NORMAL, that on Linux
-// its owner alone may read and write, whatever the umask. On Windows it has the access list of the
+// only its owner may read and write, whatever the umask. On Windows it has the access list of the
 // file behind hLike from the beginning, and is encrypted if that one is, or is not made (error
 // 6000); where hLike is null the folder decides.
 HANDLE PlatformCreatePrivateFile(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode,

@@ -1,7 +1,7 @@
 // Calls the library's entry point at load and at unload, where the loader of the system does not.
 //
 // It is done by an object rather than by constructor and destructor attributes: at the end of a
-// process those of an object run in front of the other static objects of the library, which the
+// process those of an object run before the other static objects of the library, which the
 // entry point may use, and not behind them. It must stand behind the object files of the library in
 // the link, so that those objects exist at attach.
 #include "platform/platform.h"

@@ -4,7 +4,7 @@
 // by the open file description: two handles of one process see each other, nothing is left behind
 // when a process dies, and closing one handle takes no lock from another.
 //
-// Whoever asks sets its own locks first and looks for those of others then. So two that do not
+// Whoever asks first sets its own locks and then looks for those of others. So two that do not
 // agree are never both let in, even where there is no gate; the gate keeps them from turning each
 // other away.
 #pragma once

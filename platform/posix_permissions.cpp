@@ -71,7 +71,7 @@ struct Kept {
     bool bGroup;
 };
 
-// The group alone may be in the process's hands.
+// The process may be allowed to set only the group.
 Kept give_owner(int fd, struct stat const& from) {
     constexpr uid_t SAME_OWNER = static_cast<uid_t>(-1);
     if (fchown(fd, from.st_uid, from.st_gid) == 0) {

@@ -9,7 +9,7 @@
 
 namespace {
 
-// Kept for its callers alone: nothing here ever asks the user a question.
+// Kept only for its callers: nothing here ever asks the user a question.
 constinit std::atomic<UINT> g_uErrorMode = 0;
 
 } // namespace

@@ -49,7 +49,7 @@ public:
         if (m_index == FLS_OUT_OF_INDEXES) {
             return &g_shared;
         }
-        // Both calls touch the last error, which a caller may ask for behind this.
+        // Both calls touch the last error, which a caller may ask for after this.
         DWORD const lastError = GetLastError();
         void* state = FlsGetValue(m_index);
         if (state == nullptr) {

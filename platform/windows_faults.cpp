@@ -1,4 +1,4 @@
-// The seam in front of the platform's own calls. Compiled into the test build alone.
+// The seam in front of the platform's own calls. Compiled only into the test build.
 #define KIV_PLATFORM_OWN_CALLS
 #include "platform/fault_seam.h"
 

@@ -40,7 +40,7 @@ bool get_attributes(HANDLE hFile, DWORD* pdwAttributes) {
 }
 
 // As it stands, with the marks of what was inherited: a list that is only handed to a new file gets
-// the folder's entries besides. This needs a right that the handle of the file itself has not.
+// the folder's entries besides. This needs a right that the handle of the file itself lacks.
 bool set_access_list(HANDLE hFile, PSECURITY_DESCRIPTOR pList) {
     SECURITY_DESCRIPTOR_CONTROL control = 0;
     DWORD dwRevision = 0;

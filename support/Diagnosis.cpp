@@ -197,7 +197,7 @@ void Findings::close() {
     if (m_next.status == FFD_NOERROR && m_next.close.status != FFD_NOERROR) {
         StatusText const status = status_text(m_next.close.status);
         attention("close_refused",
-                  "the close behind an open for writing fails with " + std::string(status.name) +
+                  "the close after an open for writing fails with " + std::string(status.name) +
                       " (" + std::to_string(m_next.close.status) + "): " +
                       (m_next.close.status == FFD_ERR_NOT_ENOUGH_DSPACE
                            ? "it needs " + bytes_text(m_next.walk->fileSize) + " of disk space, " +

@@ -1,5 +1,5 @@
-// What is wrong with a sound file, and what the next open for writing makes of it. Found by looking
-// alone.
+// What is wrong with a sound file, and what the next open for writing makes of it. Found only by
+// looking.
 #pragma once
 
 #include "console/Output.h"
@@ -14,7 +14,7 @@
 namespace ffdhost {
 
 struct Finding {
-    bool attention; // or it is worth knowing alone
+    bool attention; // or it is only worth knowing
     std::string code;
     std::string text;
     std::string advice;

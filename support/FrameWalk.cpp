@@ -107,7 +107,7 @@ void FrameCounter::note_different(Header const& header, uint64_t fileOffset) {
 }
 
 // Frames that the driver does not take for any stand in such a gap one behind the other from its
-// beginning. One header alone may be chance.
+// beginning. A single header may be chance.
 void FrameCounter::note_gap(dry::Contents const& file, uint64_t from, uint64_t to) {
     ++m_walk.gaps;
     m_walk.gapBytes += to - from;

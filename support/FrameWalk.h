@@ -74,7 +74,7 @@ class FrameCounter {
 public:
     using Header = std::array<uint8_t, 4>;
 
-    // A frame of the file with these contents, the next one behind those before.
+    // A frame of the file with these contents, in the order in which they lie.
     void add(dry::Contents const& file, uint64_t fileOffset, Header const& header);
 
     // Behind the last frame.

@@ -36,7 +36,7 @@ enum class DirState {
 struct Marker {
     std::filesystem::path path;
     uint64_t size; // bytes
-    // Whether the open settles the close that it tells of. Else it tells of none that is in the
+    // Whether the open settles the close that it records. Otherwise it records none that is in the
     // way, or the open sets it aside or removes it.
     bool settled;
     bool goes; // the open removes or renames it
@@ -73,7 +73,7 @@ struct NextOpen {
     FFDError status = FFD_NOERROR; // of the open
     std::string reason;            // if it fails
     bool inUse = false;            // it fails since another program has the file, or its .DIR file
-    std::vector<Step> steps;       // in order; also those in front of a failure
+    std::vector<Step> steps;       // in order; also those before a failure
     std::optional<Marker> marker;
     DirState directory = DirState::None;
     uint64_t directorySize = 0; // bytes of the .DIR file as it is now

@@ -1,4 +1,4 @@
-// What the driver traces while it opens and closes a file, as far as it tells why it does
+// What the driver traces while it opens and closes a file, as far as it says why it does
 // something.
 #pragma once
 
@@ -30,11 +30,11 @@ public:
     void on_trace(dry::TraceCall const& call) override;
     void on_frame(uint32_t fileOffset, uint8_t const* header) override;
 
-    // Why an open gives a status, in words; empty if nothing was traced that tells.
+    // Why an open gives a status, in words; empty if the trace does not say.
     std::string reason_of(FFDError status) const;
     // The error that was traced last, in the words of the trace.
     std::string const& last_error() const { return m_lastError; }
-    // What the driver traced last in front of a change of the disk, counted as dry::changes() has
+    // What the driver traced last before a change of the disk, counted as dry::changes() has
     // them.
     std::string reason_of_change(size_t change) const;
     std::string const& reason_of_rebuild() const { return m_rebuildReason; }
@@ -55,7 +55,7 @@ private:
 
     OnFrame m_onFrame;
     std::vector<Note> m_notes; // at most one for each count of changes
-    std::string m_refusal;     // in words, of the status behind it
+    std::string m_refusal;     // in words; of the status below
     FFDError m_refusalStatus = FFD_NOERROR;
     std::string m_lastError;
     std::string m_rebuildReason;

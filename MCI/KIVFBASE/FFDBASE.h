@@ -18,11 +18,11 @@ struct FFDSampleInfo {
 };
 
 // An operation that a format does not override answers FFD_NOT_SUPPORTED and touches no argument.
-// The meaning of the operations and their arguments stands in ffd.h. The virtual operations stand
-// in the order that the classes are built with; the table has an order of its own.
+// ffd.h says what the operations and their arguments mean. The virtual operations are declared in
+// the order that the classes are built with; the table has an order of its own.
 //
-// A driver object is always destroyed as the class that it was made as, so that no destructor is
-// virtual. Handles are released by FFDClose, never by a destructor.
+// A driver object is always destroyed as the class that it was made as, so no destructor needs to
+// be virtual. Handles are released by FFDClose, never by a destructor.
 class FFDBaseClass {
 public:
     FFDBaseClass(FFDBaseClass const&) = delete;

@@ -21,7 +21,7 @@
 //   - no two entries of a size above 0 overlap.
 //
 // For a file opened for writing the array is the image of the ".DIR" file beside the sound file
-// (docs/formats.md). For a file opened for reading it lives in memory alone and holds one entry.
+// (docs/formats.md). For a file opened for reading it lives only in memory and holds one entry.
 #pragma once
 
 #include "ffd.h"
@@ -91,7 +91,7 @@ struct DirDeletePlan {
     DirEntry* pdirBehind; // the one behind the last of the range
     bool bCutFirst;       // the first entry is cut: the range begins with its second part
     bool bCutLast;        // the last entry is cut: the range ends with its first part
-    DWORD dwFirstStart;   // dictation starts of the two, the last one's behind the first cut
+    DWORD dwFirstStart;   // dictation starts of the two, the last one's after the first cut
     DWORD dwLastStart;
     DWORD dwBytesInLast; // how many bytes of the range the last entry has, if it is cut
     DWORD dwBytesLeft;   // of the range behind the end of the dictation

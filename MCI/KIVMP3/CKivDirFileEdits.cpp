@@ -1,5 +1,5 @@
-// The edits of the dictation, which are edits of the directory alone; its repair after a crash; and
-// the question at close whether there was any edit.
+// The edits of the dictation, which are edits of the directory only; its repair after a crash; and
+// the question at close whether the file as it lies is the dictation.
 
 #include "MCI/KIVMP3/CKivDirFile.h"
 
@@ -51,8 +51,8 @@ DirInsertPlan CKivDirFile::plan_insert(DWORD dwCurrentPosInBytes, DWORD dwNewSta
         plan.dwNewEntries = 2;
         break;
     }
-    // Where an overwrite's delete begins there is a border by then; its end lies now where the same
-    // bytes end in front of the insert.
+    // By then there is a border where the delete of an overwrite begins; its end lies now where the
+    // same bytes end before the insert.
     if (bOverwrite_p && plan_delete(dwCurrentPosInBytes, dwLength_p).bCutLast) {
         ++plan.dwNewEntries;
     }
@@ -226,7 +226,7 @@ FFDError CKivDirFile::undo_last() {
 // The live entry that ends where a directory of so many bytes does; null if there is none, or if
 // blocks reach behind it: an end that equals the sum only by chance, as in a file with a tag
 // between its blocks, must not grow into them. An empty entry at that place counts only if it is
-// alone.
+// the only one.
 DirEntry* CKivDirFile::highest_block(DWORD dwSizeFromDirectory_p) {
     DirEntry* pHighest = nullptr;
     for (DirEntry* pEntry = m_psDirHeader; pEntry->Status != 0; ++pEntry) {

@@ -33,7 +33,7 @@ DirEntry* CKivDirFile::find_dir_entry(DWORD dwSearchPosBytes_p,
     return nullptr;
 }
 
-// A lookup in the trace, at the place in an edit where its result is used: the plan has made it.
+// Traces a lookup where an edit uses its result; the plan has made it earlier.
 void CKivDirFile::trace_lookup(DWORD dwSearchPosBytes_p, bool bFound_p) const {
     TRACE_ENTRY("-----CKivDirFile::get_dir_entry(..)");
     TRACE_PARAM("dwSearchPosBytes_p", "%lu", dwSearchPosBytes_p);

@@ -42,7 +42,7 @@ bool copy_file_name(LPCSTR pszPath_p, char (&szName_p)[MAX_PATH]) {
     return nLength > 0 && nLength < MAX_PATH;
 }
 
-// A name that stands in a marker must be a name alone, so that it can't reach out of the directory.
+// A name that stands in a marker must be only a name, so that it can't reach out of the directory.
 bool is_plain_name(char const (&szName_p)[MAX_PATH]) {
     PlatformPathParts parts;
     return memchr(szName_p, '\0', MAX_PATH) != nullptr && PlatformSplitPath(szName_p, &parts) &&

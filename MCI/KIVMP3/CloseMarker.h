@@ -1,9 +1,9 @@
 // The marker that stands beside a sound file while its rebuilt copy takes its place.
 //
 // Between the removal of the old file and the arrival of the new one under its name the dictation
-// exists under a temporary name alone, and from then on until the .DIR file is gone that directory
+// exists only under a temporary name, and from then on until the .DIR file is gone that directory
 // describes a file that is no more. The marker is written before the first of these steps and
-// removed behind the last, and so tells the next open for writing what to finish or to forget. It
+// removed after the last, and so tells the next open for writing what to finish or to forget. It
 // has the stem of the sound file and the extension ".CLM"; docs/formats.md shows its bytes.
 #pragma once
 
@@ -64,8 +64,8 @@ public:
     static void finish_interrupted_close(LPCSTR pszSoundPath_p);
 
     // To be called once the open has the .DIR file and the sound file to itself, so that no close
-    // can go on: throws FFD_FILE_IO_ERROR if one has begun since the call above, and either of the
-    // two files may be of before it and the other of behind it.
+    // can go on: throws FFD_FILE_IO_ERROR if one has begun since the call above, and one of the
+    // two files may be from before it and the other from after it.
     static void refuse_close_in_progress(LPCSTR pszSoundPath_p);
 
 private:

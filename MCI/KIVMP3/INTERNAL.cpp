@@ -189,7 +189,7 @@ DWORD KIVMP3_get_disk_free_space_ex(LPCSTR pszName_p, DWORD* pdwFreeBytes_p) {
     }
     TRACE_VALUE("szDirectoryName", "%s", szDirectoryName);
 
-    // Keeps an empty or dead drive from raising a question to the user.
+    // Keeps the platform from asking the user about an empty or dead drive.
     UINT const nOldMode = SetErrorMode(SEM_FAILCRITICALERRORS);
     DWORD dwError = NO_ERROR;
     ULARGE_INTEGER ullFree = {};

@@ -1,5 +1,5 @@
-// The driver's thin layer over the platform's file calls: the trace, and one fixed way of telling
-// failure for each call. Nothing here knows of MP3 or of the edit directory, and nothing throws.
+// The driver's thin layer over the platform's file calls: the trace, and one fixed way for each
+// call to report failure. Nothing here knows of MP3 or of the edit directory, and nothing throws.
 //
 // Every call that takes a handle works at the handle's file pointer; positioning is the caller's
 // business. Platform error numbers stay inside the driver: callers turn them into a status. A
@@ -20,8 +20,8 @@ HANDLE KIVMP3_create_file(LPCSTR lpszFilepath_p, DWORD* pdwError_p, DWORD dwDesi
                           DWORD dwShareMode_p, DWORD dwCreationDistribution_p,
                           DWORD dwFlagsAndAttributes_p);
 
-// The same for a new file (CREATE_NEW) that is to hold what the file behind hLike_p holds: nobody
-// may read it who may not read that one. On Linux nobody but its owner may, until it is given other
+// The same for a new file (CREATE_NEW) that is to hold what the file of hLike_p holds: nobody may
+// read it who may not read that one. On Linux only its owner may, until it is given other
 // permissions.
 HANDLE KIVMP3_create_private_file(LPCSTR lpszFilepath_p, DWORD* pdwError_p, DWORD dwDesiredAccess_p,
                                   DWORD dwShareMode_p, HANDLE hLike_p);
@@ -48,7 +48,7 @@ int KIVMP3_write_file(HANDLE hFile, void const* pBuffer, DWORD dwBytesToWrite_p,
 // Moves the file pointer to a file offset, which may use all 32 bits. 1 or 0.
 int KIVMP3_set_file_pointer(HANDLE hFile, DWORD dwFileOffset_p, DWORD* pdwError_p = nullptr);
 
-// Moves the file pointer to the end of the file and tells where that is. 1 or 0.
+// Moves the file pointer to the end of the file and gives its offset. 1 or 0.
 int KIVMP3_seek_to_end(HANDLE hFile, uint64_t* pullFileSize_p);
 
 // The error number, 0 on success.
@@ -82,8 +82,8 @@ FFDError KIVMP3_make_sibling_path(LPCSTR pszFilePath_p, LPCSTR pszExtension_p,
 
 // CreateFileA of a file that exists. Null, with the platform's error number in *pdwError_p, which
 // is 0 on success. On Windows it waits for a name that was deleted and is not gone yet
-// (Patience.h), but not for one that has the file open: that lasts as long as a session. Leaves no
-// line in the log.
+// (Patience.h), but not for somebody who has the file open, as that lasts as long as a session.
+// Leaves no line in the log.
 HANDLE KIVMP3_open_existing_file(LPCSTR pszPath_p, DWORD dwDesiredAccess_p, DWORD dwShareMode_p,
                                  DWORD dwFlags_p, DWORD* pdwError_p);
 
@@ -92,14 +92,14 @@ HANDLE KIVMP3_open_existing_file(LPCSTR pszPath_p, DWORD dwDesiredAccess_p, DWOR
 HANDLE KIVMP3_open_companion(LPCSTR pszPath_p, LPCSTR pszSoundPath_p, DWORD* pdwError_p,
                              DWORD dwDesiredAccess_p, DWORD dwShareMode_p);
 
-// Removes or renames a file, in spite of others that have it open for a moment (Patience.h). The
+// Removes or renames a file even if others have it open for a moment (Patience.h). The
 // error number, 0 on success; a file that is gone counts as removed.
 DWORD KIVMP3_delete_file(LPCSTR pszPath_p);
 DWORD KIVMP3_move_file(LPCSTR pszPath_p, LPCSTR pszNewPath_p);
 
-// A number that follows from every byte of a file or of a buffer, and its place: 64-bit FNV-1a over
-// little-endian words of eight bytes, the last filled up with zeros, with the high half folded into
-// the low at each step.
+// A number that depends on every byte of a file or of a buffer, and on its place: 64-bit FNV-1a
+// over little-endian words of eight bytes, the last filled up with zeros, with the high half folded
+// into the low at each step.
 class CFingerprint {
 public:
     void add(BYTE const* pbyData_p, DWORD dwBytes_p); // a multiple of 8, but at the end

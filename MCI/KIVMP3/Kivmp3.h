@@ -1,6 +1,6 @@
 // The driver for MP3 dictation files: one object for each open file.
 //
-// The road of a call: a slot of the table in MAIN.cpp finds the object and calls the operation
+// The path of a call: a slot of the table in MAIN.cpp finds the object and calls the operation
 // here; the operation works on the MP3 file through the helpers of INTERNAL.h and on the dictation
 // through m_oDirFile. Sources: Kivmp3Open.cpp, Kivmp3Measure.cpp, Kivmp3Info.cpp, Kivmp3Read.cpp,
 // Kivmp3Edit.cpp, Kivmp3Status.cpp, Kivmp3Close.cpp, Kivmp3Rebuild.cpp.

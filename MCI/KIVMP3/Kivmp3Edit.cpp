@@ -1,7 +1,7 @@
 // The edits: writing, deleting, taking back, and the watch over the disk space while writing.
 //
-// New audio goes behind the end of the file, whatever the position at which the host wants it, and
-// is on the disk before the directory hears of it. A delete touches the directory alone. An
+// New audio goes behind the end of the file, whatever position the host wants it at, and is on the
+// disk before the directory names it. A delete touches only the directory. An
 // overwrite is an insert followed by a delete.
 
 #include "MCI/KIVMP3/INTERNAL.h"
@@ -69,7 +69,7 @@ void CKivmp3::write_data(FFDMethod ffdMethod, uint32_t ffdBufferSize, uint8_t co
         }
         compute_length_in_ms();
     }
-    // The edit is valid in memory: a flush that fails costs the protection against a crash only.
+    // The edit is valid in memory: a flush that fails costs only the protection against a crash.
     m_oDirFile.flush_dir_file();
     nCheck = check_diskspace_send_warning(0);
     if (nCheck != 0) {
@@ -114,7 +114,7 @@ DirInsertPlan CKivmp3::append_to_file(uint8_t const* lpffdBuffer, DWORD dwBuffer
     return plan;
 }
 
-// Entries that reach behind the end of the file, as of a last frame that it cut short, would lay
+// Entries that reach behind the end of the file, as for a last frame that it cuts short, would lay
 // claim to the bytes of the next write. What they lose was never in the file, and the position
 // stays in front of the audio that the host has heard there.
 void CKivmp3::cut_entries_behind(uint64_t ullEndOfFile_p) {
@@ -190,7 +190,7 @@ FFDError CKivmp3::FFDUndoLast() {
     return ffdError;
 }
 
-// Compares the free space with twice the file and the directory's blocks, plus a reserve, and tells
+// Compares the free space with twice the file and the directory's blocks, plus a reserve, and warns
 // the host if it runs low: once until there is enough again, and at each run if there is none left.
 // 0 if the check was made, -1 without a callback, -2 if the free space could not be found out.
 int32_t CKivmp3::check_diskspace_send_warning(DWORD dwBytesToWrite_p) {

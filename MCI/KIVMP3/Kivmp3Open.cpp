@@ -141,8 +141,8 @@ FFDError CKivmp3::set_membervar_path_and_filename(char const* lpFileName) {
     return FFD_NOERROR;
 }
 
-// One file can be opened by several names, as Windows takes a dot or blank at the end for nothing.
-// What lies beside it must have one name, or two writers would not meet.
+// One file can be opened by several names, since Windows ignores a dot or blank at the end. What
+// lies beside it must have one name, or two writers would not meet.
 void CKivmp3::take_name_on_disk() {
     char szName[MAX_PATH];
     if (!PlatformNameOnDisk(m_szFilePath, &szName)) {
@@ -240,8 +240,8 @@ void CKivmp3::skip_id3_tags() {
     m_dwFirstFrame = 0;
     bool bAnotherTag = true;
     while (bAnotherTag) {
-        // The count is not looked at: behind a short read the rest of the buffer keeps what it
-        // held, so that a tag with nothing behind it is met again and overruns the file.
+        // The count is ignored: after a short read the rest of the buffer keeps what it held, so
+        // that a tag with nothing behind it is met again and overruns the file.
         if (!KIVMP3_read_file(m_hMp3File, m_byFrameHeader, ID3_HEADER_SIZE, nullptr)) {
             throw FFDError{FFD_FILE_IO_ERROR};
         }

@@ -76,7 +76,7 @@ FFDError CKivmp3::check_read(FFDReadHandle const* lpcffdReadHandle, uint32_t ffd
         TRACE_ERROR(FFD_INVALID_PARAMETER, "FFD_INVALID_PARAMETER lpffdBuffer == NULL");
         return FFD_INVALID_PARAMETER;
     }
-    // The milliseconds are for the trace alone.
+    // The milliseconds are only for the trace.
     DWORD msStartPos = 0;
     FFDError ffdError = get_ms_from_bytes(lpcffdReadHandle->RealStartPos, &msStartPos);
     if (ffdError != FFD_NOERROR) {

@@ -13,7 +13,7 @@
 
 namespace {
 
-// The transfers look at no counts: what came out short must not replace the old file.
+// The transfers ignore counts, but a copy that came out short must not replace the old file.
 void check_size(HANDLE hNewFile, uint64_t ullCopied_p) {
     uint64_t ullNewFileSize = 0;
     if (KIVMP3_get_file_size(hNewFile, &ullNewFileSize) != NO_ERROR ||
@@ -53,7 +53,7 @@ void CKivmp3::reorganize(HANDLE hNewFile) {
     check_size(hNewFile, ullCopied);
 }
 
-// For a file that is the dictation already, and has lost its name.
+// For a file that already is the dictation, and has lost its name.
 void CKivmp3::copy_as_it_lies(HANDLE hNewFile) {
     CHeapBlock const buffer(KIVMP3_TRANSFER_BUFFER_SIZE);
     check_size(hNewFile, copy_range(hNewFile, 0, m_dwFileSize, checked(buffer),
@@ -143,7 +143,7 @@ uint64_t CKivmp3::copy_block(HANDLE hNewFile, DirEntry const& rEntry_p, BYTE* pc
 }
 
 // Finds the first frame at or behind a file offset, at which a copy may be cut; its header is in
-// m_byFrameHeader then, and *pdwSkipped_p the bytes to it. *pbFollowed_p tells whether it is more
+// m_byFrameHeader then, and *pdwSkipped_p the bytes to it. *pbFollowed_p says whether it is more
 // than four bytes that look like a header; of another bitrate than the file's it must be that, or
 // the copy could never be opened again. FFD_NO_MORE_FRAMES at the end of the file.
 FFDError CKivmp3::search_block_frame(uint64_t ullFileOffset_p, BYTE* pcBuffer_p,

@@ -1,6 +1,6 @@
 // The snapshot of the edit state: stored in a ".csf" file in the temporary directory, which stays
 // open, and belongs to this object, until the next store or the close. Audio is never changed in
-// place, so that the directory of an earlier moment still describes the file.
+// place, so the directory of an earlier moment still describes the file.
 //
 // The file: the count of entries, the entries, then m_ffdCreateTime (64 bits), m_ffdCurrentPosInBy,
 // m_ffdDataLengthInBy and m_msLength (32 bits each), without any gap; docs/formats.md shows one.

@@ -225,7 +225,7 @@ FFDError FFDGetDSSEncrypted(FFDHandle ffdHandle, void* lpffdBool) {
         TRACE_ERROR(FFD_INVALID_HANDLE, "FFD_INVALID_HANDLE from KIVMP3_get_ckivmp3_object()");
         return FFD_INVALID_HANDLE;
     }
-    // Any result is an answer here and none a failure.
+    // Any result is an answer here; none is a failure.
     FFDError const ffdError = pKivmp3->FFDGetDSSEncrypted(lpffdBool);
     TRACE_VALUE("pKivmp3->FFDGetDSSEncrypted()", "%d", static_cast<DWORD>(ffdError & 0xFFFFFFFFu));
     return ffdError;
@@ -281,7 +281,7 @@ FFDError FFDClose(FFDHandle ffdHandle) {
         TRACE_ERROR(FFD_INVALID_HANDLE, "FFD_INVALID_HANDLE");
         return FFD_INVALID_HANDLE;
     }
-    // In front of all closing work: the handle is dead whatever comes of it.
+    // Before any closing work: the handle is dead, however that ends.
     SoundfileList.remove(pKivmp3);
     FFDError const ffdError = pKivmp3->FFDClose();
     if (ffdError != FFD_NOERROR) {

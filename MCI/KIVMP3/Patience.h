@@ -2,8 +2,8 @@
 
 #include "platform/platform.h"
 
-// Makes a call on a file again as long as what is in its way may pass, for at most 3 seconds in
-// all, by the pauses made:
+// Repeats a call on a file as long as what is in its way may pass, for at most 3 seconds in all,
+// counted by the pauses made:
 //
 //     CPatience oPatience;
 //     DWORD dwError = NO_ERROR;

@@ -17,7 +17,7 @@ constexpr DWORD SEARCH_READ_AHEAD_SIZE = 4096;
 //
 // What was read ahead is kept for one search or walk only, so an object lives no longer than that:
 // the file may change in between. Where the file seems to end the platform is asked again at each
-// read. The file pointer of the handle is moved; who needs it sets it anew.
+// read. The file pointer of the handle is moved; whoever needs it sets it anew.
 class CReadAhead {
 public:
     // The buffer is the caller's, at least 1024 bytes, and lives as long as the object.
