@@ -5,6 +5,7 @@ set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
 
 scripts/install-packages.sh --demo
-echo "Building libxkivmp3.so, libxkivlog.so and ffdhost in build/: some minutes the first time"
+echo "Building libxkivmp3.so, libxkivlog.so and ffdhost in build/: the first time this takes three minutes" \
+    "of processor time, half of it with two cores"
 scripts/build-preset.sh demo
 exec scripts/demo-session.sh "$@"
