@@ -5,7 +5,7 @@ set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")"
 
 scripts/install-packages.sh --demo
-echo "Building libxkivmp3.so, libxkivlog.so and ffdhost in build/: the first time this takes three minutes" \
-    "of processor time, half of it with two cores"
+echo "Building libxkivmp3.so, libxkivlog.so and ffdhost in build/: about a minute and a half on two" \
+    "idle cores the first time"
 scripts/build-preset.sh demo
 exec scripts/demo-session.sh "$@"

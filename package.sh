@@ -34,7 +34,7 @@ make_zip() {
     cp build-windows/libXKIVMP3.dll.a "$folder/lib/"
     cp include/* "$folder/include/"
     cp MCI/xkivmp3.def "$folder/lib/XKIVMP3.def" # other compilers make their import library of it
-    cp LICENSE "$folder/"
+    cp LICENSE SECURITY.md CHANGELOG.md "$folder/"
     sed "s/@VERSION@/$version/" packaging/windows/README.md >"$folder/README.md"
     cp "dist/xkivmp3-$version-py3-none-any.whl" "$folder/python/"
     cp -r examples "$folder/"

@@ -36,7 +36,7 @@ file(RELATIVE_PATH prefix_of_pc /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefi
 configure_file(${CMAKE_CURRENT_LIST_DIR}/xkivmp3.pc.in ${CMAKE_BINARY_DIR}/xkivmp3.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/xkivmp3.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
-install(FILES README.md CHANGELOG.md TYPE DOC)
+install(FILES CHANGELOG.md SECURITY.md TYPE DOC)
 install(DIRECTORY docs TYPE DOC PATTERN Doxyfile EXCLUDE PATTERN reference.md EXCLUDE)
 install(DIRECTORY examples TYPE DOC PATTERN CMakeLists.txt EXCLUDE)
 install(FILES LICENSE TYPE DOC RENAME copyright)

@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
-# deb.sh FOLDER: makes the Debian packages of this tree in FOLDER, with dpkg-buildpackage. The version
-# and with it the names come from CMakeLists.txt, the dates from the commit: two runs give the same
-# bytes. DEBFULLNAME and DEBEMAIL name the maintainer.
+# deb.sh FOLDER [VERSION]: makes the Debian packages of this tree in FOLDER, with dpkg-buildpackage. The
+# version and with it the names come from CMakeLists.txt, the dates from the commit: two runs give the
+# same bytes. VERSION makes them as if it stood there, to try an upgrade. DEBFULLNAME and DEBEMAIL name the
+# maintainer.
 set -euo pipefail
 mkdir -p "$1"
 folder=$(realpath "$1")
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
-version=$(sed -nE 's/^project\(.* VERSION ([0-9.]+).*/\1/p' CMakeLists.txt)
+version=${2-$(sed -nE 's/^project\(.* VERSION ([0-9.]+).*/\1/p' CMakeLists.txt)}
 major=${version%%.*}
 date=${SOURCE_DATE_EPOCH:-$(git log -1 --format=%ct)}
 maintainer="${DEBFULLNAME:-xkivmp3 maintainers} <${DEBEMAIL:-maintainers@xkivmp3.invalid}>"
@@ -18,6 +19,7 @@ trap 'rm -rf "$work"' EXIT
 source=$work/xkivmp3-$version
 mkdir "$source"
 git ls-files -z | tar --null -T - -c | tar -x -C "$source"
+sed -i -E "s/^(project\(.* VERSION )[0-9.]+/\1$version/" "$source/CMakeLists.txt"
 chmod -R u=rwX,go=rX "$source"
 cp -r "$source/packaging/debian" "$source/debian"
 cd "$source"
