@@ -62,7 +62,7 @@ make_zip() {
     echo "dist/$name.zip"
 }
 
-# The module alone, for every system: it loads the driver that is installed.
+# Only the module, for every system: it loads the driver that is installed.
 make_wheel() {
     scripts/install-packages.sh --packages
     cp -r CMakeLists.txt python "$work/" # where it leaves what it makes on the way

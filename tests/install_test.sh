@@ -62,6 +62,22 @@ works "$work/loads" "$(pkg-config --variable=driver xkivmp3 | sed 's/\\//g')"
 eval "gcc -o '$work/links' '$work/project/links.c' $(pkg-config --cflags --libs xkivmp3)"
 LD_LIBRARY_PATH=$(dirname "$(find "$prefix" -name libxkivmp3.so)") quietly "$work/links"
 
+# The first programs of the host guide, as they stand there.
+first() {
+    awk -v begin="\`\`\`$1" '$0 == begin && !n++ { on = 1; next } /^```$/ { on = 0 } on' \
+        "$source/docs/host-guide.md" >"$work/$2"
+    cp "$samples/speech-22k-mono-tagged.mp3" "$work/letter.mp3"
+}
+cp "$samples/insert-22k-mono.mp3" "$work/addition.mp3"
+installed=$(find "$prefix" -name libxkivmp3.so)
+first cpp cut.cpp
+eval "g++ -std=c++20 -o '$work/cut' '$work/cut.cpp' $(pkg-config --cflags xkivmp3)"
+[ "$(cd "$work" && LD_LIBRARY_PATH=$(dirname "$installed") ./cut letter.mp3)" = "40542 bytes are left" ] ||
+    fail "the program in C++ of the host guide"
+first python cut.py
+[ "$(cd "$work" && PYTHONPATH=$source/python XKIVMP3=$installed python3 -B cut.py)" = \
+    "57051 bytes are left" ] || fail "the program in Python of the host guide"
+
 # A packager has a compiler and CMake, and is told what else there could be.
 cmake -S "$source" -B "$work/plain" -DCMAKE_DISABLE_FIND_PACKAGE_CLI11=ON >"$work/log" 2>&1
 grep -q 'Not found: CLI11; the programs are left out' "$work/log" || fail "no word of what is missing"

@@ -16,7 +16,6 @@ cd "$work"/xkivmp3-*
 sha256sum --quiet -c SHA256SUMS
 [ "$(wc -l <SHA256SUMS)" = "$(find . -type f -not -name SHA256SUMS | wc -l)" ]
 
-cp "$source/tests/samples/speech-22k-mono-tagged.mp3" letter.mp3
 cp "$source/tests/samples/insert-22k-mono.mp3" addition.mp3
 cat >host.c <<'END'
 #include <ffd.h>
@@ -24,12 +23,22 @@ int main(void) {
     return FFD_Function_Table.close(NULL) == FFD_INVALID_HANDLE ? 0 : 1;
 }
 END
-# The two lines for gcc, as they stand there.
-sed -nE 's/^    gcc (.*)/\1/p' README.md | tr '\\' / | while read -r arguments; do
+# The lines for MinGW-w64, and the one that makes an import library, as they stand there.
+sed -nE 's/^    (gcc|g\+\+|lib) (.*)/\1 \2/p' README.md | tr '\\' / | while read -r compiler arguments; do
+    case $compiler in
+    lib) command=llvm-lib-14 ;;
+    *) command=x86_64-w64-mingw32-$compiler-posix ;;
+    esac
     # shellcheck disable=SC2086
-    x86_64-w64-mingw32-gcc-posix $arguments
+    $command $arguments
+    [[ $arguments != *session* ]] || mv session.exe "$compiler.exe"
 done
-"${wine[@]}" session.exe XKIVMP3.dll letter.mp3 addition.mp3 | tr -d '\r' | tail -n 1 |
-    grep -x 'undone   96966 bytes'
+for compiler in gcc g++; do
+    cp "$source/tests/samples/speech-22k-mono-tagged.mp3" letter.mp3
+    "${wine[@]}" $compiler.exe XKIVMP3.dll letter.mp3 addition.mp3 | tr -d '\r' | tail -n 1 |
+        grep -x 'undone   96966 bytes'
+done
+"${wine[@]}" host.exe
+x86_64-w64-mingw32-gcc-posix -D FFD_LINKED -I include -o host.exe host.c XKIVMP3.lib
 "${wine[@]}" host.exe
 "${wine[@]}" ffdhost.exe info letter.mp3 | grep -c 'Dictation'
