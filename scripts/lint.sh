@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # lint.sh [--all]: checks the format of all C and C++, runs linters over the shell scripts and the
-# Python, and looks whether what docs/architecture.md names exists; then runs clang-tidy over the
-# driver, its platform layer and its log, a minute on two cores. With --all it goes over every source
-# of the Linux build, which takes some ten minutes. Says nothing of what is clean; the exit code is 0
-# if everything is.
+# Python, and looks whether what docs/architecture.md and docs/compatibility.md name exists; then runs
+# clang-tidy over the driver, its platform layer and its log, a minute on two cores. With --all it goes
+# over every source of the Linux build, which takes some ten minutes. Says nothing of what is clean; the
+# exit code is 0 if everything is.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
@@ -33,17 +33,18 @@ check clang-format --dry-run -Werror "${sources[@]}"
 check shellcheck --severity=warning "${scripts[@]}" cli/completion/ffdhost.bash
 check pyflakes3 "${python[@]}"
 
-# Every file and every name with an underscore in docs/architecture.md.
+# Every file and every name with an underscore in docs/architecture.md and docs/compatibility.md.
 names_exist() {
     local name missing=0
     while read -r name; do
-        grep -qxE "(.*/)?${name//./\\.}" <(printf '%s\n' "${sources[@]}" ./*/*.txt docs/*.md) ||
+        grep -qxE "(.*/)?${name//./\\.}" \
+            <(printf '%s\n' "${sources[@]}" "${scripts[@]}" "${python[@]}" ./*/*.txt docs/*.md) ||
             grep -qwF "$name" "${sources[@]}" ./*/CMakeLists.txt || {
-            echo "docs/architecture.md names $name, which is not there"
+            echo "docs/ names $name, which is not there"
             missing=1
         }
-    done < <(sed 's/[A-Za-z0-9_/]*\*[A-Za-z0-9_.]*//g' docs/architecture.md |
-        grep -oE '[A-Za-z0-9][A-Za-z0-9_/-]*\.(cpp|hpp|h|txt|md)|[A-Za-z0-9]+_[A-Za-z0-9_]*[A-Za-z0-9]' |
+    done < <(sed 's/[A-Za-z0-9_/]*\*[A-Za-z0-9_.]*//g' docs/architecture.md docs/compatibility.md |
+        grep -oE '[A-Za-z0-9][A-Za-z0-9_/-]*\.(cpp|hpp|h|c|py|sh|txt|md)|[A-Za-z0-9]+_[A-Za-z0-9_]*[A-Za-z0-9]' |
         sort -u)
     return "$missing"
 }
