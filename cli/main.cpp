@@ -2,6 +2,7 @@
 #include "console/System.h"
 #include "EachFile.h"
 #include "host/commands.h"
+#include "host/Obstacle.h"
 #include "map/map.h"
 #include "support/support.h"
 
@@ -32,6 +33,7 @@ char const* const kFolders =
 struct Arguments {
     std::string driver;
     bool json = false;
+    double wait = 0; // seconds
     std::string file;
     std::vector<std::string> files;
     std::string svg;
@@ -293,6 +295,10 @@ int run(std::span<char const* const> words) {
                    "the driver library (default: the one beside this program)")
         ->type_name("PATH");
     app.add_flag("--json", arguments.json, "give the result, or the failure, as a JSON document");
+    app.add_option("--wait", arguments.wait,
+                   "wait so long, in all, for files that other programs have in use")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0.0, 1e6));
     app.set_version_flag("--version", "ffdhost " FFDHOST_VERSION);
     app.require_subcommand(1);
     app.fallthrough();
@@ -322,6 +328,7 @@ int run(std::span<char const* const> words) {
     }
     std::string const name = app.get_subcommands().front()->get_name();
     try {
+        set_patience(std::chrono::milliseconds(static_cast<int64_t>(arguments.wait * 1000)));
         Driver const driver = load_driver(arguments.driver);
         Outcome const outcome = command(driver);
         if (arguments.json) {

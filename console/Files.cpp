@@ -3,7 +3,6 @@
 #include "Status.h"
 
 #include <cerrno>
-#include <cstring>
 #include <utility>
 
 namespace ffdhost {
@@ -32,7 +31,7 @@ void OutputFile::close() {
 
 void OutputFile::fail() const {
     throw Failure("write output", m_name.empty() ? "standard output" : m_name, FFD_FILE_IO_ERROR,
-                  std::string("the output cannot be written: ") + std::strerror(errno),
+                  "the output cannot be written: " + system_words(errno),
                   "Check the permissions of the output, and that the disk is not full.");
 }
 

@@ -15,6 +15,9 @@ namespace ffdhost {
 // device, or a pipe, which would keep a reader waiting.
 bool is_no_regular_file(std::filesystem::path const& path);
 
+// Whether another program has a file open that others are kept from, as the driver keeps them.
+bool is_in_use(std::filesystem::path const& path);
+
 // A descriptor of the C library, closed with the object.
 class Descriptor {
 public:

@@ -5,7 +5,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
@@ -28,6 +27,13 @@ int open_to_read(std::filesystem::path const& path, int flags) {
 bool is_no_regular_file(std::filesystem::path const& path) {
     struct stat status {};
     return stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
+}
+
+bool is_in_use(std::filesystem::path const& path) {
+    Descriptor const file(open_to_read(path, 0));
+    struct flock claim {}; // of all bytes: any claim of another is in its way
+    claim.l_type = F_WRLCK;
+    return fcntl(file.number(), F_OFD_GETLK, &claim) == 0 && claim.l_type != F_UNLCK;
 }
 
 void restrict_as(int file, int like, mode_t mask) {
@@ -61,7 +67,7 @@ InputFile::InputFile(std::filesystem::path path, Descriptor file)
     struct stat status {};
     if (m_file.number() < 0 || fstat(m_file.number(), &status) != 0) {
         bool const isLink = errno == ELOOP;
-        fail(m_path, isLink ? "it is a symbolic link" : std::strerror(errno));
+        fail(m_path, isLink ? "it is a symbolic link" : system_words(errno));
     }
     if (!S_ISREG(status.st_mode)) {
         fail(m_path, "it is no regular file");
@@ -84,7 +90,7 @@ std::vector<uint8_t> InputFile::read_at(uint64_t fileOffset, size_t size) const 
         ssize_t const count = pread(m_file.number(), bytes.data() + done, size - done,
                                     static_cast<off_t>(fileOffset + done));
         if (count < 0 && errno != EINTR) {
-            throw Failure("read file", m_path.string(), FFD_FILE_IO_ERROR, std::strerror(errno));
+            throw Failure("read file", m_path.string(), FFD_FILE_IO_ERROR, system_words(errno));
         }
         if (count == 0) {
             break;

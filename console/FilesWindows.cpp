@@ -5,11 +5,11 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 #include <io.h>
 #include <sys/stat.h>
 #include <utility>
+#include <windows.h>
 
 namespace ffdhost {
 
@@ -30,6 +30,16 @@ bool is_no_regular_file(std::filesystem::path const& path) {
     return std::filesystem::exists(status) && !std::filesystem::is_regular_file(status);
 }
 
+bool is_in_use(std::filesystem::path const& path) {
+    HANDLE const file = CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING,
+                                    FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (file == INVALID_HANDLE_VALUE) {
+        return GetLastError() == ERROR_SHARING_VIOLATION;
+    }
+    CloseHandle(file);
+    return false;
+}
+
 bool Descriptor::close() {
     int const number = release();
     return number < 0 || _close(number) == 0;
@@ -42,7 +52,7 @@ InputFile::InputFile(std::filesystem::path path, Descriptor file)
     : m_path(std::move(path)), m_file(std::move(file)) {
     struct _stat64 status {};
     if (m_file.number() < 0 || _fstat64(m_file.number(), &status) != 0) {
-        fail(m_path, std::strerror(errno));
+        fail(m_path, system_words(errno));
     }
     if ((status.st_mode & _S_IFMT) != _S_IFREG) {
         fail(m_path, "it is no regular file");
@@ -76,7 +86,7 @@ std::vector<uint8_t> InputFile::read_at(uint64_t fileOffset, size_t size) const 
         done += good ? static_cast<size_t>(count) : 0;
     }
     if (!good) {
-        throw Failure("read file", m_path.string(), FFD_FILE_IO_ERROR, std::strerror(errno));
+        throw Failure("read file", m_path.string(), FFD_FILE_IO_ERROR, system_words(errno));
     }
     bytes.resize(done);
     return bytes;

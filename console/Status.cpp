@@ -1,8 +1,16 @@
 #include "Status.h"
 
+#include <cctype>
+#include <system_error>
 #include <utility>
 
 namespace ffdhost {
+
+std::string system_words(int error) {
+    std::string words = std::generic_category().message(error);
+    words[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(words[0])));
+    return words;
+}
 
 StatusText status_text(FFDError status) {
     ffd::StatusText const text = ffd::describe(status);

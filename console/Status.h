@@ -15,6 +15,9 @@ struct StatusText {
     char const* advice; // one sentence: what the user can do about it
 };
 
+// The words of the system for an error number of the C library, as in "permission denied".
+std::string system_words(int error);
+
 // The words of ffd.h. Never fails: a status that it does not name gets a text that says so.
 StatusText status_text(FFDError status);
 

@@ -77,6 +77,9 @@ void tell_when_interrupted(std::string const& words);
 // does what tell_when_interrupted says. A reader of stderr that goes away ends nothing.
 void let_stop_wait();
 
+// Sleeps. False, and at once, if the program is to stop (let_stop_wait).
+bool sleep_for(std::chrono::milliseconds time);
+
 enum class Arrival {
     Bytes,   // some have come
     Nothing, // none have, in the time given

@@ -141,6 +141,12 @@ void let_stop_wait() {
     [[maybe_unused]] int const size = fcntl(STDIN_FILENO, F_SETPIPE_SZ, 1 << 20);
 }
 
+bool sleep_for(std::chrono::milliseconds time) {
+    pollfd stop{g_stopPipe[0], POLLIN, 0}; // a missing one is passed over
+    poll(&stop, 1, static_cast<int>(time.count()));
+    return !g_stopped;
+}
+
 bool stdin_is_terminal() {
     return isatty(STDIN_FILENO) != 0;
 }

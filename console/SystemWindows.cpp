@@ -192,6 +192,14 @@ void let_stop_wait() {
     g_stopWaits = true;
 }
 
+bool sleep_for(std::chrono::milliseconds time) {
+    auto const end = std::chrono::steady_clock::now() + time;
+    while (!g_stopped && std::chrono::steady_clock::now() < end) {
+        Sleep(20);
+    }
+    return !g_stopped;
+}
+
 bool stdin_is_terminal() {
     return _isatty(_fileno(stdin)) != 0;
 }

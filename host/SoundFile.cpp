@@ -4,6 +4,7 @@
 #include "console/Output.h"
 #include "console/Position.h"
 #include "console/System.h"
+#include "Obstacle.h"
 
 #include <span>
 #include <utility>
@@ -15,41 +16,6 @@ namespace {
 constexpr uint32_t kShareOfDisk = 5;          // of what a recording writes, see recording_seconds()
 constexpr uint32_t kWarnedBefore = 600;       // seconds that can still be recorded at the warning
 constexpr std::chrono::minutes kSaidAgain(1); // what the driver says with every write
-
-// Why a file cannot be opened: the driver has one status for all of it.
-[[noreturn]] void explain_open(std::string const& path, Access access, ffd::Error const& error) {
-    auto const fail = [&](std::string const& words, std::string const& advice) {
-        return Failure(error.operation(), path, error.status(), words, advice);
-    };
-    std::error_code code;
-    if (!std::filesystem::exists(path, code)) {
-        if (std::filesystem::is_symlink(path, code)) {
-            throw fail("the link leads to no file", "Check where it leads to.");
-        }
-        throw fail("there is no such file", "Check the path.");
-    }
-    if (std::filesystem::is_directory(path, code)) {
-        throw fail("it is a directory", "Give the path of a file in it.");
-    }
-    try {
-        InputFile const file(path); // takes no heed of what others have open
-    } catch (Failure const& reason) {
-        throw fail(reason.what(), "Check the permissions of the file.");
-    }
-    if (access == Access::ReadWrite) {
-        if (!may_write(path)) {
-            throw fail("permission denied: the file may not be written to",
-                       "Change its permissions, or copy it to a place of your own.");
-        }
-        std::filesystem::path const folder = std::filesystem::absolute(path).parent_path();
-        if (!may_write(folder)) {
-            throw fail("permission denied: no files may be made in its folder, and edits need one",
-                       "Change the permissions of " + folder.string() +
-                           ", or copy the file to a place of your own.");
-        }
-    }
-    throw fail("it is in use by another program", "Close that program, or wait until it is done.");
-}
 
 // Called by the driver in the middle of a write, on this thread. Nothing may be thrown through it.
 void on_driver_message(void* /*hDriver*/, uint32_t message, uintptr_t user, uintptr_t parameter1,
@@ -73,31 +39,35 @@ void on_driver_message(void* /*hDriver*/, uint32_t message, uintptr_t user, uint
 
 ffd::File open(Driver const& driver, SoundFile::Watched& watched, Access access) {
     std::string const& path = watched.path;
-    std::error_code code;
-    if (is_no_regular_file(path) && !std::filesystem::is_directory(path, code)) {
-        throw Failure(access == Access::Read ? "open for reading" : "open for writing", path,
-                      FFD_FILE_IO_ERROR, "it is no regular file");
+    char const* const operation = access == Access::Read ? "open for reading" : "open for writing";
+    if (is_no_regular_file(path)) { // such as a pipe, whose open would not come back
+        if (auto const why = why_unreadable(operation, path)) {
+            throw *why;
+        }
     }
     FFDCallbackParams messages{};
     messages.dwCallback = reinterpret_cast<uint64_t>(&on_driver_message);
     messages.dwUser = reinterpret_cast<uint64_t>(&watched);
     std::optional<std::string> const name = to_driver(path);
     if (!name) {
-        throw Failure("open", path, FFD_INVALID_PATH,
+        throw Failure(operation, path, FFD_INVALID_PATH,
                       "the name has letters that the code page of this system lacks",
                       "Give the file another name.");
     }
-    try {
-        ffd::File file(driver, *name, access, messages);
-        watched.bytesPerSecond = file.format().bytesPerSecond;
-        driver.table().set_diskspace_warning_time(
-            file.handle(), watched.bytesPerSecond * kWarnedBefore * kShareOfDisk / 3); // see ffd.h
-        return file;
-    } catch (ffd::Error const& error) {
-        if (error.status() != FFD_FILE_IO_ERROR) {
-            throw;
+    for (bool again = false;; again = true) {
+        try {
+            ffd::File file(driver, *name, access, messages);
+            watched.bytesPerSecond = file.format().bytesPerSecond;
+            driver.table().set_diskspace_warning_time(file.handle(),
+                                                      watched.bytesPerSecond * kWarnedBefore *
+                                                          kShareOfDisk / 3); // see ffd.h
+            return file;
+        } catch (ffd::Error const& error) {
+            if (error.status() != FFD_FILE_IO_ERROR) {
+                throw;
+            }
+            wait_or_explain(path, access, error, again);
         }
-        explain_open(path, access, error);
     }
 }
 

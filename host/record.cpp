@@ -91,7 +91,7 @@ void make_file(std::string const& name, std::vector<uint8_t> const& frame) {
         file != nullptr && std::fwrite(frame.data(), 1, frame.size(), file) == frame.size();
     int const error = errno;
     if (file == nullptr || std::fclose(file) != 0 || !written) {
-        throw Failure("make file", name, FFD_FILE_IO_ERROR, std::generic_category().message(error));
+        throw Failure("make file", name, FFD_FILE_IO_ERROR, system_words(error));
     }
 }
 

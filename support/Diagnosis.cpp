@@ -4,6 +4,7 @@
 #include "console/Printable.h"
 #include "console/System.h"
 #include "host/Beside.h"
+#include "host/Obstacle.h"
 
 #include <algorithm>
 
@@ -52,6 +53,17 @@ void ask_loaded_driver(Diagnosis& diagnosis, Driver const& driver) {
         diagnosis.readStatus = FFD_NOERROR;
     } catch (Failure const& failure) {
         diagnosis.readStatus = failure.status();
+    }
+}
+
+// A file that can't be read is of interest only if something tells of it.
+void refuse_without_traces(std::string const& file) {
+    std::error_code error;
+    bool const hasTraces =
+        !fs::exists(file, error) && (fs::exists(fs::symlink_status(dir_file_of(file), error)) ||
+                                     fs::exists(fs::symlink_status(beside(file, ".CLM"), error)));
+    if (auto const why = why_unreadable("check", file); why && !hasTraces) {
+        throw *why;
     }
 }
 
@@ -322,6 +334,7 @@ std::string Diagnosis::verdict() const {
 }
 
 Diagnosis diagnose(Driver const& driver, std::string const& file) {
+    refuse_without_traces(file);
     Diagnosis diagnosis;
     diagnosis.file = file;
     diagnosis.next = foretell_open(file);

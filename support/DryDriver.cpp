@@ -1,5 +1,6 @@
 #include "DryDriver.h"
 
+#include "host/Obstacle.h"
 #include "platform/dry_platform.h"
 
 #include <cstring>
@@ -22,7 +23,7 @@ ffd::Table attached_table() {
 
 } // namespace
 
-DryDriver::DryDriver() : m_driver(attached_table()) {
+DryDriver::DryDriver() : m_driver(attached_table()), m_patience(set_patience({})) {
     dry::start(dry::Disk::Real);
 }
 
@@ -32,6 +33,7 @@ DryDriver::DryDriver(dry::Listener& listener) : DryDriver() {
 
 DryDriver::~DryDriver() {
     dry::listen(nullptr);
+    set_patience(m_patience);
 }
 
 } // namespace ffdhost

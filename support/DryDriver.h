@@ -8,7 +8,7 @@
 
 namespace ffdhost {
 
-// Attached, with nothing changed yet and no file open. Only one is of use at a time.
+// Attached, with no patience for files in use (set_patience), with nothing changed yet and no file open. Only one is of use at a time.
 class DryDriver {
 public:
     DryDriver();
@@ -22,6 +22,7 @@ public:
 
 private:
     ffd::Driver m_driver;
+    std::chrono::milliseconds m_patience;
 };
 
 } // namespace ffdhost

@@ -4,6 +4,7 @@
 #include "console/System.h"
 #include "DryDriver.h"
 #include "host/Beside.h"
+#include "host/Obstacle.h"
 #include "host/SoundFile.h"
 #include "MCI/KIVMP3/CKivDirFile.h"
 #include "platform/dry_platform.h"
@@ -381,7 +382,11 @@ void Rehearsal::account_for_bytes() {
 } // namespace
 
 NextOpen foretell_open(std::string const& soundFile) {
-    return Rehearsal(soundFile).run();
+    NextOpen next = Rehearsal(soundFile).run();
+    while (next.inUse && await_free(soundFile)) {
+        next = Rehearsal(soundFile).run();
+    }
+    return next;
 }
 
 } // namespace ffdhost

@@ -1,6 +1,7 @@
 #include "support.h"
 
 #include "DryDriver.h"
+#include "host/Obstacle.h"
 #include "platform/dry_platform.h"
 
 #include <filesystem>
@@ -75,6 +76,7 @@ std::optional<DirMap> read_pretended(std::filesystem::path const& path) {
 
 Outcome run_dry_edit(std::string const& file, std::vector<std::string> const& tokens,
                      EditOptions options, bool json) {
+    await_free(file);
     DryDriver const dry;
     Json changes; // up to a crash
     options.pretendedCrash = [&] { changes = changes_json(); };

@@ -16,6 +16,8 @@ import termios
 import unittest
 import xml.etree.ElementTree
 
+from json_page import Page
+
 HOST = os.environ["FFDHOST"]
 SAMPLES = pathlib.Path(os.environ["FFD_SAMPLES"])
 SVG = "{http://www.w3.org/2000/svg}"
@@ -69,6 +71,7 @@ class HostTest(unittest.TestCase):
 
     def json(self, *arguments, code=0):
         document = json.loads(self.host("--json", *arguments, code=code).stdout)
+        Page().check(document)
         self.assertEqual(document.get("ok"), code == 0)
         return document["files"][0] if "files" in document else document
 

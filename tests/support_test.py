@@ -12,6 +12,8 @@ import tempfile
 import unittest
 import zlib
 
+from json_page import Page
+
 HOST = os.environ["FFDHOST"]
 SAMPLES = pathlib.Path(os.environ["FFD_SAMPLES"])
 TAGGED = (SAMPLES / "speech-22k-mono-tagged.mp3").read_bytes()  # 202 bytes of tag, 128 of tag
@@ -53,6 +55,7 @@ class SupportTest(unittest.TestCase):
                              cwd=where or self.dir)
         self.assertIn(run.returncode, (0, 1, 3), (arguments, run.stderr[-600:]))
         document = json.loads(run.stdout)
+        Page().check(document)
         return run.returncode, document["files"][0] if "files" in document else document
 
     def make(self, files):
@@ -319,7 +322,7 @@ class SupportTest(unittest.TestCase):
                 ({"a.mp3": b"ID3\3\0\0\x7f\x7f\x7f\x7f" + AUDIO}, 26), ({"a.mp3": tag}, 26),
                 ({"a.mp3": tag + b"ID"}, 26), ({"a.mp3": tag + b"x"}, 9),
                 ({"a.mp3": b"ID3\5" + tag[4:] + AUDIO[:900]}, 0),
-                ({}, 29), ({"a.DIR": entry(1, 0, 9)}, 29)):
+                ({"a.DIR": entry(1, 0, 9)}, 29)):
             self.assertEqual(self.agree(files)["next_open"]["status"], status, files)
         self.agree({".mp3": AUDIO}, "refused", ".mp3")
         self.agree({"a.DIR": AUDIO}, "refused", "a.DIR")

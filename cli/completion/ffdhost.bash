@@ -18,10 +18,10 @@ _ffdhost() {
         compopt -o filenames
         return
         ;;
-    --from | --at | --length | seek | delete) return ;;
+    --from | --at | --length | --wait | seek | delete) return ;;
     esac
     case "$command:$word" in
-    :*) words="$commands --driver --json --version --help" ;;
+    :*) words="$commands --driver --json --wait --version --help" ;;
     read:-*) words="--from --length --output --json --help" ;;
     record:-*) words="--at --length --overwrite --new --backup --force --json --help" ;;
     map:-*) words="--svg --json --help" ;;
