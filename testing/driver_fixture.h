@@ -4,8 +4,9 @@
 // that no handle, heap block or mapped view is left.
 #pragma once
 
-#include "ffd.h"
 #include "platform/faults.h"
+#include "testing/driver_calls.h"
+#include "testing/sound_maker.h"
 
 #include <gtest/gtest.h>
 
@@ -13,56 +14,6 @@
 #include <functional>
 #include <string>
 #include <vector>
-
-extern "C" void* FFD_Function_Table[24];
-
-// The slots, typed as the host's header types them.
-struct Slots {
-    FFDGetCurrentPosProc GetCurrentPos;
-    FFDGetDictationFileSizeProc GetDictationFileSize;
-    FFDGetGranularitySizeProc GetGranularitySize;
-    FFDGetAudioInfoProc GetAudioInfo;
-    FFDGetSizeOfDataProc GetSizeOfData;
-    FFDGetFileNameProc GetFileName;
-    FFDGetFilePathProc GetFilePath;
-    FFDGetSoundDataLengthProc GetSoundDataLength;
-    FFDSetDiskspaceWarningTimeProc SetDiskspaceWarningTime;
-    FFDSetCallbackAddressProc SetCallbackAddress;
-    FFDAudioSeekProc AudioSeek;
-    FFDSaveAsProc SaveAs;
-    FFDCloseProc Close;
-    FFDCreateFileProc CreateFile;
-    FFDReadDataProc ReadData;
-    FFDWriteDataProc WriteData;
-    FFDDeleteDataProc DeleteData;
-    FFDUndoLastProc UndoLast;
-    FFDStoreActualFileStatusProc StoreActualFileStatus;
-    FFDRestoreFileStatusProc RestoreFileStatus;
-    FFDGetWfxProc GetWfx;
-    FFDGetDownloadLengthProc GetDownloadLength;
-    void* pReserved;
-    FFDGetDSSEncryptedProc GetDSSEncrypted;
-};
-static_assert(sizeof(Slots) == 24 * sizeof(void*));
-
-// The table, filled. The first call attaches the driver.
-Slots const& driver();
-
-// ---- MP3 data ----
-
-// Whole frames of 96 bytes: MPEG 2 Layer III, mono, 24000 Hz, 32 kbit/s (4000 bytes per second).
-// The payload of frame n follows from n and the seed; it holds no 0xFF.
-std::string frames(unsigned nCount, unsigned nSeed = 0);
-
-// Any bytes without 0xFF, so that no frame header is among them.
-std::string noise(size_t nBytes, unsigned nSeed = 0);
-
-// 1000 bytes of audio: ten frames with 40 bytes of noise in front of the last.
-std::string thousand_bytes();
-
-// An ID3v2.3 tag of so many bytes in all (at least 10), and an ID3v1 tag, 128 bytes.
-std::string id3v2_tag(size_t nBytes);
-std::string id3v1_tag();
 
 // ---- Files ----
 

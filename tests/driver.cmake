@@ -1,5 +1,5 @@
 add_library(driver_fixture STATIC ${CMAKE_SOURCE_DIR}/testing/driver_fixture.cpp ${CMAKE_SOURCE_DIR}/testing/driver_fixture_posix.cpp)
-target_link_libraries(driver_fixture PUBLIC xkivmp3_testable GTest::gmock)
+target_link_libraries(driver_fixture PUBLIC xkivmp3_testable sound_maker GTest::gmock)
 
 foreach(subject surroundings disk boundary shipped hosts services open directory edit close status calls faults crash torn)
     add_kiv_test(driver_${subject}_test

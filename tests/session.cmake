@@ -11,6 +11,6 @@ foreach(call CreateFileA CloseHandle DeleteFileA MoveFileA)
 endforeach()
 
 # Every short session, and random ones over real speech, on a disk in memory.
-foreach(subject session speech)
-    add_kiv_test(${subject}_test SOURCES ${subject}_test.cpp LIBRARIES memory_disk)
+foreach(subject session speech crash)
+    add_kiv_test(${subject}_test SOURCES ${subject}_test.cpp LIBRARIES power_cut sound_maker)
 endforeach()

@@ -8,6 +8,8 @@
 
 #include "testing/driver_session.h"
 
+#include <gtest/gtest.h>
+
 #include <cstdio>
 #include <filesystem>
 #include <fstream>

@@ -23,7 +23,7 @@ add_kiv_test(platform_outcomes_test SOURCES platform_outcomes_test.cpp LIBRARIES
 target_compile_definitions(platform_outcomes_test PRIVATE KIV_WINE=true)
 
 add_library(driver_fixture STATIC ${CMAKE_SOURCE_DIR}/testing/driver_fixture.cpp ${CMAKE_SOURCE_DIR}/testing/driver_fixture_windows.cpp)
-target_link_libraries(driver_fixture PUBLIC xkivmp3_testable GTest::gmock)
+target_link_libraries(driver_fixture PUBLIC xkivmp3_testable sound_maker GTest::gmock)
 foreach(subject boundary services windows_paths windows_close open directory edit close status calls
         faults crash torn)
     add_kiv_test(driver_${subject}_test

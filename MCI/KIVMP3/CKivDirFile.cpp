@@ -143,10 +143,14 @@ DWORD CKivDirFile::reopen_dir_file(bool bMake_p) {
 void CKivDirFile::note_lost() {
     if (!m_bLost) {
         m_bLost = true;
-        CFingerprint oFingerprint;
-        oFingerprint.add(reinterpret_cast<BYTE const*>(m_psDirHeader), m_dwDirSize);
-        m_ullLostFingerprint = oFingerprint.get();
+        m_ullLostFingerprint = fingerprint();
     }
+}
+
+uint64_t CKivDirFile::fingerprint() const {
+    CFingerprint oFingerprint;
+    oFingerprint.add(reinterpret_cast<BYTE const*>(m_psDirHeader), m_dwDirSize);
+    return oFingerprint.get();
 }
 
 // Of the file that is open now; its identity may have changed, as it does on some file systems.

@@ -132,6 +132,9 @@ public:
     // Whether this object has the .DIR file open.
     bool is_held() const;
 
+    // Of the buffer, as a flush writes it.
+    uint64_t fingerprint() const;
+
     // Releases buffer and handles; goes through all its steps and answers FFD_FILE_IO_ERROR if one
     // failed. Run a second time it does nothing.
     FFDError close_dir_memory_mapping();

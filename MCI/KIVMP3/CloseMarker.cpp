@@ -32,6 +32,10 @@ DWORD check_of(CloseMarkerRecord const& rRecord_p) {
                  sizeof(CloseMarkerRecord) - nBegin);
 }
 
+DWORD folded(uint64_t ullFingerprint_p) {
+    return static_cast<DWORD>((ullFingerprint_p ^ ullFingerprint_p >> 32) & 0xFFFFFFFFu);
+}
+
 // The file name of a path; false if it does not fit.
 bool copy_file_name(LPCSTR pszPath_p, char (&szName_p)[MAX_PATH]) {
     PlatformPathParts parts;
@@ -221,6 +225,22 @@ void set_directory_aside(LPCSTR pszDirPath_p, bool bDir_p) {
     }
 }
 
+// Whether the .DIR file is as the close flushed it. A loss of power may have kept it from the disk.
+bool holds_directory(LPCSTR pszDirPath_p, LPCSTR pszSoundPath_p,
+                     CloseMarkerRecord const& rRecord_p) {
+    HANDLE hFile = open_companion(pszDirPath_p, pszSoundPath_p, FILE_SHARE_READ | FILE_SHARE_WRITE);
+    if (hFile == nullptr) {
+        return false;
+    }
+    uint64_t ullFingerprint = 0;
+    FFDError const ffdError = KIVMP3_fingerprint_file(hFile, &ullFingerprint);
+    KIVMP3_release_file(&hFile);
+    if (ffdError != FFD_NOERROR) {
+        throw FFDError{ffdError};
+    }
+    return folded(ullFingerprint) == rRecord_p.dwDirFingerprint;
+}
+
 // Brings the files of an interrupted close to one of its two ends. The marker is still there, so
 // that a crash in here is met by the same decision again.
 void settle_files(LPCSTR pszMarkerPath_p, CloseMarkerRecord const& rRecord_p) {
@@ -241,17 +261,16 @@ void settle_files(LPCSTR pszMarkerPath_p, CloseMarkerRecord const& rRecord_p) {
         take_size(open_companion(szRebuiltPath, szSoundPath, dwShare), &ullRebuiltSize);
     bool const bDir = take_size(open_companion(szDirPath, szSoundPath, dwShare), &ullDirSize);
 
-    if (bSound && bRebuilt) {
-        // Nothing was removed yet: the old file and its directory still hold every edit. A sound
-        // file of another size was put there by somebody else: the rebuilt file is kept then, and
-        // the directory belongs to neither.
-        TRACE_INFO("interrupted close: forget the rebuilt file");
-        if (ullSoundSize != rRecord_p.dwOldSize) {
-            set_directory_aside(szDirPath, bDir);
-        } else if (ullRebuiltSize == rRecord_p.dwNewSize) {
-            delete_file(szRebuiltPath);
-        }
-    } else if (bRebuilt && ullRebuiltSize == rRecord_p.dwNewSize) {
+    bool const bRebuiltWhole = bRebuilt && ullRebuiltSize == rRecord_p.dwNewSize;
+    bool bReplace = bRebuiltWhole && !bSound;
+    if (bRebuiltWhole && bSound && ullSoundSize == rRecord_p.dwOldSize &&
+        rRecord_p.dwDirFingerprint != 0 && !holds_directory(szDirPath, szSoundPath, rRecord_p)) {
+        // The rebuilt file, which was flushed before the marker, is what holds every edit.
+        TRACE_INFO("interrupted close: the directory has not reached the disk");
+        delete_file(szSoundPath);
+        bReplace = true;
+    }
+    if (bReplace) {
         TRACE_INFO("interrupted close: give the rebuilt file its name");
         DWORD const dwError = KIVMP3_move_file(szRebuiltPath, szSoundPath);
         if (dwError != NO_ERROR) {
@@ -259,6 +278,16 @@ void settle_files(LPCSTR pszMarkerPath_p, CloseMarkerRecord const& rRecord_p) {
             throw FFDError{FFD_FILE_IO_ERROR};
         }
         delete_file(szDirPath);
+    } else if (bSound && bRebuilt) {
+        // Nothing was removed yet: the old file and its directory still hold every edit. A sound
+        // file of another size was put there by somebody else: the rebuilt file is kept then, and
+        // the directory belongs to neither.
+        TRACE_INFO("interrupted close: forget the rebuilt file");
+        if (ullSoundSize != rRecord_p.dwOldSize) {
+            set_directory_aside(szDirPath, bDir);
+        } else if (bRebuiltWhole) {
+            delete_file(szRebuiltPath);
+        }
     } else if (bSound && is_rebuilt_file(szSoundPath, ullSoundSize, rRecord_p)) {
         TRACE_INFO("interrupted close: remove the directory of the old file");
         delete_file(szDirPath);
@@ -296,6 +325,7 @@ FFDError CCloseMarker::write(CloseMarkerFiles const& rFiles_p) {
     CloseMarkerRecord record = {};
     memcpy(record.szMagic, MARKER_MAGIC, sizeof record.szMagic);
     record.dwOldSize = rFiles_p.dwOldSize;
+    record.dwDirFingerprint = folded(rFiles_p.ullDirFingerprint);
     record.dwNewSize = rFiles_p.dwNewSize;
     if (!copy_file_name(rFiles_p.pszSoundPath, record.szSoundName) ||
         !copy_file_name(rFiles_p.pszRebuiltPath, record.szRebuiltName)) {

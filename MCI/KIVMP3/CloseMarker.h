@@ -18,7 +18,7 @@ struct CloseMarkerRecord {
     DWORD dwCheck;                // CRC-32 (ISO-HDLC) of everything behind it
     DWORD dwOldSize;              // bytes of the sound file before the rebuild
     DWORD dwNewSize;              // bytes of the rebuilt file
-    DWORD dwReserved;             // 0
+    DWORD dwDirFingerprint;       // of the .DIR file, the high half folded into the low; 0: unknown
     uint64_t ullNewFingerprint;   // of the rebuilt file's bytes, if both sizes are equal; else 0
     char szSoundName[MAX_PATH];   // file names without a directory, zero-terminated and
     char szRebuiltName[MAX_PATH]; // filled up with zeros
@@ -31,7 +31,8 @@ static_assert(offsetof(CloseMarkerRecord, szSoundName) == 32);
 struct CloseMarkerFiles {
     LPCSTR pszSoundPath;
     HANDLE hSoundFile;
-    DWORD dwOldSize; // bytes of the sound file before the rebuild
+    DWORD dwOldSize;            // bytes of the sound file before the rebuild
+    uint64_t ullDirFingerprint; // of what the .DIR file should hold
     LPCSTR pszRebuiltPath;
     HANDLE hRebuiltFile; // its file pointer moves
     DWORD dwNewSize;     // bytes of the rebuilt file

@@ -234,8 +234,9 @@ DWORD CKivmp3::finish_temp_file(HANDLE hNewFile) {
 // From here on the next open for writing knows what to finish or to forget. The MP3 file is still
 // held: whoever waits for it to come free can't get in between and make the close fail.
 void CKivmp3::write_close_marker(LPCSTR pszTmpPath_p, HANDLE* phNewFile_p, DWORD dwNewFileSize_p) {
-    FFDError const ffdError = m_oCloseMarker.write(
-        {m_szFilePath, m_hMp3File, m_dwFileSize, pszTmpPath_p, *phNewFile_p, dwNewFileSize_p});
+    FFDError const ffdError =
+        m_oCloseMarker.write({m_szFilePath, m_hMp3File, m_dwFileSize, m_oDirFile.fingerprint(),
+                              pszTmpPath_p, *phNewFile_p, dwNewFileSize_p});
     if (ffdError == FFD_NOERROR) {
         return;
     }

@@ -1,0 +1,164 @@
+// Where the steps of a session come from: every short session in turn, or chance.
+#pragma once
+
+#include "testing/driver_session.h"
+#include "testing/sound_maker.h"
+
+#include <random>
+#include <set>
+#include <sstream>
+
+class StepSource {
+public:
+    virtual ~StepSource() = default;
+
+    // The next step of a session that has come so far, and what it writes; nothing at its end.
+    virtual std::optional<std::pair<Step, std::string>> next(Model const& model) = 0;
+};
+
+// Runs a session to its end, and tells its steps.
+inline std::string run_session(Session& session, StepSource& source) {
+    std::ostringstream told;
+    while (auto const step = session.is_open() ? source.next(session.model()) : std::nullopt) {
+        told << step->first << " ";
+        session.run(step->first, step->second);
+    }
+    return told.str();
+}
+
+constexpr uint32_t FRAME = 96; // of the sound maker
+
+// A piece of audio that no other write of the session gets. It does not end inside a header: what
+// is written behind it could make one of another bitrate of that, and no open takes such a file.
+inline std::string piece_of(Model const& model, uint32_t nBytes) {
+    std::string piece =
+        frames(nBytes / FRAME + 2, 1 + model.nWritten).substr(nBytes % FRAME == 0 ? 0 : 4, nBytes);
+    std::replace(piece.end() - std::min(3, static_cast<int>(nBytes)), piece.end(), '\xFF', 'x');
+    return piece;
+}
+
+struct Alphabet {
+    bool bFrames;                  // positions and lengths in whole frames
+    std::vector<uint32_t> around;  // how far from a border a position may lie
+    std::vector<uint32_t> inserts; // lengths
+    size_t nReach;                 // at how many of the next positions a range may end
+};
+
+// Every session of so many steps, one after the other. After a step that the driver refuses nothing
+// goes on.
+class EverySession : public StepSource {
+public:
+    EverySession(Alphabet alphabet, size_t nSteps)
+        : m_alphabet(std::move(alphabet)), m_nSteps(nSteps) {}
+
+    std::optional<std::pair<Step, std::string>> next(Model const& model) override {
+        if (m_bRefused || m_nNext == m_nSteps) {
+            return std::nullopt;
+        }
+        if (m_nNext == m_path.size()) {
+            m_path.push_back(steps_from(model.now));
+        }
+        Step const& step = m_path[m_nNext++].back();
+        std::string const piece = piece_of(model, step.nBytes);
+        m_bRefused = Model(model).apply(step, piece) != 0;
+        return std::pair{step, piece};
+    }
+
+    // Back to the first step of the same session; on another file it has the steps that it had.
+    void again() {
+        m_nNext = 0;
+        m_bRefused = false;
+    }
+
+    // On to the next session; false behind the last.
+    bool advance() {
+        again();
+        while (!m_path.empty()) {
+            m_path.back().pop_back();
+            if (!m_path.back().empty()) {
+                break;
+            }
+            m_path.pop_back();
+        }
+        return !m_path.empty();
+    }
+
+    // Whether the session has as many steps as were asked for.
+    bool is_whole() const { return m_path.size() == m_nSteps; }
+
+private:
+    // The positions of interest: around the borders of blocks, and in their middle.
+    std::vector<uint32_t> positions(Dictation const& dictation) const {
+        uint32_t const nLength = dictation.length();
+        std::set<uint32_t> found;
+        if (!m_alphabet.bFrames) { // the last place where a delete deletes, and the one behind it
+            found = {nLength - FRAME, nLength - FRAME + 1};
+        }
+        uint32_t nBorder = 0;
+        for (Run const& run : dictation.runs) {
+            if (run.state == Run::Live) {
+                uint32_t const nSize = run.live_size();
+                uint32_t const nMiddle = m_alphabet.bFrames ? nSize / 2 / FRAME * FRAME : nSize / 2;
+                for (uint32_t nAround : m_alphabet.around) {
+                    found.insert({nBorder + nAround, nBorder + nSize - nAround});
+                }
+                found.insert(nBorder + nMiddle);
+                nBorder += nSize;
+            }
+        }
+        found.insert({0, nLength});
+        return {found.begin(), found.upper_bound(nLength)};
+    }
+
+    std::vector<Step> steps_from(Dictation const& dictation) const {
+        std::vector<Step> steps{{Kind::Undo}, {Kind::Store}, {Kind::Restore}, {Kind::Erase, 0, 0}};
+        std::vector<uint32_t> const all = positions(dictation);
+        for (size_t nFirst = 0; nFirst < all.size(); ++nFirst) {
+            uint32_t const nAt = all[nFirst];
+            for (uint32_t nBytes : m_alphabet.inserts) {
+                steps.push_back({Kind::Insert, nAt, nBytes});
+            }
+            std::vector<uint32_t> ends{dictation.length() + FRAME};
+            for (size_t n = nFirst + 1; n < all.size() && n <= nFirst + m_alphabet.nReach; ++n) {
+                ends.push_back(all[n]);
+            }
+            for (uint32_t nEnd : ends) {
+                steps.push_back({Kind::Erase, nAt, nEnd - nAt});
+                steps.push_back({Kind::Overwrite, nAt, nEnd - nAt});
+            }
+        }
+        return steps;
+    }
+
+    Alphabet m_alphabet;
+    size_t m_nSteps;
+    std::vector<std::vector<Step>> m_path; // each time the last one, then those in front of it
+    size_t m_nNext = 0;
+    bool m_bRefused = false;
+};
+
+// A session of up to so many steps in whole frames, by chance.
+class RandomSession : public StepSource {
+public:
+    RandomSession(unsigned nSeed, unsigned nMostSteps)
+        : m_random(nSeed), m_nSteps(1 + below(nMostSteps)) {}
+
+    std::optional<std::pair<Step, std::string>> next(Model const& model) override {
+        if (m_nSteps-- == 0) {
+            return std::nullopt;
+        }
+        constexpr Kind kinds[] = {Kind::Insert,    Kind::Insert, Kind::Overwrite,
+                                  Kind::Overwrite, Kind::Erase,  Kind::Erase,
+                                  Kind::Undo,      Kind::Store,  Kind::Restore};
+        uint32_t const nEnd = model.now.length() / FRAME;
+        uint32_t const nAt = below(3) == 0 ? nEnd : below(nEnd + 1);
+        Step const step{kinds[below(9)], nAt * FRAME, (1 + below(8)) * FRAME};
+        return std::pair{step, step.kind < Kind::Erase ? piece_of(model, step.nBytes) : ""};
+    }
+
+private:
+    unsigned below(unsigned nLimit) { return static_cast<unsigned>(m_random() % nLimit); }
+
+    std::mt19937 m_random;
+    unsigned m_nSteps;
+};
