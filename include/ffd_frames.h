@@ -151,15 +151,24 @@ static inline uint32_t ffd_frame_samples(uint8_t const* header) {
     return ffd_frame_is_mpeg1(header) ? 1152 : 576;
 }
 
-/** Whether two frames can belong to one file: sync, version, layer and sampling rate are the same.
- * Checksum, bitrate, padding and channel mode may differ; of these the driver refuses another
- * bitrate at the next open. */
-static inline int ffd_frame_same_kind(uint8_t const* header1, uint8_t const* header2) {
-    return header1[0] == header2[0] && ((header1[1] ^ header2[1]) & 0xFE) == 0 &&
-           ((header1[2] ^ header2[2]) & 0x0C) == 0;
+/** The four bytes as one little-endian word. */
+static inline uint32_t ffd_frame_header_word(uint8_t const* header) {
+    return (uint32_t)header[0] | (uint32_t)header[1] << 8 | (uint32_t)header[2] << 16 |
+           (uint32_t)header[3] << 24;
 }
 
-/** Where the frame that tells players of the file has its "Xing" or "Info": bytes behind the
+/** Of such a word, what all frames of one file have in common: sync, version, layer and sampling
+ * rate. Checksum, bitrate, padding and channel mode may differ; of these the driver refuses another
+ * bitrate at the next open. */
+#define FFD_FRAME_KIND_MASK 0x000CFEFFu
+
+/** Whether two frames can belong to one file. */
+static inline int ffd_frame_same_kind(uint8_t const* header1, uint8_t const* header2) {
+    return ((ffd_frame_header_word(header1) ^ ffd_frame_header_word(header2)) &
+            FFD_FRAME_KIND_MASK) == 0;
+}
+
+/** Where the frame that describes the file to players has its "Xing" or "Info": bytes behind the
  * beginning of the frame, if it has no checksum. */
 static inline uint32_t ffd_info_offset(uint8_t const* header) {
     int const isMono = ffd_frame_channels(header) == 1;
@@ -172,7 +181,7 @@ static inline uint32_t ffd_info_offset(uint8_t const* header) {
 /**
  * Whether a whole Layer III frame is an info frame: silent, written in front of the audio by
  * encoders to tell players the count of frames and of bytes of the file ("Xing", "Info", "VBRI").
- * Inside another file it would be a gap of silence, and what it tells would be wrong.
+ * Inside another file it would be a gap of silence, and its counts would be wrong.
  */
 static inline int ffd_is_info_frame(uint8_t const* frame) {
     uint32_t const checksum = ffd_frame_has_checksum(frame) ? 2 : 0;

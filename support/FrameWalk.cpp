@@ -35,13 +35,13 @@ std::vector<uint8_t> read_at(dry::Contents const& file, uint64_t fileOffset, siz
 }
 
 uint32_t length_of(Header const& header) {
-    return frame_length(header.data());
+    return ffd_frame_length(header.data());
 }
 
 StreamFormat format_of(Header const& header) {
-    return {{frame_channels(header.data()), frame_sampling_rate(header.data()),
-             frame_bytes_per_second(frame_bitrate(header.data())),
-             static_cast<uint16_t>(length_of(header) - frame_padding(header.data()))},
+    return {{ffd_frame_channels(header.data()), ffd_frame_sampling_rate(header.data()),
+             frame_bytes_per_second(ffd_frame_bitrate(header.data())),
+             static_cast<uint16_t>(length_of(header) - ffd_frame_padding(header.data()))},
             mpeg_version(header.data()),
             mpeg_layer(header.data())};
 }
@@ -60,11 +60,12 @@ std::vector<FrameDifference> differences_of(Header const& found, Header const& e
     };
     compare("MPEG version", mpeg_version(expected.data()), mpeg_version(found.data()));
     compare_numbers("layer", mpeg_layer(expected.data()), mpeg_layer(found.data()), "");
-    compare_numbers("sampling rate", frame_sampling_rate(expected.data()),
-                    frame_sampling_rate(found.data()), " Hz");
-    compare_numbers("bitrate", frame_bitrate(expected.data()), frame_bitrate(found.data()),
+    compare_numbers("sampling rate", ffd_frame_sampling_rate(expected.data()),
+                    ffd_frame_sampling_rate(found.data()), " Hz");
+    compare_numbers("bitrate", ffd_frame_bitrate(expected.data()), ffd_frame_bitrate(found.data()),
                     " kbit/s");
-    compare_numbers("channels", frame_channels(expected.data()), frame_channels(found.data()), "");
+    compare_numbers("channels", ffd_frame_channels(expected.data()),
+                    ffd_frame_channels(found.data()), "");
     return differences;
 }
 
@@ -90,9 +91,9 @@ void FrameCounter::add(dry::Contents const& file, uint64_t fileOffset, Header co
         note_gap(file, m_walk.audioEndOffset, fileOffset);
     }
     ++m_walk.frames;
-    ++m_walk.framesOfBitrate[frame_bitrate(header.data())];
-    if (frame_bitrate(header.data()) != frame_bitrate(m_first.data()) ||
-        frame_channels(header.data()) != frame_channels(m_first.data())) {
+    ++m_walk.framesOfBitrate[ffd_frame_bitrate(header.data())];
+    if (ffd_frame_bitrate(header.data()) != ffd_frame_bitrate(m_first.data()) ||
+        ffd_frame_channels(header.data()) != ffd_frame_channels(m_first.data())) {
         note_different(header, fileOffset);
     }
     m_lastFrameOffset = fileOffset;

@@ -1,5 +1,5 @@
-// A folder that is held open, so that nobody who may write around it can lead what is done in it to
-// another place.
+// A folder that is held open, so that nobody who may write around it can redirect what is done in
+// it.
 #pragma once
 
 #include "console/Files.h"
@@ -26,7 +26,7 @@ public:
     // anything else that is no file, is a Failure. What a failure leaves is removed.
     bool copy_file(std::string const& name, OpenFolder const& target) const;
 
-    // Lets in who may read a file of this folder.
+    // Lets in whoever may read a file of this folder.
     void let_in_readers_of(std::string const& name) const;
 
     // Whether a name of this folder still leads to the other.

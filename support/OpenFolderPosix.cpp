@@ -36,7 +36,7 @@ struct stat status_of(Descriptor const& file, std::filesystem::path const& path)
     return status;
 }
 
-// The group first: who gives a file away may not change it afterwards.
+// The group first: whoever gives a file away may not change it afterwards.
 void keep_owner(int file, struct stat const& original) {
     if (fchown(file, static_cast<uid_t>(-1), original.st_gid) != 0 ||
         fchown(file, original.st_uid, static_cast<gid_t>(-1)) != 0) {

@@ -28,7 +28,7 @@ std::vector<std::string> names_to_keep(Diagnosis const& diagnosis) {
 }
 
 // Why an open for writing and a close are not even tried: they would fail, and an open that fails
-// can leave an empty .DIR file; or they would take audio away that is nowhere else.
+// can leave an empty .DIR file; or they would remove audio that is nowhere else.
 std::optional<Failure> obstacle(Diagnosis const& diagnosis, bool copy) {
     NextOpen const& next = diagnosis.next;
     if (next.inUse) {

@@ -6,7 +6,7 @@
 namespace ffdhost {
 
 // run_edit on a disk that only pretends: its result, and the changes that the disk would have seen.
-// What of the options belongs to that is set here.
+// The options that this takes are set here.
 Outcome run_dry_edit(std::string const& file, std::vector<std::string> const& tokens,
                      EditOptions options, bool json);
 

@@ -79,7 +79,7 @@ FFDError CKivmp3::search_frame_sync(CReadAhead& rFile_p, bool bFirstFrame_p, DWO
             return FFD_NOERROR;
         }
         if (dwBytesRead > 0) {
-            dwCarry = frame_header_word(pbyBlock + dwBytesRead - FRAME_HEADER_SIZE);
+            dwCarry = ffd_frame_header_word(pbyBlock + dwBytesRead - FRAME_HEADER_SIZE);
         }
     } while (dwBytesRead > 0);
     TRACE_ERROR(0, "at end of file and no frame header found");
@@ -89,16 +89,16 @@ FFDError CKivmp3::search_frame_sync(CReadAhead& rFile_p, bool bFirstFrame_p, DWO
 // Whether four bytes are the header that a search looks for: FFD_NOERROR, FFD_NO_MORE_FRAMES at a
 // tag, FFD_INVALID_FORMAT for all else.
 FFDError CKivmp3::judge_header(BYTE const* pbyHeader_p, bool bFirstFrame_p) {
-    bool const bCandidate =
-        bFirstFrame_p
-            ? frame_has_sync(pbyHeader_p)
-            : ((frame_header_word(pbyHeader_p) ^ m_dwReferenceHeader) & FRAME_REFERENCE_MASK) == 0;
+    bool const bCandidate = bFirstFrame_p
+                                ? ffd_frame_has_sync(pbyHeader_p) != 0
+                                : ((ffd_frame_header_word(pbyHeader_p) ^ m_dwReferenceHeader) &
+                                   FFD_FRAME_KIND_MASK) == 0;
     if (!bCandidate) {
         return FFD_INVALID_FORMAT;
     }
     FFDError const ffdError = check_frame_header(pbyHeader_p);
     if (ffdError == FFD_NOERROR && bFirstFrame_p) {
-        m_dwReferenceHeader = frame_header_word(pbyHeader_p);
+        m_dwReferenceHeader = ffd_frame_header_word(pbyHeader_p);
     }
     return ffdError;
 }
@@ -152,9 +152,9 @@ bool CKivmp3::is_followed_by_frame(CReadAhead& rFile_p, uint64_t ullFileOffset_p
                                    bool bAnyBitrate_p) {
     BYTE abyHeader[FRAME_HEADER_SIZE];
     memcpy(abyHeader, m_byFrameHeader, FRAME_HEADER_SIZE);
-    WORD const wBitrate = frame_bitrate(abyHeader);
+    WORD const wBitrate = ffd_frame_bitrate(abyHeader);
     for (int nFollowing = bAnyBitrate_p ? 1 : 4; nFollowing > 0; --nFollowing) {
-        ullFileOffset_p += frame_length(abyHeader);
+        ullFileOffset_p += ffd_frame_length(abyHeader);
         if (ullFileOffset_p == m_dwFileSize || ullFileOffset_p == m_dwLastFrame ||
             ullFileOffset_p == m_dwTrailingBegin) {
             return true;
@@ -166,9 +166,9 @@ bool CKivmp3::is_followed_by_frame(CReadAhead& rFile_p, uint64_t ullFileOffset_p
             throw FFDError{FFD_FILE_IO_ERROR};
         }
         if (dwBytesRead < FRAME_HEADER_SIZE ||
-            ((frame_header_word(pbyNext) ^ m_dwReferenceHeader) & FRAME_REFERENCE_MASK) != 0 ||
+            ((ffd_frame_header_word(pbyNext) ^ m_dwReferenceHeader) & FFD_FRAME_KIND_MASK) != 0 ||
             check_frame_header(pbyNext) != FFD_NOERROR ||
-            !(bAnyBitrate_p || frame_bitrate(pbyNext) == wBitrate)) {
+            !(bAnyBitrate_p || ffd_frame_bitrate(pbyNext) == wBitrate)) {
             return false;
         }
         memcpy(abyHeader, pbyNext, FRAME_HEADER_SIZE);
@@ -195,7 +195,7 @@ bool CKivmp3::pass_over_chance_header(CReadAhead& rFile_p, bool bAnyBitrate_p,
             break;
         }
         ullFound += 1 + dwSkipped;
-        if (ullFound <= ullMostOffset && frame_bitrate(m_byFrameHeader) == m_wLowestBitrate &&
+        if (ullFound <= ullMostOffset && ffd_frame_bitrate(m_byFrameHeader) == m_wLowestBitrate &&
             is_followed_by_frame(rFile_p, ullFound, bAnyBitrate_p)) {
             TRACE_INFO("bytes that look like a frame header are passed over");
             *pullFileOffset_p = ullFound;
@@ -221,22 +221,22 @@ void CKivmp3::ascertain_data_length_from_file(BYTE* pbyReadAhead_p) {
         throw FFDError{FFD_INTERNAL_ERROR};
     }
 
-    bool const bMpeg1 = frame_is_mpeg1(m_byFrameHeader);
-    DWORD const dwSamplingRate = frame_sampling_rate(m_byFrameHeader);
-    DWORD const dwFactor = frame_length_factor(m_byFrameHeader);
-    m_wLowestBitrate = frame_bitrate(m_byFrameHeader);
+    bool const bMpeg1 = ffd_frame_is_mpeg1(m_byFrameHeader) != 0;
+    DWORD const dwSamplingRate = ffd_frame_sampling_rate(m_byFrameHeader);
+    DWORD const dwFactor = ffd_frame_length_factor(bMpeg1);
+    m_wLowestBitrate = ffd_frame_bitrate(m_byFrameHeader);
     DWORD const dwMostPosition = 0xFFFFFFFFu - m_dwFirstFrame;
     DWORD dwActualPosition = 0; // audio position behind the present frame
     DWORD dwBytesSkipped = 0;
     do {
         TELL_FRAME(m_dwFirstFrame + dwActualPosition + dwBytesSkipped, m_byFrameHeader);
-        WORD const wBitrate = frame_bitrate(bMpeg1, frame_bitrate_index(m_byFrameHeader));
+        WORD const wBitrate = ffd_bitrate(bMpeg1, ffd_frame_bitrate_index(m_byFrameHeader));
         if (wBitrate != m_wLowestBitrate) {
             note_bitrate(wBitrate, dwActualPosition);
         }
-        uint64_t const ullNextPosition =
-            uint64_t{dwActualPosition} + dwBytesSkipped +
-            frame_length(wBitrate, dwFactor, dwSamplingRate, frame_padding(m_byFrameHeader));
+        uint64_t const ullNextPosition = uint64_t{dwActualPosition} + dwBytesSkipped +
+                                         ffd_frame_length_of(wBitrate, dwFactor, dwSamplingRate,
+                                                             ffd_frame_padding(m_byFrameHeader));
         if (ullNextPosition > dwMostPosition) {
             // A last frame that the end of the file cuts short, just under 4 GiB.
             dwActualPosition = dwMostPosition;
@@ -272,12 +272,13 @@ bool CKivmp3::search_walked_frame(CReadAhead& rFile_p, DWORD dwFileOffset_p,
             return dwLastHeader != 0;
         }
         ullFrom += dwSkipped;
-        if (frame_bitrate(m_byFrameHeader) == m_wLowestBitrate || m_bVBR ||
+        if (ffd_frame_bitrate(m_byFrameHeader) == m_wLowestBitrate || m_bVBR ||
             pass_over_chance_header(rFile_p, true, &ullFrom)) {
             *pdwBytesSkipped_p = static_cast<DWORD>(ullFrom - dwFileOffset_p);
             return true;
         }
-        if (ullFrom == dwFileOffset_p && ullFrom + frame_length(m_byFrameHeader) < m_dwFileSize) {
+        if (ullFrom == dwFileOffset_p &&
+            ullFrom + ffd_frame_length(m_byFrameHeader) < m_dwFileSize) {
             memcpy(&dwLastHeader, m_byFrameHeader, FRAME_HEADER_SIZE);
         }
     }

@@ -267,11 +267,11 @@ void CKivmp3::skip_id3_tags() {
 
 void CKivmp3::set_codingtype_and_sampleinfo() {
     TRACE_ENTRY("-----CKivmp3::set_codingtype_and_sampleinfo()");
-    m_ffdSampinfo.wChannels = frame_channels(m_byFrameHeader);
+    m_ffdSampinfo.wChannels = ffd_frame_channels(m_byFrameHeader);
     m_ffdSampinfo.wBitsPerSample = 0;
-    m_ffdSampinfo.dwSamplingRate = frame_sampling_rate(m_byFrameHeader);
+    m_ffdSampinfo.dwSamplingRate = ffd_frame_sampling_rate(m_byFrameHeader);
     m_ffdSampinfo.wBlockAlign = 1;
-    m_ffdSampinfo.nAvgBytesPerSec = frame_bytes_per_second(frame_bitrate(m_byFrameHeader));
+    m_ffdSampinfo.nAvgBytesPerSec = frame_bytes_per_second(ffd_frame_bitrate(m_byFrameHeader));
     m_byCodtype = CODING_TYPE_MP3;
 }
 

@@ -164,7 +164,7 @@ FFDError CKivmp3::search_block_frame(uint64_t ullFileOffset_p, BYTE* pcBuffer_p,
         *pbFollowed_p =
             ullFound == m_dwFirstFrame || pass_over_chance_header(file, false, &ullFound);
         *pdwSkipped_p = static_cast<DWORD>(ullFound - ullFileOffset_p);
-        if (*pbFollowed_p || frame_bitrate(m_byFrameHeader) == m_wLowestBitrate) {
+        if (*pbFollowed_p || ffd_frame_bitrate(m_byFrameHeader) == m_wLowestBitrate) {
             return FFD_NOERROR;
         }
         ullFrom = ullFound + 1;
