@@ -17,16 +17,16 @@ namespace ffdhost {
 
 using Json = nlohmann::ordered_json;
 
-// A list that is shown ends here, with the count of what is left out: a hostile file can make it as
-// long as it likes.
+// A list that is shown ends here, with the count of what is left out: a hostile file could make it
+// as long as it likes.
 constexpr size_t kMostRows = 10000;
 
 constexpr int kExitFailed = 1; // an operation did not work
 constexpr int kExitUsage = 2;  // the command line is wrong; nothing was done
 constexpr int kExitCrash = 3;  // the operation 'crash' of edit
 
-// Of the documents: it changes when a field goes or changes its meaning, not when one is added.
-// docs/json.md has the fields.
+// Of the documents: it changes when a field is removed or changes its meaning, not when one is
+// added. docs/json.md has the fields.
 constexpr int kJsonVersion = 1;
 
 // One document on stdout, with the version in front. Names that are not UTF-8 lose the bytes that
@@ -81,8 +81,8 @@ private:
     bool m_shown = false;
 };
 
-// A line on stderr that is drawn over and over on a terminal, and once a minute elsewhere. Warnings
-// and failures go around it.
+// A line on stderr that is redrawn on a terminal, and written once a minute elsewhere. Warnings and
+// failures do not disturb it.
 class StatusLine {
 public:
     StatusLine();

@@ -30,8 +30,8 @@ std::optional<uint64_t> parse_whole(std::string_view text) {
     return value;
 }
 
-// A decimal number in units of 1 / `scale`, a power of ten. More digits behind the point than the
-// scale has are refused, and so are more than seven in front of it.
+// A decimal number in units of 1 / `scale`, a power of ten. More digits after the point than the
+// scale has are refused, and so are more than seven before it.
 std::optional<uint64_t> parse_decimal(std::string_view text, uint64_t scale) {
     size_t const point = text.find('.');
     std::string_view const front = text.substr(0, point);
@@ -54,7 +54,7 @@ std::optional<uint64_t> parse_decimal(std::string_view text, uint64_t scale) {
     return value + *fraction * scale;
 }
 
-// Hours and minutes in front of the seconds; all fields but the first stay below 60.
+// Hours and minutes before the seconds; all fields but the first stay below 60.
 std::optional<uint64_t> parse_clock(std::string_view text) {
     uint64_t minutes = 0;
     int fields = 0;

@@ -102,8 +102,9 @@ std::string posix_word(std::string_view name) {
     return (octal ? "$'" : "'") + word + "'";
 }
 
-// Both shells of Windows take "..." as a word. The one that looks into it is told not to: for it a
-// curved quote is a quote, too. For the other a word with such a mark names no file.
+// Both shells of Windows take "..." as one word. One of them also expands what is in it, which is
+// escaped; to it a curved quote is a quote, too. To the other a word with such a mark names no
+// file.
 std::string windows_word(std::string_view name) {
     std::string word = "\"";
     for (std::string_view rest = name; !rest.empty();) {

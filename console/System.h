@@ -13,7 +13,7 @@ namespace ffdhost {
 
 // The host keeps all text as UTF-8. The driver takes and stores names in the narrow characters of
 // the process, which on Windows are those of its code page. The program's manifest asks for UTF-8
-// there; a Windows that does not heed it has the system's own.
+// there; a Windows that ignores it uses the system's own.
 //
 // The words of the command line; they live as long as the program.
 std::span<char const* const> command_line(int argc, char** argv);
@@ -40,7 +40,7 @@ bool may_write(std::filesystem::path const& path);
 // gets one of them and is written into as standard output. What was missing fails when it is used.
 void open_missing_descriptors();
 
-// The directory of the running program; empty if the system does not tell.
+// The directory of the running program; empty if the system does not say.
 std::filesystem::path program_directory();
 
 enum class Stream { Output, Error };
@@ -51,7 +51,7 @@ bool is_terminal(Stream stream);
 // Whether the terminal behind it shows colours.
 bool terminal_has_colours(Stream stream);
 
-// What the terminal behind stdout can show: columns of text (80 if it does not tell), and letters
+// What the terminal behind stdout can show: columns of text (80 if it does not say), and letters
 // beyond ASCII.
 unsigned terminal_width();
 bool terminal_shows_utf8();

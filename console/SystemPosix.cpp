@@ -21,7 +21,7 @@ constexpr unsigned kUsualWidth = 80; // of a terminal
 
 constexpr int kStops[] = {SIGINT, SIGTERM, SIGHUP};
 
-int g_stopPipe[2] = {-1, -1}; // wakes up who waits for stdin
+int g_stopPipe[2] = {-1, -1}; // wakes up whoever waits for stdin
 
 // Ends the process by the signal itself, so that the caller sees what it was.
 void on_interrupt(int signal) {
@@ -75,7 +75,7 @@ void open_missing_descriptors() {
 std::filesystem::path program_directory() {
     std::error_code error;
     std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", error);
-    if (error) { // without /proc: what the system was told to run, which is no search
+    if (error) { // without /proc: the path that the system was told to run
         auto const* const name = reinterpret_cast<char const*>(getauxval(AT_EXECFN));
         program = std::filesystem::canonical(name == nullptr ? "" : name, error);
     }

@@ -47,9 +47,9 @@ std::optional<std::string> narrowed(UINT codePage, std::wstring_view text) {
 
 } // namespace
 
-// The C++ library makes a path of narrow text by this function of the C library, to whose locales
-// UTF-8 is unknown here; the linker puts this one in its place. Everything narrow that becomes a
-// path is UTF-8.
+// The C++ library uses this function of the C library, whose locales do not know UTF-8 here, to
+// make a path of narrow text; the linker puts this one in its place. Everything narrow that becomes
+// a path is UTF-8.
 extern "C" size_t __wrap_mbrtowc(wchar_t* wide, char const* text, size_t size, mbstate_t* state) {
     constexpr auto kInvalid = static_cast<size_t>(-1);
     if (*state != 0) { // the second half of a letter, which the last byte stands for
@@ -109,7 +109,7 @@ bool same_file_name(std::filesystem::path const& name1, std::filesystem::path co
     return CompareStringOrdinal(name1.c_str(), -1, name2.c_str(), -1, TRUE) == CSTR_EQUAL;
 }
 
-// Of a directory the attribute says nothing.
+// For a directory the attribute means nothing.
 bool may_write(std::filesystem::path const& path) {
     DWORD const attributes = GetFileAttributesW(path.c_str());
     return attributes == INVALID_FILE_ATTRIBUTES || (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 ||
@@ -204,7 +204,7 @@ bool stdin_is_terminal() {
     return _isatty(_fileno(stdin)) != 0;
 }
 
-// The system has no way to wait for a pipe: it is asked again and again.
+// The system has no way to wait for a pipe, so it is asked again and again.
 Arrival await_stdin(std::span<std::byte> buffer, size_t& count,
                     std::chrono::milliseconds patience) {
     HANDLE const input = GetStdHandle(STD_INPUT_HANDLE);

@@ -8,8 +8,8 @@
 
 namespace ffdhost {
 
-// The blocks with where they lie and play, as a list that may end with what is left out. `view` is
-// what places them in the file; without it their file offsets are not known.
+// The blocks, where they lie and where they play, as a list that may end with what is left out.
+// `view` places them in the file; without it their file offsets are not known.
 Json map_json(DirMap const& map, std::optional<StreamView> const& view, uint32_t bytesPerSecond);
 void print_map(Json const& blocks);
 

@@ -1,4 +1,4 @@
-// Where the driver lies and how it is loaded.
+// Where the driver is and how it is loaded.
 #pragma once
 
 #include <ffd.hpp>

@@ -265,7 +265,7 @@ void Editor::seek(EditOp const& op, Json& result) {
     tell_place_beyond("seek", op.position, wanted, length, m_rate);
 }
 
-// With --snap the nearest border, and in the result by how much it lies behind the place.
+// With --snap the nearest border, and in the result how far it lies behind the place.
 uint32_t Editor::snapped(uint32_t dictationPosition, Json& result) {
     if (!m_options.snap) {
         return dictationPosition;

@@ -269,13 +269,13 @@ typedef FFDError (*FFDGetDictationFileSizeProc)(FFDHandle ffdHandle, uint32_t* l
 /** Slot 2. Always FFD_NOT_SUPPORTED; lpffdGranuInfo is not touched. */
 typedef FFDError (*FFDGetGranularitySizeProc)(FFDHandle ffdHandle, void* lpffdGranuInfo);
 
-/** Slot 3. Fills the written fields of *lpAudioInfo. ffdBufferSize is not looked at: the record
+/** Slot 3. Fills the written fields of *lpAudioInfo. ffdBufferSize is ignored: the record
  * must have at least 26 bytes. */
 typedef FFDError (*FFDGetAudioInfoProc)(FFDHandle ffdHandle, FFDAudioInfo* lpAudioInfo,
                                         uint32_t ffdBufferSize);
 
-/** Slot 4. Prepares a read of up to ffdLength bytes from the position on: gives out the record that
- * FFDReadData wants, with the length cut down to what is left. */
+/** Slot 4. Prepares a read of up to ffdLength bytes from the position on: gives the record that
+ * FFDReadData needs, with the length cut down to what is left. */
 typedef FFDError (*FFDGetSizeOfDataProc)(FFDHandle ffdHandle, uint32_t ffdLength,
                                          FFDReadHandle** lplpffdReadHandle);
 
@@ -293,21 +293,21 @@ typedef FFDError (*FFDGetFilePathProc)(FFDHandle ffdHandle, char* lpffdBuffer,
 typedef FFDError (*FFDGetSoundDataLengthProc)(FFDHandle ffdHandle, uint32_t* lpffdSoundDataLength);
 
 /** Slot 8. FFDWriteData sends FIDM_DISKSPACE_WARNING when a third of the free space above the basic
- * need (twice the file and its blocks, plus 10 MiB) is below so many bytes; 0 for no warning. */
+ * need (twice the file and its blocks, plus 10 MiB) is below this many bytes; 0 for no warning. */
 typedef FFDError (*FFDSetDiskspaceWarningTimeProc)(FFDHandle ffdHandle, uint32_t ffdWarningUnit);
 
 /** Slot 9. Replaces the callback target by a 32-bit address; 0 switches messages off. A target
- * above 4 GiB can be given with FFDCreateFile only. */
+ * above 4 GiB can only be given to FFDCreateFile. */
 typedef FFDError (*FFDSetCallbackAddressProc)(FFDHandle ffdHandle, uint32_t ffdCallbackAddress);
 
-/** Slot 10. Moves the position, to the end at most, and tells the position reached. */
+/** Slot 10. Moves the position, to the end at most, and gives the position reached. */
 typedef FFDError (*FFDAudioSeekProc)(FFDHandle ffdHandle, uint32_t ffdSeekPos,
                                      uint32_t* lpffdRealPos);
 
 /** Slot 11. Answers FFD_NOERROR and writes nothing. */
 typedef FFDError (*FFDSaveAsProc)(FFDHandle ffdHandle, char const* lpNewName);
 
-/** Slot 12. Folds the edits into the file, rebuilding it if they ask for it, and ends the handle,
+/** Slot 12. Folds the edits into the file, rebuilding it if they require it, and ends the handle,
  * whatever the status. After a status other than FFD_NOERROR the edits are still in the .DIR file
  * beside the sound file: the next open for writing finds them. FFD_ERR_NOT_ENOUGH_DSPACE,
  * FFD_FILE_IO_ERROR, FFD_ERROR_OUTOFMEMORY. */
@@ -332,9 +332,9 @@ typedef FFDError (*FFDReadDataProc)(FFDHandle ffdHandle, FFDReadHandle const* lp
                                     uint32_t ffdBufferSize, uint8_t* lpffdBuffer);
 
 /** Slot 15. Enters ffdBufferSize bytes of MP3 data at the position and moves it behind them; with
- * FFD_METHOD_OVERWRITE as many bytes behind them leave the dictation. The bytes are on the disk at
- * the return. FFD_ERROR_READ_ONLY, FFD_FILE_IO_ERROR (also at 4 GiB), FFD_ERROR_OUTOFMEMORY (the
- * edit directory is full): the dictation is as before. */
+ * FFD_METHOD_OVERWRITE as many bytes behind them leave the dictation. The bytes are on the disk
+ * when it returns. FFD_ERROR_READ_ONLY, FFD_FILE_IO_ERROR (also at 4 GiB), FFD_ERROR_OUTOFMEMORY
+ * (the edit directory is full): the dictation is as before. */
 typedef FFDError (*FFDWriteDataProc)(FFDHandle ffdHandle, FFDMethod ffdMethod,
                                      uint32_t ffdBufferSize, uint8_t* lpffdBuffer);
 

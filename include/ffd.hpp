@@ -15,7 +15,7 @@
  */
 #pragma once
 
-// Compilers of the time in which C++20 was made say something in between.
+// Compilers from the time when C++20 was being made give a value in between.
 #if __cplusplus <= 201703L && (!defined(_MSVC_LANG) || _MSVC_LANG <= 201703L)
 #error "ffd.hpp wants C++20: compile with -std=c++20 or /std:c++20. ffd.h is plain C."
 #else
@@ -57,7 +57,7 @@ inline StatusText describe(FFDError status) {
     return ffd_describe(status);
 }
 
-/** An operation that answered another status than FFD_NOERROR. */
+/** An operation that gave a status other than FFD_NOERROR. */
 class Error : public std::runtime_error {
 public:
     /** `operation` is a literal: it is kept as it is. */
@@ -86,7 +86,7 @@ public:
     /**
      * Loads the library: a path, or a bare name that the system looks for. With a path its own
      * folder is searched for the trace library. Throws std::runtime_error with the system's own
-     * words, or if the library is no such driver.
+     * words, also if the library is no such driver.
      */
     explicit Driver(std::filesystem::path const& library) : m_library(load(library)) {
         void const* const symbol = find(m_library, FFD_TABLE_SYMBOL);
@@ -109,7 +109,7 @@ public:
     Driver(Driver const&) = delete;
     Driver& operator=(Driver const&) = delete;
 
-    /** The slots, for what File has no operation for. */
+    /** The slots, for what File offers no operation for. */
     Table const& table() const noexcept { return m_table; }
 
 private:

@@ -59,10 +59,10 @@ struct Tick {
     std::string label;
 };
 
-// The audio position where the audio ended before the first edit, as far as the blocks tell. The
+// The audio position where the audio ended before the first edit, as far as the blocks show. The
 // driver appends new audio behind all that the file holds, and never changes the order of the old
 // audio. So the old audio ends at the first gap between two blocks, where a tag stood at the end of
-// the file; without one, at the lowest block that plays in front of audio that lies in front of it.
+// the file; without one, at the lowest block that plays before audio that lies in front of it.
 // What was appended to the very end of the dictation looks like old audio then.
 std::optional<uint32_t> original_end(std::vector<Block> const& blocks);
 

@@ -47,7 +47,7 @@ Look look_of(PlaceKind kind) {
     return kLooks[static_cast<size_t>(kind)];
 }
 
-// Lightness tells the kinds apart, and patterns do, so that grey is enough.
+// Both lightness and patterns tell the kinds apart, so grey is enough.
 char const* const kStyle = R"svg(<style>
 text{font-family:system-ui,"Segoe UI","DejaVu Sans",Helvetica,Arial,sans-serif;font-size:12px;fill:#22303c}
 .card{fill:#fdfcf8;stroke:#c9c5bb}
@@ -179,7 +179,7 @@ private:
     }
 
     // Where audio begins in the file lane that has this much in front of it; with `asEnd`, where
-    // what is in front of it ends. Only at a gap the two differ.
+    // what is in front of it ends. The two differ only at a gap.
     double lies_x(uint64_t lies, bool asEnd = false) const {
         double slots = 0;
         for (LaneGap const& gap : m_lanes.gaps) {

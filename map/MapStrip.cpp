@@ -27,8 +27,9 @@ constexpr std::array<Sign, kPlaceKinds> kSigns = {
      {"u", "u", "\033[1;35m", "deleted here, undo brings it back"},
      {"x", "x", "\033[1m", "deleted here"}}};
 
-// The kind of each column: the one with the most bytes in it, or that of a deletion there. So that
-// the audio is still seen, deletions keep a distance, and one that can be undone comes first.
+// The kind of each column: the one with the most bytes in it, or that of a deletion there.
+// Deletions keep a distance so that the audio is still seen, and one that can be undone comes
+// first.
 std::vector<PlaceKind> columns_of(Lanes const& lanes, unsigned width) {
     double const scale = static_cast<double>(width) / static_cast<double>(lanes.dictationLength);
     std::vector<double> appended(width); // the share of it, less that of the original audio

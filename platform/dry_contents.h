@@ -1,5 +1,5 @@
 // The bytes of a file as the dry layer sees them: runs of bytes that are elsewhere already, in a
-// real file or in memory. A copy of a real file so costs a few words, however large it is.
+// real file or in memory. So a copy of a real file costs a few words, however large it is.
 #pragma once
 
 #include "platform/platform.h"
@@ -25,7 +25,7 @@ public:
 // A real file, open as PlatformLookAtFile opens it.
 class RealFile final : public Source {
 public:
-    // Takes the handle over. A file whose size cannot be had is empty, with its error in error().
+    // Takes over the handle. A file whose size cannot be had is empty, with its error in error().
     RealFile(HANDLE hFile, std::string path);
     ~RealFile() override;
     RealFile(RealFile const&) = delete;

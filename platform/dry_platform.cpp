@@ -140,7 +140,7 @@ bool is_open(File const& file) {
                        [&](auto const& each) { return each.second.pFile.get() == &file; });
 }
 
-// Looks at a file of the disk under the eyes of those who have it.
+// Looks at a file of the disk, subject to the claims of those who have it open.
 DWORD look(std::string const& path, DWORD dwAccess, DWORD dwShare, HANDLE& hFile) {
     if (!over_real_disk()) {
         return ERROR_FILE_NOT_FOUND;
@@ -619,7 +619,7 @@ time_t DryTime(time_t* /*pTime*/) {
                : dry::state().emptyDiskNow++;
 }
 
-// Nobody waits: the clock goes on instead.
+// Nothing waits: the clock goes on instead.
 void WINAPI DrySleep(DWORD dwMilliseconds) {
     dry::state().ullSleptMs += dwMilliseconds;
 }

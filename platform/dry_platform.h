@@ -34,7 +34,7 @@ struct Change {
     bool bReal = false;        // the file is one of the disk, not one that was made here
 };
 
-// A call that failed, for whoever wants to say why.
+// A call that failed, to be able to say why.
 struct Failure {
     char const* pszCall; // its name in platform.h
     std::string file;    // absolute
@@ -46,14 +46,15 @@ enum class Disk { Real, Empty };
 // Forgets everything, and begins over this disk. Every handle must be closed.
 void start(Disk disk);
 
-// What has changed since the start, in order; what was made to vanish with its handle is left out.
+// What has changed since the start, in order, without files that were made to vanish with their
+// handle.
 std::vector<Change> const& changes();
 
 // The calls on a path, or on a handle, that failed since the start for another reason than that a
 // file is missing; in order.
 std::vector<Failure> const& failures();
 
-// The free space that the layer tells of from now on; nothing: that of the disk.
+// The free space that the layer reports from now on; nothing: that of the disk.
 void pretend_free_bytes(std::optional<uint64_t> ullFreeBytes);
 
 // The bytes that a file would have now; null if there would be none. What cannot be looked at

@@ -56,7 +56,7 @@ bool is_transfer(Call call) {
     return call == Call::ReadFile || call == Call::WriteFile || call == Call::CopyBytes;
 }
 
-// Counts the call for the rule and tells whether the rule bites.
+// Counts the call for the rule and says whether the rule applies.
 bool applies(Rule& rule, Call call) {
     if (rule.call != call && rule.call != Call::Any) {
         return false;

@@ -2,11 +2,11 @@
 //
 // On Windows these are the platform's own calls. On Linux this layer gives the same operations
 // under the same names, with the same types, constants and outcomes, as far as the driver uses
-// them; what differs is told in docs/platform.md. The driver's sources are written against this
-// header only and hold no other platform call.
+// them; docs/platform.md says what differs. The driver's sources use only this header and make no
+// other platform call.
 //
 // Every call reports a failure by its result and a per-thread error number that GetLastError gives.
-// The number is set on failure only: read it before anything else can change it.
+// The number is set only on failure: read it before anything else can change it.
 #pragma once
 
 #include <cstddef>
@@ -40,7 +40,7 @@
 
 #define PLATFORM_EXPORT // in xkivmp3.def
 
-// The media layer has it, and not every set of its headers.
+// The media layer has it, but not every set of its headers.
 extern "C" BOOL WINAPI DriverCallback(DWORD_PTR dwCallback, DWORD dwFlags, HDRVR hDevice,
                                       DWORD dwMsg, DWORD_PTR dwUser, DWORD_PTR dwParam1,
                                       DWORD_PTR dwParam2);
@@ -318,7 +318,7 @@ struct PlatformFileIdentity {
     bool operator==(PlatformFileIdentity const&) const = default;
 };
 
-// The identity of the file behind a handle, or that a path leads to, links followed.
+// The identity of the file of a handle, or of the one that a path leads to, links followed.
 BOOL PlatformGetFileIdentity(HANDLE hFile, PlatformFileIdentity* pIdentity);
 BOOL PlatformGetNameIdentity(LPCSTR pszPath, PlatformFileIdentity* pIdentity);
 
@@ -346,7 +346,7 @@ bool PlatformIsNameLingering(LPCSTR pszPath);
 // along with them, in large pieces and inside the system where it gains from that. The result is
 // how many bytes that were: fewer than asked for, down to 0, at the end of the file, after a
 // failure, and where the system has no such means, as on Windows. The caller goes on with ReadFile
-// and WriteFile, which tell what the matter is.
+// and WriteFile, which report what the matter is.
 DWORD PlatformCopyBytes(HANDLE hFrom, HANDLE hTo, DWORD dwBytes);
 
 // A number that a forked child finds changed, which has none of its parent's handles. Always 0 on

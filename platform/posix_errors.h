@@ -8,10 +8,11 @@ namespace posix {
 // Numbers that the layer reports and the driver does not name.
 constexpr DWORD ERROR_NUMBER_NOT_SAME_DEVICE = 17;
 
-// The error number for a failure that no path plays a part in.
+// The error number for a failure in which no path plays a part.
 DWORD error_of(int iErrno);
 
-// The error number for a failed call on a path: tells a missing file from a missing directory.
+// The error number for a failed call on a path; distinguishes a missing file from a missing
+// directory.
 DWORD error_of_path(int iErrno, char const* pszPath);
 
 // Sets the last error; always false, for `return fail(...)`.

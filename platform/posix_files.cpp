@@ -29,8 +29,8 @@ DWORD check(ObjectUse const& file, DWORD dwAccessNeeded) {
     return (file->dwAccess & dwAccessNeeded) == dwAccessNeeded ? NO_ERROR : ERROR_ACCESS_DENIED;
 }
 
-// The limit on the size of files that the process makes. The system answers what goes beyond it by
-// a signal that ends the process, so it is never asked.
+// The limit on the size of files that the process makes. The system answers what goes beyond it
+// with a signal that ends the process, so it is never asked.
 int64_t largest_file_bytes() {
     constexpr int64_t UNLIMITED = std::numeric_limits<int64_t>::max();
     struct rlimit limit {};

@@ -58,7 +58,7 @@ struct Object {
     std::atomic<uint32_t> uHolders = 0;
 };
 
-// A place in the table, taken before anything on the disk changes so that nothing can fail behind
+// A place in the table, taken before anything on the disk changes, so that nothing can fail after
 // the change. Given back unless published.
 class NewHandle {
 public:

@@ -2,7 +2,7 @@
 //
 // It is done by an object rather than by constructor and destructor attributes: at the end of a
 // process those of an object run before the other static objects of the library, which the
-// entry point may use, and not behind them. It must stand behind the object files of the library in
+// entry point may use, and not after them. It must stand behind the object files of the library in
 // the link, so that those objects exist at attach.
 #include "platform/platform.h"
 

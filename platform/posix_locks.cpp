@@ -167,7 +167,7 @@ DWORD claim(int fd, Claim const& wanted) {
         if (lock_call(fd, F_OFD_SETLK, lock) == 0) {
             return true;
         }
-        // Nobody of this layer sets a lock that a shared one could meet.
+        // Nothing in this layer sets a lock that a shared one could meet.
         bGuarded = errno == EAGAIN || errno == EACCES;
         return false;
     });
