@@ -31,9 +31,10 @@ make_zip() {
     for program in XKIVMP3.dll XKIVLOG.dll ffdhost.exe; do
         x86_64-w64-mingw32-strip -o "$folder/$program" "build-windows/$program"
     done
-    cp build-windows/libXKIVMP3.dll.a "$folder/lib/"
     cp include/* "$folder/include/"
-    cp MCI/xkivmp3.def "$folder/lib/XKIVMP3.def" # other compilers make their import library of it
+    # Without DllMain, which a host that is a library itself would take for its own.
+    grep -vw DllMain MCI/xkivmp3.def >"$folder/lib/XKIVMP3.def"
+    (cd "$folder/lib" && x86_64-w64-mingw32-dlltool --temp-prefix xkivmp3 -d XKIVMP3.def -l libXKIVMP3.dll.a)
     cp LICENSE SECURITY.md CHANGELOG.md "$folder/"
     sed "s/@VERSION@/$version/" packaging/windows/README.md >"$folder/README.md"
     cp "dist/xkivmp3-$version-py3-none-any.whl" "$folder/python/"

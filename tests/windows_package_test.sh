@@ -23,10 +23,11 @@ int main(void) {
     return FFD_Function_Table.close(NULL) == FFD_INVALID_HANDLE ? 0 : 1;
 }
 END
-# The lines for MinGW-w64, and the one that makes an import library, as they stand there.
+# The lines for MinGW-w64 as they stand there, and for the one of Visual Studio's lib a program that makes
+# the same of the same file.
 sed -nE 's/^    (gcc|g\+\+|lib) (.*)/\1 \2/p' README.md | tr '\\' / | while read -r compiler arguments; do
     case $compiler in
-    lib) command=llvm-lib-14 ;;
+    lib) command=llvm-dlltool-14 arguments=$(sed 's|/def:|-d |; s|/machine:x64|-m i386:x86-64|; s|/out:|-l |' <<<"$arguments") ;;
     *) command=x86_64-w64-mingw32-$compiler-posix ;;
     esac
     # shellcheck disable=SC2086
@@ -39,6 +40,8 @@ for compiler in gcc g++; do
         grep -x 'undone   96966 bytes'
 done
 "${wine[@]}" host.exe
+# The driver's DllMain is not for a host that is a library itself.
+! x86_64-w64-mingw32-nm lib/libXKIVMP3.dll.a XKIVMP3.lib | grep DllMain || exit 1
 x86_64-w64-mingw32-gcc-posix -D FFD_LINKED -I include -o host.exe host.c XKIVMP3.lib
 "${wine[@]}" host.exe
 "${wine[@]}" ffdhost.exe info letter.mp3 | grep -c 'Dictation'
