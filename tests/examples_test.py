@@ -1,8 +1,11 @@
-"""Runs each example on copies of the samples: all print the same lengths and leave the same file.
-EXAMPLES holds the commands, one a line, their words set apart by "|"; FFD_SAMPLES names the directory of the samples."""
+"""Runs each example on copies of the samples: all print the same lengths and leave the same file. Runs
+the session that README.md shows: ffdhost says what stands there. EXAMPLES holds the commands, one a line,
+their words set apart by "|"; FFD_SAMPLES names the directory of the samples, HOST that of ffdhost, if
+that is to be run."""
 
 import os
 import pathlib
+import re
 import shutil
 import subprocess
 import tempfile
@@ -39,6 +42,18 @@ class ExamplesTest(unittest.TestCase):
                     missing = subprocess.run([*command, *files], capture_output=True, text=True)
                     self.assertEqual(missing.returncode, 1)
                     self.assertIn("none.mp3", missing.stderr)
+
+    @unittest.skipUnless(os.environ.get("HOST"), "no ffdhost of this machine")
+    def test_readme(self):
+        page = (SAMPLES.parent.parent / "README.md").read_text()
+        session = re.search(r"^```\n(\$ .*?)^```$", page, re.S | re.M)[1]
+        with tempfile.TemporaryDirectory() as folder:
+            os.symlink(SAMPLES.parent, pathlib.Path(folder, "tests"))
+            for command, shown in re.findall(r"^\$ (.*\n)((?:[^$].*\n)*)", session, re.M):
+                run = subprocess.run(command, shell=True, cwd=folder, text=True, stdout=subprocess.PIPE,
+                                     stderr=subprocess.STDOUT, env={
+                                         "PATH": f"{os.environ['HOST']}:{os.environ['PATH']}"})
+                self.assertEqual(run.stdout, shown, command)
 
 
 if __name__ == "__main__":
