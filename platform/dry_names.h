@@ -32,7 +32,6 @@ BOOL WINAPI DryGetDiskFreeSpaceExA(LPCSTR lpDirectoryName, ULARGE_INTEGER* lpFre
                                    ULARGE_INTEGER* lpTotalNumberOfFreeBytes);
 void WINAPI DrySleep(DWORD dwMilliseconds);
 time_t DryTime(time_t* pTime);
-}
 HANDLE DryPlatformCreatePrivateFile(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
                                     HANDLE hLike);
 BOOL DryPlatformSetReadOnly(LPCSTR pszPath);
@@ -41,6 +40,7 @@ BOOL DryPlatformGetFileIdentity(HANDLE hFile, struct PlatformFileIdentity* pIden
 BOOL DryPlatformGetNameIdentity(LPCSTR pszPath, struct PlatformFileIdentity* pIdentity);
 BOOL DryPlatformTestCompanion(HANDLE hFile, LPCSTR pszPath, LPCSTR pszSoundPath);
 DWORD DryPlatformCopyBytes(HANDLE hFrom, HANDLE hTo, DWORD dwBytes);
+}
 
 #if !defined(KIV_PLATFORM_OWN_CALLS) // the sources of this layer reach the true calls
 

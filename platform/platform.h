@@ -45,10 +45,6 @@ extern "C" BOOL WINAPI DriverCallback(DWORD_PTR dwCallback, DWORD dwFlags, HDRVR
                                       DWORD dwMsg, DWORD_PTR dwUser, DWORD_PTR dwParam1,
                                       DWORD_PTR dwParam2);
 
-#if defined(KIV_PLATFORM_FAULTS) && !defined(KIV_PLATFORM_OWN_CALLS)
-#include "platform/windows_fault_names.h"
-#endif
-
 #else
 
 #define PLATFORM_EXPORT __attribute__((visibility("default")))
@@ -72,6 +68,8 @@ typedef char* LPSTR;
 typedef char const* LPCSTR;
 typedef DWORD* LPDWORD;
 typedef LONG* PLONG;
+typedef void* LPSECURITY_ATTRIBUTES; // always null
+typedef void* LPOVERLAPPED;          // likewise
 
 typedef union ULARGE_INTEGER {
     struct {
@@ -268,8 +266,10 @@ BOOL WINAPI DriverCallback(DWORD_PTR dwCallback, DWORD dwFlags, HDRVR hDevice, D
 #include "platform/dry_names.h"
 #endif
 
+extern "C" {
+
 // The library's entry point, called at load and at unload by the platform's loader.
-extern "C" BOOL WINAPI DllMain(HINSTANCE hinstDLL, DWORD fdwReason, LPVOID lpvReserved);
+BOOL WINAPI DllMain(HINSTANCE hinstDLL, DWORD fdwReason, LPVOID lpvReserved);
 
 // ---- What both sides add ----------------------------------------------------------------------
 
@@ -368,3 +368,4 @@ DWORD PlatformTestRemoval(LPCSTR pszPath);
 
 // The same for CreateFileA with CREATE_NEW: error 80 if the name is there, whatever it is.
 DWORD PlatformTestCreation(LPCSTR pszPath);
+}

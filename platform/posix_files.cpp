@@ -1,5 +1,5 @@
 // Reading, writing and the file pointer, which lives in the handle: moving it costs no system call.
-#include "platform/fault_seam.h"
+#include "platform/platform.h"
 #include "platform/posix_descriptors.h"
 #include "platform/posix_errors.h"
 #include "platform/posix_handles.h"
@@ -241,13 +241,12 @@ DWORD copy_at_pointers(Object& from, Object& to, DWORD dwBytesAsked) {
 
 BOOL WINAPI ReadFile(HANDLE hFile, LPVOID lpBuffer, DWORD nNumberOfBytesToRead,
                      LPDWORD lpNumberOfBytesRead, LPVOID /*lpOverlapped*/) {
-    FAULT_POINT(ReadFile, FALSE);
     DWORD dwBytesRead = 0;
     posix::ObjectUse const file(hFile, posix::Kind::File);
     DWORD dwError = posix::check(file, GENERIC_READ);
     if (dwError == NO_ERROR) {
         dwError = posix::transfer_at_pointer(
-            *file, FAULT_HALVED(nNumberOfBytesToRead), dwBytesRead,
+            *file, nNumberOfBytesToRead, dwBytesRead,
             [lpBuffer](int fd, DWORD dwDone, size_t bytes, int64_t llFileOffset) {
                 return pread(fd, static_cast<char*>(lpBuffer) + dwDone, bytes, llFileOffset);
             });
@@ -260,21 +259,16 @@ BOOL WINAPI ReadFile(HANDLE hFile, LPVOID lpBuffer, DWORD nNumberOfBytesToRead,
 
 BOOL WINAPI WriteFile(HANDLE hFile, LPCVOID lpBuffer, DWORD nNumberOfBytesToWrite,
                       LPDWORD lpNumberOfBytesWritten, LPVOID /*lpOverlapped*/) {
-    FAULT_POINT(WriteFile, FALSE);
     DWORD dwBytesWritten = 0;
     posix::ObjectUse const file(hFile, posix::Kind::File);
     DWORD dwError = posix::check(file, GENERIC_WRITE);
     if (dwError == NO_ERROR && nNumberOfBytesToWrite != 0) {
-        FAULT_CHANGE();
         dwError = posix::transfer_at_pointer(
-            *file, FAULT_HALVED(nNumberOfBytesToWrite), dwBytesWritten,
+            *file, nNumberOfBytesToWrite, dwBytesWritten,
             [lpBuffer](int fd, DWORD dwDone, size_t bytes, int64_t llFileOffset) {
                 return posix::write_at(fd, static_cast<char const*>(lpBuffer) + dwDone, bytes,
                                        llFileOffset);
             });
-        if (dwError == NO_ERROR) {
-            dwError = FAULT_HALVED_ERROR();
-        }
     }
     if (lpNumberOfBytesWritten != nullptr) {
         *lpNumberOfBytesWritten = dwBytesWritten;
@@ -284,7 +278,6 @@ BOOL WINAPI WriteFile(HANDLE hFile, LPCVOID lpBuffer, DWORD nNumberOfBytesToWrit
 
 DWORD WINAPI SetFilePointer(HANDLE hFile, LONG lDistanceToMove, PLONG lpDistanceToMoveHigh,
                             DWORD dwMoveMethod) {
-    FAULT_POINT(SetFilePointer, INVALID_SET_FILE_POINTER);
     bool const bNarrow = lpDistanceToMoveHigh == nullptr;
     int64_t llDistance = lDistanceToMove;
     if (!bNarrow) {
@@ -308,14 +301,12 @@ DWORD WINAPI SetFilePointer(HANDLE hFile, LONG lDistanceToMove, PLONG lpDistance
 }
 
 BOOL WINAPI SetEndOfFile(HANDLE hFile) {
-    FAULT_POINT(SetEndOfFile, FALSE);
     posix::ObjectUse const file(hFile, posix::Kind::File);
     DWORD const dwError = posix::check(file, GENERIC_WRITE);
     if (dwError != NO_ERROR) {
         return posix::fail(dwError);
     }
     std::lock_guard const lock(file->mutex);
-    FAULT_CHANGE();
     int result;
     do {
         result = posix::set_size(file->fd, file->llFileOffset);
@@ -324,7 +315,6 @@ BOOL WINAPI SetEndOfFile(HANDLE hFile) {
 }
 
 DWORD WINAPI GetFileSize(HANDLE hFile, LPDWORD lpFileSizeHigh) {
-    FAULT_POINT(GetFileSize, INVALID_FILE_SIZE);
     posix::ObjectUse const file(hFile, posix::Kind::File);
     int64_t llFileBytes = 0;
     DWORD dwError = posix::check(file, 0);
@@ -342,7 +332,6 @@ DWORD WINAPI GetFileSize(HANDLE hFile, LPDWORD lpFileSizeHigh) {
 }
 
 BOOL WINAPI FlushFileBuffers(HANDLE hFile) {
-    FAULT_POINT(FlushFileBuffers, FALSE);
     posix::ObjectUse const file(hFile, posix::Kind::File);
     DWORD dwError = posix::check(file, GENERIC_WRITE);
     if (dwError == NO_ERROR) {
@@ -352,7 +341,6 @@ BOOL WINAPI FlushFileBuffers(HANDLE hFile) {
 }
 
 DWORD PlatformCopyBytes(HANDLE hFrom, HANDLE hTo, DWORD dwBytes) {
-    FAULT_POINT(CopyBytes, 0);
     posix::ObjectUse const from(hFrom, posix::Kind::File);
     posix::ObjectUse const to(hTo, posix::Kind::File);
     if (posix::check(from, GENERIC_READ) != NO_ERROR ||
@@ -360,8 +348,7 @@ DWORD PlatformCopyBytes(HANDLE hFrom, HANDLE hTo, DWORD dwBytes) {
         return 0;
     }
     std::scoped_lock const lock(from->mutex, to->mutex);
-    FAULT_CHANGE();
-    return posix::copy_at_pointers(*from, *to, FAULT_HALVED(dwBytes));
+    return posix::copy_at_pointers(*from, *to, dwBytes);
 }
 
 bool PlatformMayPass(LPCSTR /*pszPath*/, DWORD dwError) {

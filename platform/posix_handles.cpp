@@ -1,6 +1,6 @@
 #include "platform/posix_handles.h"
 
-#include "platform/fault_seam.h"
+#include "platform/platform.h"
 #include "platform/posix_descriptors.h"
 #include "platform/posix_errors.h"
 
@@ -112,7 +112,6 @@ HANDLE NewHandle::publish() {
     m_pObject->uHolders = 1;
     place.pObject = m_pObject.release();
     m_bPublished = true;
-    FAULT_TALLY(Handles, 1);
     return handle_of(m_uIndex, place.uNumber);
 }
 
@@ -145,7 +144,6 @@ DWORD close_handle(HANDLE handle) {
         }
         pPlace->pObject = nullptr;
         free_place(static_cast<uint32_t>(pPlace - g_places.data()));
-        FAULT_TALLY(Handles, -1);
     }
     return pLast ? pLast->finish() : NO_ERROR;
 }
@@ -159,7 +157,6 @@ void forget_handles() {
         if (g_places[uIndex].pObject != nullptr) {
             g_places[uIndex].pObject = nullptr;
             free_place(uIndex);
-            FAULT_TALLY(Handles, -1);
         }
     }
 }

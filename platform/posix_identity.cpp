@@ -1,5 +1,5 @@
 // Which file a handle has, or a name leads to, and whose it is.
-#include "platform/fault_seam.h"
+#include "platform/platform.h"
 #include "platform/posix_errors.h"
 #include "platform/posix_handles.h"
 
@@ -73,19 +73,16 @@ DWORD test_companion(int fd, char const* pszPath, char const* pszSoundPath) {
 } // namespace posix
 
 BOOL PlatformGetFileIdentity(HANDLE hFile, PlatformFileIdentity* pIdentity) {
-    FAULT_POINT(GetFileIdentity, FALSE);
     posix::ObjectUse const file(hFile, posix::Kind::File);
     return posix::answer(file ? posix::identify(file->fd, "", *pIdentity) : ERROR_INVALID_HANDLE);
 }
 
 BOOL PlatformGetNameIdentity(LPCSTR pszPath, PlatformFileIdentity* pIdentity) {
-    FAULT_POINT(GetNameIdentity, FALSE);
     return posix::answer(*pszPath == '\0' ? ERROR_PATH_NOT_FOUND
                                           : posix::identify(AT_FDCWD, pszPath, *pIdentity));
 }
 
 BOOL PlatformTestCompanion(HANDLE hFile, LPCSTR pszPath, LPCSTR pszSoundPath) {
-    FAULT_POINT(TestCompanion, FALSE);
     posix::ObjectUse const file(hFile, posix::Kind::File);
     return posix::answer(file ? posix::test_companion(file->fd, pszPath, pszSoundPath)
                               : ERROR_INVALID_HANDLE);

@@ -1,5 +1,5 @@
 // The heap, and anonymous mappings.
-#include "platform/fault_seam.h"
+#include "platform/platform.h"
 #include "platform/posix_errors.h"
 #include "platform/posix_handles.h"
 
@@ -72,7 +72,6 @@ void* map_view(Object& mapping, uint64_t ullOffset, size_t bytes, DWORD& dwError
     pView->pBase = pBase;
     pView->pNext = g_pViews;
     g_pViews = pView.release();
-    FAULT_TALLY(Views, 1);
     return pBase;
 }
 
@@ -97,7 +96,6 @@ HANDLE WINAPI GetProcessHeap(void) {
 }
 
 LPVOID WINAPI HeapAlloc(HANDLE /*hHeap*/, DWORD dwFlags, SIZE_T dwBytes) {
-    FAULT_POINT(HeapAlloc, nullptr);
     void* pMemory = nullptr;
     if (dwBytes <= PTRDIFF_MAX) {
         pMemory = (dwFlags & HEAP_ZERO_MEMORY) != 0 ? calloc(1, dwBytes) : malloc(dwBytes);
@@ -106,22 +104,16 @@ LPVOID WINAPI HeapAlloc(HANDLE /*hHeap*/, DWORD dwFlags, SIZE_T dwBytes) {
         posix::fail(ERROR_NOT_ENOUGH_MEMORY);
         return nullptr;
     }
-    FAULT_TALLY(HeapBlocks, 1);
     return pMemory;
 }
 
 BOOL WINAPI HeapFree(HANDLE /*hHeap*/, DWORD /*dwFlags*/, LPVOID lpMem) {
-    FAULT_POINT(HeapFree, FALSE);
-    if (lpMem != nullptr) {
-        FAULT_TALLY(HeapBlocks, -1);
-    }
     free(lpMem);
     return TRUE;
 }
 
 HANDLE WINAPI CreateFileMappingA(HANDLE hFile, LPVOID /*lpAttributes*/, DWORD flProtect,
                                  DWORD dwMaximumSizeHigh, DWORD dwMaximumSizeLow, LPCSTR lpName) {
-    FAULT_POINT(CreateFileMapping, nullptr);
     uint64_t const ullBytes = static_cast<uint64_t>(dwMaximumSizeHigh) << 32 | dwMaximumSizeLow;
     posix::NewHandle newHandle(posix::Kind::Mapping);
     DWORD dwError = newHandle.error();
@@ -142,7 +134,6 @@ HANDLE WINAPI CreateFileMappingA(HANDLE hFile, LPVOID /*lpAttributes*/, DWORD fl
 LPVOID WINAPI MapViewOfFile(HANDLE hFileMappingObject, DWORD dwDesiredAccess,
                             DWORD dwFileOffsetHigh, DWORD dwFileOffsetLow,
                             SIZE_T dwNumberOfBytesToMap) {
-    FAULT_POINT(MapViewOfFile, nullptr);
     uint64_t const ullOffset = static_cast<uint64_t>(dwFileOffsetHigh) << 32 | dwFileOffsetLow;
     posix::ObjectUse const mapping(hFileMappingObject, posix::Kind::Mapping);
     DWORD dwError = NO_ERROR;
@@ -167,11 +158,9 @@ LPVOID WINAPI MapViewOfFile(HANDLE hFileMappingObject, DWORD dwDesiredAccess,
 }
 
 BOOL WINAPI UnmapViewOfFile(LPCVOID lpBaseAddress) {
-    FAULT_POINT(UnmapViewOfFile, FALSE);
     std::unique_ptr<posix::View> const pView = posix::take_view(lpBaseAddress);
     if (!pView) {
         return posix::fail(ERROR_INVALID_PARAMETER);
     }
-    FAULT_TALLY(Views, -1);
     return TRUE;
 }

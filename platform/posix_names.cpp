@@ -1,7 +1,7 @@
 // Removing and renaming.
 #include "platform/posix_names.h"
 
-#include "platform/fault_seam.h"
+#include "platform/platform.h"
 #include "platform/posix_descriptors.h"
 #include "platform/posix_errors.h"
 #include "platform/posix_locks.h"
@@ -107,22 +107,18 @@ OwnedText absolute_path(char const* pszPath) {
 } // namespace posix
 
 BOOL WINAPI DeleteFileA(LPCSTR lpFileName) {
-    FAULT_POINT(DeleteFile, FALSE);
     DWORD const dwError = posix::while_unopened(lpFileName, [lpFileName] {
-        FAULT_CHANGE();
         return unlink(lpFileName) == 0 ? NO_ERROR : posix::error_of_path(errno, lpFileName);
     });
     return dwError == NO_ERROR ? TRUE : posix::fail(dwError);
 }
 
 BOOL WINAPI MoveFileA(LPCSTR lpExistingFileName, LPCSTR lpNewFileName) {
-    FAULT_POINT(MoveFile, FALSE);
     if (lpNewFileName == nullptr || *lpNewFileName == '\0') {
         return posix::fail(ERROR_PATH_NOT_FOUND);
     }
     DWORD const dwError =
         posix::while_unopened(lpExistingFileName, [lpExistingFileName, lpNewFileName] {
-            FAULT_CHANGE();
             return posix::rename_without_replacing(lpExistingFileName, lpNewFileName);
         });
     return dwError == NO_ERROR ? TRUE : posix::fail(dwError);

@@ -1,5 +1,5 @@
 // Opening and closing.
-#include "platform/fault_seam.h"
+#include "platform/platform.h"
 #include "platform/posix_descriptors.h"
 #include "platform/posix_errors.h"
 #include "platform/posix_locks.h"
@@ -55,7 +55,6 @@ DWORD make_file(Request const& request, Object& object) {
     if (!object.pszPath) {
         return error_of_path(errno, request.pszPath);
     }
-    FAULT_CHANGE();
     object.fd = open_descriptor(request.pszPath, open_flags(request) | O_CREAT | O_EXCL,
                                 request.modeOfNewFile);
     if (object.fd >= 0) {
@@ -87,7 +86,6 @@ DWORD open_or_make_file(Request const& request, Object& object) {
 }
 
 DWORD empty_file(int fd) {
-    FAULT_CHANGE();
     return ftruncate(fd, 0) == 0 ? NO_ERROR : error_of(errno);
 }
 
@@ -179,7 +177,6 @@ HANDLE create_file(Request const& request) {
 HANDLE WINAPI CreateFileA(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
                           LPVOID /*lpSecurityAttributes*/, DWORD dwCreationDisposition,
                           DWORD dwFlagsAndAttributes, HANDLE /*hTemplateFile*/) {
-    FAULT_POINT(CreateFile, INVALID_HANDLE_VALUE);
     return posix::create_file({lpFileName, dwDesiredAccess, dwShareMode, dwCreationDisposition,
                                (dwFlagsAndAttributes & FILE_FLAG_DELETE_ON_CLOSE) != 0,
                                (dwFlagsAndAttributes & FILE_FLAG_OPEN_REPARSE_POINT) != 0, 0666});
@@ -187,13 +184,11 @@ HANDLE WINAPI CreateFileA(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShar
 
 HANDLE PlatformCreatePrivateFile(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
                                  HANDLE /*hLike*/) {
-    FAULT_POINT(CreateFile, INVALID_HANDLE_VALUE);
     return posix::create_file(
         {lpFileName, dwDesiredAccess, dwShareMode, CREATE_NEW, false, true, 0600});
 }
 
 BOOL WINAPI CloseHandle(HANDLE hObject) {
-    FAULT_POINT(CloseHandle, FALSE);
     DWORD const dwError = posix::close_handle(hObject);
     return dwError == NO_ERROR ? TRUE : posix::fail(dwError);
 }

@@ -1,5 +1,5 @@
 // Paths and the places of the system.
-#include "platform/fault_seam.h"
+#include "platform/platform.h"
 #include "platform/posix_errors.h"
 #include "platform/split_path.h"
 
@@ -83,7 +83,6 @@ DWORD make_full_path(std::string_view path, PathText& fullPath) {
 
 DWORD WINAPI GetFullPathNameA(LPCSTR lpFileName, DWORD nBufferLength, LPSTR lpBuffer,
                               LPSTR* lpFilePart) {
-    FAULT_POINT(GetFullPathName, 0);
     posix::PathText fullPath;
     DWORD dwError = ERROR_INVALID_NAME;
     if (lpFileName != nullptr && *lpFileName != '\0') {
@@ -104,12 +103,10 @@ DWORD WINAPI GetFullPathNameA(LPCSTR lpFileName, DWORD nBufferLength, LPSTR lpBu
 }
 
 UINT WINAPI GetSystemDirectoryA(LPSTR lpBuffer, UINT uSize) {
-    FAULT_POINT(GetSystemDirectory, 0);
     return posix::give("/etc", lpBuffer, uSize);
 }
 
 DWORD WINAPI GetTempPathA(DWORD nBufferLength, LPSTR lpBuffer) {
-    FAULT_POINT(GetTempPath, 0);
     char const* pszDirectory = getenv("TMPDIR");
     if (pszDirectory == nullptr || *pszDirectory == '\0') {
         pszDirectory = "/tmp";

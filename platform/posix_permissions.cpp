@@ -1,5 +1,5 @@
 // Who may read and write a file: the mode, the group, the owner, and the access list.
-#include "platform/fault_seam.h"
+#include "platform/platform.h"
 #include "platform/posix_errors.h"
 #include "platform/posix_handles.h"
 
@@ -124,7 +124,6 @@ DWORD copy_permissions(int fdFrom, int fdTo, bool bCompanion) {
         return dwError;
     }
     mode_t mode = status.st_mode & 07777;
-    FAULT_CHANGE();
     // The owner goes first: a change of it clears the set-id bits, which only the same owner may
     // keep.
     Kept const kept = give_owner(fdTo, status);
@@ -148,7 +147,6 @@ DWORD copy_permissions(int fdFrom, int fdTo, bool bCompanion) {
 } // namespace posix
 
 BOOL PlatformCopyPermissions(HANDLE hFrom, HANDLE hTo, bool bCompanion) {
-    FAULT_POINT(CopyPermissions, FALSE);
     posix::ObjectUse const from(hFrom, posix::Kind::File);
     posix::ObjectUse const to(hTo, posix::Kind::File);
     if (!from || !to) {

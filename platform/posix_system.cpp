@@ -1,5 +1,5 @@
 // Disk space, the error mode, a rest and the way back to the host.
-#include "platform/fault_seam.h"
+#include "platform/platform.h"
 #include "platform/posix_errors.h"
 
 #include <atomic>
@@ -17,7 +17,6 @@ constinit std::atomic<UINT> g_uErrorMode = 0;
 BOOL WINAPI GetDiskFreeSpaceExA(LPCSTR lpDirectoryName, ULARGE_INTEGER* lpFreeBytesAvailable,
                                 ULARGE_INTEGER* lpTotalNumberOfBytes,
                                 ULARGE_INTEGER* lpTotalNumberOfFreeBytes) {
-    FAULT_POINT(GetDiskFreeSpaceEx, FALSE);
     char const* const pszDirectory = lpDirectoryName != nullptr ? lpDirectoryName : ".";
     struct statvfs space {};
     int result;
@@ -29,13 +28,13 @@ BOOL WINAPI GetDiskFreeSpaceExA(LPCSTR lpDirectoryName, ULARGE_INTEGER* lpFreeBy
     }
     uint64_t const ullUnitBytes = space.f_frsize;
     if (lpFreeBytesAvailable != nullptr) {
-        lpFreeBytesAvailable->QuadPart = FAULT_FREE_BYTES(space.f_bavail * ullUnitBytes);
+        lpFreeBytesAvailable->QuadPart = space.f_bavail * ullUnitBytes;
     }
     if (lpTotalNumberOfBytes != nullptr) {
         lpTotalNumberOfBytes->QuadPart = space.f_blocks * ullUnitBytes;
     }
     if (lpTotalNumberOfFreeBytes != nullptr) {
-        lpTotalNumberOfFreeBytes->QuadPart = FAULT_FREE_BYTES(space.f_bfree * ullUnitBytes);
+        lpTotalNumberOfFreeBytes->QuadPart = space.f_bfree * ullUnitBytes;
     }
     return TRUE;
 }
@@ -53,7 +52,6 @@ void WINAPI Sleep(DWORD dwMilliseconds) {
 
 BOOL WINAPI DriverCallback(DWORD_PTR dwCallback, DWORD dwFlags, HDRVR hDevice, DWORD dwMsg,
                            DWORD_PTR dwUser, DWORD_PTR dwParam1, DWORD_PTR dwParam2) {
-    FAULT_POINT(DriverCallback, FALSE);
     if (dwCallback == 0 || dwFlags != DCB_FUNCTION) {
         return FALSE;
     }

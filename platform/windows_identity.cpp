@@ -1,6 +1,4 @@
 // Which file a handle has, or a name leads to, and whether the driver may touch it.
-#define KIV_PLATFORM_OWN_CALLS // a fault of these calls is one of the whole
-#include "platform/fault_seam.h"
 #include "platform/platform.h"
 
 namespace {
@@ -33,17 +31,14 @@ bool identify(LPCSTR pszPath, PlatformFileIdentity& identity) {
 } // namespace
 
 BOOL PlatformGetFileIdentity(HANDLE hFile, PlatformFileIdentity* pIdentity) {
-    FAULT_POINT(GetFileIdentity, FALSE);
     return identify(hFile, *pIdentity);
 }
 
 BOOL PlatformGetNameIdentity(LPCSTR pszPath, PlatformFileIdentity* pIdentity) {
-    FAULT_POINT(GetNameIdentity, FALSE);
     return identify(pszPath, *pIdentity);
 }
 
 BOOL PlatformTestCompanion(HANDLE hFile, LPCSTR /*pszPath*/, LPCSTR pszSoundPath) {
-    FAULT_POINT(TestCompanion, FALSE);
     FILE_BASIC_INFO status = {};
     PlatformFileIdentity file = {};
     if (!GetFileInformationByHandleEx(hFile, FileBasicInfo, &status, sizeof status) ||

@@ -1,5 +1,4 @@
 // What a new file takes over from another one: its access list, its encryption, its attributes.
-#include "platform/fault_seam.h"
 #include "platform/platform.h"
 
 #include <memory>
@@ -35,7 +34,7 @@ bool get_attributes(HANDLE hFile, DWORD* pdwAttributes) {
     if (!GetFileInformationByHandleEx(hFile, FileBasicInfo, &info, sizeof info)) {
         return false;
     }
-    *pdwAttributes = FAULT_ATTRIBUTES(hFile, info.FileAttributes);
+    *pdwAttributes = info.FileAttributes;
     return true;
 }
 
@@ -92,7 +91,6 @@ HANDLE PlatformCreatePrivateFile(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD
 }
 
 BOOL PlatformCopyPermissions(HANDLE hFrom, HANDLE hTo, bool bCompanion) {
-    FAULT_POINT(CopyPermissions, FALSE);
     // Not FILE_ATTRIBUTE_READONLY: such a file can't be removed, see PlatformSetReadOnly.
     constexpr DWORD COPIED_ATTRIBUTES = FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM |
                                         FILE_ATTRIBUTE_ARCHIVE | FILE_ATTRIBUTE_NOT_CONTENT_INDEXED;
@@ -105,7 +103,6 @@ BOOL PlatformCopyPermissions(HANDLE hFrom, HANDLE hTo, bool bCompanion) {
     if (to.FileAttributes == 0) {
         to.FileAttributes = FILE_ATTRIBUTE_NORMAL;
     }
-    FAULT_CHANGE();
     SecurityDescriptor const list = access_list_of(hFrom);
     bool const bListed = list == nullptr || set_access_list(hTo, list.get());
     DWORD const dwError = GetLastError();

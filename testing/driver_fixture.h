@@ -1,11 +1,11 @@
-// What the driver's tests share: the driver linked in over the platform layer with the fault seam,
-// attached as a loader would; a folder of its own for each test; MP3 files made of whole frames
-// with contents that tell every byte from its neighbours; and, at the end of each test, the proof
-// that no handle, heap block or mapped view is left.
+// What the driver's tests share: the driver linked in over the fault layer, attached as a loader
+// would; a folder of its own for each test; MP3 files made of whole frames with contents that tell
+// every byte from its neighbours; and, at the end of each test, the proof that no handle, heap block
+// or mapped view is left.
 #pragma once
 
-#include "platform/faults.h"
 #include "testing/driver_calls.h"
+#include "testing/fault_layer.h"
 #include "testing/sound_maker.h"
 
 #include <gtest/gtest.h>

@@ -157,8 +157,8 @@ BOOL WINAPI __real_DryWriteFile(HANDLE, LPCVOID, DWORD, LPDWORD, LPVOID);
 BOOL WINAPI __real_DryFlushFileBuffers(HANDLE);
 BOOL WINAPI __real_DryDeleteFileA(LPCSTR);
 BOOL WINAPI __real_DryMoveFileA(LPCSTR, LPCSTR);
-HANDLE __real__Z28DryPlatformCreatePrivateFilePKcjjPv(LPCSTR, DWORD, DWORD, HANDLE);
-DWORD __real__Z20DryPlatformCopyBytesPvS_j(HANDLE, HANDLE, DWORD);
+HANDLE __real_DryPlatformCreatePrivateFile(LPCSTR, DWORD, DWORD, HANDLE);
+DWORD __real_DryPlatformCopyBytes(HANDLE, HANDLE, DWORD);
 
 HANDLE WINAPI __wrap_DryCreateFileA(LPCSTR pszPath, DWORD dwAccess, DWORD dwShare, LPVOID pSecurity,
                                     DWORD dwDisposition, DWORD dwFlags, HANDLE hTemplate) {
@@ -168,10 +168,9 @@ HANDLE WINAPI __wrap_DryCreateFileA(LPCSTR pszPath, DWORD dwAccess, DWORD dwShar
     return hFile;
 }
 
-HANDLE __wrap__Z28DryPlatformCreatePrivateFilePKcjjPv(LPCSTR pszPath, DWORD dwAccess, DWORD dwShare,
-                                                      HANDLE hLike) {
-    HANDLE const hFile =
-        __real__Z28DryPlatformCreatePrivateFilePKcjjPv(pszPath, dwAccess, dwShare, hLike);
+HANDLE __wrap_DryPlatformCreatePrivateFile(LPCSTR pszPath, DWORD dwAccess, DWORD dwShare,
+                                           HANDLE hLike) {
+    HANDLE const hFile = __real_DryPlatformCreatePrivateFile(pszPath, dwAccess, dwShare, hLike);
     note_opened(hFile, pszPath, 0);
     return hFile;
 }
@@ -183,8 +182,8 @@ BOOL WINAPI __wrap_DryWriteFile(HANDLE hFile, LPCVOID pBuffer, DWORD dwBytes, LP
     return bWritten;
 }
 
-DWORD __wrap__Z20DryPlatformCopyBytesPvS_j(HANDLE hFrom, HANDLE hTo, DWORD dwBytes) {
-    DWORD const dwMoved = __real__Z20DryPlatformCopyBytesPvS_j(hFrom, hTo, dwBytes);
+DWORD __wrap_DryPlatformCopyBytes(HANDLE hFrom, HANDLE hTo, DWORD dwBytes) {
+    DWORD const dwMoved = __real_DryPlatformCopyBytes(hFrom, hTo, dwBytes);
     note_handle(hTo, dwMoved > 0, false);
     return dwMoved;
 }

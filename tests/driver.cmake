@@ -1,22 +1,16 @@
 add_library(driver_fixture STATIC ${CMAKE_SOURCE_DIR}/testing/driver_fixture.cpp ${CMAKE_SOURCE_DIR}/testing/driver_fixture_posix.cpp)
-target_link_libraries(driver_fixture PUBLIC xkivmp3_testable sound_maker GTest::gmock)
+target_link_libraries(driver_fixture PUBLIC xkivmp3_inside fault_layer sound_maker GTest::gmock)
 
 foreach(subject surroundings disk boundary shipped hosts services open directory edit close status calls faults crash torn)
     add_kiv_test(driver_${subject}_test
         SOURCES driver_${subject}_test.cpp LIBRARIES driver_fixture)
 endforeach()
 
-# Thousands of sessions each, without the disk.
-foreach(subject faults crash torn)
-    target_sources(driver_${subject}_test PRIVATE ${CMAKE_SOURCE_DIR}/testing/driver_no_sync.cpp)
-endforeach()
-
 # The test's own clock.
 target_link_options(driver_status_test PRIVATE -Wl,--wrap=time -Wl,--wrap=Sleep)
 
 # The test's own log and clock.
-add_kiv_test(driver_foreign_log_test LIBRARIES driver_fixture
-    SOURCES driver_foreign_log_test.cpp ${CMAKE_SOURCE_DIR}/testing/driver_no_sync.cpp)
+add_kiv_test(driver_foreign_log_test SOURCES driver_foreign_log_test.cpp LIBRARIES driver_fixture)
 target_link_options(driver_foreign_log_test PRIVATE -Wl,--wrap=time -Wl,--wrap=Sleep)
 
 # The memory of the test program can be made to run out.

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 namespace fs = std::filesystem;
+using platform_faults::Call;
 
 namespace {
 
@@ -20,45 +21,13 @@ namespace {
 std::function<void()> g_atCall;
 unsigned g_nCallsLeft = 0;
 
-void at_call() {
-    if (g_atCall && --g_nCallsLeft == 0) {
+void at_call(Call call) {
+    bool const bCounts = call == Call::CreateFile || call == Call::CloseHandle ||
+                         call == Call::DeleteFile || call == Call::MoveFile;
+    if (bCounts && g_atCall && --g_nCallsLeft == 0) {
         std::exchange(g_atCall, nullptr)();
     }
 }
-
-} // namespace
-
-extern "C" {
-
-HANDLE __real_CreateFileA(LPCSTR, DWORD, DWORD, LPVOID, DWORD, DWORD, HANDLE);
-HANDLE __wrap_CreateFileA(LPCSTR lpFileName, DWORD dwAccess, DWORD dwShare, LPVOID lpSecurity,
-                          DWORD dwDisposition, DWORD dwFlags, HANDLE hTemplate) {
-    at_call();
-    return __real_CreateFileA(lpFileName, dwAccess, dwShare, lpSecurity, dwDisposition, dwFlags,
-                              hTemplate);
-}
-
-BOOL __real_CloseHandle(HANDLE);
-BOOL __wrap_CloseHandle(HANDLE hObject) {
-    at_call();
-    return __real_CloseHandle(hObject);
-}
-
-BOOL __real_DeleteFileA(LPCSTR);
-BOOL __wrap_DeleteFileA(LPCSTR lpFileName) {
-    at_call();
-    return __real_DeleteFileA(lpFileName);
-}
-
-BOOL __real_MoveFileA(LPCSTR, LPCSTR);
-BOOL __wrap_MoveFileA(LPCSTR lpExistingFileName, LPCSTR lpNewFileName) {
-    at_call();
-    return __real_MoveFileA(lpExistingFileName, lpNewFileName);
-}
-
-} // extern "C"
-
-namespace {
 
 // Another process, which runs a session: up to a pause, if it makes one, and the rest at `finish`.
 class Process {
@@ -107,6 +76,7 @@ private:
 
 class ProcessesTest : public DriverTest {
 protected:
+    ProcessesTest() { platform_faults::watch(at_call); }
     ~ProcessesTest() override { unhook(); }
 
     std::string const m_sound = path("a.mp3");

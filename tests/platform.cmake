@@ -5,7 +5,10 @@ target_compile_definitions(platform_outcomes_test PRIVATE KIV_WINE=false)
 add_kiv_test(platform_dry_test SOURCES platform_dry_test.cpp LIBRARIES platform_dry)
 add_kiv_test(platform_linux_test SOURCES platform_linux_test.cpp LIBRARIES platform)
 add_kiv_test(platform_calls_test SOURCES platform_calls_test.cpp LIBRARIES platform)
-add_kiv_test(platform_faults_test SOURCES platform_faults_test.cpp LIBRARIES platform_faults)
+add_kiv_test(platform_faults_test SOURCES platform_faults_test.cpp LIBRARIES fault_layer)
+add_executable(platform_faults_dry_test platform_faults_test.cpp) # the same tests
+target_link_libraries(platform_faults_dry_test PRIVATE fault_layer_dry GTest::gmock GTest::gtest_main)
+add_test(NAME platform_faults_dry COMMAND platform_faults_dry_test)
 
 add_library(platform_loader_probe SHARED
     ${CMAKE_CURRENT_LIST_DIR}/platform_loader_probe.cpp)

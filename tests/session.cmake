@@ -1,13 +1,8 @@
 # The driver at the limits of files and paths, and between processes.
 foreach(subject limits processes)
     add_kiv_test(driver_${subject}_test LIBRARIES driver_fixture
-        SOURCES driver_${subject}_test.cpp ${CMAKE_SOURCE_DIR}/testing/driver_quick_clock.cpp ${CMAKE_SOURCE_DIR}/testing/driver_no_sync.cpp)
+        SOURCES driver_${subject}_test.cpp ${CMAKE_SOURCE_DIR}/testing/driver_quick_clock.cpp)
     target_link_options(driver_${subject}_test PRIVATE -Wl,--wrap=time)
-endforeach()
-
-# The process tests step in in front of these calls.
-foreach(call CreateFileA CloseHandle DeleteFileA MoveFileA)
-    target_link_options(driver_processes_test PRIVATE -Wl,--wrap=${call})
 endforeach()
 
 # Every short session, and random ones over real speech, on a disk in memory.

@@ -6,7 +6,7 @@
 # driver_limits_test              limits of a Linux process
 # log_test                        a process of its own for each case, by fork
 # driver_foreign_log_test         a log in the test program, in front of the library
-# platform_linux_test, platform_calls_test, platform_faults_test, platform_loader_test
+# platform_linux_test, platform_calls_test, platform_loader_test
 #                                 the Linux layer itself
 # session_test, speech_test, the fuzz targets
 #                                 over the layer in memory, a sibling of the Linux layer
@@ -22,8 +22,10 @@ set(left_out_of_driver_torn_test TornTest.AStoredStatusThatIsNotWholeRestoresNot
 add_kiv_test(platform_outcomes_test SOURCES platform_outcomes_test.cpp LIBRARIES platform)
 target_compile_definitions(platform_outcomes_test PRIVATE KIV_WINE=true)
 
+add_kiv_test(platform_faults_test SOURCES platform_faults_test.cpp LIBRARIES fault_layer)
+
 add_library(driver_fixture STATIC ${CMAKE_SOURCE_DIR}/testing/driver_fixture.cpp ${CMAKE_SOURCE_DIR}/testing/driver_fixture_windows.cpp)
-target_link_libraries(driver_fixture PUBLIC xkivmp3_testable sound_maker GTest::gmock)
+target_link_libraries(driver_fixture PUBLIC xkivmp3_inside fault_layer sound_maker GTest::gmock)
 foreach(subject boundary services windows_paths windows_close open directory edit close status calls
         faults crash torn)
     add_kiv_test(driver_${subject}_test
