@@ -110,7 +110,9 @@ bool terminal_shows_utf8() {
 
 Utf8Terminal::Utf8Terminal() : m_before(0) {}
 
-Utf8Terminal::~Utf8Terminal() = default;
+Utf8Terminal::~Utf8Terminal() {
+    static_cast<void>(m_before); // nothing to take back
+}
 
 void tell_when_interrupted(std::string const& words) {
     sigset_t stops;

@@ -67,6 +67,7 @@ Outcome run_record(Driver const& driver, std::string const& file, RecordOptions 
 // result is the count of bytes written.
 uint64_t copy_dictation(SoundFile& sound, uint64_t size, OutputFile output);
 
+// NOLINTNEXTLINE(bugprone-exception-escape): its members are moved without one
 struct Recorded {
     Json result; // of what is in the dictation now
     std::optional<Failure> failure;

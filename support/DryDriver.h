@@ -8,7 +8,8 @@
 
 namespace ffdhost {
 
-// Attached, with no patience for files in use (set_patience), with nothing changed yet and no file open. Only one is of use at a time.
+// Attached, with no patience for files in use (set_patience), with nothing changed yet and no file
+// open. Only one is of use at a time.
 class DryDriver {
 public:
     DryDriver();
