@@ -1,4 +1,5 @@
 // ffdhost: the command line.
+#include "console/Nearest.h"
 #include "console/System.h"
 #include "EachFile.h"
 #include "host/commands.h"
@@ -278,10 +279,41 @@ int report(Failure const& failure, Json const& command, bool json) {
     return failure.status() == FFD_INVALID_PARAMETER ? kExitUsage : kExitFailed;
 }
 
-Failure stdout_failure() {
-    return {"write output", "standard output", FFD_FILE_IO_ERROR,
-            "the result cannot be written; what was to be done is done",
-            "Check where standard output leads to, and that the disk is not full."};
+// What is wrong with a command line, of which `app` has read what it knows.
+Failure usage_failure(CLI::App const& app, CLI::ParseError const& error) {
+    std::vector<CLI::App const*> const commands = app.get_subcommands({});
+    auto const chosen = app.get_subcommands();
+    std::vector<std::string> options;
+    auto const add_options = [&](CLI::App const& of) {
+        for (CLI::Option const* const option : of.get_options()) {
+            for (std::string const& name : option->get_lnames()) {
+                options.push_back("--" + name);
+            }
+        }
+    };
+    add_options(app);
+    std::string owner = "ffdhost";
+    if (!chosen.empty()) {
+        add_options(*chosen.front());
+        owner += " " + chosen.front()->get_name();
+    }
+    std::string words = chosen.empty() ? "a command is missing" : error.what();
+    for (std::string const& word : app.remaining(true)) {
+        bool const isOption = word.size() > 1 && word[0] == '-';
+        if (isOption) {
+            words = "'" + word + "' is no option of '" + owner + "'" + did_you_mean(word, options);
+            break;
+        }
+        if (chosen.empty()) {
+            std::vector<std::string> names;
+            for (CLI::App const* const each : commands) {
+                names.push_back(each->get_name());
+            }
+            words = "'" + word + "' is no command" + did_you_mean(word, names);
+            break;
+        }
+    }
+    return {"command line", "", FFD_INVALID_PARAMETER, words, "See '" + owner + " --help'."};
 }
 
 int run(std::span<char const* const> words) {
@@ -298,7 +330,11 @@ int run(std::span<char const* const> words) {
     app.add_option("--wait", arguments.wait,
                    "wait so long, in all, for files that other programs have in use")
         ->type_name("SECONDS")
-        ->check(CLI::Range(0.0, 1e6));
+        ->check([](std::string const& text) {
+            double seconds = 0;
+            bool const good = CLI::detail::lexical_cast(text, seconds) && seconds >= 0;
+            return good ? std::string() : "'" + text + "' is no number of seconds";
+        });
     app.set_version_flag("--version", "ffdhost " FFDHOST_VERSION);
     app.require_subcommand(1);
     app.fallthrough();
@@ -319,22 +355,22 @@ int run(std::span<char const* const> words) {
     } catch (CLI::ParseError const& error) {
         if (error.get_exit_code() == 0) {
             int const code = app.exit(error); // --help and --version
-            return std::cout.flush() ? code : report(stdout_failure(), nullptr, false);
+            return stdout_is_written() ? code : report(stdout_failure(), nullptr, false);
         }
         bool const json =
             std::find(words.begin(), words.end(), std::string("--json")) != words.end();
-        return report(Failure("command line", "", FFD_INVALID_PARAMETER, error.what()), nullptr,
-                      json);
+        return report(usage_failure(app, error), nullptr, json);
     }
     std::string const name = app.get_subcommands().front()->get_name();
     try {
-        set_patience(std::chrono::milliseconds(static_cast<int64_t>(arguments.wait * 1000)));
+        set_patience(
+            std::chrono::milliseconds(static_cast<int64_t>(std::min(arguments.wait, 1e9) * 1000)));
         Driver const driver = load_driver(arguments.driver);
         Outcome const outcome = command(driver);
         if (arguments.json) {
             print_document(outcome.document);
         }
-        return std::cout.flush() ? outcome.exitCode : report(stdout_failure(), name, false);
+        return stdout_is_written() ? outcome.exitCode : report(stdout_failure(), name, false);
     } catch (std::exception const&) {
         return report(current_failure(arguments.file), name, arguments.json);
     }

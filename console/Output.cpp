@@ -106,6 +106,16 @@ void print_failure(Failure const& failure) {
               << "  " << printable(failure.advice()) << std::endl;
 }
 
+bool stdout_is_written() {
+    return std::cout.flush().good();
+}
+
+Failure stdout_failure() {
+    return {"write output", "standard output", FFD_FILE_IO_ERROR,
+            "the result cannot be written; what was to be done is done",
+            "Check where standard output leads to, and that the disk is not full."};
+}
+
 void count_left_out(Json& rows, uint64_t count) {
     if (count > 0) {
         rows.push_back({{"left_out", count}});

@@ -46,6 +46,11 @@ Json status_json(FFDError status);
 Json failure_json(Failure const& failure);
 void print_failure(Failure const& failure);
 
+// To be asked at the end: whether all that was printed has arrived.
+bool stdout_is_written();
+// Of a result that has not.
+Failure stdout_failure();
+
 // Ends a list of rows that leaves `count` of them out, with a row that says so; 0: with none.
 void count_left_out(Json& rows, uint64_t count);
 bool is_left_out(Json const& row); // whether it is that row

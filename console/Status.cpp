@@ -19,6 +19,10 @@ StatusText status_text(FFDError status) {
             status == FFD_INVALID_PARAMETER ? "See 'ffdhost --help'." : text.szAdvice};
 }
 
+std::string status_suffix(FFDError status) {
+    return " (" + std::string(status_text(status).name) + ", " + std::to_string(status) + ")";
+}
+
 Failure::Failure(std::string operation, std::string file, FFDError status)
     : Failure(std::move(operation), std::move(file), status,
               std::string(status_text(status).meaning)) {}

@@ -21,6 +21,9 @@ std::string system_words(int error);
 // The words of ffd.h. Never fails: a status that it does not name gets a text that says so.
 StatusText status_text(FFDError status);
 
+// Behind the reason that a text gives: " (FFD_FILE_IO_ERROR, 29)".
+std::string status_suffix(FFDError status);
+
 // An operation on a file that did not work. Faults that the host finds itself before it asks the
 // driver carry the status that fits best, with words and advice of their own.
 class Failure : public std::runtime_error {

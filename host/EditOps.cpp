@@ -1,5 +1,6 @@
 #include "EditOps.h"
 
+#include "console/Nearest.h"
 #include "console/Status.h"
 
 #include <algorithm>
@@ -39,7 +40,11 @@ Grammar const& grammar_of(std::string const& name) {
     auto const* const found = std::find_if(std::begin(kGrammar), std::end(kGrammar),
                                            [&](Grammar const& each) { return each.name == name; });
     if (found == std::end(kGrammar)) {
-        bad_operation("edit", "'" + name + "' is no operation");
+        std::vector<std::string> names;
+        for (Grammar const& each : kGrammar) {
+            names.emplace_back(each.name);
+        }
+        bad_operation("edit", "'" + name + "' is no operation" + did_you_mean(name, names));
     }
     return *found;
 }

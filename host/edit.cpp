@@ -462,6 +462,10 @@ void Editor::crash() {
     }
     print_warning("crash: the process ends here without a close; the edits are in " +
                   m_dirFile.string());
+    if (!stdout_is_written()) {
+        print_failure(stdout_failure());
+        end_process(kExitFailed);
+    }
     end_process(kExitCrash);
 }
 

@@ -56,6 +56,7 @@ struct State {
     std::vector<Change> changes;
     std::vector<Failure> failures;
     std::optional<uint64_t> ullFreeBytes;
+    bool bAllPermitted = false;
     uint64_t ullSleptMs = 0;
     uint64_t ullFilesMade = 0;
     time_t emptyDiskNow = TIME_ON_EMPTY_DISK;
@@ -140,12 +141,24 @@ bool is_open(File const& file) {
                        [&](auto const& each) { return each.second.pFile.get() == &file; });
 }
 
+// NO_ERROR in place of a missing permission that counts as given.
+DWORD pardoned(DWORD dwError) {
+    bool const bDenied = dwError == ERROR_ACCESS_DENIED || dwError == ERROR_WRITE_PROTECT;
+    return bDenied && state().bAllPermitted ? DWORD{NO_ERROR} : dwError;
+}
+
 // Looks at a file of the disk, subject to the claims of those who have it open.
 DWORD look(std::string const& path, DWORD dwAccess, DWORD dwShare, HANDLE& hFile) {
     if (!over_real_disk()) {
         return ERROR_FILE_NOT_FOUND;
     }
     hFile = PlatformLookAtFile(path.c_str(), dwAccess, dwShare);
+    if (hFile == INVALID_HANDLE_VALUE && pardoned(GetLastError()) == NO_ERROR) {
+        hFile = PlatformLookAtFile(path.c_str(), dwAccess & ~GENERIC_WRITE, dwShare);
+        if (hFile == INVALID_HANDLE_VALUE && pardoned(GetLastError()) == NO_ERROR) {
+            return ERROR_FILE_NOT_FOUND; // what can't be read is passed over
+        }
+    }
     return hFile == INVALID_HANDLE_VALUE ? GetLastError() : NO_ERROR;
 }
 
@@ -202,7 +215,8 @@ DWORD test_creation(std::string const& path) {
         return ERROR_FILE_EXISTS;
     }
     // What was removed here is still on the disk, and whoever may remove may make.
-    return pName != nullptr || !over_real_disk() ? NO_ERROR : PlatformTestCreation(path.c_str());
+    bool const bAsked = pName == nullptr && over_real_disk() && !state().bAllPermitted;
+    return bAsked ? PlatformTestCreation(path.c_str()) : DWORD{NO_ERROR};
 }
 
 void give_name(std::string const& path, std::shared_ptr<File> const& pFile) {
@@ -281,7 +295,8 @@ DWORD find_closed_file(std::string const& path, std::shared_ptr<File>& pFile) {
     if (is_open(*pFile)) {
         return ERROR_SHARING_VIOLATION;
     }
-    return pFile->realName.empty() ? NO_ERROR : PlatformTestRemoval(pFile->realName.c_str());
+    return pFile->realName.empty() ? NO_ERROR
+                                   : pardoned(PlatformTestRemoval(pFile->realName.c_str()));
 }
 
 void note_read(Handle const& handle, void const* pBuffer, DWORD dwBytes) {
@@ -351,6 +366,10 @@ std::vector<Change> const& changes() {
 
 std::vector<Failure> const& failures() {
     return state().failures;
+}
+
+void pretend_permissions(bool bAll) {
+    state().bAllPermitted = bAll;
 }
 
 void pretend_free_bytes(std::optional<uint64_t> ullFreeBytes) {

@@ -57,6 +57,10 @@ std::vector<Failure> const& failures();
 // The free space that the layer reports from now on; nothing: that of the disk.
 void pretend_free_bytes(std::optional<uint64_t> ullFreeBytes);
 
+// Whether this user counts as one who may write, make and remove everything from now on. What can't
+// be read counts as missing then.
+void pretend_permissions(bool bAll);
+
 // The bytes that a file would have now; null if there would be none. What cannot be looked at
 // counts as none.
 Contents const* find(std::string const& path);

@@ -121,7 +121,10 @@ void Findings::refused() {
     }
     StatusText const status = status_text(m_next.status);
     std::string detail;
-    std::string advice = status.advice;
+    std::string advice = m_next.forbidden
+                             ? "Change the permissions, or copy the file, with what lies "
+                               "beside it, to a place of your own."
+                             : status.advice;
     if (m_next.walk && m_next.walk->framesOfBitrate.size() > 1) {
         detail = "; " + difference_text(*m_next.walk->firstDifferent);
     }
@@ -131,8 +134,7 @@ void Findings::refused() {
                  "Delete nothing.";
     }
     attention("refused",
-              "an open for writing fails with " + std::string(status.name) + " (" +
-                  std::to_string(m_next.status) + "): " + m_next.reason + detail,
+              "an open for writing fails: " + m_next.reason + detail + status_suffix(m_next.status),
               advice);
 }
 
@@ -193,7 +195,7 @@ void Findings::directory() {
                       "; they are taken over and repaired: " + m_next.repair,
                   "Listen to the end of the last edit afterwards. " + recover());
     }
-    if (m_next.directory == DirState::Taken && m_next.status == FFD_NOERROR) {
+    if (m_next.directory == DirState::Taken && (m_next.status == FFD_NOERROR || m_next.forbidden)) {
         attention("edits_waiting",
                   "edits are waiting in " + name + "; the next open for writing takes them over",
                   "Keep both files together until then. " + recover());

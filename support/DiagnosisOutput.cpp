@@ -19,6 +19,8 @@ char const* directory_text(DirState state) {
         return "taken over and repaired";
     case DirState::Damaged:
         return "set aside";
+    case DirState::Hidden:
+        return "may not be read";
     case DirState::Gone:
         return "gone with the interrupted close";
     }
@@ -255,8 +257,7 @@ void print_plan(NextOpen const& next) {
         heading = "";
     }
     if (next.status != FFD_NOERROR) {
-        print_line(heading, "fails with " + std::string(status_text(next.status).name) + " (" +
-                                std::to_string(next.status) + "): " + next.reason);
+        print_line(heading, "fails: " + next.reason + status_suffix(next.status));
         return;
     }
     print_line(heading, "works, with a dictation of " +

@@ -1,6 +1,7 @@
 #include "KeepCopy.h"
 
 #include "console/Output.h"
+#include "console/System.h"
 #include "host/Beside.h"
 #include "OpenFolder.h"
 
@@ -27,6 +28,7 @@ OpenFolder make_kept_folder(OpenFolder const& folder, std::string const& soundFi
 
 std::vector<std::filesystem::path> keep_copy(std::string const& soundFile,
                                              std::vector<std::string> const& names) {
+    tell_when_interrupted("\nffdhost: interrupted: the copy is not whole; nothing was changed\n");
     OpenFolder const folder(std::filesystem::path(soundFile).parent_path());
     OpenFolder kept = make_kept_folder(folder, soundFile);
     std::string const keptName = kept.path().filename().string();
@@ -59,6 +61,7 @@ std::vector<std::filesystem::path> keep_copy(std::string const& soundFile,
     }
     std::vector<std::filesystem::path> copies;
     copies.reserve(copied.size());
+    tell_when_interrupted("");
     for (std::string const& name : copied) {
         copies.push_back(kept.path() / name);
     }

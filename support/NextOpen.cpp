@@ -32,7 +32,7 @@ char const* words_of_error(DWORD error) {
     case ERROR_TOO_MANY_OPEN_FILES:
         return "too many files are open";
     case ERROR_ACCESS_DENIED:
-        return "there is no permission, or it is no file";
+        return "permission denied";
     case ERROR_NOT_ENOUGH_MEMORY:
         return "there is no memory";
     case ERROR_WRITE_PROTECT:
@@ -51,12 +51,14 @@ char const* words_of_error(DWORD error) {
 // One open for writing, and its close, on the disk that only pretends.
 class Rehearsal {
 public:
-    explicit Rehearsal(std::string const& soundFile)
+    Rehearsal(std::string const& soundFile, bool allPermitted)
         : m_soundFile(soundFile), m_dirFile(dir_file_of(soundFile)),
           m_listener([this](uint64_t fileOffset, FrameCounter::Header const& header) {
               count_frame(fileOffset, header);
           }),
-          m_dry(m_listener) {}
+          m_dry(m_listener), m_allPermitted(allPermitted) {
+        dry::pretend_permissions(allPermitted);
+    }
 
     NextOpen run();
 
@@ -84,6 +86,7 @@ private:
     fs::path const m_dirFile;
     TraceListener m_listener;
     DryDriver m_dry;
+    bool const m_allPermitted;
     std::unique_ptr<SoundFile> m_opened;
     dry::Contents const* m_walked = nullptr; // the sound file, while the open walks over it
     dry::Contents m_before;                  // when the open is done
@@ -116,6 +119,9 @@ void Rehearsal::look_beside() {
     if (dry::Contents const* const directory = dry::find(m_dirFile.string())) {
         m_next.directorySize = directory->size();
         m_next.directory = directory->size() == 0 ? DirState::Empty : DirState::Taken;
+    } else if (std::error_code error; fs::is_regular_file(fs::symlink_status(m_dirFile, error))) {
+        m_next.directorySize = fs::file_size(m_dirFile, error);
+        m_next.directory = DirState::Hidden;
     }
     fs::path const marker = beside(m_soundFile, ".CLM");
     if (dry::Contents const* const contents = dry::find(marker.string())) {
@@ -154,9 +160,22 @@ void Rehearsal::tell_of_failure(Failure const& failure) {
     if (failure.status() != FFD_FILE_IO_ERROR) {
         m_next.reason = status_text(failure.status()).meaning;
     } else if (!failures.empty()) {
-        m_next.inUse = failures.back().dwError == ERROR_SHARING_VIOLATION;
-        m_next.reason =
-            shown(failures.back().file).string() + ": " + words_of_error(failures.back().dwError);
+        dry::Failure const& last = failures.back();
+        m_next.inUse = last.dwError == ERROR_SHARING_VIOLATION;
+        m_next.forbidden =
+            last.dwError == ERROR_ACCESS_DENIED || last.dwError == ERROR_WRITE_PROTECT;
+        std::error_code error;
+        auto const status = fs::symlink_status(last.file, error);
+        std::string const name = shown(last.file).string();
+        if (m_next.forbidden && !fs::exists(status)) {
+            m_next.reason = "permission denied: " + name + " may not be made, and edits need it";
+        } else {
+            m_next.forbidden = m_next.forbidden && fs::is_regular_file(status);
+            m_next.reason = name + ": " +
+                            (last.dwError == ERROR_ACCESS_DENIED && !m_next.forbidden
+                                 ? "it is no regular file"
+                                 : words_of_error(last.dwError));
+        }
     } else if (!m_listener.last_error().empty()) {
         m_next.reason = m_listener.last_error();
     } else {
@@ -199,7 +218,7 @@ void Rehearsal::tell_of_open() {
 }
 
 void Rehearsal::tell_of_directory() {
-    if (m_next.directory == DirState::None) {
+    if (m_next.directory == DirState::None || m_next.directory == DirState::Hidden) {
         return;
     }
     m_next.directoryFault = m_listener.fault_of_directory();
@@ -260,6 +279,7 @@ void Rehearsal::tell_of_close() {
 // The closed file is of interest, too, if only the space for it is missing.
 void Rehearsal::rehearse_with_space() {
     dry::start(dry::Disk::Real);
+    dry::pretend_permissions(m_allPermitted);
     dry::listen(nullptr);
     dry::pretend_free_bytes(kPlenty);
     try {
@@ -382,11 +402,21 @@ void Rehearsal::account_for_bytes() {
 } // namespace
 
 NextOpen foretell_open(std::string const& soundFile) {
-    NextOpen next = Rehearsal(soundFile).run();
+    NextOpen next = Rehearsal(soundFile, false).run();
     while (next.inUse && await_free(soundFile)) {
-        next = Rehearsal(soundFile).run();
+        next = Rehearsal(soundFile, false).run();
     }
-    return next;
+    if (!next.forbidden) {
+        return next;
+    }
+    NextOpen permitted = Rehearsal(soundFile, true).run();
+    permitted.status = next.status;
+    permitted.reason = next.reason;
+    permitted.steps = next.steps;
+    permitted.touched = next.touched;
+    permitted.inUse = false;
+    permitted.forbidden = true;
+    return permitted;
 }
 
 } // namespace ffdhost

@@ -29,6 +29,7 @@ enum class DirState {
     Taken,    // the edits in it are taken over as they stand
     Repaired, // the same, with one block fitted to what the file holds
     Damaged,  // set aside, for the reason in the step
+    Hidden,   // may not be read
     Gone      // removed or set aside with an interrupted close
 };
 
@@ -73,6 +74,9 @@ struct NextOpen {
     FFDError status = FFD_NOERROR; // of the open
     std::string reason;            // if it fails
     bool inUse = false;            // it fails since another program has the file, or its .DIR file
+    // It fails since this user may not write. What is told of directory, marker and frames is what
+    // it would be with permission.
+    bool forbidden = false;
     std::vector<Step> steps;       // in order; also those before a failure
     std::optional<Marker> marker;
     DirState directory = DirState::None;
