@@ -45,7 +45,7 @@ struct Arguments {
     bool dryRun = false;
     bool snap = false;
     bool backup = false;
-    bool copy = false;
+    RecoverOptions recover;
 };
 
 using Command = std::function<Outcome(Driver const&)>;
@@ -251,8 +251,11 @@ void add_recover(CLI::App& app, Arguments& arguments, Command& command) {
     CLI::App* const recover = app.add_subcommand(
         "recover", "Say what an open for writing and a close will do to an MP3 file, and do it");
     recover->add_option("FILE", arguments.file, "an MP3 file")->type_name(" ")->required();
-    recover->add_flag("--copy", arguments.copy,
+    recover->add_flag("--copy", arguments.recover.copy,
                       "keep a copy first, in a new folder beside the file");
+    recover->add_flag("--info-frame", arguments.recover.infoFrame,
+                      "only correct the counts of frames and bytes that an encoder has left for\n"
+                      "players in a first, silent frame, and that an edit has made wrong");
     recover->footer(
         "Takes over the edits that a crash has left, settles an interrupted close, and closes the\n"
         "file. A file that has nothing of the kind beside it is left alone, and so is one that an\n"
@@ -262,10 +265,13 @@ void add_recover(CLI::App& app, Arguments& arguments, Command& command) {
         "the file that the marker names. Its folder has the name of the file and '.kept', or\n"
         "'.kept1' and so on: nothing is overwritten. A symbolic link is not copied: name the\n"
         "file that it leads to.\n\n"
+        "With --info-frame only those counts change, in place, and the checksum of that frame if\n"
+        "it was right; a file that has edits waiting is refused. The seek table and what else the\n"
+        "encoder has noted stay as they are.\n\n"
         "Example:\n  ffdhost recover --copy dictation.mp3");
     recover->callback([&] {
         command = [&](Driver const& driver) {
-            return run_recover(driver, arguments.file, arguments.copy, arguments.json);
+            return run_recover(driver, arguments.file, arguments.recover, arguments.json);
         };
     });
 }

@@ -7,6 +7,7 @@
 #include "console/Output.h"
 #include "console/Position.h"
 #include "DirMap.h"
+#include "InfoFrame.h"
 #include "Recorder.h"
 #include "StreamView.h"
 #include "Tags.h"

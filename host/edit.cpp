@@ -229,6 +229,10 @@ void Editor::close() {
     m_document["dictation"] = length_json(length, m_rate);
     m_document["closed"] = status_json(FFD_NOERROR);
     say("Closed", length_text(m_document["dictation"]));
+    m_document["info_frame"] = length > 0 ? info_frame_json(m_driver, m_file) : Json();
+    if (!m_document["info_frame"].is_null() && m_document["info_frame"]["wrong"]) {
+        say("Info frame", info_frame_text(m_document["info_frame"], m_file));
+    }
 }
 
 void Editor::perform(EditOp const& op, Json& result) {
@@ -296,6 +300,7 @@ void Editor::enter_clip(EditOp const& op, Json& result) {
     }
     // Through the driver: its dictation is the clip without its tags.
     SoundFile clip(m_driver, op.path, Access::Read);
+    skip_info_frame(clip);
     uint32_t const before = m_sound->length();
     result["clip"] = op.path;
     result["from"] = m_sound->position();
@@ -324,7 +329,7 @@ void Editor::record(EditOp const& op, Json& result) {
 
 uint64_t Editor::enter_pieces(FFDMethod method, std::string const& name, SoundFile& clip,
                               Json& result) {
-    Progress progress(name, clip.length());
+    Progress progress(name, clip.length() - clip.position());
     uint64_t done = 0;
     for (std::vector<uint8_t> piece; !(piece = clip.read(kPieceSize)).empty();) {
         m_sound->write(method, piece);
@@ -364,8 +369,10 @@ void Editor::undo(Json& result) {
 }
 
 void Editor::read(EditOp const& op, Json& result) {
+    uint32_t const range = length_of(op, result);
+    uint32_t const skipped = std::min(range, skip_info_frame(*m_sound));
     uint32_t const from = m_sound->position();
-    uint64_t const wanted = length_of(op, result);
+    uint64_t const wanted = range - skipped;
     uint64_t done = wanted;
     if (!m_options.pretendedCrash) {
         if (m_options.force) {

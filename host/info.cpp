@@ -39,6 +39,9 @@ void print_info(Json const& info) {
         print_line("Last frame", "cut short, " + bytes_text(info["missing_bytes"]) +
                                      " of it are not in the file");
     }
+    if (!info["info_frame"].is_null()) {
+        print_line("Info frame", info_frame_text(info["info_frame"], info["file"]));
+    }
     print_regions("In front", info["in_front"]);
     print_regions("Behind", info["behind"]);
     print_line("Leftover .DIR", leftover_text(leftover));
@@ -83,6 +86,7 @@ Outcome run_info(Driver const& driver, std::string const& file, bool json) {
                  {"dictation", length_json(view.audioLength, view.format.wave.bytesPerSecond)},
                  {"first_frame_offset", view.firstFrameOffset},
                  {"missing_bytes", end > view.fileSize ? end - view.fileSize : 0},
+                 {"info_frame", info_frame_json(driver, file)},
                  {"in_front", regions_json(regions_in_front(bytes, view.firstFrameOffset))},
                  {"behind", regions_json(regions_behind(bytes, view.fileSize, end))},
                  {"leftover_directory", nullptr}};

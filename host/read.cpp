@@ -120,8 +120,11 @@ Outcome run_read(Driver const& driver, std::string const& file, ReadOptions cons
     uint32_t const rate = sound.wave_format().bytesPerSecond;
     uint32_t const end = sound.length();
     uint32_t const place = fromOption.to_place(rate, 0, end);
-    uint32_t const from = sound.seek(place);
-    uint64_t const wanted = std::min(lengthOption.to_bytes(rate), end - from);
+    uint32_t const asked = sound.seek(place);
+    uint32_t const range = std::min(lengthOption.to_bytes(rate), end - asked);
+    uint32_t const skipped = std::min(range, skip_info_frame(sound));
+    uint32_t const from = asked + skipped;
+    uint64_t const wanted = range - skipped;
     tell_place_beyond("read", fromOption, place, end, rate);
     if (!output.empty() && options.force) {
         set_aside_what_is_left(output, file);

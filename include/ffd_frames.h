@@ -178,17 +178,51 @@ static inline uint32_t ffd_info_offset(uint8_t const* header) {
     return FFD_FRAME_HEADER_SIZE + (isMono ? 9 : 17);
 }
 
+/** What an info frame tells players of its file: where its fields begin, in bytes behind the
+ * beginning of the frame. 0 for one that it does not have. All are stored with the high byte
+ * first. */
+typedef struct FFDInfo {
+    char szKind[5];        /**< "Xing", "Info" or "VBRI" */
+    uint32_t dwFramesAt;   /**< four bytes: frames of the file, without the info frame */
+    uint32_t dwBytesAt;    /**< four bytes: from the info frame to the end of the last frame */
+    uint32_t dwChecksumAt; /**< two bytes: ffd_info_checksum(), if the encoder has left a tag and
+                                its checksum is right */
+} FFDInfo;
+
+/** A field of an info frame. */
+static inline uint32_t ffd_info_field(uint8_t const* field) {
+    return (uint32_t)field[0] << 24 | (uint32_t)field[1] << 16 | (uint32_t)field[2] << 8 | field[3];
+}
+
+/** The checksum of the bytes from the beginning of an info frame up to its checksum: CRC-16 with
+ * the polynomial 0x8005, low bit first, from 0. */
+static inline uint16_t ffd_info_checksum(uint8_t const* frame, uint32_t count) {
+    uint32_t checksum = 0;
+    for (; count > 0; --count) {
+        int bit;
+        checksum ^= *frame++;
+        for (bit = 0; bit < 8; ++bit) {
+            checksum = checksum >> 1 ^ ((checksum & 1) != 0 ? 0xA001u : 0);
+        }
+    }
+    return (uint16_t)checksum;
+}
+
 /**
  * Whether a whole Layer III frame is an info frame: silent, written in front of the audio by
  * encoders to tell players the count of frames and of bytes of the file ("Xing", "Info", "VBRI").
- * Inside another file it would be a gap of silence, and its counts would be wrong.
+ * Inside another file it would be a gap of silence, and its counts would be wrong. `info`, which may
+ * be null, gets its fields.
  */
-static inline int ffd_is_info_frame(uint8_t const* frame) {
+static inline int ffd_find_info(uint8_t const* frame, FFDInfo* info) {
     uint32_t const checksum = ffd_frame_has_checksum(frame) ? 2 : 0;
     uint32_t const length = ffd_frame_length(frame);
     uint32_t const offset = ffd_info_offset(frame);
     uint32_t const vbri = 36;
     uint32_t place = FFD_FRAME_HEADER_SIZE + checksum;
+    uint32_t flags;
+    uint32_t next;
+    int isVbri;
     if (ffd_frame_layer(frame) != 1) {
         return 0;
     }
@@ -198,9 +232,68 @@ static inline int ffd_is_info_frame(uint8_t const* frame) {
     if (place + 4 > length) {
         return 0;
     }
-    return (place == vbri && memcmp(frame + place, "VBRI", 4) == 0) ||
-           ((place == offset || place == offset + checksum) &&
-            (memcmp(frame + place, "Xing", 4) == 0 || memcmp(frame + place, "Info", 4) == 0));
+    isVbri = place == vbri && memcmp(frame + place, "VBRI", 4) == 0;
+    if (!isVbri &&
+        ((place != offset && place != offset + checksum) ||
+         (memcmp(frame + place, "Xing", 4) != 0 && memcmp(frame + place, "Info", 4) != 0))) {
+        return 0;
+    }
+    if (!info) {
+        return 1;
+    }
+    memset(info, 0, sizeof *info);
+    memcpy(info->szKind, frame + place, 4);
+    if (isVbri) { /* a version, a delay and a quality of two bytes each */
+        info->dwBytesAt = place + 14 <= length ? place + 10 : 0;
+        info->dwFramesAt = place + 18 <= length ? place + 14 : 0;
+        return 1;
+    }
+    flags = place + 8 <= length ? ffd_info_field(frame + place + 4) : 0;
+    next = place + 8;
+    if ((flags & 1) != 0) {
+        info->dwFramesAt = next + 4 <= length ? next : 0;
+        next += 4;
+    }
+    if ((flags & 2) != 0) {
+        info->dwBytesAt = next + 4 <= length ? next : 0;
+        next += 4;
+    }
+    next += (flags & 4) != 0 ? 100 : 0; /* where to seek to, in parts of the whole */
+    next += (flags & 8) != 0 ? 4 : 0;   /* quality */
+    next += 34;                         /* the tag of the encoder, up to its checksum */
+    if (next + 2 <= length && frame[next - 34] != 0 && /* it begins with a name */
+        ffd_info_checksum(frame, next) == (frame[next] << 8 | frame[next + 1])) {
+        info->dwChecksumAt = next;
+    }
+    return 1;
+}
+
+/** The same, without the fields. */
+static inline int ffd_is_info_frame(uint8_t const* frame) {
+    return ffd_find_info(frame, NULL);
+}
+
+/**
+ * Corrects an info frame behind an edit: the counts that it has (`frames` without it, `bytes` with
+ * it), and its checksum if that was right. The rest tells of what the encoder made and stays as it
+ * is.
+ */
+static inline void ffd_mend_info(uint8_t* frame, FFDInfo const* info, uint32_t frames,
+                                 uint32_t bytes) {
+    uint32_t i;
+    for (i = 0; i < 4; ++i) {
+        if (info->dwFramesAt > 0) {
+            frame[info->dwFramesAt + i] = (uint8_t)(frames >> (24 - 8 * i));
+        }
+        if (info->dwBytesAt > 0) {
+            frame[info->dwBytesAt + i] = (uint8_t)(bytes >> (24 - 8 * i));
+        }
+    }
+    if (info->dwChecksumAt > 0) {
+        uint16_t const checksum = ffd_info_checksum(frame, info->dwChecksumAt);
+        frame[info->dwChecksumAt] = (uint8_t)(checksum >> 8);
+        frame[info->dwChecksumAt + 1] = (uint8_t)checksum;
+    }
 }
 
 /* ---- Tags ---------------------------------------------------------------------------------- */

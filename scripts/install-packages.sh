@@ -20,7 +20,7 @@ check=(
     libgtest-dev libgmock-dev python3 valgrind
     python3-pytest mypy               # the Python module, tried out
     clang-format clang-tidy shellcheck pyflakes3 # the sources
-    mp3check
+    mp3check lame
     doxygen                           # the reference of the headers
     clang-14 libclang-rt-14-dev llvm-14 # the fuzz targets, and what they reach
 )

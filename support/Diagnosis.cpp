@@ -283,13 +283,13 @@ void Findings::frames() {
         note("not_layer_3", "the frames are not of Layer III, and the driver measures them as such",
              "Encode the file anew as MP3.");
     }
-    if (walk.infoFrame && walk.infoFrame->frames && *walk.infoFrame->frames != walk.frames - 1 &&
-        *walk.infoFrame->frames != walk.frames) {
+    if (walk.is_info_frame_wrong() && !edited) {
         note("info_frame_stale",
-             "the " + walk.infoFrame->kind + " frame tells of " +
-                 std::to_string(*walk.infoFrame->frames) + " frames, the file has " +
-                 std::to_string(walk.frames - 1) + " behind it",
-             "Players may show a wrong length. The audio is right.");
+             "the info frame is wrong: the file has " + std::to_string(walk.frames - 1) +
+                 " frames behind it, " + bytes_text(walk.audio_length()) + " with it",
+             "Players may show a wrong length, or stop early. The audio is right. Run: ffdhost "
+             "recover --info-frame -- " +
+                 shell_word(m_diagnosis.file));
     }
 }
 

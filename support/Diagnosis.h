@@ -43,6 +43,11 @@ struct Diagnosis {
 
 Diagnosis diagnose(Driver const& driver, std::string const& file);
 
+// Writes what the walk has counted into the info frame that it has found, and the checksum that
+// depends on it, with one write. Throws a Failure, with nothing changed, if another program has the
+// file open or has edited it since the walk.
+void mend_info_frame(std::string const& file, FrameWalk const& walk);
+
 // Peculiarities of frames in words.
 std::string difference_text(DifferentFrame const& frame);
 std::string gap_text(FrameWalk const& walk); // only if there is a gap

@@ -69,10 +69,7 @@ Json frames_json(FrameWalk const& walk) {
                          {"by_tag", walk.cut->byTag}};
     }
     if (walk.infoFrame) {
-        Json const count = walk.infoFrame->frames ? Json(*walk.infoFrame->frames) : Json();
-        frames["info_frame"] = {{"kind", walk.infoFrame->kind},
-                                {"file_offset", walk.infoFrame->fileOffset},
-                                {"frames", count}};
+        frames["info_frame"] = info_frame_json(*walk.infoFrame, walk.is_info_frame_wrong());
     }
     return frames;
 }
@@ -191,10 +188,7 @@ void print_sound(Diagnosis const& diagnosis) {
     print_line("Last frame", walk.cut ? "cut off, " + cut_text(*walk.cut) : "whole");
     if (walk.infoFrame) {
         print_line("Info frame",
-                   walk.infoFrame->kind +
-                       (walk.infoFrame->frames
-                            ? ", tells of " + std::to_string(*walk.infoFrame->frames) + " frames"
-                            : ""));
+                   info_frame_text(info_frame_json(*walk.infoFrame, false), diagnosis.file));
     }
     print_regions("In front", regions_json(diagnosis.inFront));
     print_regions("Behind", regions_json(diagnosis.behind));

@@ -14,11 +14,6 @@ using Header = FrameCounter::Header;
 
 constexpr uint64_t kLargestOffset = 0xFFFFFFFF; // where the driver ends to count
 
-uint32_t be32(uint8_t const* bytes) {
-    return static_cast<uint32_t>(bytes[0]) << 24 | static_cast<uint32_t>(bytes[1]) << 16 |
-           static_cast<uint32_t>(bytes[2]) << 8 | bytes[3];
-}
-
 bool begins_with(std::span<uint8_t const> bytes, std::string_view text) {
     return bytes.size() >= text.size() && std::memcmp(bytes.data(), text.data(), text.size()) == 0;
 }
@@ -143,7 +138,7 @@ FrameWalk FrameCounter::finish(dry::Contents const& file) {
             m_walk.audioEndOffset = std::min(m_walk.audioEndOffset, kLargestOffset);
         }
         note_end(file);
-        note_info_frame(file);
+        m_walk.infoFrame = info_frame_of(read_at(file, m_walk.firstFrameOffset, FFD_LONGEST_FRAME));
     }
     return std::move(m_walk);
 }
@@ -159,26 +154,6 @@ void FrameCounter::note_end(dry::Contents const& file) {
     uint64_t const tag = m_walk.fileSize - FFD_ID3V1_SIZE;
     if (tag > m_lastFrameOffset && tag < end && begins_with(read_at(file, tag, 3), "TAG")) {
         m_walk.cut = {m_walk.frames, m_lastFrameOffset, end - tag, true};
-    }
-}
-
-void FrameCounter::note_info_frame(dry::Contents const& file) {
-    std::vector<uint8_t> const frame = read_at(file, m_walk.firstFrameOffset, length_of(m_first));
-    size_t const xing = ffd_info_offset(m_first.data());
-    size_t const vbri = m_first.size() + 32;
-    auto const has = [&](size_t place, std::string_view text, size_t size) {
-        return frame.size() >= place + size &&
-               begins_with(std::span<uint8_t const>(frame).subspan(place), text);
-    };
-    for (char const* const kind : {"Xing", "Info"}) {
-        if (has(xing, kind, 12)) {
-            bool const counted = (frame[xing + 7] & 1) != 0;
-            m_walk.infoFrame = {kind, m_walk.firstFrameOffset,
-                                counted ? std::optional(be32(&frame[xing + 8])) : std::nullopt};
-        }
-    }
-    if (has(vbri, "VBRI", 18)) {
-        m_walk.infoFrame = {"VBRI", m_walk.firstFrameOffset, be32(&frame[vbri + 14])};
     }
 }
 

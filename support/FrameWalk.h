@@ -2,6 +2,7 @@
 // silence: frames that differ, bytes between frames, a last frame cut off.
 #pragma once
 
+#include "host/InfoFrame.h"
 #include "host/StreamView.h"
 #include "platform/dry_contents.h"
 
@@ -41,13 +42,6 @@ struct CutFrame {
     bool byTag;       // an ID3v1 tag stands where they should be, instead of the end of the file
 };
 
-// What a first frame without audio tells players of the file. The driver takes it for audio.
-struct InfoFrame {
-    std::string kind; // "Xing", "Info" or "VBRI"
-    uint64_t fileOffset;
-    std::optional<uint32_t> frames; // without the info frame itself
-};
-
 struct FrameWalk {
     uint64_t fileSize = 0;
     uint64_t frames = 0;
@@ -67,6 +61,9 @@ struct FrameWalk {
 
     // Bytes of audio as the driver counts them, gaps included.
     uint64_t audio_length() const { return audioEndOffset - firstFrameOffset; }
+    bool is_info_frame_wrong() const {
+        return infoFrame && infoFrame->is_wrong(frames, audio_length());
+    }
 };
 
 // Makes a FrameWalk of the frames that a walk counts.
@@ -84,7 +81,6 @@ private:
     void note_different(Header const& header, uint64_t fileOffset);
     void note_gap(dry::Contents const& file, uint64_t from, uint64_t to);
     void note_end(dry::Contents const& file);
-    void note_info_frame(dry::Contents const& file);
 
     FrameWalk m_walk;
     Header m_first{};

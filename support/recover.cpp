@@ -29,7 +29,7 @@ std::vector<std::string> names_to_keep(Diagnosis const& diagnosis) {
 
 // Why an open for writing and a close are not even tried: they would fail, and an open that fails
 // can leave an empty .DIR file; or they would remove audio that is nowhere else.
-std::optional<Failure> obstacle(Diagnosis const& diagnosis, bool copy) {
+std::optional<Failure> obstacle(Diagnosis const& diagnosis, RecoverOptions const& options) {
     NextOpen const& next = diagnosis.next;
     if (next.inUse) {
         return Failure("recover", diagnosis.file, next.status, diagnosis.verdict(),
@@ -39,13 +39,19 @@ std::optional<Failure> obstacle(Diagnosis const& diagnosis, bool copy) {
         return Failure("recover", diagnosis.file, next.status, next.reason,
                        std::string(status_text(next.status).advice) + " Nothing was changed.");
     }
+    if (options.infoFrame && (!next.steps.empty() || (next.directory != DirState::None &&
+                                                      next.directory != DirState::Empty))) {
+        return Failure("recover", diagnosis.file, FFD_ERROR_ACCESS_DENIED, diagnosis.verdict(),
+                       "Take what a crash has left over first. Run: ffdhost recover --copy -- " +
+                           shell_word(diagnosis.file));
+    }
     if (next.close.status != FFD_NOERROR) {
         return Failure("recover", diagnosis.file, next.close.status,
                        std::string(status_text(next.close.status).meaning),
                        std::string(status_text(next.close.status).advice) +
                            " Nothing was changed.");
     }
-    if ((next.drops_audio() || next.close.after.status != FFD_NOERROR) && !copy) {
+    if ((next.drops_audio() || next.close.after.status != FFD_NOERROR) && !options.copy) {
         return Failure("recover", diagnosis.file, FFD_DIRECTORY_MISMATCH,
                        "the close would leave out audio that may be wanted, or spoil the file",
                        "See 'ffdhost check', and use --copy. Nothing was changed.");
@@ -61,7 +67,7 @@ public:
                                                        {"ok", false},
                                                        {"file", file}} {}
 
-    Outcome run(bool copy);
+    Outcome run(RecoverOptions const& options);
 
 private:
     void open_and_close();
@@ -79,34 +85,39 @@ private:
     Json m_document;
 };
 
-Outcome Recovery::run(bool copy) {
+Outcome Recovery::run(RecoverOptions const& options) {
     m_document["before"] = diagnosis_json(m_before);
     m_document["copy"] = nullptr;
     say("Before", m_before.verdict());
-    if (std::optional<Failure> const reason = obstacle(m_before, copy)) {
+    if (std::optional<Failure> const reason = obstacle(m_before, options)) {
         return failed(*reason);
     }
-    if (!m_before.has_work()) {
+    if (!(options.infoFrame ? m_before.next.walk->is_info_frame_wrong() : m_before.has_work())) {
         say("Recovery", "nothing to do");
         m_document["ok"] = true;
         return {m_document, 0};
     }
-    if (!m_json) {
+    if (!m_json && !options.infoFrame) {
         print_plan(m_before.next);
     }
     try {
-        if (copy) {
+        if (options.copy) {
             m_document["copy"] = Json::array();
             for (fs::path const& path : keep_copy(m_file, names_to_keep(m_before))) {
                 say(m_document["copy"].empty() ? "Copy kept" : "", path.string());
                 m_document["copy"].push_back(path.string());
             }
         }
-        open_and_close();
+        options.infoFrame ? mend_info_frame(m_file, *m_before.next.walk) : open_and_close();
     } catch (Failure const& failure) {
         return failed(failure);
     }
     Diagnosis const after = diagnose(m_driver, m_file);
+    if (options.infoFrame && after.next.walk && after.next.walk->infoFrame) {
+        FrameWalk const& walk = *after.next.walk;
+        say("Info frame",
+            info_frame_text(info_frame_json(*walk.infoFrame, walk.is_info_frame_wrong()), m_file));
+    }
     m_document["after"] = diagnosis_json(after);
     m_document["ok"] = true;
     say("After", after.verdict());
@@ -148,8 +159,9 @@ Outcome Recovery::failed(Failure const& failure) {
 
 } // namespace
 
-Outcome run_recover(Driver const& driver, std::string const& file, bool copy, bool json) {
-    return Recovery(driver, file, json).run(copy);
+Outcome run_recover(Driver const& driver, std::string const& file, RecoverOptions const& options,
+                    bool json) {
+    return Recovery(driver, file, json).run(options);
 }
 
 void keep_backup(std::string const& file, bool json) {

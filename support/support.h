@@ -13,8 +13,12 @@ Outcome run_dry_edit(std::string const& file, std::vector<std::string> const& to
 // The document is that of one file. The exit code is kExitFailed if something needs attention.
 Outcome run_check(Driver const& driver, std::string const& file, bool json);
 
-// `copy`: keeps what is there in a new folder first.
-Outcome run_recover(Driver const& driver, std::string const& file, bool copy, bool json);
+struct RecoverOptions {
+    bool copy = false;      // keeps what is there in a new folder first
+    bool infoFrame = false; // corrects the info frame, in place, and does nothing else
+};
+Outcome run_recover(Driver const& driver, std::string const& file, RecoverOptions const& options,
+                    bool json);
 
 // A copy of the file and of what a crash has left beside it, as 'recover --copy' makes it, before
 // anything is changed. Throws a Failure if it can't be made.

@@ -131,6 +131,47 @@ class OutsideTest(unittest.TestCase):
                                  sample.head + b"".join(expected) + sample.tail)
                 self.judge(len(expected))
 
+    def test_info_frames_of_encoders(self):
+        """Two frames of one encoder never meet in a file, and what the first tells is mended."""
+        source = SAMPLES / "insert-22k-mono.mp3"
+
+        def host(*arguments):
+            return subprocess.run([HOST, *map(str, arguments)], check=True,
+                                  capture_output=True).stdout
+
+        for encoder in (("lame", "--quiet", "--cbr", "-b", "64", source),
+                        ("ffmpeg", "-v", "error", "-y", "-i", source, "-b:a", "64k",
+                         "-id3v2_version", "0")):
+            subprocess.run([*encoder, self.file], check=True)
+            data = self.file.read_bytes()
+            whole = data + data[208:]
+            clip = shutil.copy(self.file, self.dir / "clip.mp3")
+            self.assertNotIn(b"wrong", host("info", clip) + host("check", clip))
+            self.assertEqual(host("read", clip, "--from", 100, "--length", 300), data[208:400])
+            for said in (host("edit", self.file, "seek", "end", "insert", clip),
+                         host("info", self.file), host("check", self.file)):
+                self.assertIn(b"ffdhost recover --info-frame -- ", said)
+            self.assertEqual(self.file.read_bytes(), whole)
+            player = ("mpg123", "-t", self.file)
+            self.assertIn(b"Frankenstein", subprocess.run(player, stderr=-1).stderr)
+            host("recover", "--info-frame", self.file)
+            frames = int.from_bytes(data[21:25], "big") * 2
+            mended = self.file.read_bytes()
+            self.assertEqual(mended[:21] + mended[29:167] + mended[169:],
+                             whole[:21] + whole[29:167] + whole[169:])
+            self.assertEqual(mended[21:29], frames.to_bytes(4, "big") +
+                             len(whole).to_bytes(4, "big"))
+            # Only one of the two encoders has got its checksum right.
+            self.assertEqual(mended[167:169] == whole[167:169], encoder[0] == "ffmpeg")
+            self.assertNotIn(b"Warning", subprocess.run(player, stderr=-1).stderr)
+            length = subprocess.run(["ffprobe", "-v", "error", "-show_entries", "format=duration",
+                                     "-of", "csv=p=0", self.file], stdout=-1).stdout
+            self.assertAlmostEqual(float(length), frames * 576 / 22050, places=3)
+            # Back to what the encoder made: its own checksum comes back.
+            host("edit", self.file, "seek", len(data), "delete", "1h")
+            host("recover", "--info-frame", self.file)
+            self.assertEqual(self.file.read_bytes(), data)
+
 
 if __name__ == "__main__":
     unittest.main()

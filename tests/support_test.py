@@ -265,8 +265,9 @@ class SupportTest(unittest.TestCase):
         for _ in range(2):
             run.stdout.readline()  # the file is open, and the delete is done
         self.assertEqual(self.check()["verdict"]["code"], "in_use")
-        code, refused = self.host("recover", "a.mp3")
-        self.assertEqual((code, refused["failure"]["status"]), (1, 29))
+        for options in ((), ("--info-frame",)):
+            code, refused = self.host("recover", *options, "a.mp3")
+            self.assertEqual((code, refused["failure"]["status"]), (1, 29))
         self.assertEqual(len((self.root / "pipe").read_bytes()), 5)
         run.communicate()
         self.assertEqual(run.returncode, 0)
@@ -310,9 +311,14 @@ class SupportTest(unittest.TestCase):
             cut = frames_of(ten + frames[10][:150] + tail, "last_frame_cut")["cut"]
             self.assertEqual(cut, {"number": 11, "file_offset": at, "by_tag": by_tag,
                                    "missing_bytes": len(frames[10]) - 150})
-        info = ten[:13] + b"Info\0\0\0\1\0\0\3\xe7" + ten[25:]
+        info = ten[:4] + bytes(9) + b"Info\0\0\0\1\0\0\3\xe7" + ten[25:]
         self.assertEqual(frames_of(info, "sound")["info_frame"],
-                         {"kind": "Info", "file_offset": 0, "frames": 999})
+                         {"kind": "Info", "frames": 999, "bytes": None, "wrong": True})
+        # Counts that edits are about to change are left to the close.
+        self.make({"a.mp3": info, "a.DIR": entry(1, 0, 300)})
+        before = self.seen()
+        code, refused = self.host("recover", "--info-frame", "a.mp3")
+        self.assertEqual((code, refused["failure"]["status"], self.seen()), (1, 5, before))
 
     def test_what_is_refused(self):
         tag = b"ID3\4\0\0\0\0\0\x05" + bytes(5)

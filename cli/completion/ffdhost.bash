@@ -26,7 +26,7 @@ _ffdhost() {
     record:-*) words="--at --length --overwrite --new --backup --force --json --help" ;;
     map:-*) words="--svg --json --help" ;;
     edit:-*) words="--force --snap --backup --dry-run --json --help" ;;
-    recover:-*) words="--copy --json --help" ;;
+    recover:-*) words="--copy --info-frame --json --help" ;;
     *:-*) words="--json --help" ;;
     esac
     if [[ $command == edit ]] && ((COMP_CWORD > at + 1)); then
