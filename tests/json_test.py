@@ -36,10 +36,12 @@ COMMANDS = (  # files that are made, where they are not those of before; and the
                                          "map a.mp3"), ({}, "check a.mp3"),
     ({"a.DIR": struct.pack("<3I", 3, 0, 80457)}, "check a.mp3"),
     ({"a.DIR": b"", "a.mp3": b"\0" * 9}, "check a.mp3"),
-    ({"a.mp3": AUDIO[:208] + b"noise" + AUDIO[:13] + b"Info" + bytes(191) + AUDIO[:3] + b"\0"
+    ({"a.mp3": AUDIO[:208] + b"noise" + AUDIO[:4] + bytes(9) + b"Info" + bytes(191) + AUDIO[:3] + b"\0"
       + AUDIO[4:208] + AUDIO[:99]}, "check a.mp3"),
-    ({"a.mp3": AUDIO[:13] + b"Info\0\0\0\1\0\0\0\1" + bytes(183) + AUDIO[208:]}, "check a.mp3"),
-    ({"a.mp3": AUDIO[:13] + b"Info" + bytes(191) + AUDIO[208:]}, "check a.mp3"),
+    ({"a.mp3": AUDIO[:4] + bytes(9) + b"Info\0\0\0\1\0\0\0\1" + bytes(183) + AUDIO[208:]}, "check a.mp3"),
+    ({"a.mp3": AUDIO[:4] + bytes(9) + b"Info" + bytes(191) + AUDIO[208:]}, "check a.mp3"),
+    ({"a.mp3": AUDIO[:4] + bytes(9) + b"Info\0\0\0\3\0\0\0\1\0\0\0\1" + bytes(179) + AUDIO[208:]},
+     "info a.mp3"), ({}, "edit a.mp3 show"),
     ({"a.mp3": AUDIO}, "limited edit a.mp3 delete 1s insert clip.mp3"), ({}, "limited record a.mp3"),
     ({"b.DIR": struct.pack("<3I", 1, 0, 900), NAME: AUDIO, "b.CLM": marker(b"", AUDIO, "b.mp3")},
      "edit b.mp3 map"),
