@@ -40,6 +40,7 @@ struct Arguments {
     std::string svg;
     ReadOptions read;
     RecordOptions record;
+    SplitOptions split;
     std::vector<std::string> operations;
     bool force = false;
     bool dryRun = false;
@@ -222,6 +223,53 @@ void add_record(CLI::App& app, Arguments& arguments, Command& command) {
     });
 }
 
+void add_split(CLI::App& app, Arguments& arguments, Command& command) {
+    CLI::App* const split =
+        app.add_subcommand("split", "Write the parts of an MP3 file to files of their own");
+    split->add_option("FILE", arguments.file, "an MP3 file with a constant bitrate")
+        ->type_name(" ")
+        ->required();
+    split->add_option("AT", arguments.split.at, "positions to cut at, in order")
+        ->type_name(" ")
+        ->required()
+        ->expected(1, CLI::detail::expected_max_vector_size);
+    split
+        ->add_option("-o,--output", arguments.split.output,
+                     "a folder, or how the names begin (default: as that of FILE)")
+        ->type_name("PREFIX");
+    split->add_flag("--force", arguments.split.force, "replace files that are there");
+    split->footer(std::string(kPositions) +
+                  "\nHere +5s counts from the cut in front. Each cut goes to the nearest border of "
+                  "frames.\nThe parts are PREFIX-1.mp3, PREFIX-2.mp3 and so on, without tags and "
+                  "without an info\nframe; joined again they are the audio of FILE, byte for byte. "
+                  "FILE is only read.\n\n"
+                  "Example:\n  ffdhost split letter.mp3 1m30s 3:00");
+    split->callback([&] {
+        command = [&](Driver const& driver) {
+            return run_split(driver, arguments.file, arguments.split, arguments.json);
+        };
+    });
+}
+
+void add_join(CLI::App& app, Arguments& arguments, Command& command) {
+    CLI::App* const join =
+        app.add_subcommand("join", "Make an MP3 file of the audio of others, one behind the other");
+    join->add_option("OUT", arguments.file, "the file to make")->type_name(" ")->required();
+    join->add_option("FILE", arguments.files, "MP3 files of one format and constant bitrate")
+        ->type_name(" ")
+        ->required()
+        ->expected(1, CLI::detail::expected_max_vector_size);
+    join->add_flag("--force", arguments.force, "replace OUT if it is there");
+    join->footer("Tags and info frames of the files are left out, and the files are only read.\n\n"
+                 "Example:\n  ffdhost join letter.mp3 letter-1.mp3 letter-2.mp3");
+    join->callback([&] {
+        command = [&](Driver const& driver) {
+            return run_join(driver, arguments.file, arguments.files, arguments.force,
+                            arguments.json);
+        };
+    });
+}
+
 void add_check(CLI::App& app, Arguments& arguments, Command& command) {
     CLI::App* const check = app.add_subcommand(
         "check", "Tell what is wrong with MP3 files and what the next open for writing makes of "
@@ -353,6 +401,8 @@ int run(std::span<char const* const> words) {
     add_map(app, arguments, command);
     add_edit(app, arguments, command);
     add_record(app, arguments, command);
+    add_split(app, arguments, command);
+    add_join(app, arguments, command);
     add_check(app, arguments, command);
     add_recover(app, arguments, command);
 

@@ -7,6 +7,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace ffdhost {
@@ -68,10 +69,46 @@ public:
     void close();
 
 private:
-    [[noreturn]] void fail() const;
+    friend class NewFile;
+    OutputFile(std::string name, Descriptor file)
+        : m_name(std::move(name)), m_file(std::move(file)) {}
+    [[noreturn]] void fail() const; // for the reason in errno
 
     std::string m_name;
     Descriptor m_file;
 };
+
+// A file that gets its name when it is whole. Until then it grows beside that, under the name and
+// ".part", with a number if that is taken. All throw a Failure with FFD_FILE_IO_ERROR.
+class NewFile {
+public:
+    // Nobody gets to read it who may not read all of `privateAs`.
+    NewFile(std::string name, std::vector<std::string> const& privateAs);
+    // Removes what has not got its name.
+    ~NewFile();
+    NewFile(NewFile&& other) noexcept;
+
+    std::string const& name() const { return m_output.m_name; }
+    std::string const& temporary() const { return m_temporary; }
+
+    void write(std::span<uint8_t const> bytes) { m_output.write(bytes); }
+    // Then all that was written is on the disk.
+    void close();
+    // Gives it its name. A file that has it is replaced, or else in the way.
+    void publish(bool replace);
+
+private:
+    static constexpr int kMostLeft = 100; // of earlier ones that were killed
+
+    OutputFile m_output;
+    std::string m_temporary; // empty: it has its name
+};
+
+// ---- What each system has its own way for; errno tells why it fails ----------------------------
+
+// Makes a file that nobody gets to read who may not read all of `privateAs`.
+Descriptor make_file(std::string const& name, std::vector<std::string> const& privateAs);
+bool flush(Descriptor const& file);
+bool move_file(std::string const& from, std::string const& to, bool replace);
 
 } // namespace ffdhost

@@ -36,7 +36,7 @@ bool is_in_use(std::filesystem::path const& path) {
     return fcntl(file.number(), F_OFD_GETLK, &claim) == 0 && claim.l_type != F_UNLCK;
 }
 
-void restrict_as(int file, int like, mode_t mask) {
+mode_t mode_as(int file, int like) {
     struct stat original {};
     struct stat made {};
     mode_t mode = 0600;
@@ -50,8 +50,12 @@ void restrict_as(int file, int like, mode_t mask) {
     if (fgetxattr(like, kAccessList, nullptr, 0) > 0) {
         mode &= 0600;
     }
-    fremovexattr(file, kAccessList); // what the folder gives to new files
-    fchmod(file, mode & ~mask);
+    return mode;
+}
+
+void let_in(int file, mode_t mode) {
+    fremovexattr(file, kAccessList);
+    fchmod(file, mode);
 }
 
 bool Descriptor::close() {
@@ -101,17 +105,47 @@ std::vector<uint8_t> InputFile::read_at(uint64_t fileOffset, size_t size) const 
     return bytes;
 }
 
+Descriptor make_file(std::string const& name, std::vector<std::string> const& privateAs) {
+    Descriptor file(open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (file.number() >= 0) {
+        mode_t const mask = umask(077);
+        umask(mask);
+        mode_t mode = 0666 & ~mask;
+        for (std::string const& each : privateAs) {
+            mode &= mode_as(file.number(), Descriptor(open_to_read(each, 0)).number());
+        }
+        let_in(file.number(), mode);
+    }
+    return file;
+}
+
+bool flush(Descriptor const& file) {
+    return fsync(file.number()) == 0;
+}
+
+bool move_file(std::string const& from, std::string const& to, bool replace) {
+    if (!replace &&
+        renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) {
+        return true;
+    }
+    if (!replace && errno != EINVAL) {
+        return false;
+    }
+    struct stat status {};
+    if (!replace && lstat(to.c_str(), &status) == 0) { // a file system that can't do it in one
+        errno = EEXIST;
+        return false;
+    }
+    return rename(from.c_str(), to.c_str()) == 0;
+}
+
 OutputFile::OutputFile(std::string name, std::filesystem::path const& privateAs)
     : m_name(std::move(name)) {
     if (m_name.empty()) {
         return;
     }
-    m_file = Descriptor(open(m_name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    if (m_file.number() >= 0) {
-        mode_t const mask = umask(077);
-        umask(mask);
-        restrict_as(m_file.number(), Descriptor(open_to_read(privateAs, 0)).number(), mask);
-    } else if (errno == EEXIST) {
+    m_file = make_file(m_name, {privateAs.string()});
+    if (m_file.number() < 0 && errno == EEXIST) {
         m_file = Descriptor(open(m_name.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
     }
     if (m_file.number() < 0) {

@@ -92,6 +92,27 @@ std::vector<uint8_t> InputFile::read_at(uint64_t fileOffset, size_t size) const 
     return bytes;
 }
 
+Descriptor make_file(std::string const& name, std::vector<std::string> const& /*privateAs*/) {
+    return Descriptor(_wopen(std::filesystem::path(name).c_str(),
+                             _O_WRONLY | _O_CREAT | _O_EXCL | _O_BINARY | _O_NOINHERIT,
+                             _S_IREAD | _S_IWRITE));
+}
+
+bool flush(Descriptor const& file) {
+    return _commit(file.number()) == 0;
+}
+
+bool move_file(std::string const& from, std::string const& to, bool replace) {
+    if (!replace) {
+        return _wrename(std::filesystem::path(from).c_str(), std::filesystem::path(to).c_str()) ==
+               0;
+    }
+    std::error_code error;
+    std::filesystem::rename(from, to, error);
+    errno = EACCES; // whatever it is that Windows says
+    return !error;
+}
+
 OutputFile::OutputFile(std::string name, std::filesystem::path const& /*privateAs*/)
     : m_name(std::move(name)) {
     if (m_name.empty()) {

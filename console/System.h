@@ -76,6 +76,8 @@ void tell_when_interrupted(std::string const& words);
 // From now on the first such stop does not end the program but shows as Arrival::Stop. The second
 // does what tell_when_interrupted says. A reader of stderr that goes away ends nothing.
 void let_stop_wait();
+// Whether there was one.
+bool stop_is_wanted();
 
 // Sleeps. False, and at once, if the program is to stop (let_stop_wait).
 bool sleep_for(std::chrono::milliseconds time);

@@ -133,6 +133,10 @@ void tell_when_interrupted(std::string const& words) {
 
 void make_stdin_binary() {}
 
+bool stop_is_wanted() {
+    return g_stopped;
+}
+
 void let_stop_wait() {
     if (pipe2(g_stopPipe, O_CLOEXEC | O_NONBLOCK) != 0) {
         throw std::system_error(errno, std::generic_category());

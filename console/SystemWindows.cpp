@@ -188,6 +188,10 @@ void make_stdin_binary() {
     _setmode(_fileno(stdin), _O_BINARY);
 }
 
+bool stop_is_wanted() {
+    return g_stopped;
+}
+
 void let_stop_wait() {
     g_stopWaits = true;
 }

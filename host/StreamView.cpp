@@ -115,14 +115,14 @@ std::string format_text(StreamFormat const& format) {
     return format_text(format_json(format));
 }
 
-std::vector<std::string> format_conflicts(StreamFormat const& clip, StreamFormat const& target) {
-    std::vector<std::string> conflicts;
+std::string format_conflicts(StreamFormat const& clip, StreamFormat const& target) {
+    std::string conflicts;
     auto const compare = [&](std::string const& what, std::string const& ofClip,
                              std::string const& ofTarget) {
         if (ofClip != ofTarget) {
-            std::string words = what;
-            words += " is " + ofClip + ", that of the dictation " + ofTarget;
-            conflicts.push_back(words);
+            conflicts += conflicts.empty() ? "" : "; ";
+            conflicts += what;
+            conflicts += " is " + ofClip + ", that of the dictation " + ofTarget;
         }
     };
     compare("its sampling rate", std::to_string(clip.wave.samplingRate) + " Hz",

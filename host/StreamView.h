@@ -48,8 +48,8 @@ Json format_json(StreamFormat const& format);
 std::string format_text(Json const& format); // of format_json
 std::string format_text(StreamFormat const& format);
 
-// What keeps audio of the one format from playing on in a stream of the other, a sentence each.
-// The number of channels does not: decoders follow it from frame to frame.
-std::vector<std::string> format_conflicts(StreamFormat const& clip, StreamFormat const& target);
+// What keeps audio of the one format from playing on in a stream of the other; empty if nothing
+// does. The number of channels does not: decoders follow it from frame to frame.
+std::string format_conflicts(StreamFormat const& clip, StreamFormat const& target);
 
 } // namespace ffdhost

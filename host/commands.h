@@ -62,6 +62,19 @@ struct RecordOptions {
 Outcome run_record(Driver const& driver, std::string const& file, RecordOptions const& options,
                    bool json);
 
+struct SplitOptions {
+    std::vector<std::string> at; // positions in order; +5s counts from the one in front
+    std::string output;          // a folder, or how names begin; empty: as that of the file
+    bool force = false;          // replaces files that are there
+};
+// The parts of a file, in whole frames and without its tags.
+Outcome run_split(Driver const& driver, std::string const& file, SplitOptions const& options,
+                  bool json);
+
+// A file of the audio of others, one behind the other, without their tags. `force`: replaces it.
+Outcome run_join(Driver const& driver, std::string const& output,
+                 std::vector<std::string> const& files, bool force, bool json);
+
 // ---- Shared by commands ------------------------------------------------------------------------
 
 // Copies up to `size` bytes of the dictation from the position on to an output, piece by piece. The

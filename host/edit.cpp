@@ -155,10 +155,7 @@ void Editor::check_clips(StreamFormat const* target) const {
         if (target == nullptr) {
             continue;
         }
-        std::string words;
-        for (std::string const& conflict : format_conflicts(clip, *target)) {
-            words += (words.empty() ? "" : "; ") + conflict;
-        }
+        std::string const words = format_conflicts(clip, *target);
         if (!words.empty() && !m_options.force) {
             throw Failure(op.name, op.path, FFD_NOT_SUPPORTED,
                           "the clip does not fit the dictation: " + words,

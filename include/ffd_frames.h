@@ -211,8 +211,8 @@ static inline uint16_t ffd_info_checksum(uint8_t const* frame, uint32_t count) {
 /**
  * Whether a whole Layer III frame is an info frame: silent, written in front of the audio by
  * encoders to tell players the count of frames and of bytes of the file ("Xing", "Info", "VBRI").
- * Inside another file it would be a gap of silence, and its counts would be wrong. `info`, which may
- * be null, gets its fields.
+ * Inside another file it would be a gap of silence, and its counts would be wrong. `info`, which
+ * may be null, gets its fields.
  */
 static inline int ffd_find_info(uint8_t const* frame, FFDInfo* info) {
     uint32_t const checksum = ffd_frame_has_checksum(frame) ? 2 : 0;

@@ -125,7 +125,7 @@ bool OpenFolder::copy_file(std::string const& name, OpenFolder const& target) co
     bool good = copy_bytes(from.number(), to.number());
     if (good) {
         keep_owner(to.number(), original);
-        restrict_as(to.number(), from.number(), 0);
+        let_in(to.number(), mode_as(to.number(), from.number()));
         futimens(to.number(), times.data()); // the copy is right without it, too
         good = fsync(to.number()) == 0 && to.close();
     }

@@ -158,6 +158,16 @@ class GuardTest(unittest.TestCase):
             kept.rmdir()
             self.file.unlink()
 
+    def test_parts_are_as_private_as_all_they_come_from(self):
+        shutil.copy(self.file, self.dir / "b.mp3")
+        for first, second, expected in ((0o640, 0o604, 0o600), (0o444, 0o666, 0o444)):
+            self.file.chmod(first)
+            (self.dir / "b.mp3").chmod(second)
+            self.host("join", "--force", "out.mp3", "a.mp3", "b.mp3", umask=0)
+            self.assertEqual(stat.S_IMODE((self.dir / "out.mp3").stat().st_mode), expected)
+            self.host("split", "--force", "a.mp3", "1s", umask=0)
+            self.assertEqual(stat.S_IMODE((self.dir / "a-2.mp3").stat().st_mode), first)
+
     @AS_ROOT
     def test_copies_give_no_rights_away(self):
         directory = self.dir / "a.DIR"

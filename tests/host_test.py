@@ -435,6 +435,67 @@ class HostTest(unittest.TestCase):
         self.assertNotIn("█", self.host("map", self.file).stdout.decode())
         self.assertTrue(json.loads(self.on_terminal("stdout", "--json", "map", self.file)))
 
+    # ---- Files of parts ----
+
+    def test_split_and_join(self):
+        length = frame_border(self.audio, 300)
+        info = self.audio[:4] + bytes(9) + b"Info" + bytes(length - 17)
+        self.file.write_bytes(self.head + info + self.audio[length:] + self.tail)
+        original = self.file.read_bytes()
+        places = [frame_border(self.audio, place) for place in (length, 8000, 24100)]
+        places += [frame_border(self.audio, len(self.audio) - 2999), len(self.audio)]
+        parts = self.json("split", self.file, places[1] + 100, "+2s",
+                          f"end-{len(self.audio) - places[3]}")["parts"]
+        names = [f"a-{number}.mp3" for number in range(1, 5)]
+        self.assertEqual([os.path.basename(part["file"]) for part in parts], names)
+        for name, begin, end in zip(names, places, places[1:]):
+            self.assertEqual((self.dir / name).read_bytes(), self.audio[begin:end], name)
+        joined = self.json("join", "new.mp3", self.file, *names)
+        audio = self.audio[length:]
+        self.assertEqual((self.dir / "new.mp3").read_bytes(), audio + audio)
+        self.assertEqual(joined["dictation"]["bytes"], len(audio) * 2)
+        self.host("split", self.file, *range(8000, 76000, 8000), "-o", self.dir / "p")
+        self.host("join", "--force", "new.mp3", *sorted(self.dir.glob("p-*.mp3")))
+        self.assertEqual((self.dir / "new.mp3").read_bytes(), audio)
+        self.assertEqual(len(list(self.dir.glob("p-??.mp3"))), 10)
+        # A last frame that is cut off is in no part.
+        self.clip.write_bytes(self.clip_audio[:-100])
+        self.json("join", "--force", "new.mp3", self.clip)
+        self.assertTrue(self.clip_audio.startswith((self.dir / "new.mp3").read_bytes()))
+        self.assertIn(len(self.clip_audio) - (self.dir / "new.mp3").stat().st_size, (208, 209))
+
+        self.copy("speech-44k-stereo.mp3", "other.mp3")
+        edited = self.copy("speech-16k-mono.mp3", "edited.mp3")
+        self.host("edit", edited, "delete", 500, "crash", code=3)
+        before = {path: path.read_bytes() for path in self.dir.iterdir()}
+        for arguments, words, code in (
+                (("split", self.file, "1s"), "a-1.mp3: the name is taken", 1),
+                (("split", self.file, "-o", "x", "2s", "1s"), "nothing would be left", 1),
+                (("split", self.file, "-o", "x", "0"), "nothing would be left", 1),
+                (("split", self.file, "-o", "x", "1h"), "nothing would be left", 1),
+                (("split", self.file, "-o", "x", "soon"), "'soon' is no position", 2),
+                (("split", self.file, "-o", "x/x", "1s"), "no file can be written there", 1),
+                (("split", edited, "1s"), "edits of a session that did not close", 1),
+                (("join", "new.mp3", self.file), "the name is taken", 1),
+                (("join", "--force", "a.mp3", self.clip, self.file), "overwrite the file", 1),
+                (("join", "x.mp3", self.file, "other.mp3"), "44100 Hz, that of", 1),
+                (("join", "x.mp3", self.file, edited), "its bitrate is 24", 1),
+                (("join", "edited.wav", self.file), "has left edits for a file of this name", 1),
+                (("join", "x.mp3", self.file, "none.mp3"), "none.mp3: there is no such file", 1)):
+            self.assertIn(words, self.host(*arguments, code=code).stderr.decode(), arguments)
+            self.assertEqual({path: path.read_bytes() for path in self.dir.iterdir()}, before)
+        self.assertEqual(self.file.read_bytes(), original)
+
+    def test_stopped_join(self):
+        for stop in signal.SIGINT, signal.SIGTERM, signal.SIGHUP:
+            run = subprocess.Popen([HOST, "join", "new.mp3", *[self.file] * 2000], cwd=self.dir,
+                                   stderr=subprocess.PIPE)
+            while not (self.dir / "new.mp3.part").exists():
+                self.assertIsNone(run.poll())
+            run.send_signal(stop)
+            self.assertIn(b"interrupted", run.communicate()[1])
+            self.assertEqual((run.returncode, list(self.dir.glob("new*"))), (1, []))
+
     # ---- What is refused ----
 
     def test_damaged_directory_files(self):

@@ -41,7 +41,7 @@ COMMANDS = (  # files that are made, where they are not those of before; and the
     ({"a.mp3": AUDIO[:4] + bytes(9) + b"Info\0\0\0\1\0\0\0\1" + bytes(183) + AUDIO[208:]}, "check a.mp3"),
     ({"a.mp3": AUDIO[:4] + bytes(9) + b"Info" + bytes(191) + AUDIO[208:]}, "check a.mp3"),
     ({"a.mp3": AUDIO[:4] + bytes(9) + b"Info\0\0\0\3\0\0\0\1\0\0\0\1" + bytes(179) + AUDIO[208:]},
-     "info a.mp3"), ({}, "edit a.mp3 show"),
+     "info a.mp3"), ({}, "edit a.mp3 show"), ({}, "split a.mp3 1s"), ({}, "join new.mp3 a.mp3"), ({}, "join new.mp3 a.mp3"),
     ({"a.mp3": AUDIO}, "limited edit a.mp3 delete 1s insert clip.mp3"), ({}, "limited record a.mp3"),
     ({"b.DIR": struct.pack("<3I", 1, 0, 900), NAME: AUDIO, "b.CLM": marker(b"", AUDIO, "b.mp3")},
      "edit b.mp3 map"),

@@ -1,7 +1,7 @@
 # Completion of ffdhost for bash.
 _ffdhost() {
     local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
-    local commands="info read record map edit check recover"
+    local commands="info read record map edit split join check recover"
     local operations="seek insert overwrite delete undo read show map store restore crash"
     local command="" at=0 i
     for ((i = 1; i < COMP_CWORD; i++)); do
@@ -26,6 +26,8 @@ _ffdhost() {
     record:-*) words="--at --length --overwrite --new --backup --force --json --help" ;;
     map:-*) words="--svg --json --help" ;;
     edit:-*) words="--force --snap --backup --dry-run --json --help" ;;
+    split:-*) words="--output --force --json --help" ;;
+    join:-*) words="--force --json --help" ;;
     recover:-*) words="--copy --info-frame --json --help" ;;
     *:-*) words="--json --help" ;;
     esac
