@@ -1,7 +1,7 @@
 // What the driver's tests share: the driver linked in over the fault layer, attached as a loader
 // would; a folder of its own for each test; MP3 files made of whole frames with contents that tell
-// every byte from its neighbours; and, at the end of each test, the proof that no handle, heap block
-// or mapped view is left.
+// every byte from its neighbours; and, at the end of each test, the proof that no handle, heap
+// block or mapped view is left.
 #pragma once
 
 #include "testing/driver_calls.h"
