@@ -4,6 +4,7 @@
 #include "EachFile.h"
 #include "host/commands.h"
 #include "host/Obstacle.h"
+#include "map/DirFile.h"
 #include "map/map.h"
 #include "support/support.h"
 
@@ -164,6 +165,7 @@ void add_edit(CLI::App& app, Arguments& arguments, Command& command) {
     edit->callback([&] {
         command = [&](Driver const& driver) {
             EditOptions options;
+            options.readDirectory = read_dir_file;
             options.force = arguments.force;
             options.snap = arguments.snap;
             if (arguments.backup && !arguments.dryRun) {
@@ -218,6 +220,7 @@ void add_record(CLI::App& app, Arguments& arguments, Command& command) {
             if (arguments.backup) {
                 keep_backup(arguments.file, arguments.json);
             }
+            arguments.record.readDirectory = read_dir_file;
             return run_record(driver, arguments.file, arguments.record, arguments.json);
         };
     });

@@ -7,8 +7,8 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <optional>
-#include <string>
 #include <vector>
 
 namespace ffdhost {
@@ -33,14 +33,8 @@ struct DirMap {
 
 char const* state_text(BlockState state);
 
-// The blocks of a .DIR file; nothing if there is none or it names no block, as before the first
-// edit. Throws a Failure with FFD_DIRECTORY_MISMATCH if the file is damaged, and with
-// FFD_FILE_IO_ERROR if it can't be read or the name is that of a link or no regular file.
-std::optional<DirMap> read_dir_file(std::filesystem::path const& path);
-
-// The same with the bytes of the file.
-std::optional<DirMap> parse_dir_file(std::filesystem::path const& path,
-                                     std::vector<uint8_t> const& bytes);
+// Reads the blocks of a .DIR file, as read_dir_file of map/DirFile.h does.
+using DirReader = std::function<std::optional<DirMap>(std::filesystem::path const&)>;
 
 // An unedited dictation: all the audio of the file in one block.
 DirMap one_block(uint32_t audioLength);

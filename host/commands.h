@@ -43,8 +43,7 @@ struct EditOptions {
     // With a driver that only pretends: no output is written, and 'crash' does not end the process
     // but the operations, with a call of this in place of the close.
     std::function<void()> pretendedCrash;
-    std::function<std::optional<DirMap>(std::filesystem::path const&)> readDirectory =
-        read_dir_file;
+    DirReader readDirectory;
 };
 
 // `tokens` are the operations with their arguments, one behind the other.
@@ -57,6 +56,7 @@ struct RecordOptions {
     bool overwrite = false;
     bool create = false; // makes the file if there is none
     bool force = false;  // takes a stream that does not fit, makes a file that has edits waiting
+    DirReader readDirectory;
 };
 // From standard input, until it ends or the program is to stop (let_stop_wait).
 Outcome run_record(Driver const& driver, std::string const& file, RecordOptions const& options,
@@ -107,7 +107,7 @@ void check_output(std::string const& operation, std::string const& output, std::
 
 // Tells of the edits that an open for writing of the file would take over, and gives the count of
 // their blocks. 0 for none, and for a .DIR file that the driver will have to judge.
-size_t tell_edits_waiting(std::filesystem::path const& dirFile, EditOptions const& options,
+size_t tell_edits_waiting(std::filesystem::path const& dirFile, DirReader const& readDirectory,
                           bool json);
 
 // Warns if a place that was asked for lies beyond the end of the dictation.

@@ -180,7 +180,8 @@ void Editor::open() {
         tell_when_interrupted("\nffdhost: interrupted: the edits so far are kept beside " +
                               printable(m_file) + "; the next open for writing finds them\n");
     }
-    m_document["taken_over_blocks"] = tell_edits_waiting(m_dirFile, m_options, m_json);
+    m_document["taken_over_blocks"] =
+        tell_edits_waiting(m_dirFile, m_options.readDirectory, m_json);
     {
         Waiting const waiting("opening");
         m_sound = std::make_unique<SoundFile>(m_driver, m_file, Access::ReadWrite);
@@ -485,11 +486,11 @@ void Editor::report_failure(char const* key, Failure const& failure) {
 
 } // namespace
 
-size_t tell_edits_waiting(std::filesystem::path const& dirFile, EditOptions const& options,
+size_t tell_edits_waiting(std::filesystem::path const& dirFile, DirReader const& readDirectory,
                           bool json) {
     std::optional<DirMap> left;
     try {
-        left = options.readDirectory(dirFile);
+        left = readDirectory(dirFile);
     } catch (Failure const&) {
         return 0; // the open repairs it or sets it aside
     }

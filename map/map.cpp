@@ -2,6 +2,7 @@
 
 #include "console/Position.h"
 #include "console/System.h"
+#include "DirFile.h"
 #include "host/BlockList.h"
 #include "host/Tags.h"
 #include "MapPicture.h"

@@ -2,6 +2,7 @@
 
 #include "DryDriver.h"
 #include "host/Obstacle.h"
+#include "map/DirFile.h"
 #include "platform/dry_platform.h"
 
 #include <filesystem>
