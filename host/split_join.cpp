@@ -149,8 +149,8 @@ std::vector<std::string> names_of_parts(std::string const& file, std::string con
     std::vector<std::string> names;
     for (size_t i = 1; i <= count; ++i) {
         std::string const number = std::to_string(i);
-        names.push_back(stem.string() + '-' + std::string(digits - number.size(), '0') + number +
-                        extension);
+        names.push_back(stem.string() + '-');
+        names.back().append(digits - number.size(), '0').append(number).append(extension);
     }
     return names;
 }

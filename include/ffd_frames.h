@@ -208,21 +208,14 @@ static inline uint16_t ffd_info_checksum(uint8_t const* frame, uint32_t count) {
     return (uint16_t)checksum;
 }
 
-/**
- * Whether a whole Layer III frame is an info frame: silent, written in front of the audio by
- * encoders to tell players the count of frames and of bytes of the file ("Xing", "Info", "VBRI").
- * Inside another file it would be a gap of silence, and its counts would be wrong. `info`, which
- * may be null, gets its fields.
+/** Where the name stands in a whole Layer III frame that is an info frame; 0 for any other frame.
  */
-static inline int ffd_find_info(uint8_t const* frame, FFDInfo* info) {
+static inline uint32_t ffd_info_place(uint8_t const* frame) {
     uint32_t const checksum = ffd_frame_has_checksum(frame) ? 2 : 0;
     uint32_t const length = ffd_frame_length(frame);
     uint32_t const offset = ffd_info_offset(frame);
     uint32_t const vbri = 36;
     uint32_t place = FFD_FRAME_HEADER_SIZE + checksum;
-    uint32_t flags;
-    uint32_t next;
-    int isVbri;
     if (ffd_frame_layer(frame) != 1) {
         return 0;
     }
@@ -232,24 +225,41 @@ static inline int ffd_find_info(uint8_t const* frame, FFDInfo* info) {
     if (place + 4 > length) {
         return 0;
     }
-    isVbri = place == vbri && memcmp(frame + place, "VBRI", 4) == 0;
-    if (!isVbri &&
-        ((place != offset && place != offset + checksum) ||
-         (memcmp(frame + place, "Xing", 4) != 0 && memcmp(frame + place, "Info", 4) != 0))) {
+    if (place == vbri && memcmp(frame + place, "VBRI", 4) == 0) {
+        return place;
+    }
+    return (place == offset || place == offset + checksum) &&
+                   (memcmp(frame + place, "Xing", 4) == 0 || memcmp(frame + place, "Info", 4) == 0)
+               ? place
+               : 0;
+}
+
+/**
+ * Whether a whole Layer III frame is an info frame: silent, written in front of the audio by
+ * encoders to tell players the count of frames and of bytes of the file ("Xing", "Info", "VBRI").
+ * Inside another file it would be a gap of silence, and its counts would be wrong.
+ */
+static inline int ffd_is_info_frame(uint8_t const* frame) {
+    return ffd_info_place(frame) != 0;
+}
+
+/** The same, with the fields of the frame in *info. */
+static inline int ffd_find_info(uint8_t const* frame, FFDInfo* info) {
+    uint32_t const length = ffd_frame_length(frame);
+    uint32_t const place = ffd_info_place(frame);
+    uint32_t next = place + 8;
+    uint32_t flags;
+    memset(info, 0, sizeof *info);
+    if (place == 0) {
         return 0;
     }
-    if (!info) {
-        return 1;
-    }
-    memset(info, 0, sizeof *info);
     memcpy(info->szKind, frame + place, 4);
-    if (isVbri) { /* a version, a delay and a quality of two bytes each */
+    if (frame[place] == 'V') { /* a version, a delay and a quality of two bytes each */
         info->dwBytesAt = place + 14 <= length ? place + 10 : 0;
         info->dwFramesAt = place + 18 <= length ? place + 14 : 0;
         return 1;
     }
-    flags = place + 8 <= length ? ffd_info_field(frame + place + 4) : 0;
-    next = place + 8;
+    flags = next <= length ? ffd_info_field(frame + place + 4) : 0;
     if ((flags & 1) != 0) {
         info->dwFramesAt = next + 4 <= length ? next : 0;
         next += 4;
@@ -266,11 +276,6 @@ static inline int ffd_find_info(uint8_t const* frame, FFDInfo* info) {
         info->dwChecksumAt = next;
     }
     return 1;
-}
-
-/** The same, without the fields. */
-static inline int ffd_is_info_frame(uint8_t const* frame) {
-    return ffd_find_info(frame, NULL);
 }
 
 /**

@@ -84,7 +84,6 @@ void mend_info_frame(std::string const& file, FrameWalk const& walk) {
     std::error_code error;
     // Nobody opens the file for writing from here on.
     if (leftover_size(file).value_or(0) > 0 ||
-        std::filesystem::exists(beside(file, ".CLM"), error) ||
         std::filesystem::file_size(file, error) != walk.fileSize) {
         fail(file, "another program has changed it meanwhile");
     }
