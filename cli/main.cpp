@@ -358,11 +358,13 @@ Failure usage_failure(CLI::App const& app, CLI::ParseError const& error) {
     for (std::string const& word : app.remaining(true)) {
         bool const isOption = word.size() > 1 && word[0] == '-';
         if (isOption) {
+            // NOLINTNEXTLINE(performance-inefficient-string-concatenation): once, and then out
             words = "'" + word + "' is no option of '" + owner + "'" + did_you_mean(word, options);
             break;
         }
         if (chosen.empty()) {
             std::vector<std::string> names;
+            names.reserve(commands.size());
             for (CLI::App const* const each : commands) {
                 names.push_back(each->get_name());
             }

@@ -77,7 +77,7 @@ struct NextOpen {
     // It fails since this user may not write. What is told of directory, marker and frames is what
     // it would be with permission.
     bool forbidden = false;
-    std::vector<Step> steps;       // in order; also those before a failure
+    std::vector<Step> steps; // in order; also those before a failure
     std::optional<Marker> marker;
     DirState directory = DirState::None;
     uint64_t directorySize = 0; // bytes of the .DIR file as it is now
