@@ -120,6 +120,10 @@ Outcome Recovery::run(RecoverOptions const& options) {
     }
     m_document["after"] = diagnosis_json(after);
     m_document["ok"] = true;
+    if (Json const& length = m_document["after"]["next_open"]["dictation"];
+        m_document.contains("closed") && !length.is_null()) {
+        say("Closed", length_text(length)); // the close went to whole frames
+    }
     say("After", after.verdict());
     return {m_document, 0};
 }
@@ -146,7 +150,6 @@ void Recovery::open_and_close() {
     }
     tell_when_interrupted("");
     m_document["closed"] = status_json(FFD_NOERROR);
-    say("Closed", length_text(length, rate));
 }
 
 Outcome Recovery::failed(Failure const& failure) {

@@ -184,6 +184,13 @@ class SupportTest(unittest.TestCase):
         told = subprocess.run([HOST, "check", "a $b.mp3"], capture_output=True, cwd=self.dir)
         self.assertIn(b" Run: ffdhost recover --copy -- 'a $b.mp3'\n", told.stdout)
 
+        # The length after a close is that of the whole frames in the file.
+        self.make(self.crashed(TAGGED, "seek", 12345, "delete", 1000))
+        told = subprocess.run([HOST, "recover", "a.mp3"], capture_output=True, cwd=self.dir, text=True)
+        _, after = self.host("check", "a.mp3")
+        self.assertRegex(told.stdout,
+                         rf"\nClosed .*\({after['next_open']['dictation']['bytes']} bytes\)\n")
+
     def test_what_is_missing_and_what_is_not_named(self):
         size = len(AUDIO)  # audio positions are file offsets here
         missing = self.agree({"a.mp3": AUDIO, "a.DIR": entry(1, 0, 900)
