@@ -62,7 +62,7 @@ std::vector<std::string> sound_files_in(std::string const& folder) {
         }
     }
     if (error) {
-        throw Failure("open folder", folder, FFD_FILE_IO_ERROR, error.message(),
+        throw Failure("open folder", folder, FFD_FILE_IO_ERROR, system_words(error.value()),
                       "Check the permissions of the folder.");
     }
     for (fs::path const& companion : companions) {

@@ -95,6 +95,19 @@ StreamView look_at(Driver const& driver, std::string const& path) {
     return view;
 }
 
+std::optional<StreamView> look_before_writing(Driver const& driver, std::string const& path) {
+    try {
+        return look_at(driver, path);
+    } catch (Failure const&) {
+        std::error_code error;
+        if (leftover_size(path).value_or(0) == 0 &&
+            !std::filesystem::exists(beside(path, ".CLM"), error)) {
+            throw;
+        }
+        return std::nullopt;
+    }
+}
+
 Json format_json(StreamFormat const& format) {
     return {{"mpeg_version", format.mpegVersion}, {"layer", format.layer},
             {"channels", format.wave.channels},   {"sampling_rate", format.wave.samplingRate},

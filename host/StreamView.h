@@ -5,6 +5,7 @@
 #include "SoundFile.h"
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -41,6 +42,10 @@ std::unique_ptr<SoundFile> open_for_reading(Driver const& driver, std::string co
 // Opens the file for reading only and closes it again. Throws what the open throws; it leaves no
 // trace on the disk, unlike an open for writing that fails.
 StreamView look_at(Driver const& driver, std::string const& path);
+
+// The same in front of an open for writing, which would leave an empty .DIR file if it failed.
+// Nothing if the file can't be read before that open has mended what a crash has left.
+std::optional<StreamView> look_before_writing(Driver const& driver, std::string const& path);
 
 Json format_json(StreamFormat const& format);
 

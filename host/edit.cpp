@@ -107,17 +107,7 @@ void Editor::check_before_open() {
     for (EditOp const& op : m_ops) {
         check_paths(op);
     }
-    try {
-        // Reading leaves no trace, whereas an open for writing that fails leaves an empty .DIR.
-        m_view = look_at(m_driver, m_file);
-    } catch (Failure const&) {
-        // After a crash the open for writing may have to mend the file before it can be read.
-        std::error_code error;
-        if (leftover_size(m_file).value_or(0) == 0 &&
-            !std::filesystem::exists(beside(m_file, ".CLM"), error)) {
-            throw;
-        }
-    }
+    m_view = look_before_writing(m_driver, m_file);
     check_clips(m_view ? &m_view->format : nullptr);
 }
 

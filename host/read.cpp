@@ -55,10 +55,13 @@ void set_aside_what_is_left(std::string const& output, std::string const& file) 
 void check_output(std::string const& operation, std::string const& output, std::string const& file,
                   bool force) {
     std::error_code error;
-    std::filesystem::path const place = std::filesystem::weakly_canonical(output, error);
+    auto const place_of = [&](std::filesystem::path const& path) { // of one that is not there, too
+        return std::filesystem::weakly_canonical(std::filesystem::absolute(path, error), error);
+    };
+    std::filesystem::path const place = place_of(output);
     for (std::filesystem::path const& kept : {std::filesystem::path(file), dir_file_of(file)}) {
         if (std::filesystem::equivalent(output, kept, error) ||
-            (!place.empty() && place == std::filesystem::weakly_canonical(kept, error))) {
+            (!place.empty() && place == place_of(kept))) {
             throw Failure(operation, output, FFD_FILE_ALREADY_EXISTS,
                           "the output would overwrite the file that is read",
                           "Choose another name for the output.");

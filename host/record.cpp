@@ -234,6 +234,7 @@ Outcome run_record(Driver const& driver, std::string const& file, RecordOptions 
         set_aside_what_is_left(file);
         make_file(file, beginning.frame());
     }
+    look_before_writing(driver, file);
     size_t const takenOver = tell_edits_waiting(dir_file_of(file), options.readDirectory, json);
     auto sound = std::make_unique<SoundFile>(driver, file, Access::ReadWrite);
     uint32_t const rate = sound->wave_format().bytesPerSecond;

@@ -171,10 +171,10 @@ void Rehearsal::tell_of_failure(Failure const& failure) {
             m_next.reason = "permission denied: " + name + " may not be made, and edits need it";
         } else {
             m_next.forbidden = m_next.forbidden && fs::is_regular_file(status);
-            m_next.reason = name + ": " +
-                            (last.dwError == ERROR_ACCESS_DENIED && !m_next.forbidden
-                                 ? "it is no regular file"
-                                 : words_of_error(last.dwError));
+            m_next.reason =
+                name + ": " +
+                (fs::exists(status) && !fs::is_regular_file(status) ? "it is no regular file"
+                                                                    : words_of_error(last.dwError));
         }
     } else if (!m_listener.last_error().empty()) {
         m_next.reason = m_listener.last_error();

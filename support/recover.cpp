@@ -32,7 +32,7 @@ std::vector<std::string> names_to_keep(Diagnosis const& diagnosis) {
 std::optional<Failure> obstacle(Diagnosis const& diagnosis, RecoverOptions const& options) {
     NextOpen const& next = diagnosis.next;
     if (next.inUse) {
-        return Failure("recover", diagnosis.file, next.status, diagnosis.verdict(),
+        return Failure("recover", diagnosis.file, next.status, "it is in use by another program",
                        "Close the other program and try again; nothing was changed.");
     }
     if (next.status != FFD_NOERROR) {

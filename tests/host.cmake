@@ -6,11 +6,12 @@ if(TARGET ffdhost)
     add_test(NAME host_guard
         COMMAND Python3::Interpreter ${CMAKE_CURRENT_SOURCE_DIR}/host_guard_test.py)
     add_test(NAME support COMMAND Python3::Interpreter ${CMAKE_CURRENT_SOURCE_DIR}/support_test.py)
+    add_test(NAME inputs COMMAND Python3::Interpreter ${CMAKE_CURRENT_SOURCE_DIR}/inputs_test.py)
     add_test(NAME json COMMAND Python3::Interpreter ${CMAKE_CURRENT_SOURCE_DIR}/json_test.py)
     add_test(NAME record COMMAND Python3::Interpreter ${CMAKE_CURRENT_SOURCE_DIR}/record_test.py)
     add_test(NAME record_kills COMMAND Python3::Interpreter ${CMAKE_SOURCE_DIR}/bench/kills.py
         --kills 5 --seconds 60)
-    set_tests_properties(host host_guard json record record_kills support PROPERTIES ENVIRONMENT
+    set_tests_properties(host host_guard inputs json record record_kills support PROPERTIES ENVIRONMENT
         "FFDHOST=$<TARGET_FILE:ffdhost>;FFD_SAMPLES=${CMAKE_CURRENT_SOURCE_DIR}/samples")
 endif()
 
