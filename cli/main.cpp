@@ -358,7 +358,6 @@ Failure usage_failure(CLI::App const& app, CLI::ParseError const& error) {
     for (std::string const& word : app.remaining(true)) {
         bool const isOption = word.size() > 1 && word[0] == '-';
         if (isOption) {
-            // NOLINTNEXTLINE(performance-inefficient-string-concatenation): once, and then out
             words = "'" + word + "' is no option of '" + owner + "'" + did_you_mean(word, options);
             break;
         }

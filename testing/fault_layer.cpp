@@ -48,8 +48,9 @@ thread_local bool t_bInside = false; // in a call of the layer below
 void add_rule(Rule const& rule) {
     std::lock_guard const lock(g_mutex);
     // A forgotten rule would make a test pass that tests nothing.
-    if (g_state.ruleCount == g_state.rules.size() || rule.nth == 0)
+    if (g_state.ruleCount == g_state.rules.size() || rule.nth == 0) {
         std::abort();
+    }
     g_state.rules[g_state.ruleCount++] = rule;
 }
 
@@ -59,10 +60,12 @@ bool is_transfer(Call call) {
 
 // Counts the call for the rule and tells whether the rule bites.
 bool applies(Rule& rule, Call call) {
-    if (rule.call != call && rule.call != Call::Any)
+    if (rule.call != call && rule.call != Call::Any) {
         return false;
-    if (rule.effect == Rule::Effect::Halve && !is_transfer(call))
+    }
+    if (rule.effect == Rule::Effect::Halve && !is_transfer(call)) {
         return false;
+    }
     ++rule.seen;
     return rule.seen >= rule.nth && rule.seen - rule.nth < rule.times;
 }
@@ -75,18 +78,20 @@ void before_change() {
         lock.unlock();
         g_end();
     }
-    if (g_state.changesUntilStop != 0)
+    if (g_state.changesUntilStop != 0) {
         --g_state.changesUntilStop;
+    }
     ++g_state.changes;
 }
 
 void replace_handle(HANDLE hOld, HANDLE hNew) {
     std::lock_guard const lock(g_mutex);
     HANDLE* const phFound = std::find(g_open.begin(), g_open.end(), hOld);
-    if (phFound != g_open.end())
+    if (phFound != g_open.end()) {
         *phFound = hNew;
-    else if (hOld == nullptr)
+    } else if (hOld == nullptr) {
         std::abort();
+    }
 }
 
 // One call on its way to the layer below.
@@ -95,8 +100,9 @@ public:
     explicit Passage(Call call, bool bChangesDisk = false) {
         if (!m_bNested) {
             enter(call);
-            if (bChangesDisk && !m_bFails)
+            if (bChangesDisk && !m_bFails) {
                 before_change();
+            }
         }
         t_bInside = true;
     }
@@ -118,13 +124,15 @@ public:
     DWORD halves_error() const { return m_dwHalvesError; }
 
     HANDLE opened(HANDLE hObject) const {
-        if (!m_bNested && hObject != nullptr && hObject != INVALID_HANDLE_VALUE)
+        if (!m_bNested && hObject != nullptr && hObject != INVALID_HANDLE_VALUE) {
             replace_handle(nullptr, hObject);
+        }
         return hObject;
     }
     void count(std::atomic<int>& nTally, int nDifference, bool bDone) const {
-        if (!m_bNested && bDone)
+        if (!m_bNested && bDone) {
             nTally += nDifference;
+        }
     }
 
 private:
@@ -137,14 +145,16 @@ private:
 };
 
 void Passage::enter(Call call) {
-    if (g_state.watcher != nullptr)
+    if (g_state.watcher != nullptr) {
         g_state.watcher(call);
+    }
     std::lock_guard const lock(g_mutex);
     ++g_state.counts[static_cast<size_t>(call)];
     for (size_t i = 0; i < g_state.ruleCount; ++i) {
         Rule const& rule = g_state.rules[i];
-        if (!applies(g_state.rules[i], call))
+        if (!applies(g_state.rules[i], call)) {
             continue;
+        }
         if (rule.effect == Rule::Effect::Fail) {
             m_bFails = true;
             SetLastError(rule.dwError);
@@ -164,11 +174,13 @@ void reset() {
 
 unsigned count(Call call) {
     std::lock_guard const lock(g_mutex);
-    if (call != Call::Any)
+    if (call != Call::Any) {
         return g_state.counts[static_cast<size_t>(call)];
+    }
     unsigned sum = 0;
-    for (unsigned const one : g_state.counts)
+    for (unsigned const one : g_state.counts) {
         sum += one;
+    }
     return sum;
 }
 
@@ -220,8 +232,9 @@ unsigned mapped_views() {
 void abandon_everything() {
     std::lock_guard const lock(g_mutex);
     for (HANDLE& rhObject : g_open) {
-        if (rhObject != nullptr)
+        if (rhObject != nullptr) {
             REAL(CloseHandle)(rhObject);
+        }
         rhObject = nullptr;
     }
     g_nHeapBlocks = 0;
@@ -258,8 +271,9 @@ HANDLE WINAPI WRAP(CreateFileA)(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD 
                                 DWORD dwCreationDisposition, DWORD dwFlagsAndAttributes,
                                 HANDLE hTemplateFile) {
     Passage const passage(Call::CreateFile, dwCreationDisposition != OPEN_EXISTING);
-    if (passage.fails())
+    if (passage.fails()) {
         return INVALID_HANDLE_VALUE;
+    }
     return passage.opened(REAL(CreateFileA)(lpFileName, dwDesiredAccess, dwShareMode,
                                             lpSecurityAttributes, dwCreationDisposition,
                                             dwFlagsAndAttributes, hTemplateFile));
@@ -268,16 +282,18 @@ HANDLE WINAPI WRAP(CreateFileA)(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD 
 HANDLE WRAP(PlatformCreatePrivateFile)(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
                                        HANDLE hLike) {
     Passage const passage(Call::CreateFile, true);
-    if (passage.fails())
+    if (passage.fails()) {
         return INVALID_HANDLE_VALUE;
+    }
     return passage.opened(
         REAL(PlatformCreatePrivateFile)(lpFileName, dwDesiredAccess, dwShareMode, hLike));
 }
 
 BOOL WINAPI WRAP(CloseHandle)(HANDLE hObject) {
     Passage const passage(Call::CloseHandle);
-    if (passage.fails())
+    if (passage.fails()) {
         return FALSE;
+    }
     platform_faults::replace_handle(hObject, nullptr); // first: then the value is another file's
     return REAL(CloseHandle)(hObject);
 }
@@ -294,10 +310,12 @@ BOOL WINAPI WRAP(WriteFile)(HANDLE hFile, LPCVOID lpBuffer, DWORD nNumberOfBytes
                             LPDWORD lpNumberOfBytesWritten, LPOVERLAPPED lpOverlapped) {
     Passage const passage(Call::WriteFile, nNumberOfBytesToWrite != 0);
     if (passage.fails() || !REAL(WriteFile)(hFile, lpBuffer, passage.bytes(nNumberOfBytesToWrite),
-                                            lpNumberOfBytesWritten, lpOverlapped))
+                                            lpNumberOfBytesWritten, lpOverlapped)) {
         return FALSE;
-    if (passage.halves_error() != NO_ERROR)
+    }
+    if (passage.halves_error() != NO_ERROR) {
         SetLastError(passage.halves_error());
+    }
     return passage.halves_error() == NO_ERROR;
 }
 
@@ -362,8 +380,9 @@ HANDLE WINAPI WRAP(CreateFileMappingA)(HANDLE hFile, LPSECURITY_ATTRIBUTES lpAtt
                                        DWORD flProtect, DWORD dwMaximumSizeHigh,
                                        DWORD dwMaximumSizeLow, LPCSTR lpName) {
     Passage const passage(Call::CreateFileMapping);
-    if (passage.fails())
+    if (passage.fails()) {
         return nullptr;
+    }
     return passage.opened(REAL(CreateFileMappingA)(hFile, lpAttributes, flProtect,
                                                    dwMaximumSizeHigh, dwMaximumSizeLow, lpName));
 }
@@ -403,11 +422,14 @@ BOOL WINAPI WRAP(GetDiskFreeSpaceExA)(LPCSTR lpDirectoryName, ULARGE_INTEGER* lp
     Passage const passage(Call::GetDiskFreeSpaceEx);
     if (passage.fails() ||
         !REAL(GetDiskFreeSpaceExA)(lpDirectoryName, lpFreeBytesAvailable, lpTotalNumberOfBytes,
-                                   lpTotalNumberOfFreeBytes))
+                                   lpTotalNumberOfFreeBytes)) {
         return FALSE;
-    for (ULARGE_INTEGER* const pFree : {lpFreeBytesAvailable, lpTotalNumberOfFreeBytes})
-        if (pFree != nullptr)
+    }
+    for (ULARGE_INTEGER* const pFree : {lpFreeBytesAvailable, lpTotalNumberOfFreeBytes}) {
+        if (pFree != nullptr) {
             pFree->QuadPart = platform_faults::g_state.pretendedFreeBytes.value_or(pFree->QuadPart);
+        }
+    }
     return TRUE;
 }
 

@@ -43,30 +43,35 @@ std::array<Lingering, 8> g_lingering{};
 
 Lingering* find_lingering(LPCSTR lpFileName) {
     for (Lingering& rName : g_lingering) {
-        if (rName.nMeetings > 0 && PlatformSameFileName(rName.name.data(), lpFileName))
+        if (rName.nMeetings > 0 && PlatformSameFileName(rName.name.data(), lpFileName)) {
             return &rName;
+        }
     }
     return nullptr;
 }
 
 // Whether a call meets such a name, and fails with one of two errors then.
 bool meets_lingering(LPCSTR lpFileName, DWORD dwError, DWORD dwOtherError) {
-    if (platform_faults::lingers() == 0)
+    if (platform_faults::lingers() == 0) {
         g_lingering = {}; // by now there may be files of these names
+    }
     Lingering* const pName = find_lingering(lpFileName);
-    if (pName == nullptr || (pName->nMeetings == 1 && --pName->nMeetings == 0))
+    if (pName == nullptr || (pName->nMeetings == 1 && --pName->nMeetings == 0)) {
         return false; // gone between two calls
+    }
     SetLastError(--pName->nMeetings % 2 == 0 ? dwError : dwOtherError);
     return true;
 }
 
 void let_linger(LPCSTR lpFileName) {
     Lingering* pName = find_lingering(lpFileName);
-    if (pName == nullptr)
+    if (pName == nullptr) {
         pName = std::find_if(g_lingering.begin(), g_lingering.end(),
                              [](Lingering const& rName) { return rName.nMeetings == 0; });
-    if (pName == g_lingering.end() || strlen(lpFileName) >= pName->name.size())
+    }
+    if (pName == g_lingering.end() || strlen(lpFileName) >= pName->name.size()) {
         std::abort();
+    }
     strcpy(pName->name.data(), lpFileName);
     pName->nMeetings = platform_faults::lingers();
 }
@@ -77,8 +82,9 @@ HANDLE WINAPI REAL(CreateFileA)(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD 
                                 LPSECURITY_ATTRIBUTES lpSecurityAttributes,
                                 DWORD dwCreationDisposition, DWORD dwFlagsAndAttributes,
                                 HANDLE hTemplateFile) {
-    if (meets_lingering(lpFileName, ERROR_ACCESS_DENIED, ERROR_DELETE_PENDING))
+    if (meets_lingering(lpFileName, ERROR_ACCESS_DENIED, ERROR_DELETE_PENDING)) {
         return INVALID_HANDLE_VALUE;
+    }
     HANDLE const hFile =
         __real___imp_CreateFileA(lpFileName, dwDesiredAccess, dwShareMode, lpSecurityAttributes,
                                  dwCreationDisposition, dwFlagsAndAttributes, hTemplateFile);
@@ -93,11 +99,13 @@ HANDLE WINAPI REAL(CreateFileA)(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD 
 }
 
 BOOL WINAPI REAL(DeleteFileA)(LPCSTR lpFileName) {
-    if (meets_lingering(lpFileName, ERROR_ACCESS_DENIED, ERROR_DELETE_PENDING))
+    if (meets_lingering(lpFileName, ERROR_ACCESS_DENIED, ERROR_DELETE_PENDING)) {
         return FALSE;
+    }
     BOOL const bDeleted = __real___imp_DeleteFileA(lpFileName);
-    if (bDeleted && platform_faults::lingers() > 0)
+    if (bDeleted && platform_faults::lingers() > 0) {
         let_linger(lpFileName);
+    }
     return bDeleted;
 }
 
@@ -119,7 +127,8 @@ BOOL WINAPI WRAP(GetFileInformationByHandleEx)(HANDLE hFile, FILE_INFO_BY_HANDLE
     BOOL const bTold =
         __real___imp_GetFileInformationByHandleEx(hFile, kind, lpInformation, dwBufferSize);
     if (bTold && kind == FileBasicInfo && platform_faults::encryption_works().has_value() &&
-        (hFile != g_hMade || g_bMadeEncrypted))
+        (hFile != g_hMade || g_bMadeEncrypted)) {
         static_cast<FILE_BASIC_INFO*>(lpInformation)->FileAttributes |= FILE_ATTRIBUTE_ENCRYPTED;
+    }
     return bTold;
 }

@@ -143,7 +143,7 @@ private:
     // of the file what no directory knows.
     std::optional<std::string> expect(size_t nStep, size_t nChange, unsigned nSeed) const {
         auto const& [nDone, done] = m_notes[nStep];
-        auto const now = [&](int kind, char const* pszEnd) {
+        auto const now = [&, nDone = nDone](int kind, char const* pszEnd) {
             return happened(m_record, nDone, nChange, kind, pszEnd);
         };
         bool const bCloses = nStep + 1 == m_notes.size();

@@ -335,7 +335,7 @@ TEST_F(DirectoryTest, DamagedDirectoriesAreSetAside) {
         char const* pszName;
         std::string image;
     } const rows[] = {
-        {"no end, 65536 bytes", full.substr(0, 65532) + "\1\0\0\0"},
+        {"no end, 65536 bytes", full.substr(0, 65532) + std::string("\1\0\0\0", 4)},
         {"no end, more bytes", dir_image(std::vector<Entry>(6000, {1, 0, 0}), 72000)},
         {"entry cut by the end of the file", dir_image({{1, 0, 480}, {1, 480, 960}}, 23)},
         {"status 2", dir_image({{2, 0, 960}})},

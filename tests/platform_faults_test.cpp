@@ -97,8 +97,9 @@ TEST_F(PlatformFaults, TheNthAndThoseBehindItAndCounts) {
     char text[300];
     fail(Call::GetTempPath, 2, 5, 2);
     fail(Call::Any, 6, 5);
-    for (int i = 0; i < 5; ++i)
+    for (int i = 0; i < 5; ++i) {
         worked += GetTempPathA(300, text) != 0 ? 'y' : 'n';
+    }
     worked += GetSystemDirectoryA(text, 300) != 0 ? 'y' : 'n';
     worked += GetSystemDirectoryA(text, 300) != 0 ? 'y' : 'n';
     EXPECT_EQ(worked, "ynnyyny");
@@ -162,11 +163,12 @@ TEST_F(PlatformFaults, StopsInFrontOfEveryChange) {
         EXPECT_EQ(open_handles(), nth == 2 || nth == 3 ? 1u : 0u);
         abandon_everything();
         string state;
-        for (string const& name : {a, b})
+        for (string const& name : {a, b}) {
             if (open_error(name, READ, 0) == 0) {
                 state += name.substr(name.size() - 1) + ":" + text_of(name);
                 remove_error(name);
             }
+        }
         EXPECT_EQ(state, stateAtStop[nth - 1]);
     }
 }
