@@ -15,21 +15,18 @@ inline unsigned setting(char const* pszName, unsigned nDefault) {
     return pszValue == nullptr ? nDefault : static_cast<unsigned>(atoi(pszValue));
 }
 
+struct Sound {
+    std::string head, audio, tail; // audio: whole frames
+    uint32_t nFrame = 96;          // bytes of one without padding
+
+    std::string file() const { return head + audio + tail; }
+};
+
 class Session {
 public:
-    static constexpr char const* SOUND = "/d/a.mp3";
-
-    // A file with a head and a tail around its audio, opened.
-    Session(std::string head, std::string const& audio, std::string tail, uint32_t nFrame,
-            bool bRecorded = false)
-        : m_head(std::move(head)), m_tail(std::move(tail)), m_nFrame(nFrame),
-          m_bRecorded(bRecorded) {
-        memory_disk::begin();
-        memory_disk::put(SOUND, m_head + audio + m_tail);
-        if (bRecorded) {
-            power_cut::record();
-        }
-        reopen(audio);
+    // Opens a file that is on the disk.
+    Session(std::string path, Sound sound) : m_path(std::move(path)), m_sound(std::move(sound)) {
+        reopen(m_sound.audio);
         note();
     }
     ~Session() {
@@ -57,48 +54,59 @@ public:
     // the model then.
     std::vector<std::pair<size_t, Model>> const& notes() const { return m_notes; }
 
-    // The process ends without a close, and the next one opens the file. False if what it finds
-    // can't be told: a write that a restore dropped has lost its place, and comes back somewhere.
-    bool crash() {
-        if (m_model.flushed.nWritten != m_model.nWritten) {
+    // The process ends without a close of its sessions, and the next one opens their files. False
+    // if what it finds can't be told: a write that a restore dropped has lost its place, and comes
+    // back somewhere.
+    static bool crash(std::vector<Session*> sessions) {
+        std::erase_if(sessions, [](Session const* pSession) { return !pSession->is_open(); });
+        if (std::any_of(sessions.begin(), sessions.end(), [](Session const* pSession) {
+                return pSession->m_model.flushed.nWritten != pSession->m_model.nWritten;
+            })) {
             return false;
         }
         memory_disk::Files const files = memory_disk::left_by_crash();
-        driver().Close(m_handle);
+        for (Session* const pSession : sessions) {
+            driver().Close(pSession->m_handle);
+        }
         memory_disk::begin(files);
-        m_model.now = m_model.flushed;
-        m_model.now.nPosition = 0;
-        m_model.stored.reset();
-        open();
+        for (Session* const pSession : sessions) {
+            pSession->m_model.now = pSession->m_model.flushed;
+            pSession->m_model.now.nPosition = 0;
+            pSession->m_model.stored.reset();
+            pSession->open();
+        }
         return true;
     }
 
     // The audio of the closed file.
     std::string close() {
         check(driver().Close(m_handle) == 0, "status of the close");
+        check(driver().Close(m_handle) == FFD_INVALID_HANDLE, "status of a second close");
         m_handle = nullptr;
-        check(dry::names() == std::vector<std::string>{SOUND}, "files behind the close");
-        check(dry::open_handles() == 0, "handles behind the close");
-        std::string const file = memory_disk::get(SOUND);
-        size_t const nAround = m_head.size() + m_tail.size();
-        bool const bTags =
-            file.size() >= nAround && file.starts_with(m_head) && file.ends_with(m_tail);
+        std::string const stem = m_path.substr(0, m_path.rfind('.'));
+        for (std::string const& name : dry::names()) {
+            check(name == m_path || !name.starts_with(stem), "files behind the close");
+        }
+        std::string const file = memory_disk::get(m_path);
+        size_t const nAround = m_sound.head.size() + m_sound.tail.size();
+        bool const bTags = file.size() >= nAround && file.starts_with(m_sound.head) &&
+                           file.ends_with(m_sound.tail);
         check(bTags, "tags of the closed file");
-        return bTags ? file.substr(m_head.size(), file.size() - nAround) : "";
+        return bTags ? file.substr(m_sound.head.size(), file.size() - nAround) : "";
     }
 
     // The next session on a file that a close left with this audio.
     void reopen(std::string const& audio) {
         uint32_t const nEnd = static_cast<uint32_t>(audio.size());
         Dictation const found{{{0, nEnd}}};
-        m_model = {m_nFrame, audio + m_tail, nEnd, found, found, std::nullopt, 0};
+        m_model = {m_sound.nFrame, audio + m_sound.tail, nEnd, found, found, std::nullopt, 0};
         open();
     }
 
     // Opens the closed file and closes it again. There may be no frame in it.
     void look_inside() {
         FFDError status = 0;
-        m_handle = open_sound(SOUND, 2, status);
+        m_handle = open_sound(m_path, 2, status);
         check(status == 0 || status == 9 || status == 26, "open: " + std::to_string(status));
         if (m_handle != nullptr) {
             close();
@@ -113,14 +121,14 @@ public:
 
 private:
     void note() {
-        if (m_bRecorded) {
+        if (power_cut::is_recording()) {
             m_notes.emplace_back(power_cut::changes(), m_model);
         }
     }
 
     void open() {
         FFDError status = 0;
-        m_handle = open_sound(SOUND, 2, status);
+        m_handle = open_sound(m_path, 2, status);
         check(status == 0, "open: " + std::to_string(status));
         if (m_handle != nullptr) {
             compare();
@@ -158,13 +166,14 @@ private:
         check(nLength - nFound < 32, "length from whole milliseconds");
         if (nLength > 0) {
             // Whole, and in parts that meet at each place in turn.
-            static uint32_t nReads = 0;
-            uint32_t const nCut = ++nReads % nLength;
+            uint32_t const nCut = ++m_nReads * 251 % nLength;
             check(read(0, nLength) == expected, "dictation");
             check(read(nCut, nLength) == expected.substr(nCut), "rest of the dictation");
             check(read(nCut / 2, 2) == expected.substr(nCut / 2, 2), "two bytes");
         }
         seek(m_handle, m_model.now.nPosition);
+        driver().GetDictationFileSize(m_handle, &nFound);
+        check(nFound == m_sound.head.size() + m_model.audio.size(), "size of the file");
     }
 
     std::string read(uint32_t nFrom, uint32_t nBytes) {
@@ -174,10 +183,9 @@ private:
         return status == 0 ? bytes : "no bytes, status " + std::to_string(status);
     }
 
-    std::string const m_head;
-    std::string const m_tail;
-    uint32_t const m_nFrame;
-    bool const m_bRecorded;
+    std::string const m_path;
+    Sound const m_sound;
+    uint32_t m_nReads = 0;
     std::vector<std::pair<size_t, Model>> m_notes;
     FFDHandle m_handle = nullptr;
     Model m_model;

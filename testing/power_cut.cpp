@@ -97,6 +97,10 @@ size_t changes() {
     return g_record->changes.size();
 }
 
+bool is_recording() {
+    return g_record.has_value();
+}
+
 Record take() {
     return std::exchange(g_record, std::nullopt).value();
 }

@@ -39,8 +39,9 @@ struct Record {
 // Begins a record with what is on the disk in memory now.
 void record();
 
-// Ends it. The changes so far can be had without.
+// Ends it. The number of changes so far can be had without.
 Record take();
 size_t changes();
+bool is_recording();
 
 } // namespace power_cut

@@ -4,6 +4,7 @@
 #include "testing/driver_session.h"
 #include "testing/sound_maker.h"
 
+#include <functional>
 #include <random>
 #include <set>
 #include <sstream>
@@ -137,28 +138,56 @@ private:
     bool m_bRefused = false;
 };
 
-// A session of up to so many steps in whole frames, by chance.
-class RandomSession : public StepSource {
+// Steps by chance, at positions and of lengths that are multiples of a unit. Now and then a pause:
+// the session is to be closed, or its process to end, and may go on behind it.
+class RandomSteps : public StepSource {
 public:
-    RandomSession(unsigned nSeed, unsigned nMostSteps)
-        : m_random(nSeed), m_nSteps(1 + below(nMostSteps)) {}
+    enum class Pause { End, Close, Crash };
+
+    RandomSteps(std::mt19937& random, unsigned nSteps, uint32_t nUnit,
+                std::function<std::string(Model const&)> piece)
+        : m_random(random), m_nSteps(nSteps), m_nUnit(nUnit), m_piece(std::move(piece)) {}
+
+    Pause pause() const { return m_pause; }
 
     std::optional<std::pair<Step, std::string>> next(Model const& model) override {
-        if (m_nSteps-- == 0) {
+        unsigned const nChoice = below(23);
+        m_pause = m_nSteps == 0 ? Pause::End : nChoice == 0 ? Pause::Close : Pause::Crash;
+        if (m_nSteps == 0 || (--m_nSteps, nChoice < 2)) {
             return std::nullopt;
         }
-        constexpr Kind kinds[] = {Kind::Insert,    Kind::Insert, Kind::Overwrite,
-                                  Kind::Overwrite, Kind::Erase,  Kind::Erase,
-                                  Kind::Undo,      Kind::Store,  Kind::Restore};
-        uint32_t const nEnd = model.now.length() / FRAME;
-        uint32_t const nAt = below(3) == 0 ? nEnd : below(nEnd + 1);
-        Step const step{kinds[below(9)], nAt * FRAME, (1 + below(8)) * FRAME};
-        return std::pair{step, step.kind < Kind::Erase ? piece_of(model, step.nBytes) : ""};
+        Kind const kind = nChoice < 8    ? Kind::Insert
+                          : nChoice < 13 ? Kind::Overwrite
+                          : nChoice < 19 ? Kind::Erase
+                          : nChoice < 21 ? Kind::Undo
+                          : nChoice < 22 ? Kind::Store
+                                         : Kind::Restore;
+        std::string const piece = kind < Kind::Erase ? m_piece(model) : "";
+        uint32_t const nBytes = kind < Kind::Erase
+                                    ? static_cast<uint32_t>(piece.size())
+                                    : below(below(5) == 0 ? 20000 : 3000) / m_nUnit * m_nUnit;
+        return std::pair{Step{kind, position(model.now) / m_nUnit * m_nUnit, nBytes}, piece};
     }
 
 private:
-    unsigned below(unsigned nLimit) { return static_cast<unsigned>(m_random() % nLimit); }
+    unsigned below(unsigned nLimit) { return static_cast<unsigned>(m_random() % (nLimit + 1)); }
 
-    std::mt19937 m_random;
+    uint32_t position(Dictation const& now) {
+        uint32_t const nLength = now.length();
+        if (below(4) == 0) { // near a border
+            uint32_t nBorder = 0;
+            unsigned const nRun = below(static_cast<unsigned>(now.runs.size()) - 1);
+            for (unsigned n = 0; n <= nRun; ++n) {
+                nBorder += now.runs[n].live_size();
+            }
+            return nBorder + below(600) - std::min(nBorder, 300u);
+        }
+        return below(5) == 0 ? below(1) * nLength : below(nLength);
+    }
+
+    std::mt19937& m_random;
     unsigned m_nSteps;
+    uint32_t m_nUnit;
+    std::function<std::string(Model const&)> m_piece;
+    Pause m_pause = Pause::End;
 };

@@ -17,6 +17,8 @@
 
 namespace {
 
+std::string const SOUND = "/d/a.mp3";
+
 bool is_temporary(std::string const& name) {
     return name.ends_with(".MP3");
 }
@@ -46,8 +48,8 @@ struct Recovery {
         if (bRecorded) {
             power_cut::record();
         }
-        FFDHandle handle = open_sound(Session::SOUND, 2, opened);
-        sound = memory_disk::get(Session::SOUND);
+        FFDHandle handle = open_sound(SOUND, 2, opened);
+        sound = memory_disk::get(SOUND);
         if (handle == nullptr) {
             return;
         }
@@ -57,8 +59,8 @@ struct Recovery {
         dictation = nLength == 0 ? "" : read_on(handle, nLength, status);
         closed = status != 0 ? status : driver().Close(handle);
         names = dry::names();
-        closedSound = memory_disk::get(Session::SOUND);
-        handle = open_sound(Session::SOUND, 1, again);
+        closedSound = memory_disk::get(SOUND);
+        handle = open_sound(SOUND, 1, again);
         if (handle != nullptr) {
             driver().Close(handle);
         }
@@ -87,9 +89,12 @@ class Crashes {
 public:
     // Runs a session to its close, and then stops it everywhere.
     void run(StepSource& steps, bool bTags, unsigned nPowerCuts) {
-        m_head = bTags ? id3v2_tag(31) : "";
-        m_tail = bTags ? id3v1_tag() : "";
-        Session session(m_head, frames(8), m_tail, FRAME, true);
+        Sound const sound{bTags ? id3v2_tag(31) : "", frames(8), bTags ? id3v1_tag() : ""};
+        m_head = sound.head;
+        m_tail = sound.tail;
+        memory_disk::begin({{SOUND, sound.file()}});
+        power_cut::record();
+        Session session(SOUND, sound);
         SCOPED_TRACE(run_session(session, steps) + (bTags ? "with tags" : ""));
         m_notes = session.notes();
         m_closed = m_head + session.close() + m_tail;
@@ -176,7 +181,7 @@ private:
         EXPECT_EQ(found.closed, 0u);
         EXPECT_TRUE(found.again == 0 || (found.again == 9 && found.dictation.size() < FRAME));
         for (std::string const& name : found.names) {
-            EXPECT_TRUE(name == Session::SOUND || is_temporary(name) ||
+            EXPECT_TRUE(name == SOUND || is_temporary(name) ||
                         (nSeed > 0 && !name.ends_with(".DIR")))
                 << name;
         }
@@ -250,7 +255,10 @@ TEST(CrashTest, EveryShortSessionAndRandomOnes) {
         } while (steps.advance() && !HasFailure());
     }
     for (unsigned n = 0; n < setting("KIV_CRASH_SESSIONS", STEPS * 50) && !HasFailure(); ++n) {
-        RandomSession steps(n, 12);
+        std::mt19937 random(n);
+        RandomSteps steps(random, 1 + n % 10, FRAME, [&](Model const& model) {
+            return piece_of(model, FRAME * (1 + static_cast<uint32_t>(random() % 8)));
+        });
         crashes.run(steps, n % 2 != 0, nCuts);
     }
     crashes.tell();

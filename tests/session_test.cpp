@@ -21,14 +21,17 @@ constexpr unsigned TOO_SLOW_FOR_STEPS = 0;
 // Of the two ends that a session can have, the close or a crash before it, each comes with every
 // other one.
 void run_to_end(EverySession& steps, bool bTags, bool bCrash, bool bWholeFrames) {
-    Session session(bTags ? id3v2_tag(31) : "", frames(4), bTags ? id3v1_tag() : "", FRAME);
+    Sound const sound{bTags ? id3v2_tag(31) : "", frames(4), bTags ? id3v1_tag() : ""};
+    memory_disk::begin({{"/d/a.mp3", sound.file()}});
+    Session session("/d/a.mp3", sound);
     steps.again();
     std::string const told = run_session(session, steps);
-    if (bCrash && session.is_open() && session.crash()) {
+    if (bCrash && session.is_open() && Session::crash({&session})) {
         session.run({Kind::Undo}, "");
     }
     // With whole frames the file then holds the dictation, exactly.
     std::string const audio = session.is_open() ? session.close() : "";
+    session.check(dry::open_handles() == 0, "handles behind the close");
     session.check(!bWholeFrames || audio == session.model().bytes(), "closed file");
     ASSERT_EQ(session.failure(), "") << "after: " << told << (bTags ? "with tags" : "");
 }

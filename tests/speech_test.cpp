@@ -6,7 +6,7 @@
 // KIV_SPEECH_SESSIONS sets how many sessions of each kind there are, KIV_SPEECH_FIRST the seed of
 // the first, KIV_SPEECH_COUNTED after how many closes another program counts once.
 
-#include "testing/driver_session.h"
+#include "testing/step_source.h"
 
 #include <gtest/gtest.h>
 
@@ -23,6 +23,8 @@
 namespace {
 
 using Frames = std::vector<std::string>;
+
+std::string const SOUND = "/d/a.mp3";
 
 // ---- Frames ----
 
@@ -114,15 +116,21 @@ public:
     SpeechSession(unsigned nSeed, bool bWholeFrames)
         : m_random(nSeed), m_sample(samples()[nSeed % samples().size()]),
           m_bWholeFrames(bWholeFrames), m_frames(part_of(m_sample.frames)),
-          m_session(m_sample.head, join(m_frames), m_sample.tail, shortest_frame()) {}
+          m_session(SOUND,
+                    on_disk({m_sample.head, join(m_frames), m_sample.tail, shortest_frame()})) {}
 
     bool run() {
-        for (unsigned nSteps = 3 + below(25); nSteps > 0 && m_session.is_open(); --nSteps) {
-            step();
-        }
-        if (m_session.is_open()) {
-            close();
-        }
+        RandomSteps steps(m_random, 3 + below(25), 1,
+                          [this](Model const&) { return next_piece(); });
+        do {
+            m_told << run_session(m_session, steps);
+            if (steps.pause() == RandomSteps::Pause::Crash) {
+                m_told << (Session::crash({&m_session}) ? "crash " : "");
+            } else {
+                m_told << "close ";
+                close();
+            }
+        } while (steps.pause() != RandomSteps::Pause::End && m_session.is_open());
         return m_session.failure().empty();
     }
 
@@ -143,41 +151,9 @@ private:
         return static_cast<uint32_t>(frame.size()) - (static_cast<unsigned>(frame[2]) >> 1 & 1);
     }
 
-    void step() {
-        unsigned const nChoice = below(23);
-        if (nChoice == 0) {
-            m_told << "close ";
-            close();
-        } else if (nChoice == 1) {
-            m_told << (m_session.crash() ? "crash " : "");
-        } else {
-            Kind const kind = nChoice < 8    ? Kind::Insert
-                              : nChoice < 13 ? Kind::Overwrite
-                              : nChoice < 19 ? Kind::Erase
-                              : nChoice < 21 ? Kind::Undo
-                              : nChoice < 22 ? Kind::Store
-                                             : Kind::Restore;
-            std::string const piece = kind < Kind::Erase ? next_piece() : "";
-            uint32_t const nBytes = kind < Kind::Erase ? static_cast<uint32_t>(piece.size())
-                                                       : below(below(5) == 0 ? 20000 : 3000);
-            Step const step{kind, any_position(), nBytes};
-            m_told << step << " ";
-            m_session.run(step, piece);
-        }
-    }
-
-    uint32_t any_position() {
-        Dictation const& now = m_session.model().now;
-        uint32_t const nLength = now.length();
-        if (below(4) == 0) { // near a border
-            uint32_t nBorder = 0;
-            unsigned const nRun = below(static_cast<unsigned>(now.runs.size()) - 1);
-            for (unsigned n = 0; n <= nRun; ++n) {
-                nBorder += now.runs[n].live_size();
-            }
-            return nBorder + below(600) - std::min(nBorder, 300u);
-        }
-        return below(5) == 0 ? below(1) * nLength : below(nLength);
+    static Sound on_disk(Sound const& sound) {
+        memory_disk::begin({{SOUND, sound.file()}});
+        return sound;
     }
 
     std::string next_piece() {
@@ -216,7 +192,7 @@ private:
         static unsigned const nCounted = setting("KIV_SPEECH_COUNTED", 400);
         // Of a few frames others can't tell that they are any.
         if (++nCloses % nCounted == 0 && frames->size() >= 10) {
-            m_session.check(count_elsewhere(memory_disk::get(Session::SOUND)) == frames->size(),
+            m_session.check(count_elsewhere(memory_disk::get(SOUND)) == frames->size(),
                             "count of another program");
         }
         if (!frames->empty()) {
