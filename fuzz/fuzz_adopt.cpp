@@ -1,6 +1,7 @@
 // A small MP3 file beside whatever .DIR file and marker the input holds, then a short session. What
 // the .DIR file says after each edit is compared with what reads deliver.
 #include "fuzz/support.h"
+#include "testing/sound_maker.h"
 
 #include <cstring>
 #include <vector>
@@ -95,14 +96,14 @@ void check(FFDHandle handle) {
             bCut = bCut || (nSize > 0 && nOffset + nSize > sound.size());
         }
     }
-    uint32_t const nPosition = fuzz::position(handle);
-    REQUIRE(fuzz::length(handle) == nLength && nPosition <= nLength);
-    fuzz::seek(handle, 0);
+    uint32_t const nPosition = position_of(handle);
+    REQUIRE(seek(handle, 0xFFFFFFFF) == nLength && nPosition <= nLength);
+    seek(handle, 0);
     FFDError status = 0;
     uint32_t const nMore = static_cast<uint32_t>(expected.size()) + 16;
-    REQUIRE(fuzz::read(handle, nMore, status) == expected);
+    REQUIRE(read_on(handle, nMore, status) == expected);
     REQUIRE(status == FFD_NOERROR || nLength == 0);
-    fuzz::seek(handle, nPosition);
+    seek(handle, nPosition);
 }
 
 void step(FFDHandle handle, fuzz::Input& input) {
@@ -111,32 +112,32 @@ void step(FFDHandle handle, fuzz::Input& input) {
     unsigned const nAction = input.byte();
     switch (nAction % 8) {
     case 0:
-        fuzz::seek(handle, input.word() * (nAction < 128 ? 1 : 0x10001));
+        seek(handle, input.word() * (nAction < 128 ? 1 : 0x10001));
         break;
     case 1:
-        fuzz::read(handle, input.word(), status);
-        REQUIRE(status == FFD_NOERROR || fuzz::length(handle) == 0);
+        read_on(handle, input.word(), status);
+        REQUIRE(status == FFD_NOERROR || seek(handle, 0xFFFFFFFF) == 0);
         break;
     case 2:
     case 3:
-        status = fuzz::write(handle, nAction % 8 - 1,
-                             nAction < 128 ? fuzz::frames(1) : fuzz::noise(1 + input.byte()));
+        status = write_at(handle, nAction % 8 - 1,
+                          nAction < 128 ? fuzz::frames(1) : fuzz::noise(1 + input.byte()));
         bFlushed = true;
         break;
     case 4:
-        status = fuzz::erase(handle, input.word());
+        status = driver().DeleteData(handle, input.word());
         bFlushed = true;
         break;
     case 5:
-        status = fuzz::call(handle, FFD_SLOT_UNDO_LAST);
+        status = driver().UndoLast(handle);
         bFlushed = status == FFD_NOERROR;
         REQUIRE(bFlushed || status == FFD_NOTHING_TO_UNDO);
         break;
     case 6:
-        REQUIRE(fuzz::call(handle, FFD_SLOT_STORE_ACTUAL_FILE_STATUS) == FFD_NOERROR);
+        REQUIRE(driver().StoreActualFileStatus(handle) == FFD_NOERROR);
         break;
     default:
-        status = fuzz::call(handle, FFD_SLOT_RESTORE_FILE_STATUS);
+        status = driver().RestoreFileStatus(handle);
         REQUIRE(status == FFD_NOERROR || status == FFD_NO_STORED_FILE_STATUS);
     }
     if (bFlushed) {
@@ -153,7 +154,7 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* pbyData, size_t nBytes) {
     unsigned const nFlags = input.byte();
     bool const bMarker = (nFlags & 16) != 0;
     std::string const head = fuzz::head();
-    std::string const tag = (nFlags & 4) != 0 ? fuzz::tag() : "";
+    std::string const tag = (nFlags & 4) != 0 ? id3v1_tag() : "";
     std::string const sound = head + fuzz::frames(8) + tag + fuzz::frames(nFlags / 8 % 2 * 3);
     std::string const image = directory(input, nFlags % 4);
     memory_disk::put(DIRECTORY, image);
@@ -182,7 +183,7 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* pbyData, size_t nBytes) {
         while (!input.empty()) {
             step(handle, input);
         }
-        REQUIRE(fuzz::close(handle) == FFD_NOERROR);
+        REQUIRE(driver().Close(handle) == FFD_NOERROR);
         REQUIRE(!memory_disk::has(DIRECTORY));
         REQUIRE(!memory_disk::has(MARKER) || memory_disk::get(MARKER) == planted); // foreign
         std::string const closed = memory_disk::get(SOUND);
@@ -193,7 +194,7 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* pbyData, size_t nBytes) {
         // one of another bitrate.
         REQUIRE(again != nullptr || status == FFD_NO_MORE_FRAMES || status == FFD_NOT_SUPPORTED ||
                 closed == head);
-        REQUIRE(again == nullptr || fuzz::close(again) == FFD_NOERROR);
+        REQUIRE(again == nullptr || driver().Close(again) == FFD_NOERROR);
     }
     fuzz::finish();
     return 0;

@@ -1,274 +1,140 @@
-// Sessions on several files, decoded from the input and compared after each step with a model that
-// holds the dictation byte by byte; a crash may come between any two steps. Where a session cuts at
-// whole frames only, the file that its close leaves is compared with the model too.
+// Sessions on two files at a time, whose steps are decoded from the input and compared with a model
+// each; a crash may come between any two steps. Where a session cuts at whole frames only, the file
+// that its close leaves is compared with the model too.
 #include "fuzz/support.h"
-
-#include <algorithm>
-#include <functional>
-#include <optional>
-#include <utility>
+#include "testing/sound_maker.h"
+#include "testing/step_source.h"
 
 namespace {
 
-enum class State : uint8_t { Live, Undoable, Deleted };
+constexpr uint8_t CRASH = 255;
 
-// The dictation, with what was deleted at its place between the rest.
-struct Dictation {
-    std::string bytes;
-    std::vector<State> states;
-    uint32_t nPosition = 0;
+// A byte says which file and what, most of them another a number.
+class InputSteps : public StepSource {
+public:
+    explicit InputSteps(fuzz::Input& input) : m_input(input) {}
 
-    explicit Dictation(std::string const& audio)
-        : bytes(audio), states(audio.size(), State::Live) {}
-
-    std::string text() const {
-        std::string live;
-        for (size_t nByte = 0; nByte < bytes.size(); ++nByte) {
-            live.append(states[nByte] == State::Live ? 1 : 0, bytes[nByte]);
-        }
-        return live;
-    }
-
-    // Where the position lies among all bytes: directly behind the live one in front of it, so in
-    // front of what was deleted there.
-    size_t place() const {
-        size_t nByte = 0;
-        for (uint32_t nLeft = nPosition; nLeft > 0; ++nByte) {
-            nLeft -= states[nByte] == State::Live ? 1 : 0;
-        }
-        return nByte;
-    }
-
-    void insert(std::string const& audio) {
-        size_t const nByte = place();
-        bytes.insert(nByte, audio);
-        states.insert(states.begin() + static_cast<ptrdiff_t>(nByte), audio.size(), State::Live);
-        nPosition += static_cast<uint32_t>(audio.size());
-    }
-
-    void erase(size_t nBytes, State state) {
-        for (size_t nByte = place(); nByte < bytes.size() && nBytes > 0; ++nByte) {
-            if (states[nByte] == State::Live) {
-                states[nByte] = state;
-                --nBytes;
+    // Nothing if what comes is no step, or one of another file: it waits.
+    std::optional<std::pair<Step, std::string>> next(Model const& model) override {
+        while (peek() != CRASH && peek_file() == m_nFile && peek_action() % 15 != 0) {
+            unsigned const nAction = peek_action();
+            m_oWaiting.reset();
+            uint32_t const nValue = m_input.byte();
+            uint32_t const nFrames = nValue * fuzz::FRAME;
+            uint32_t const nAt = m_oSeek.value_or(model.now.nPosition);
+            m_oSeek.reset();
+            if (nAction <= 3) {
+                m_oSeek = nAction == 1 ? nValue * 7 : nFrames;
+            } else if (nAction <= 7) {
+                m_abWholeFrames[m_nFile] = m_abWholeFrames[m_nFile] && nAction <= 5;
+                return step({nAction % 2 == 0 ? Kind::Insert : Kind::Overwrite, nAt},
+                            nAction <= 5 ? fuzz::frames(nValue % 4) : fuzz::noise(nValue));
+            } else if (nAction <= 11) {
+                return step({Kind::Erase, nAt, nAction <= 9 ? nValue * 3 : nFrames});
+            } else {
+                return step({nAction == 12   ? Kind::Undo
+                             : nAction == 13 ? Kind::Store
+                                             : Kind::Restore});
             }
         }
+        return std::nullopt;
     }
 
-    bool has_marks() const {
-        return std::find(states.begin(), states.end(), State::Undoable) != states.end();
-    }
-    void change_marks(State to) { std::replace(states.begin(), states.end(), State::Undoable, to); }
-};
+    bool is_empty() const { return m_input.empty() && !m_oWaiting; }
+    uint8_t peek() { return *(m_oWaiting = m_oWaiting.value_or(m_input.byte())); }
+    unsigned peek_file() { return peek() / 16 % 2; }
+    unsigned peek_action() { return peek() % 16; }
+    void pass() { m_oWaiting.reset(); }
 
-class File {
-public:
-    File(std::string const& name, std::string head, std::string tag)
-        : m_path("/d/" + name + ".mp3"), m_head(std::move(head)), m_tag(std::move(tag)),
-          m_dictation("") {
-        renew();
+    // From here on steps are those of this file.
+    void turn_to(unsigned nFile) {
+        m_nFile = nFile;
+        m_oSeek.reset();
     }
 
-    FFDHandle handle() const { return m_handle; }
-    bool has_restored() const { return m_handle != nullptr && m_bRestored; }
-
-    void step(unsigned nAction, fuzz::Input& input) {
-        if (m_handle == nullptr) {
-            open(nAction % 4 == 0 ? FFD_ACCESS_READ : FFD_ACCESS_READWRITE);
-        } else if (nAction == 0) {
-            close();
-        } else {
-            act(nAction, input);
-        }
-        check();
-    }
-
-    void close() {
-        FFDHandle const handle = std::exchange(m_handle, nullptr);
-        if (handle == nullptr) {
-            return;
-        }
-        REQUIRE(fuzz::close(handle) == FFD_NOERROR);
-        REQUIRE(fuzz::close(handle) == FFD_INVALID_HANDLE);
-        if (m_access == FFD_ACCESS_READ) {
-            return;
-        }
-        REQUIRE(!memory_disk::has(m_path.substr(0, m_path.size() - 3) + "DIR"));
-        std::string const closed = memory_disk::get(m_path);
-        REQUIRE(closed.starts_with(m_head) && closed.ends_with(m_tag));
-        REQUIRE(!m_bWholeFrames || closed == m_head + m_dictation.text() + m_tag);
-        m_dictation = Dictation(m_dictation.text());
-        if (!m_bWholeFrames || m_dictation.bytes.empty()) {
-            renew();
-        }
-    }
-
-    // After a crash the files are there as they were. A new process opens this one if it was being
-    // edited, and finds it so.
-    void recover() {
-        if (std::exchange(m_handle, nullptr) != nullptr && m_access == FFD_ACCESS_READWRITE) {
-            bool const bWholeFrames = m_bWholeFrames;
-            open(m_access);
-            m_bWholeFrames = bWholeFrames;
-            check();
-        }
-    }
+    bool m_abWholeFrames[2] = {true, true}; // all cuts since the open
 
 private:
-    void renew() {
-        m_dictation = Dictation(fuzz::frames(6));
-        memory_disk::put(m_path, m_head + m_dictation.bytes + m_tag);
+    std::pair<Step, std::string> step(Step step, std::string const& piece = "") {
+        step.nBytes += static_cast<uint32_t>(piece.size());
+        bool& bWhole = m_abWholeFrames[m_nFile];
+        bWhole = bWhole && (step.nBytes == 0 ||
+                            (step.nAt % fuzz::FRAME == 0 && step.nBytes % fuzz::FRAME == 0));
+        return {step, piece};
     }
 
-    void open(FFDDesiredAccess access) {
-        FFDError status = 0;
-        m_handle = fuzz::open(m_path, access, status);
-        REQUIRE(status == FFD_NOERROR);
-        m_access = access;
-        m_dictation.nPosition = 0;
-        m_stored.reset();
-        m_bRestored = false;
-        m_bWholeFrames = true;
-    }
-
-    // A second handle: two readers share a file, nobody else does.
-    void open_again(FFDDesiredAccess access) {
-        FFDError status = 0;
-        FFDHandle const second = fuzz::open(m_path, access, status);
-        bool const bShared = access == FFD_ACCESS_READ && m_access == FFD_ACCESS_READ;
-        REQUIRE(status == (bShared ? FFD_NOERROR : FFD_FILE_IO_ERROR));
-        REQUIRE(!bShared || fuzz::close(second) == FFD_NOERROR);
-    }
-
-    void act(unsigned nAction, fuzz::Input& input) {
-        uint32_t const nValue = input.byte();
-        uint32_t const nFrames = nValue * fuzz::FRAME;
-        FFDMethod const method = nAction % 2 == 0 ? FFD_METHOD_INSERT : FFD_METHOD_OVERWRITE;
-        switch (nAction) {
-        case 1:
-            return seek(nValue * 7);
-        case 2:
-        case 3:
-            return seek(nFrames);
-        case 4:
-        case 5:
-            return write(method, fuzz::frames(nValue % 4));
-        case 6:
-        case 7:
-            m_bWholeFrames = false;
-            return write(method, fuzz::noise(nValue));
-        case 8:
-            return read(nValue * 5);
-        case 9:
-            return erase(nValue * 3);
-        case 10:
-        case 11:
-            return erase(nFrames);
-        case 12:
-            if (edited(fuzz::call(m_handle, FFD_SLOT_UNDO_LAST),
-                       m_dictation.has_marks() ? FFD_NOERROR : FFD_NOTHING_TO_UNDO)) {
-                m_dictation.change_marks(State::Live);
-            }
-            return;
-        case 13:
-            if (edited(fuzz::call(m_handle, FFD_SLOT_STORE_ACTUAL_FILE_STATUS))) {
-                m_stored = m_dictation;
-            }
-            return;
-        case 14:
-            if (edited(fuzz::call(m_handle, FFD_SLOT_RESTORE_FILE_STATUS),
-                       m_stored ? FFD_NOERROR : FFD_NO_STORED_FILE_STATUS)) {
-                m_dictation = *m_stored;
-                m_bRestored = true;
-            }
-            return;
-        default:
-            return open_again(nValue % 2 == 0 ? FFD_ACCESS_READ : FFD_ACCESS_READWRITE);
-        }
-    }
-
-    uint32_t length() const { return static_cast<uint32_t>(m_dictation.text().size()); }
-
-    void seek(uint32_t nPosition) {
-        m_dictation.nPosition = std::min(nPosition, length());
-        REQUIRE(fuzz::seek(m_handle, nPosition) == m_dictation.nPosition);
-    }
-
-    void read(uint32_t nBytes) {
-        FFDError status = 0;
-        std::string const bytes = fuzz::read(m_handle, nBytes, status);
-        REQUIRE(status == (length() == 0 ? FFD_INTERNAL_ERROR : FFD_NOERROR));
-        REQUIRE(bytes == m_dictation.text().substr(m_dictation.nPosition, nBytes));
-        m_dictation.nPosition += static_cast<uint32_t>(bytes.size());
-    }
-
-    // Whether an edit went through, after its status has been found to be the right one.
-    bool edited(FFDError status, FFDError expected = FFD_NOERROR) const {
-        REQUIRE(status == (m_access == FFD_ACCESS_READ ? FFD_ERROR_READ_ONLY : expected));
-        return status == FFD_NOERROR;
-    }
-
-    void note_cut(size_t nBytes) {
-        m_bWholeFrames =
-            m_bWholeFrames && m_dictation.nPosition % fuzz::FRAME == 0 && nBytes % fuzz::FRAME == 0;
-    }
-
-    void write(FFDMethod method, std::string const& bytes) {
-        if (edited(fuzz::write(m_handle, method, bytes)) && !bytes.empty()) {
-            note_cut(bytes.size());
-            m_dictation.insert(bytes);
-            m_dictation.erase(method == FFD_METHOD_OVERWRITE ? bytes.size() : 0, State::Deleted);
-        }
-    }
-
-    void erase(uint32_t nBytes) {
-        // Nothing goes at less than a frame from the end, but in a dictation shorter than a frame.
-        bool const bPasses = m_dictation.nPosition <= length() - fuzz::FRAME;
-        if (edited(fuzz::erase(m_handle, nBytes)) && bPasses && nBytes > 0) {
-            note_cut(nBytes);
-            m_dictation.change_marks(State::Deleted);
-            m_dictation.erase(nBytes, State::Undoable);
-        }
-    }
-
-    void check() {
-        if (m_handle == nullptr) {
-            return;
-        }
-        uint32_t nValue = 0;
-        uint32_t const nPosition = m_dictation.nPosition;
-        REQUIRE(fuzz::position(m_handle) == nPosition);
-        REQUIRE(fuzz::slot<FFDGetDictationFileSizeProc>(1)(m_handle, &nValue) == FFD_NOERROR);
-        REQUIRE(memory_disk::get(m_path).size() == nValue);
-        REQUIRE(fuzz::slot<FFDGetSoundDataLengthProc>(7)(m_handle, &nValue) == FFD_NOERROR);
-        REQUIRE(length() - nValue < 8); // cut to milliseconds of 4 bytes each way
-        seek(0);
-        read(0xFFFFFFFF);
-        seek(nPosition);
-    }
-
-    std::string m_path;
-    std::string m_head;
-    std::string m_tag;
-    FFDHandle m_handle = nullptr;
-    FFDDesiredAccess m_access = 0;
-    Dictation m_dictation;
-    std::optional<Dictation> m_stored;
-    bool m_bRestored = false; // the .DIR file may not know of it, and what it dropped comes back
-    bool m_bWholeFrames = true;
+    fuzz::Input& m_input;
+    std::optional<uint8_t> m_oWaiting;
+    std::optional<uint32_t> m_oSeek;
+    unsigned m_nFile = 0;
 };
 
-// Everything as it is after the process has died: the files alone are left.
-void crash(std::vector<File>& files) {
-    if (std::any_of(files.begin(), files.end(), std::mem_fn(&File::has_restored))) {
+struct File {
+    std::string path;
+    Sound sound;
+    std::string audio; // as long as it is closed
+    Session session;
+
+    File(std::string const& name, Sound const& newSound)
+        : path("/d/" + name + ".mp3"), sound(newSound), session(put(path, sound), sound) {}
+
+    static std::string const& put(std::string const& path, Sound const& sound) {
+        memory_disk::put(path, sound.file());
+        return path;
+    }
+
+    void check() const {
+        if (!session.failure().empty()) {
+            fuzz::fail(session.failure().c_str(), __FILE__, __LINE__);
+        }
+    }
+
+    void close(bool bWholeFrames) {
+        audio = session.close();
+        check();
+        REQUIRE(!bWholeFrames || audio == session.model().bytes());
+        if (!bWholeFrames || audio.empty()) {
+            put(path, sound);
+            audio = sound.audio;
+        }
+    }
+
+    // Two readers share a file; nobody else does, and neither edits.
+    void read_only() const {
+        FFDError status = 0;
+        FFDHandle const handle = fuzz::open(path, FFD_ACCESS_READ, status);
+        REQUIRE(handle != nullptr && read_on(handle, 0xFFFFFFFF, status) == audio);
+        REQUIRE(write_at(handle, FFD_METHOD_INSERT, "x") == FFD_ERROR_READ_ONLY);
+        REQUIRE(driver().DeleteData(handle, 1) == FFD_ERROR_READ_ONLY);
+        REQUIRE(driver().UndoLast(handle) == FFD_ERROR_READ_ONLY);
+        REQUIRE(driver().StoreActualFileStatus(handle) == FFD_ERROR_READ_ONLY);
+        REQUIRE(driver().RestoreFileStatus(handle) == FFD_ERROR_READ_ONLY);
+        FFDHandle const second = fuzz::open(path, FFD_ACCESS_READ, status);
+        REQUIRE(second != nullptr && driver().Close(second) == FFD_NOERROR);
+        REQUIRE(fuzz::open(path, FFD_ACCESS_READWRITE, status) == nullptr);
+        REQUIRE(driver().Close(handle) == FFD_NOERROR);
+    }
+};
+
+// What is not a step of an open file.
+void act(InputSteps& steps, File& file, bool& bWholeFrames) {
+    unsigned const nAction = steps.peek_action();
+    if (file.session.is_open() && nAction % 15 != 0) {
         return;
     }
-    memory_disk::Files const left = memory_disk::left_by_crash();
-    for (File const& file : files) {
-        REQUIRE(file.handle() == nullptr || fuzz::close(file.handle()) == FFD_NOERROR);
+    steps.pass();
+    FFDError status = 0;
+    if (!file.session.is_open() && nAction % 4 == 0) {
+        file.read_only();
+    } else if (!file.session.is_open()) {
+        file.session.reopen(file.audio);
+        bWholeFrames = true;
+    } else if (nAction == 0) {
+        file.close(bWholeFrames);
+    } else {
+        REQUIRE(fuzz::open(file.path, FFD_ACCESS_READ, status) == nullptr);
+        REQUIRE(fuzz::open(file.path, FFD_ACCESS_READWRITE, status) == nullptr);
     }
-    memory_disk::begin(left);
-    std::for_each(files.begin(), files.end(), std::mem_fn(&File::recover));
 }
 
 } // namespace
@@ -276,18 +142,29 @@ void crash(std::vector<File>& files) {
 extern "C" int LLVMFuzzerTestOneInput(uint8_t const* pbyData, size_t nBytes) {
     fuzz::start();
     fuzz::Input input(pbyData, nBytes);
-    std::vector<File> files;
-    files.emplace_back("plain", "", "");
-    files.emplace_back("tagged", fuzz::head(), fuzz::tag());
-    while (!input.empty()) {
-        unsigned const nStep = input.byte();
-        if (nStep == 255) {
-            crash(files);
-        } else {
-            files[nStep / 16 % 2].step(nStep % 16, input);
+    {
+        File files[] = {{"plain", {"", fuzz::frames(6), ""}},
+                        {"tagged", {fuzz::head(), fuzz::frames(6), id3v1_tag()}}};
+        InputSteps steps(input);
+        while (!steps.is_empty()) {
+            if (steps.peek() == CRASH) {
+                steps.pass();
+                Session::crash({&files[0].session, &files[1].session});
+                continue;
+            }
+            unsigned const nFile = steps.peek_file();
+            steps.turn_to(nFile);
+            act(steps, files[nFile], steps.m_abWholeFrames[nFile]);
+            run_session(files[nFile].session, steps);
+            files[0].check();
+            files[1].check();
+        }
+        for (unsigned const nFile : {0u, 1u}) {
+            if (files[nFile].session.is_open()) {
+                files[nFile].close(steps.m_abWholeFrames[nFile]);
+            }
         }
     }
-    std::for_each(files.begin(), files.end(), std::mem_fn(&File::close));
     fuzz::finish();
     return 0;
 }

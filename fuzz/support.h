@@ -1,15 +1,13 @@
-// What the fuzz targets share: their input as a stream of values, MP3 data, and the slots of the
-// driver, which runs over the platform layer in memory.
+// What the fuzz targets share: their input as a stream of values, and MP3
+// data. The driver runs over the disk in memory.
 #pragma once
 
-#include "ffd.h"
+#include "testing/driver_calls.h"
 #include "testing/memory_disk.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
-
-extern "C" void* FFD_Function_Table[24];
 
 #define REQUIRE(condition) ((condition) ? void() : fuzz::fail(#condition, __FILE__, __LINE__))
 
@@ -32,33 +30,18 @@ private:
     size_t m_nNext = 0;
 };
 
-// Whole frames of 96 bytes, 4000 bytes per second, none like another; bytes without any frame; a
-// tag of 30 bytes to stand in front of the frames, and one of 128 bytes to stand behind them.
+// MP3 data that no call has given before in this run: whole frames, bytes without a frame, and a
+// tag of 30 bytes to stand in front of the frames.
 constexpr uint32_t FRAME = 96;
 std::string frames(unsigned nCount);
 std::string noise(size_t nBytes);
 std::string head();
-std::string tag();
 
 // Brackets a run: no file is there, and at the end no handle, heap block, view or stored status.
 void start();
 void finish();
 
-template <typename Proc> Proc slot(int nSlot) {
-    return reinterpret_cast<Proc>(FFD_Function_Table[nSlot]);
-}
-
+// Opens, and looks at what an open leaves: a handle, or a status.
 FFDHandle open(std::string const& path, FFDDesiredAccess access, FFDError& status);
-FFDError close(FFDHandle handle);
-uint32_t seek(FFDHandle handle, uint32_t position);
-uint32_t position(FFDHandle handle);
-uint32_t length(FFDHandle handle); // moves the position to the end
-
-// What one read of so many bytes delivers. Cut down to what is left, as the driver does it.
-std::string read(FFDHandle handle, uint32_t nBytes, FFDError& status);
-
-FFDError write(FFDHandle handle, FFDMethod method, std::string bytes);
-FFDError erase(FFDHandle handle, uint32_t nBytes);
-FFDError call(FFDHandle handle, int nSlot); // a slot without arguments
 
 } // namespace fuzz

@@ -144,6 +144,9 @@ struct Model {
         switch (step.kind) {
         case Kind::Insert:
         case Kind::Overwrite: {
+            if (step.nBytes == 0) {
+                return 0;
+            }
             uint32_t const nBegin = static_cast<uint32_t>(audio.size());
             audio += piece;
             now.insert({nBegin, nBegin + step.nBytes});
