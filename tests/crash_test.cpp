@@ -254,7 +254,7 @@ TEST(CrashTest, EveryShortSessionAndRandomOnes) {
             }
         } while (steps.advance() && !HasFailure());
     }
-    for (unsigned n = 0; n < setting("KIV_CRASH_SESSIONS", STEPS * 50) && !HasFailure(); ++n) {
+    for (unsigned n = 0; n < setting("KIV_CRASH_SESSIONS", STEPS * 75) && !HasFailure(); ++n) {
         std::mt19937 random(n);
         RandomSteps steps(random, 1 + n % 10, FRAME, [&](Model const& model) {
             return piece_of(model, FRAME * (1 + static_cast<uint32_t>(random() % 8)));
