@@ -23,7 +23,8 @@ inline HANDLE open_file(std::string const& path, DWORD access, DWORD share, DWOR
 class Opened {
 public:
     template <typename... How>
-    explicit Opened(std::string const& path, How... how) : m_handle(open_file(path, how...)) {
+    explicit Opened(std::string const& path, How... how)
+        : m_handle(open_file(path, static_cast<DWORD>(how)...)) {
         EXPECT_NE(m_handle, INVALID_HANDLE_VALUE) << path << ": " << GetLastError();
     }
     ~Opened() { EXPECT_TRUE(CloseHandle(m_handle)); }

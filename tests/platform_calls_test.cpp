@@ -206,7 +206,7 @@ TEST_F(PlatformCalls, AFileThatTakesTheNameMeanwhileIsTheOneThatCounts) {
 }
 
 TEST_F(PlatformCalls, AFlushBringsANewNameToTheDiskOnce) {
-    for (DWORD const disposition : {1, 2}) {
+    for (DWORD const disposition : {1u, 2u}) {
         Opened const file(a, READ_WRITE, 0, disposition);
         EXPECT_TRUE(FlushFileBuffers(file));
         EXPECT_TRUE(FlushFileBuffers(file));
