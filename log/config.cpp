@@ -114,7 +114,7 @@ void read_ini() {
 // A child forked while another thread holds the mutex would wait for ever in its next LogInit. Done
 // at load, since it has to be in force before the mutex is taken for the first time; calls that
 // come still earlier do without.
-[[maybe_unused]] bool const forkCovered = [] {
+[[maybe_unused]] bool const kForkCovered = [] {
     os::around_fork([] { configuring.lock(); }, [] { configuring.unlock(); },
                     [] { configuring.unlock(); });
     return true;

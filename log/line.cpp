@@ -60,13 +60,13 @@ std::string_view bounded(char const* text, size_t limit) {
 }
 
 void Line::append(std::string_view text, size_t limit) {
-    size_t const room = kRoom - std::min(length_, kRoom);
+    size_t const room = kRoom - std::min(m_length, kRoom);
     size_t const taken = std::min({text.size(), limit, room});
-    std::transform(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(taken), text_ + length_,
-                   printable);
-    length_ += taken;
-    if (taken < text.size() && length_ <= kRoom) {
-        length_ += kCutMark.copy(text_ + length_, kCutMark.size());
+    std::transform(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(taken),
+                   m_text + m_length, printable);
+    m_length += taken;
+    if (taken < text.size() && m_length <= kRoom) {
+        m_length += kCutMark.copy(m_text + m_length, kCutMark.size());
     }
 }
 
@@ -84,8 +84,8 @@ void Line::append_padded(std::string_view text, size_t width, bool left) {
 }
 
 std::string_view Line::finish() {
-    text_[length_++] = '\n';
-    return {text_, length_};
+    m_text[m_length++] = '\n';
+    return {m_text, m_length};
 }
 
 void append_head(Line& line, char const* kind, char const* module, char const* file, int number) {

@@ -29,8 +29,8 @@ public:
     std::string_view finish();
 
 private:
-    char text_[kMaxLine];
-    size_t length_ = 0;
+    char m_text[kMaxLine];
+    size_t m_length = 0;
 };
 
 // Time, process, thread, kind, module and place of a call.

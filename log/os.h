@@ -16,7 +16,7 @@ public:
     PreserveError& operator=(PreserveError const&) = delete;
 
 private:
-    uint64_t error_; // in a form of the system's own
+    uint64_t m_error; // in a form of the system's own
 };
 
 // The one mutex of the log. It has no constructor or destructor that runs, and so works before the

@@ -44,11 +44,11 @@ int move_above_standard(int descriptor) {
 class HoldSignals {
 public:
     HoldSignals() {
-        sigemptyset(&held_);
-        sigaddset(&held_, SIGPIPE);
-        sigaddset(&held_, SIGXFSZ);
-        pthread_sigmask(SIG_BLOCK, &held_, &before_);
-        sigpending(&pendingBefore_);
+        sigemptyset(&m_held);
+        sigaddset(&m_held, SIGPIPE);
+        sigaddset(&m_held, SIGXFSZ);
+        pthread_sigmask(SIG_BLOCK, &m_held, &m_before);
+        sigpending(&m_pendingBefore);
     }
     ~HoldSignals() {
         for (int const signal : {SIGPIPE, SIGXFSZ}) {
@@ -56,21 +56,21 @@ public:
             sigemptyset(&one);
             sigaddset(&one, signal);
             timespec const noTime{};
-            if (failed_ && sigismember(&pendingBefore_, signal) == 0) {
+            if (m_failed && sigismember(&m_pendingBefore, signal) == 0) {
                 sigtimedwait(&one, nullptr, &noTime);
             }
         }
-        pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+        pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
     }
     HoldSignals(HoldSignals const&) = delete;
     HoldSignals& operator=(HoldSignals const&) = delete;
 
     // A write failed, and may have raised one.
-    void write_failed() { failed_ = true; }
+    void write_failed() { m_failed = true; }
 
 private:
-    sigset_t held_, before_, pendingBefore_;
-    bool failed_ = false;
+    sigset_t m_held, m_before, m_pendingBefore;
+    bool m_failed = false;
 };
 
 // Whether a write would go through at once: a line is shorter than what a pipe takes in one piece.
@@ -123,9 +123,9 @@ bool write_to(int descriptor, mode_t mode, char const* line, size_t length) {
 
 } // namespace
 
-PreserveError::PreserveError() : error_(static_cast<uint64_t>(errno)) {}
+PreserveError::PreserveError() : m_error(static_cast<uint64_t>(errno)) {}
 PreserveError::~PreserveError() {
-    errno = static_cast<int>(error_);
+    errno = static_cast<int>(m_error);
 }
 
 void Mutex::lock() {

@@ -71,10 +71,10 @@ void write_to(HANDLE handle, char const* line, size_t length) {
 } // namespace
 
 PreserveError::PreserveError()
-    : error_(static_cast<uint64_t>(GetLastError()) << 32 | static_cast<uint32_t>(errno)) {}
+    : m_error(static_cast<uint64_t>(GetLastError()) << 32 | static_cast<uint32_t>(errno)) {}
 PreserveError::~PreserveError() {
-    errno = static_cast<int>(static_cast<uint32_t>(error_));
-    SetLastError(static_cast<DWORD>(error_ >> 32));
+    errno = static_cast<int>(static_cast<uint32_t>(m_error));
+    SetLastError(static_cast<DWORD>(m_error >> 32));
 }
 
 void Mutex::lock() {
