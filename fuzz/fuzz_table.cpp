@@ -41,7 +41,12 @@ public:
     }
 
     bool is_empty() const { return m_input.empty() && !m_oWaiting; }
-    uint8_t peek() { return *(m_oWaiting = m_oWaiting.value_or(m_input.byte())); }
+    uint8_t peek() {
+        if (!m_oWaiting) {
+            m_oWaiting = m_input.byte();
+        }
+        return *m_oWaiting;
+    }
     unsigned peek_file() { return peek() / 16 % 2; }
     unsigned peek_action() { return peek() % 16; }
     void pass() { m_oWaiting.reset(); }
