@@ -17,7 +17,7 @@
 namespace posix {
 namespace {
 
-constexpr DWORD COPY_PIECE_BYTES = 1u << 20;
+constexpr size_t COPY_PIECE_BYTES = size_t{1} << 20;
 constexpr size_t COPY_BUFFER_BYTES = size_t{1} << 18;
 constexpr size_t LARGEST_PIECE_BYTES = size_t{1} << 30; // one call moves less than 2 GiB
 
@@ -215,13 +215,10 @@ ssize_t copy_piece(Object& from, Object& to, size_t pieceBytes, char* pBuffer) {
 // Copies at both file pointers, whose mutexes are held, until a piece moves nothing or fails.
 DWORD copy_at_pointers(Object& from, Object& to, DWORD dwBytesAsked) {
     std::unique_ptr<char[]> const buffer(new (std::nothrow) char[COPY_BUFFER_BYTES]);
+    size_t const bytesAllowed = bytes_within_limit(to.llFileOffset, dwBytesAsked);
     DWORD dwBytesMoved = 0;
-    while (buffer != nullptr && dwBytesMoved < dwBytesAsked) {
-        size_t const pieceBytes = bytes_within_limit(
-            to.llFileOffset, std::min(dwBytesAsked - dwBytesMoved, COPY_PIECE_BYTES));
-        if (pieceBytes == 0) {
-            break;
-        }
+    while (buffer != nullptr && dwBytesMoved < bytesAllowed) {
+        size_t const pieceBytes = std::min(bytesAllowed - dwBytesMoved, COPY_PIECE_BYTES);
         ssize_t const moved = copy_piece(from, to, pieceBytes, buffer.get());
         if (moved < 0 && errno == EINTR) {
             continue;
