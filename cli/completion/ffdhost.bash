@@ -22,9 +22,9 @@ _ffdhost() {
     esac
     case "$command:$word" in
     :*) words="$commands --driver --json --wait --version --help" ;;
-    read:-*) words="--from --length --output --json --help" ;;
+    read:-*) words="--from --length --output --force --json --help" ;;
     record:-*) words="--at --length --overwrite --new --backup --force --json --help" ;;
-    map:-*) words="--svg --json --help" ;;
+    map:-*) words="--svg --force --json --help" ;;
     edit:-*) words="--force --snap --backup --dry-run --json --help" ;;
     split:-*) words="--output --force --json --help" ;;
     join:-*) words="--force --json --help" ;;
