@@ -18,7 +18,6 @@ namespace posix {
 namespace {
 
 constexpr size_t COPY_PIECE_BYTES = size_t{1} << 20;
-constexpr size_t COPY_BUFFER_BYTES = size_t{1} << 18;
 constexpr size_t LARGEST_PIECE_BYTES = size_t{1} << 30; // one call moves less than 2 GiB
 
 // Checks, for a call on a file handle, that it is one and has the access. NO_ERROR, or the error.
@@ -200,8 +199,7 @@ ssize_t copy_piece(Object& from, Object& to, size_t pieceBytes, char* pBuffer) {
     if ((from.llFileOffset - to.llFileOffset) % FILE_BLOCK_BYTES == 0) {
         return copy_file_range(from.fd, &from.llFileOffset, to.fd, &to.llFileOffset, pieceBytes, 0);
     }
-    ssize_t moved =
-        pread(from.fd, pBuffer, std::min(pieceBytes, COPY_BUFFER_BYTES), from.llFileOffset);
+    ssize_t moved = pread(from.fd, pBuffer, pieceBytes, from.llFileOffset);
     if (moved > 0) {
         moved = pwrite(to.fd, pBuffer, static_cast<size_t>(moved), to.llFileOffset);
     }
@@ -214,7 +212,7 @@ ssize_t copy_piece(Object& from, Object& to, size_t pieceBytes, char* pBuffer) {
 
 // Copies at both file pointers, whose mutexes are held, until a piece moves nothing or fails.
 DWORD copy_at_pointers(Object& from, Object& to, DWORD dwBytesAsked) {
-    std::unique_ptr<char[]> const buffer(new (std::nothrow) char[COPY_BUFFER_BYTES]);
+    std::unique_ptr<char[]> const buffer(new (std::nothrow) char[COPY_PIECE_BYTES]);
     size_t const bytesAllowed = bytes_within_limit(to.llFileOffset, dwBytesAsked);
     DWORD dwBytesMoved = 0;
     while (buffer != nullptr && dwBytesMoved < bytesAllowed) {

@@ -25,8 +25,8 @@ BYTE const* find_ff(BYTE const* pbyBegin_p, BYTE const* pbyEnd_p) {
 }
 
 // What KIVMP3_read_file does and traces, through the blocks that were read ahead.
-int read_file(CReadAhead& rFile_p, BYTE const** ppbyData, DWORD dwBytesToRead_p,
-              DWORD* pdwBytesRead) {
+[[gnu::always_inline]] inline int read_file(CReadAhead& rFile_p, BYTE const** ppbyData,
+                                            DWORD dwBytesToRead_p, DWORD* pdwBytesRead) {
     TRACE_ENTRY("-----KIVMP3_read_file(...)");
     TRACE_PARAM("dwBytesToRead_p", "%lu", dwBytesToRead_p);
     return rFile_p.read(ppbyData, dwBytesToRead_p, pdwBytesRead);
@@ -88,7 +88,8 @@ FFDError CKivmp3::search_frame_sync(CReadAhead& rFile_p, bool bFirstFrame_p, DWO
 
 // Whether four bytes are the header that a search looks for: FFD_NOERROR, FFD_NO_MORE_FRAMES at a
 // tag, FFD_INVALID_FORMAT for all else.
-FFDError CKivmp3::judge_header(BYTE const* pbyHeader_p, bool bFirstFrame_p) {
+[[gnu::always_inline]] inline FFDError CKivmp3::judge_header(BYTE const* pbyHeader_p,
+                                                             bool bFirstFrame_p) {
     bool const bCandidate = bFirstFrame_p
                                 ? ffd_frame_has_sync(pbyHeader_p) != 0
                                 : ((ffd_frame_header_word(pbyHeader_p) ^ m_dwReferenceHeader) &
@@ -106,8 +107,9 @@ FFDError CKivmp3::judge_header(BYTE const* pbyHeader_p, bool bFirstFrame_p) {
 // Looks for a header that begins from 4 bytes in front of the block (in the carry bytes) up to 5
 // bytes in front of its end; the last four places are the carry of the next block. The result is
 // that of judge_header, FFD_NOERROR with the place.
-FFDError CKivmp3::scan_block(BYTE const* pbyBlock_p, DWORD dwBytesRead_p, DWORD dwCarry_p,
-                             bool bFirstFrame_p, LONG* plFound_p) {
+[[gnu::always_inline]] inline FFDError CKivmp3::scan_block(BYTE const* pbyBlock_p,
+                                                           DWORD dwBytesRead_p, DWORD dwCarry_p,
+                                                           bool bFirstFrame_p, LONG* plFound_p) {
     if (dwCarry_p != 0) {
         FFDError const ffdError = scan_border(pbyBlock_p, dwCarry_p, bFirstFrame_p, plFound_p);
         if (ffdError != FFD_INVALID_FORMAT) {
