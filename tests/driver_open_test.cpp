@@ -156,7 +156,11 @@ TEST_F(OpenTest, AnyOtherBitrateIsRefused) {
         EXPECT_EQ(status_of(frames(5) + other_bitrate(), access), 19u);
         EXPECT_EQ(status_of(other_bitrate() + frames(5), access), 19u);
         EXPECT_EQ(status_of(frames(5) + noise(3000) + other_bitrate() + frames(1), access), 19u);
-        EXPECT_EQ(status_of(frames(5) + other_bitrate() + id3v1_tag(), access), 19u);
+        // Where a frame ends, nothing needs to follow it.
+        for (std::string const& behind : {id3v1_tag(), noise(500) + frames(5), std::string()}) {
+            EXPECT_EQ(status_of(frames(5) + other_bitrate() + behind, access), 19u);
+        }
+        EXPECT_EQ(status_of(frames(5) + other_bitrate().substr(0, 60), access), 19u);
         EXPECT_EQ(status_of(read_file(KIV_SAMPLES_DIR "/speech-vbr.mp3"), access), 19u);
     }
 }

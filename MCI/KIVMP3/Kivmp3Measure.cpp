@@ -257,31 +257,22 @@ void CKivmp3::ascertain_data_length_from_file(BYTE* pbyReadAhead_p) {
 //
 // Where audio was cut inside its frames, the walk lands in the middle of one, and what looks like a
 // header of another bitrate there must not pass for a variable bitrate. If no header follows it, it
-// is noise; but not if it begins where the frame in front ends, ends inside the file and is the
-// last: that is a last frame of another bitrate with a tag behind it.
+// is noise; but not if it begins where the frame in front ends, as every frame of a file with a
+// variable bitrate does, the last one in front of a tag too.
 bool CKivmp3::search_walked_frame(CReadAhead& rFile_p, DWORD dwFileOffset_p,
                                   DWORD* pdwBytesSkipped_p) {
-    DWORD dwLastHeader = 0; // its four bytes
     for (uint64_t ullFrom = dwFileOffset_p;; ++ullFrom) {
-        if (!rFile_p.set_file_pointer(ullFrom)) {
-            return false;
-        }
         DWORD dwBytesRead = 0;
         DWORD dwSkipped = 0;
-        if (search_frame_sync(rFile_p, false, dwBytesRead, dwSkipped) != FFD_NOERROR) {
-            memcpy(m_byFrameHeader, &dwLastHeader, FRAME_HEADER_SIZE);
-            *pdwBytesSkipped_p = 0;
-            return dwLastHeader != 0;
+        if (!rFile_p.set_file_pointer(ullFrom) ||
+            search_frame_sync(rFile_p, false, dwBytesRead, dwSkipped) != FFD_NOERROR) {
+            return false;
         }
         ullFrom += dwSkipped;
         if (ffd_frame_bitrate(m_byFrameHeader) == m_wLowestBitrate || m_bVBR ||
-            pass_over_chance_header(rFile_p, true, &ullFrom)) {
+            pass_over_chance_header(rFile_p, true, &ullFrom) || ullFrom == dwFileOffset_p) {
             *pdwBytesSkipped_p = static_cast<DWORD>(ullFrom - dwFileOffset_p);
             return true;
-        }
-        if (ullFrom == dwFileOffset_p &&
-            ullFrom + ffd_frame_length(m_byFrameHeader) < m_dwFileSize) {
-            memcpy(&dwLastHeader, m_byFrameHeader, FRAME_HEADER_SIZE);
         }
     }
 }
