@@ -190,13 +190,14 @@ DWORD flush(Object& file) {
     return NO_ERROR;
 }
 
+constexpr int64_t PAGE_BYTES = 4096;
+
 // Copies a piece at both file pointers and moves them. What copy_file_range says of bytes moved, or
 // of a failure.
 ssize_t copy_piece(Object& from, Object& to, size_t pieceBytes, char* pBuffer) {
-    constexpr int64_t FILE_BLOCK_BYTES = 4096;
     // The system then copies whole pages, or shares them between the files. Pages that it had to
     // put together from two, it would copy one by one, at half the speed of a large read and write.
-    if ((from.llFileOffset - to.llFileOffset) % FILE_BLOCK_BYTES == 0) {
+    if ((from.llFileOffset - to.llFileOffset) % PAGE_BYTES == 0) {
         return copy_file_range(from.fd, &from.llFileOffset, to.fd, &to.llFileOffset, pieceBytes, 0);
     }
     ssize_t moved = pread(from.fd, pBuffer, pieceBytes, from.llFileOffset);
@@ -210,10 +211,23 @@ ssize_t copy_piece(Object& from, Object& to, size_t pieceBytes, char* pBuffer) {
     return moved;
 }
 
+// The disk begins now, not when the flush that follows waits for it: on large pieces of whole
+// pages, since a page that is written to while the disk has it, the disk gets again. A refusal is
+// no loss.
+void begin_flush(Object& to) {
+    int64_t const llWholePages = to.llFileOffset - to.llFileOffset % PAGE_BYTES;
+    int64_t const llBytes = llWholePages - to.llBegunOffset;
+    if (llBytes >= static_cast<int64_t>(COPY_PIECE_BYTES)) {
+        sync_file_range(to.fd, to.llBegunOffset, llBytes, SYNC_FILE_RANGE_WRITE);
+        to.llBegunOffset = llWholePages;
+    }
+}
+
 // Copies at both file pointers, whose mutexes are held, until a piece moves nothing or fails.
 DWORD copy_at_pointers(Object& from, Object& to, DWORD dwBytesAsked) {
-    std::unique_ptr<char[]> const buffer(new (std::nothrow) char[COPY_PIECE_BYTES]);
     size_t const bytesAllowed = bytes_within_limit(to.llFileOffset, dwBytesAsked);
+    std::unique_ptr<char[]> const buffer(
+        new (std::nothrow) char[std::min(bytesAllowed, COPY_PIECE_BYTES)]);
     DWORD dwBytesMoved = 0;
     while (buffer != nullptr && dwBytesMoved < bytesAllowed) {
         size_t const pieceBytes = std::min(bytesAllowed - dwBytesMoved, COPY_PIECE_BYTES);
@@ -225,8 +239,7 @@ DWORD copy_at_pointers(Object& from, Object& to, DWORD dwBytesAsked) {
             break;
         }
         dwBytesMoved += static_cast<DWORD>(moved);
-        // The disk begins now, not when the flush that follows waits for it. A refusal is no loss.
-        sync_file_range(to.fd, to.llFileOffset - moved, moved, SYNC_FILE_RANGE_WRITE);
+        begin_flush(to);
     }
     return dwBytesMoved;
 }

@@ -37,6 +37,7 @@ struct Object {
     ino_t inode = 0;
     std::mutex mutex; // guards the file pointer, and bNameUnflushed with its path
     int64_t llFileOffset = 0;
+    int64_t llBegunOffset = 0; // up to here the disk has begun on what a copy wrote
 
     // Of a mapping.
     uint64_t ullMappingBytes = 0;

@@ -216,9 +216,10 @@ FFDError KIVMP3_transfer_mp3_data(HANDLE hSourceFile, HANDLE hDestFile, LONG lBy
     TRACE_PARAM("pcBuffer_p", "%p", static_cast<void*>(pcBuffer_p));
     TRACE_PARAM("lBufferSize_p", "%ld", lBufferSize_p);
     TRACE_ENTRY("----------------------------------");
-    // As much as the system moves by itself; the blocks below do the rest, and meet what stopped
-    // it.
-    if (lBytesToTransfer_p > lBufferSize_p) {
+    // As much as the system moves by itself, which gains nothing below a page; the blocks below do
+    // the rest, and meet what stopped it.
+    constexpr LONG lLeastBytesForSystem = 4096;
+    if (lBytesToTransfer_p > lLeastBytesForSystem) {
         lBytesToTransfer_p -= static_cast<LONG>(
             PlatformCopyBytes(hSourceFile, hDestFile, static_cast<DWORD>(lBytesToTransfer_p)));
     }
