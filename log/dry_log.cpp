@@ -27,9 +27,9 @@ void listen(Listener* pListener) {
     g_pListener = pListener;
 }
 
-void tell_frame(uint32_t dwFileOffset, uint8_t const* pbyHeader) {
+void tell_frame(uint32_t dwFileOffset, uint32_t dwEnd, uint8_t const* pbyHeader) {
     if (g_pListener != nullptr) {
-        g_pListener->on_frame(dwFileOffset, pbyHeader);
+        g_pListener->on_frame(dwFileOffset, dwEnd, pbyHeader);
     }
 }
 

@@ -24,13 +24,14 @@ public:
     virtual ~Listener() = default;
     // The texts are valid only during the call.
     virtual void on_trace(TraceCall const& call) = 0;
-    // A frame that the walk of an open counts, with the four bytes of its header.
-    virtual void on_frame(uint32_t dwFileOffset, uint8_t const* pbyHeader) = 0;
+    // A frame that the walk of an open counts: where it begins, where the walk goes on behind it,
+    // and the four bytes of its header.
+    virtual void on_frame(uint32_t dwFileOffset, uint32_t dwEnd, uint8_t const* pbyHeader) = 0;
 };
 
 // From now on this one listens; null: nobody. It must live until it no longer does.
 void listen(Listener* pListener);
 
-void tell_frame(uint32_t dwFileOffset, uint8_t const* pbyHeader);
+void tell_frame(uint32_t dwFileOffset, uint32_t dwEnd, uint8_t const* pbyHeader);
 
 } // namespace dry

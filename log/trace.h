@@ -21,10 +21,11 @@
 #define TRACE_VALUE(name, format, value) LogValue(TRACE_AT, name, format, value)
 #define TRACE_ERROR(code, text) LogError(TRACE_AT, static_cast<uint32_t>(code), text)
 
-// No call of the log: a driver that only pretends reports each frame that its walk counts.
+// No call of the log: a driver that only pretends reports each frame that its walk counts, and
+// where the walk goes on.
 #if defined(KIV_PLATFORM_DRY)
 #include "log/dry_log.h"
-#define TELL_FRAME(dwFileOffset, pbyHeader) dry::tell_frame(dwFileOffset, pbyHeader)
+#define TELL_FRAME(dwFileOffset, dwEnd, pbyHeader) dry::tell_frame(dwFileOffset, dwEnd, pbyHeader)
 #else
-#define TELL_FRAME(dwFileOffset, pbyHeader) static_cast<void>(0)
+#define TELL_FRAME(dwFileOffset, dwEnd, pbyHeader) static_cast<void>(0)
 #endif

@@ -12,8 +12,6 @@ namespace {
 
 using Header = FrameCounter::Header;
 
-constexpr uint64_t kLargestOffset = 0xFFFFFFFF; // where the driver ends to count
-
 bool begins_with(std::span<uint8_t const> bytes, std::string_view text) {
     return bytes.size() >= text.size() && std::memcmp(bytes.data(), text.data(), text.size()) == 0;
 }
@@ -77,7 +75,8 @@ std::optional<Header> header_at(dry::Contents const& file, uint64_t fileOffset) 
 
 } // namespace
 
-void FrameCounter::add(dry::Contents const& file, uint64_t fileOffset, Header const& header) {
+void FrameCounter::add(dry::Contents const& file, uint64_t fileOffset, uint64_t end,
+                       Header const& header) {
     if (m_walk.frames == 0) {
         m_first = header;
         m_walk.format = format_of(header);
@@ -92,7 +91,7 @@ void FrameCounter::add(dry::Contents const& file, uint64_t fileOffset, Header co
         note_different(header, fileOffset);
     }
     m_lastFrameOffset = fileOffset;
-    m_walk.audioEndOffset = fileOffset + length_of(header);
+    m_walk.audioEndOffset = end;
 }
 
 void FrameCounter::note_different(Header const& header, uint64_t fileOffset) {
@@ -134,9 +133,6 @@ void FrameCounter::note_gap(dry::Contents const& file, uint64_t from, uint64_t t
 FrameWalk FrameCounter::finish(dry::Contents const& file) {
     m_walk.fileSize = file.size();
     if (m_walk.frames > 0) {
-        if (m_walk.fileSize <= kLargestOffset) {
-            m_walk.audioEndOffset = std::min(m_walk.audioEndOffset, kLargestOffset);
-        }
         note_end(file);
         m_walk.infoFrame = info_frame_of(read_at(file, m_walk.firstFrameOffset, FFD_LONGEST_FRAME));
     }

@@ -71,8 +71,8 @@ class FrameCounter {
 public:
     using Header = std::array<uint8_t, 4>;
 
-    // A frame of the file with these contents, in the order in which they lie.
-    void add(dry::Contents const& file, uint64_t fileOffset, Header const& header);
+    // A frame of the file with these contents, in the order in which they lie, and where it ends.
+    void add(dry::Contents const& file, uint64_t fileOffset, uint64_t end, Header const& header);
 
     // Behind the last frame.
     FrameWalk finish(dry::Contents const& file);

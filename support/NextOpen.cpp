@@ -53,8 +53,8 @@ class Rehearsal {
 public:
     Rehearsal(std::string const& soundFile, bool allPermitted)
         : m_soundFile(soundFile), m_dirFile(dir_file_of(soundFile)),
-          m_listener([this](uint64_t fileOffset, FrameCounter::Header const& header) {
-              count_frame(fileOffset, header);
+          m_listener([this](uint64_t fileOffset, uint64_t end, FrameCounter::Header const& header) {
+              count_frame(fileOffset, end, header);
           }),
           m_dry(m_listener), m_allPermitted(allPermitted) {
         dry::pretend_permissions(allPermitted);
@@ -75,7 +75,7 @@ private:
     void tell_of_closed_file();
     bool stays_same(dry::Contents const& closed) const;
     void account_for_bytes();
-    void count_frame(uint64_t fileOffset, FrameCounter::Header const& header);
+    void count_frame(uint64_t fileOffset, uint64_t end, FrameCounter::Header const& header);
     dry::Contents const* sound() const { return dry::find(m_soundFile); }
     fs::path shown(std::string const& path) const {
         return beside(m_soundFile, "").replace_filename(fs::path(path).filename());
@@ -129,7 +129,7 @@ void Rehearsal::look_beside() {
     }
 }
 
-void Rehearsal::count_frame(uint64_t fileOffset, FrameCounter::Header const& header) {
+void Rehearsal::count_frame(uint64_t fileOffset, uint64_t end, FrameCounter::Header const& header) {
     if (m_walked == nullptr) {
         m_walked = sound();
         m_progress = std::make_unique<Progress>("checking", m_walked->size());
@@ -138,7 +138,7 @@ void Rehearsal::count_frame(uint64_t fileOffset, FrameCounter::Header const& hea
         m_progress->advance(fileOffset - m_shown);
         m_shown = fileOffset;
     }
-    m_counter.add(*m_walked, fileOffset, header);
+    m_counter.add(*m_walked, fileOffset, end, header);
 }
 
 void Rehearsal::open() {

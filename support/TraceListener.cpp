@@ -49,9 +49,9 @@ constexpr char const* kEntriesClosed = "Log at begin final_closing_work()";
 
 } // namespace
 
-void TraceListener::on_frame(uint32_t fileOffset, uint8_t const* header) {
+void TraceListener::on_frame(uint32_t fileOffset, uint32_t end, uint8_t const* header) {
     if (m_onFrame) {
-        m_onFrame(fileOffset, {header[0], header[1], header[2], header[3]});
+        m_onFrame(fileOffset, end, {header[0], header[1], header[2], header[3]});
     }
 }
 

@@ -24,11 +24,12 @@ struct TracedEntry {
 class TraceListener final : public dry::Listener {
 public:
     // `onFrame` is called for each frame that the walk of an open counts.
-    using OnFrame = std::function<void(uint64_t fileOffset, FrameCounter::Header const& header)>;
+    using OnFrame =
+        std::function<void(uint64_t fileOffset, uint64_t end, FrameCounter::Header const& header)>;
     explicit TraceListener(OnFrame onFrame = {}) : m_onFrame(std::move(onFrame)) {}
 
     void on_trace(dry::TraceCall const& call) override;
-    void on_frame(uint32_t fileOffset, uint8_t const* header) override;
+    void on_frame(uint32_t fileOffset, uint32_t end, uint8_t const* header) override;
 
     // Why an open gives a status, in words; empty if the trace does not say.
     std::string reason_of(FFDError status) const;

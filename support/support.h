@@ -24,4 +24,8 @@ Outcome run_recover(Driver const& driver, std::string const& file, RecoverOption
 // anything is changed. Throws a Failure if it can't be made.
 void keep_backup(std::string const& file, bool json);
 
+// The MP3 files of a folder, in order of their names, and those that are missing beside a .DIR file
+// or a close marker of theirs. Throws a Failure if the folder can't be read.
+std::vector<std::string> sound_files_in(std::string const& folder);
+
 } // namespace ffdhost

@@ -5,6 +5,7 @@
 #include "MCI/KIVMP3/Kivmp3.h"
 #include "MCI/KIVMP3/ReadAhead.h"
 
+#include <algorithm>
 #include <cstring>
 
 #define TRACE_MODULE "XKIVMP3.DLL"
@@ -230,22 +231,21 @@ void CKivmp3::ascertain_data_length_from_file(BYTE* pbyReadAhead_p) {
     DWORD const dwMostPosition = 0xFFFFFFFFu - m_dwFirstFrame;
     DWORD dwActualPosition = 0; // audio position behind the present frame
     DWORD dwBytesSkipped = 0;
+    uint64_t ullNextPosition = 0;
     do {
-        TELL_FRAME(m_dwFirstFrame + dwActualPosition + dwBytesSkipped, m_byFrameHeader);
         WORD const wBitrate = ffd_bitrate(bMpeg1, ffd_frame_bitrate_index(m_byFrameHeader));
         if (wBitrate != m_wLowestBitrate) {
             note_bitrate(wBitrate, dwActualPosition);
         }
-        uint64_t const ullNextPosition = uint64_t{dwActualPosition} + dwBytesSkipped +
-                                         ffd_frame_length_of(wBitrate, dwFactor, dwSamplingRate,
-                                                             ffd_frame_padding(m_byFrameHeader));
-        if (ullNextPosition > dwMostPosition) {
-            // A last frame that the end of the file cuts short, just under 4 GiB.
-            dwActualPosition = dwMostPosition;
-            break;
-        }
-        dwActualPosition = static_cast<DWORD>(ullNextPosition);
-    } while (search_walked_frame(file, m_dwFirstFrame + dwActualPosition, &dwBytesSkipped));
+        ullNextPosition = uint64_t{dwActualPosition} + dwBytesSkipped +
+                          ffd_frame_length_of(wBitrate, dwFactor, dwSamplingRate,
+                                              ffd_frame_padding(m_byFrameHeader));
+        [[maybe_unused]] DWORD const dwFrame = m_dwFirstFrame + dwActualPosition + dwBytesSkipped;
+        // Beyond it only for a last frame that the end of the file cuts short, just under 4 GiB.
+        dwActualPosition = static_cast<DWORD>(std::min<uint64_t>(ullNextPosition, dwMostPosition));
+        TELL_FRAME(dwFrame, m_dwFirstFrame + dwActualPosition, m_byFrameHeader);
+    } while (ullNextPosition <= dwMostPosition &&
+             search_walked_frame(file, m_dwFirstFrame + dwActualPosition, &dwBytesSkipped));
     m_dwLastFrame = m_dwFirstFrame + dwActualPosition;
     if (m_bVBR) {
         lower_rate_of_variable_bitrate(dwFactor);
