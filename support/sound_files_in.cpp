@@ -31,8 +31,7 @@ fs::path sound_file_of(fs::path const& companion) {
             if (text == fs::path(text).filename() && fs::path(text).stem() == companion.stem()) {
                 return fs::path(companion).replace_filename(text);
             }
-        } catch (Failure const&) {
-            return fs::path(companion).replace_extension(".mp3");
+        } catch (Failure const&) { // as one that names nothing
         }
     }
     return fs::path(companion).replace_extension(".mp3");
