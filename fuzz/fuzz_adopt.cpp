@@ -14,18 +14,6 @@ std::string const MARKER = "/d/a.CLM";
 std::string const REBUILT = "/d/1.MP3";
 constexpr uint32_t AUDIO = 8 * fuzz::FRAME;
 
-struct Entry {
-    uint32_t nStatus;
-    uint32_t nStartpos;
-    uint32_t nEndpos;
-};
-
-std::string put32(uint32_t nValue) {
-    std::string bytes(4, '\0');
-    memcpy(bytes.data(), &nValue, 4);
-    return bytes;
-}
-
 std::string directory(fuzz::Input& input, unsigned nKind) {
     unsigned const nCount = input.byte();
     std::string image;
@@ -36,7 +24,8 @@ std::string directory(fuzz::Input& input, unsigned nKind) {
         for (unsigned nEntry = 0; nEntry < nCount && !input.empty(); ++nEntry) {
             uint32_t const nStatus = anStatus[input.byte() % 4];
             uint32_t const nStartpos = input.word();
-            image += put32(nStatus) + put32(nStartpos) + put32(nStartpos + input.word());
+            image += little_endian(nStatus) + little_endian(nStartpos) +
+                     little_endian(nStartpos + input.word());
         }
     }
     image.resize(nKind < 2 ? image.size() : 65536);
@@ -46,7 +35,8 @@ std::string directory(fuzz::Input& input, unsigned nKind) {
 // A marker as a close writes it, with sizes and names of the input.
 std::string marker(fuzz::Input& input) {
     uint32_t const anSizes[] = {AUDIO, 30 + AUDIO, 30 + AUDIO + 128, input.word()};
-    std::string record = put32(anSizes[input.byte() % 4]) + put32(anSizes[input.byte() % 4]);
+    std::string record =
+        little_endian(anSizes[input.byte() % 4]) + little_endian(anSizes[input.byte() % 4]);
     record.resize(8 + 12); // a reserved word, and a fingerprint that no file has
     for (std::string name : {"a.mp3", "1.MP3"}) {
         name = input.byte() % 4 != 0 ? name : input.bytes(8);
@@ -60,7 +50,7 @@ std::string marker(fuzz::Input& input) {
             nCrc = nCrc >> 1 ^ (nCrc % 2 == 0 ? 0 : 0xEDB88320);
         }
     }
-    return "XKIVCLM1" + put32(~nCrc) + record;
+    return "XKIVCLM1" + little_endian(~nCrc) + record;
 }
 
 // The entries of a .DIR file that is sound.

@@ -122,7 +122,8 @@ struct Model {
     std::string audio;    // what the file holds from the first frame on
     uint32_t nOldEnd = 0; // where its audio ended before the first write
     Dictation now;
-    Dictation flushed; // what a crash leaves
+    Dictation flushed;     // what a crash leaves
+    bool bFlushed = false; // or else the .DIR file is still empty
     std::optional<Dictation> stored;
     uint32_t nWritten = 0; // bytes in all
 
@@ -177,6 +178,7 @@ struct Model {
             return stored ? 0 : 33;
         }
         flushed = now;
+        bFlushed = true;
         return 0;
     }
 };

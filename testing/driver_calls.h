@@ -7,6 +7,7 @@
 
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 extern "C" void* FFD_Function_Table[24];
 
@@ -46,6 +47,33 @@ inline Slots const& driver() {
         abort();
     }
     return *reinterpret_cast<Slots const*>(FFD_Function_Table);
+}
+
+// An entry of a .DIR file.
+struct Entry {
+    uint32_t nStatus;
+    uint32_t nStartpos;
+    uint32_t nEndpos;
+};
+
+inline std::string little_endian(uint32_t nValue) {
+    std::string bytes(4, '\0');
+    for (char& byte : bytes) {
+        byte = static_cast<char>(nValue);
+        nValue >>= 8;
+    }
+    return bytes;
+}
+
+// The bytes of a .DIR file with these entries: 65536, or the size asked for.
+inline std::string dir_image(std::vector<Entry> const& entries, size_t nBytes = 65536) {
+    std::string image;
+    for (Entry const& entry : entries) {
+        image += little_endian(entry.nStatus) + little_endian(entry.nStartpos) +
+                 little_endian(entry.nEndpos);
+    }
+    image.resize(nBytes);
+    return image;
 }
 
 // Opens for writing, or reading; null with the status.

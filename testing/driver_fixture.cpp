@@ -37,24 +37,6 @@ bool exists(std::string const& path) {
                                          << ", the first difference at byte " << nByte;
 }
 
-// ---- The edit directory ----
-
-std::string dir_image(std::vector<Entry> const& entries, size_t nBytes) {
-    std::string image;
-    auto const put32 = [&](uint32_t nValue) {
-        for (int nShift = 0; nShift < 32; nShift += 8) {
-            image += static_cast<char>(nValue >> nShift & 0xFF);
-        }
-    };
-    for (Entry const& entry : entries) {
-        put32(entry.nStatus);
-        put32(entry.nStartpos);
-        put32(entry.nEndpos);
-    }
-    image.resize(nBytes);
-    return image;
-}
-
 // ---- The fixture ----
 
 DriverTest::DriverTest() {

@@ -24,17 +24,6 @@ bool exists(std::string const& path);
 // Compares long byte strings and tells no more than where they first differ.
 ::testing::AssertionResult same_bytes(std::string const& actual, std::string const& expected);
 
-// ---- The edit directory ----
-
-struct Entry {
-    unsigned nStatus;
-    uint32_t nStartpos;
-    uint32_t nEndpos;
-};
-
-// The bytes of a .DIR file with these entries: 65536, or the size asked for.
-std::string dir_image(std::vector<Entry> const& entries, size_t nBytes = 65536);
-
 // ---- The system ----
 
 unsigned process_id();

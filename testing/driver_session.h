@@ -99,7 +99,8 @@ public:
     void reopen(std::string const& audio) {
         uint32_t const nEnd = static_cast<uint32_t>(audio.size());
         Dictation const found{{{0, nEnd}}};
-        m_model = {m_sound.nFrame, audio + m_sound.tail, nEnd, found, found, std::nullopt, 0};
+        m_model = {m_sound.nFrame, audio + m_sound.tail, nEnd, found, found,
+                   false,          std::nullopt,         0};
         open();
     }
 
@@ -174,6 +175,17 @@ private:
         seek(m_handle, m_model.now.nPosition);
         driver().GetDictationFileSize(m_handle, &nFound);
         check(nFound == m_sound.head.size() + m_model.audio.size(), "size of the file");
+        check(memory_disk::get(m_path.substr(0, m_path.rfind('.')) + ".DIR") == directory(),
+              "directory on the disk");
+    }
+
+    std::string directory() const {
+        std::vector<Entry> entries;
+        for (Run const& run : m_model.flushed.runs) {
+            uint32_t const nStatus = run.state == Run::Live ? 1 : run.state == Run::Gone ? 3 : 11;
+            entries.push_back({nStatus, run.nBegin, run.nEnd});
+        }
+        return m_model.bFlushed ? dir_image(entries) : "";
     }
 
     std::string read(uint32_t nFrom, uint32_t nBytes) {

@@ -30,12 +30,6 @@ protected:
     static FFDError store(FFDHandle handle) { return driver().StoreActualFileStatus(handle); }
     static FFDError restore(FFDHandle handle) { return driver().RestoreFileStatus(handle); }
 
-    static uint32_t sound_length(FFDHandle handle) {
-        uint32_t nLength = 0;
-        EXPECT_EQ(driver().GetSoundDataLength(handle, &nLength), 0u);
-        return nLength;
-    }
-
     // The one .csf file in the folder, "" if there is none.
     std::string csf() const {
         std::string found;
@@ -98,71 +92,11 @@ TEST_F(StatusTest, TheFileToTheByte) {
     EXPECT_THAT(listing(), ElementsAre("a.mp3"));
 }
 
-TEST_F(StatusTest, WhatARestoreBringsBack) {
-    using Session = std::function<void(FFDHandle)>;
-    std::string const deleted = m_audio.substr(0, 96) + m_audio.substr(288);
-    Session const nothing = [](FFDHandle) {};
-    Session const erase_some = [](FFDHandle h) { EXPECT_EQ(erase(h, 96, 192), 0u); };
-    Session const write_some = [](FFDHandle h) {
-        EXPECT_EQ(insert(h, 0, frames(2, 3)), 0u);
-        EXPECT_EQ(overwrite(h, 480, frames(2, 4)), 0u);
-    };
-    Session const erase_and_undo = [=](FFDHandle h) {
-        erase_some(h);
-        EXPECT_EQ(driver().UndoLast(h), 0u);
-    };
-    struct {
-        char const* pszName;
-        Session before, after; // the store
-        std::string dictation;
-        FFDError undo;
-        std::string undone;
-    } const rows[] = {
-        {"nothing", nothing, nothing, m_audio, 24, m_audio},
-        {"delete", nothing, erase_some, m_audio, 24, m_audio},
-        {"write", nothing, write_some, m_audio, 24, m_audio},
-        {"delete and undo", nothing, erase_and_undo, m_audio, 24, m_audio},
-        {"marks travel", erase_some, nothing, deleted, 0, m_audio},
-        {"marks come back", erase_some, [](FFDHandle h) { EXPECT_EQ(driver().UndoLast(h), 0u); },
-         deleted, 0, m_audio},
-        {"marks come back behind another delete", erase_some, erase_some, deleted, 0, m_audio},
-    };
-    for (auto const& row : rows) {
-        SCOPED_TRACE(row.pszName);
-        FFDHandle const handle = open_with(m_sound, m_audio);
-        EXPECT_EQ(restore(handle), 33u);
-        row.before(handle);
-        seek(handle, 288);
-        uint32_t const nSoundLength = sound_length(handle);
-        ASSERT_EQ(store(handle), 0u);
-        for (int nTime = 0; nTime < 2; ++nTime) { // the snapshot stays
-            row.after(handle);
-            std::string const dir = read_file(path("a.DIR"));
-            uint32_t nFileSize = 0;
-            uint32_t nFileSizeThen = 0;
-            EXPECT_EQ(driver().GetDictationFileSize(handle, &nFileSize), 0u);
-            EXPECT_EQ(restore(handle), 0u);
-            EXPECT_EQ(position(handle), 288u);
-            EXPECT_TRUE(same_bytes(read_all(handle), row.dictation));
-            EXPECT_EQ(sound_length(handle), nSoundLength);
-            EXPECT_EQ(driver().GetDictationFileSize(handle, &nFileSizeThen), 0u);
-            EXPECT_EQ(nFileSizeThen, nFileSize);
-            EXPECT_TRUE(same_bytes(read_file(path("a.DIR")), dir)); // no flush
-        }
-        EXPECT_EQ(driver().UndoLast(handle), row.undo);
-        EXPECT_TRUE(same_bytes(read_all(handle), row.undone));
-        close(handle);
-        // What was written behind the store is gone, though no entry is marked deleted.
-        EXPECT_TRUE(same_bytes(read_file(m_sound), row.undone));
-        EXPECT_THAT(listing(), ElementsAre("a.mp3"));
-    }
-}
-
-TEST_F(StatusTest, WhatARestoreLeaves) {
+// What a restore brings back, the sessions beside the model know.
+TEST_F(StatusTest, AReadHandleIsAsStaleAsItsPosition) {
     FFDHandle const handle = open_with(m_sound, m_audio);
     seek(handle, 96);
     ASSERT_EQ(store(handle), 0u);
-    // A read handle is as stale as its position.
     std::string buffer(96, '\0');
     auto const read_behind_restore = [&](uint32_t nPosition) {
         seek(handle, nPosition);
@@ -175,15 +109,7 @@ TEST_F(StatusTest, WhatARestoreLeaves) {
     EXPECT_EQ(read_behind_restore(192), 11u);
     EXPECT_EQ(read_behind_restore(96), 0u);
     EXPECT_EQ(buffer, m_audio.substr(96, 96));
-
-    // A later write goes behind what the restore has dropped.
-    ASSERT_EQ(insert(handle, 0, frames(2, 3)), 0u);
-    ASSERT_EQ(restore(handle), 0u);
-    ASSERT_EQ(insert(handle, 480, frames(1, 4)), 0u);
-    EXPECT_TRUE(same_bytes(read_file(m_sound), m_audio + frames(2, 3) + frames(1, 4)));
     close(handle);
-    EXPECT_TRUE(same_bytes(read_file(m_sound),
-                           m_audio.substr(0, 480) + frames(1, 4) + m_audio.substr(480)));
 }
 
 // A last frame that the end of the file cuts short is counted whole; behind a store new audio must

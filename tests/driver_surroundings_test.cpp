@@ -33,10 +33,6 @@ uint32_t crc32(std::string const& bytes) {
     return ~nCrc;
 }
 
-std::string little_endian(uint32_t nValue) {
-    return {reinterpret_cast<char const*>(&nValue), 4};
-}
-
 std::string marker(std::string const& sound, std::string const& rebuilt, uint32_t nOldSize,
                    uint32_t nNewSize) {
     std::string behind = little_endian(nOldSize) + little_endian(nNewSize) + std::string(12, '\0') +

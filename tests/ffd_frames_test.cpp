@@ -174,31 +174,8 @@ TEST(FramesTest, AFrameWaitsForWhatFollowsUnlessTheStreamPauses) {
     EXPECT_EQ(take(stream.substr(0, 208), 9, FFD_STREAM_PAUSES).frames, 0U) << "not borne out yet";
 }
 
-TEST(FramesTest, EveryRateAndKindOfFrame) {
-    // Version bits and sampling rate index; what a frame of the lowest bitrate has, without
-    // padding.
-    struct Case {
-        uint8_t second;
-        uint8_t rate;
-        uint32_t hertz;
-        uint32_t kbit;
-        uint32_t length;
-    };
-    for (Case const& each :
-         {Case{0xFB, 0, 44100, 32, 104}, Case{0xFB, 1, 48000, 32, 96},
-          Case{0xFB, 2, 32000, 32, 144}, Case{0xF3, 0, 22050, 8, 26}, Case{0xF3, 1, 24000, 8, 24},
-          Case{0xF3, 2, 16000, 8, 36}, Case{0xE3, 0, 11025, 8, 52}, Case{0xE3, 2, 8000, 8, 72}}) {
-        uint8_t const header[] = {0xFF, each.second, static_cast<uint8_t>(0x10 | each.rate << 2),
-                                  0xC0};
-        EXPECT_EQ(ffd_frame_sampling_rate(header), each.hertz);
-        EXPECT_EQ(ffd_frame_bitrate(header), each.kbit);
-        EXPECT_EQ(ffd_frame_length(header), each.length);
-        std::string stream;
-        for (int i = 0; i < 40; ++i) {
-            stream.append(header, header + 4).append(each.length - 4, 'x');
-        }
-        EXPECT_EQ(take(stream, 7).frames, 40U) << each.hertz;
-    }
+// What each header tells, an open of the driver shows for all of them.
+TEST(FramesTest, LengthsStayInTheirLimits) {
     uint8_t const longest[] = {0xFF, 0xFB, 0xEA, 0};
     EXPECT_EQ(ffd_frame_length(longest), FFD_LONGEST_FRAME);
     for (uint32_t word = 0; word < 0x10000; ++word) { // all second and third bytes
