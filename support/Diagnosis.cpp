@@ -5,6 +5,8 @@
 #include "console/System.h"
 #include "host/Beside.h"
 #include "host/Obstacle.h"
+#include "MCI/KIVMP3/ClockName.h"
+#include "MCI/KIVMP3/INTERNAL.h"
 
 #include <algorithm>
 
@@ -14,12 +16,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr size_t kTimeDigits = 10; // of the seconds since 1970 in a temporary name
-
-bool is_digits(std::string const& text) {
-    return text.find_first_not_of("0123456789") == std::string::npos;
-}
-
 // The names that a close or an open gives, in the folder of the sound file.
 void look_around(Diagnosis& diagnosis) {
     fs::path const folder = fs::absolute(diagnosis.file).parent_path();
@@ -28,15 +24,13 @@ void look_around(Diagnosis& diagnosis) {
     for (fs::directory_iterator entry(folder, error), end; !error && entry != end;
          entry.increment(error)) {
         fs::path const name = entry->path().filename();
-        std::string const stem = name.stem().string();
-        if (stem.size() == kTimeDigits && is_digits(stem) &&
-            same_file_name(name.extension(), ".MP3") && !same_file_name(name, own)) {
+        if (CClockName::is_name(name.string().c_str(), REBUILT_FILE_EXTENSION, false) &&
+            !same_file_name(name, own)) {
             diagnosis.copies.push_back(beside(diagnosis.file, "").replace_filename(name));
         }
-        std::string const extension = name.extension().string();
-        bool const bad = extension.starts_with(".bad") && is_digits(extension.substr(4));
+        bool const aside = KIVMP3_is_aside_extension(name.extension().string().c_str());
         for (char const* const kind : {".DIR", ".CLM"}) {
-            if (bad && same_file_name(name.stem(), beside(diagnosis.file, kind).filename())) {
+            if (aside && same_file_name(name.stem(), beside(diagnosis.file, kind).filename())) {
                 diagnosis.setAside.push_back(beside(diagnosis.file, "").replace_filename(name));
             }
         }

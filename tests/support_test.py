@@ -223,8 +223,10 @@ class SupportTest(unittest.TestCase):
         for image in (entry(1, 100, 700) + entry(1, 1000, 1100),
                       entry(1, 0, 700) + entry(1, 700, 700), entry(1, 700, 700) + entry(1, 0, 700)):
             self.agree({"a.mp3": AUDIO, "a.DIR": image})
-        self.agree({**files, "a.DIR": good[:13], "a.DIR.bad": b"x", "a.DIR.bad1": b"y"},
-                   "directory_damaged")
+        seen = self.agree({**files, "a.DIR": good[:13], "a.DIR.bad": b"x", "a.DIR.bad1": b"y",
+                           "b.DIR.bad": b"", "a.DIR.bad1x": b"", NAME: b"", "0001.MP3": b"",
+                           NAME + "x": b""}, "directory_damaged")
+        self.assertEqual((seen["copies"], seen["set_aside"]), ([NAME], ["a.DIR.bad", "a.DIR.bad1"]))
         for image, verdict in ((b"", "sound"), (bytes(65536), "sound"), (entry(1, 0, 0), "sound"),
                                (bytes(16 * 1024 * 1024 + 1), "directory_damaged"),
                                (None, "refused")):

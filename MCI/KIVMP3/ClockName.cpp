@@ -1,7 +1,15 @@
 #include "MCI/KIVMP3/ClockName.h"
 
 #include <cstdio>
+#include <cstring>
 #include <ctime>
+
+bool CClockName::is_name(LPCSTR pszName_p, LPCSTR pszExtension_p, bool bShorten_p) {
+    constexpr size_t DIGITS = 10; // of all seconds from 2001 to 2286
+    size_t const nDigits = strspn(pszName_p, "0123456789");
+    return (bShorten_p ? nDigits > 0 : nDigits == DIGITS) &&
+           strcmp(pszName_p + nDigits, pszExtension_p) == 0;
+}
 
 bool CClockName::form(char (&szPath_p)[MAX_PATH]) {
     m_llTried = time(nullptr);

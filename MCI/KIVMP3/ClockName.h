@@ -4,16 +4,22 @@
 
 #include <cstdint>
 
+constexpr char REBUILT_FILE_EXTENSION[] = ".MP3";
+
 // The name of a new file, made of the clock: a directory, the seconds since 1970 as a decimal
 // number, an extension. A name that is taken is free again a second later, as a rule:
 //
-//     CClockName oName(pszDirectory, ".MP3", 10, true);
+//     CClockName oName(pszDirectory, REBUILT_FILE_EXTENSION, 10, true);
 //     DWORD dwError = NO_ERROR;
 //     do {
 //         oName.form(szPath), and try to make the file, with its error in dwError
 //     } while (oName.wait_if_taken(dwError));
 class CClockName {
 public:
+    // Whether form() gives such a file name: a number and the extension. If the path may have been
+    // too long, digits may be missing.
+    static bool is_name(LPCSTR pszName_p, LPCSTR pszExtension_p, bool bShorten_p);
+
     // The two texts are the caller's and live as long as the object. A name is waited for at most
     // so many seconds in all, by the pauses made and not by the clock, which somebody may set
     // meanwhile. bShorten_p lets the number lose digits at its front where the path is too long.

@@ -1,5 +1,6 @@
 #include "MCI/KIVMP3/CloseMarker.h"
 
+#include "MCI/KIVMP3/ClockName.h"
 #include "MCI/KIVMP3/INTERNAL.h"
 #include "MCI/KIVMP3/Patience.h"
 
@@ -72,12 +73,6 @@ bool is_same_but_for_case(LPCSTR pszName1_p, LPCSTR pszName2_p) {
                       [&](char c1, char c2) { return lower(c1) == lower(c2); });
 }
 
-// Whether a name is one that a rebuild gives its file: a number, and ".MP3".
-bool is_rebuilt_name(char const (&szName_p)[MAX_PATH]) {
-    size_t const nDigits = strspn(szName_p, "0123456789");
-    return nDigits > 0 && strcmp(szName_p + nDigits, ".MP3") == 0;
-}
-
 // Whether a name in a marker is that of the sound file. On a Linux file system that takes letters
 // of either case for the same, two spellings lead to one file.
 bool names_sound_file(LPCSTR pszName_p, LPCSTR pszSoundPath_p) {
@@ -123,7 +118,7 @@ Kind kind_of_marker(LPCSTR pszSoundPath_p, BYTE const* pbyContents_p, DWORD dwBy
     PlatformPathParts named;
     if (memcmp(pRecord_p->szMagic, MARKER_MAGIC, sizeof pRecord_p->szMagic) != 0 ||
         !is_plain_name(pRecord_p->szSoundName) || !is_plain_name(pRecord_p->szRebuiltName) ||
-        !is_rebuilt_name(pRecord_p->szRebuiltName) ||
+        !CClockName::is_name(pRecord_p->szRebuiltName, REBUILT_FILE_EXTENSION, true) ||
         PlatformSameFileName(pRecord_p->szRebuiltName, pRecord_p->szSoundName) ||
         !PlatformSplitPath(pszSoundPath_p, &sound) ||
         !PlatformSplitPath(pRecord_p->szSoundName, &named)) {

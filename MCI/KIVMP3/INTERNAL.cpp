@@ -369,12 +369,12 @@ int KIVMP3_set_file_aside(LPCSTR pszPath_p) {
     constexpr int nLastNumber = 63;
     for (int nName = 0; nName <= nLastNumber + 1; ++nName) {
         char szAside[MAX_PATH + 32];
-        if (nName == 0) {
-            snprintf(szAside, sizeof szAside, "%s.bad", pszPath_p);
-        } else {
+        char szNumber[24] = "";
+        if (nName > 0) {
             long long const llNumber = nName <= nLastNumber ? nName : int64_t{time(nullptr)};
-            snprintf(szAside, sizeof szAside, "%s.bad%lld", pszPath_p, llNumber);
+            snprintf(szNumber, sizeof szNumber, "%lld", llNumber);
         }
+        snprintf(szAside, sizeof szAside, "%s%s%s", pszPath_p, KIVMP3_ASIDE_EXTENSION, szNumber);
         if (MoveFileA(pszPath_p, szAside)) {
             TRACE_INFO("file set aside");
             return 1;

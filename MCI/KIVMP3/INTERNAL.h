@@ -11,6 +11,7 @@
 #include "platform/platform.h"
 
 #include <cstdint>
+#include <cstring>
 
 // Block size of all bulk copying, in bytes.
 constexpr LONG KIVMP3_TRANSFER_BUFFER_SIZE = 40960;
@@ -113,9 +114,18 @@ private:
 // FFD_ERROR_OUTOFMEMORY.
 FFDError KIVMP3_fingerprint_file(HANDLE hFile, uint64_t* pullFingerprint_p);
 
+constexpr char KIVMP3_ASIDE_EXTENSION[] = ".bad";
+
 // Renames a file that can't be used to its own name followed by ".bad", or by ".bad1" to ".bad63"
 // if that is taken, or by ".bad" and the time in seconds. 1 or 0.
 int KIVMP3_set_file_aside(LPCSTR pszPath_p);
+
+// Whether that is what it has put behind a name.
+inline bool KIVMP3_is_aside_extension(LPCSTR pszExtension_p) {
+    size_t const nDot = sizeof KIVMP3_ASIDE_EXTENSION - 1;
+    return strncmp(pszExtension_p, KIVMP3_ASIDE_EXTENSION, nDot) == 0 &&
+           pszExtension_p[nDot + strspn(pszExtension_p + nDot, "0123456789")] == '\0';
+}
 
 // A block of the process heap for the span of one operation.
 class CHeapBlock {

@@ -197,7 +197,7 @@ void CKivmp3::check_rebuild_space() {
 }
 
 HANDLE CKivmp3::create_temp_file(char (&szTmpPath_p)[MAX_PATH]) {
-    CClockName oName(m_cstrWorkPath.c_str(), ".MP3", MOST_SECONDS_FOR_NAME, true);
+    CClockName oName(m_cstrWorkPath.c_str(), REBUILT_FILE_EXTENSION, MOST_SECONDS_FOR_NAME, true);
     DWORD dwError = NO_ERROR;
     do {
         if (!oName.form(szTmpPath_p)) {
