@@ -10,6 +10,20 @@ namespace {
 constexpr size_t SECTOR = 512;
 
 std::optional<Record> g_record;
+std::optional<uint64_t> g_ullRoom;
+
+// How many of the bytes of a write at the file pointer find room, which they take.
+DWORD take_room(HANDLE hFile, DWORD dwBytes) {
+    if (!g_ullRoom) {
+        return dwBytes;
+    }
+    DWORD const dwSize = GetFileSize(hFile, nullptr);
+    DWORD const dwPointer = SetFilePointer(hFile, 0, nullptr, FILE_CURRENT);
+    uint64_t const ullInside = dwSize - std::min(dwSize, dwPointer);
+    uint64_t const ullMoved = std::min<uint64_t>(dwBytes, ullInside + *g_ullRoom);
+    *g_ullRoom -= ullMoved - std::min(ullMoved, ullInside);
+    return static_cast<DWORD>(ullMoved);
+}
 
 std::string const& name_of(size_t nFile) {
     auto const& names = g_record->names;
@@ -91,6 +105,10 @@ void record() {
         g_record->before.push_back(
             {Change::Made, nFile, name, std::make_shared<std::string const>(bytes)});
     }
+}
+
+void set_room(std::optional<uint64_t> ullBytes) {
+    g_ullRoom = ullBytes;
 }
 
 size_t changes() {
@@ -181,13 +199,18 @@ HANDLE __wrap_DryPlatformCreatePrivateFile(LPCSTR pszPath, DWORD dwAccess, DWORD
 
 BOOL WINAPI __wrap_DryWriteFile(HANDLE hFile, LPCVOID pBuffer, DWORD dwBytes, LPDWORD pdwWritten,
                                 LPVOID pOverlapped) {
-    BOOL const bWritten = __real_DryWriteFile(hFile, pBuffer, dwBytes, pdwWritten, pOverlapped);
+    DWORD const dwRoom = take_room(hFile, dwBytes);
+    BOOL const bWritten = __real_DryWriteFile(hFile, pBuffer, dwRoom, pdwWritten, pOverlapped);
     note_handle(hFile, bWritten != FALSE, false);
+    if (bWritten && dwRoom < dwBytes) {
+        SetLastError(ERROR_DISK_FULL);
+        return FALSE;
+    }
     return bWritten;
 }
 
 DWORD __wrap_DryPlatformCopyBytes(HANDLE hFrom, HANDLE hTo, DWORD dwBytes) {
-    DWORD const dwMoved = __real_DryPlatformCopyBytes(hFrom, hTo, dwBytes);
+    DWORD const dwMoved = __real_DryPlatformCopyBytes(hFrom, hTo, take_room(hTo, dwBytes));
     note_handle(hTo, dwMoved > 0, false);
     return dwMoved;
 }

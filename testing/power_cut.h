@@ -4,6 +4,8 @@
 // Names and sizes reach the disk in the order in which they change, as on a journalling file
 // system, and with the flush of any file; bytes reach it with the flush of their file, before that
 // each 512-byte sector by itself or in part, of this write or of an earlier one, or not at all.
+//
+// The disk can run full, too.
 #pragma once
 
 #include "testing/memory_disk.h"
@@ -43,5 +45,10 @@ void record();
 Record take();
 size_t changes();
 bool is_recording();
+
+// From now on there is room for so many bytes more; without a number, for any. A write that makes a
+// file grow beyond that moves what fits and fails with ERROR_DISK_FULL. What is removed gives no
+// room back.
+void set_room(std::optional<uint64_t> ullBytes);
 
 } // namespace power_cut

@@ -2,13 +2,17 @@
 // a crash at its end the next open must find the dictation, its undo too; and the rebuilt file must
 // hold it. speech_test.cpp has long sessions.
 //
-// KIV_SESSION_DEPTH sets how many steps the sessions have.
+// And one session on a disk that is full from any byte on.
+//
+// KIV_SESSION_DEPTH sets how many steps the sessions have, KIV_ROOM_STEP how many bytes more room
+// each disk has than the one before.
 
 #include "testing/step_source.h"
 
 #include <gtest/gtest.h>
 
 #include <iostream>
+#include <map>
 
 namespace {
 
@@ -66,6 +70,52 @@ TEST(SessionTest, EverySessionOfFewPositions) {
 
 TEST(SessionTest, EverySessionOfWholeFrames) {
     run_all({true, {0}, {FRAME, 2 * FRAME}, 100}, 3 - TOO_SLOW_FOR_STEPS);
+}
+
+// Opens the sound file, edits it as far as there is room, and closes it. The dictation then.
+std::string edit_and_close(std::string dictation, std::map<FFDError, unsigned>& seen) {
+    FFDError status = 0;
+    FFDHandle const handle = open_sound("/d/a.mp3", 2, status);
+    ++seen[status];
+    for (unsigned nPiece = 0; handle != nullptr && nPiece < 4; ++nPiece) {
+        std::string const piece = frames(15, nPiece + 3);
+        seek(handle, nPiece * 480);
+        status = write_at(handle, 1 + nPiece % 2, piece);
+        ++seen[status];
+        if (status == 0) {
+            dictation.replace(nPiece * 480, nPiece % 2 != 0 ? piece.size() : 0, piece);
+        }
+    }
+    ++seen[1000 + driver().Close(handle)]; // told apart from the others
+    return dictation;
+}
+
+// Whatever the statuses: with room again all that was answered is there, and the close goes well.
+TEST(FullDiskTest, ADiskThatIsFullFromAnyByteOn) {
+    Sound const sound{id3v2_tag(31), frames(300), id3v1_tag()};
+    unsigned const nStep = setting("KIV_ROOM_STEP", TOO_SLOW_FOR_STEPS != 0 ? 31 : 7);
+    std::map<FFDError, unsigned> seen;
+    for (uint64_t ullRoom = 0; ullRoom <= 128 * 1024; ullRoom += nStep) {
+        SCOPED_TRACE(ullRoom);
+        memory_disk::begin({{"/d/a.mp3", sound.file()}});
+        power_cut::set_room(ullRoom);
+        std::string const dictation = edit_and_close(sound.audio, seen);
+        power_cut::set_room(std::nullopt);
+        // The first directory found no room for its entries: the edits were in memory only, as the
+        // failed close has told, and the new audio is not taken back.
+        if (memory_disk::has("/d/a.DIR") && memory_disk::get("/d/a.DIR").size() < 24) {
+            ASSERT_TRUE(memory_disk::get("/d/a.mp3").starts_with(sound.file()));
+            continue;
+        }
+        FFDError status = 0;
+        FFDHandle const handle = open_sound("/d/a.mp3", 2, status);
+        ASSERT_EQ(status, 0u);
+        ASSERT_TRUE(read_on(handle, 100000, status) == dictation);
+        ASSERT_EQ(driver().Close(handle), 0u);
+        ASSERT_TRUE(memory_disk::get("/d/a.mp3") == sound.head + dictation + sound.tail);
+        ASSERT_FALSE(memory_disk::has("/d/a.DIR"));
+    }
+    EXPECT_EQ(seen.count(1000 + 6) + seen.count(1000 + 29) + seen.count(1000), 3u);
 }
 
 } // namespace
