@@ -10,34 +10,22 @@ import shutil
 import stat
 import struct
 import subprocess
-import tempfile
 import unittest
 
-HOST = pathlib.Path(os.environ["FFDHOST"])
-SAMPLES = pathlib.Path(os.environ["FFD_SAMPLES"])
-SOUND = (SAMPLES / "speech-16k-mono.mp3").read_bytes()
-EDITS = struct.pack("<3I", 1, 0, 9000)  # a .DIR file: of the audio the first 9000 bytes play
-NOBODY = 65534
+import sandbox
+from sandbox import AS_ROOT, NOBODY, SAMPLES, Sandbox, entry
+
+HOST = pathlib.Path(sandbox.HOST)
+SOUND = sandbox.sample("speech-16k-mono")
+EDITS = entry(1, 0, 9000)  # a .DIR file: of the audio the first 9000 bytes play
 # A sanitizer takes address space of its own, and looks into /proc.
 UNWATCHED = unittest.skipIf(b"__asan_" in HOST.read_bytes(), "under a sanitizer")
-AS_ROOT = unittest.skipUnless(os.geteuid() == 0, "needs a second user")
 
 
-class GuardTest(unittest.TestCase):
+class GuardTest(Sandbox):
     def setUp(self):
-        temporary = tempfile.TemporaryDirectory()
-        self.addCleanup(temporary.cleanup)
-        self.dir = pathlib.Path(temporary.name)
-        self.dir.chmod(0o755)
-        self.file = self.dir / "a.mp3"
-        self.file.write_bytes(SOUND)
-
-    def host(self, *arguments, code=0, **options):
-        options = {"cwd": self.dir, "stderr": subprocess.PIPE, "stdout": subprocess.PIPE,
-                   "timeout": 60, **options}
-        run = subprocess.run([HOST, *arguments], **options)
-        self.assertEqual(run.returncode, code, (arguments, run.stdout, run.stderr[-600:]))
-        return run
+        super().setUp()
+        self.file = self.copy("speech-16k-mono", "a.mp3")
 
     # ---- Standard output ----
 

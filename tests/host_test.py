@@ -3,6 +3,7 @@ directory of the samples. Expected bytes are cut out of the samples here, not as
 
 import contextlib
 import fcntl
+import itertools
 import json
 import os
 import pathlib
@@ -12,63 +13,28 @@ import shutil
 import signal
 import struct
 import subprocess
-import tempfile
 import termios
 import unittest
 import xml.etree.ElementTree
 
 from json_page import Page
+from sandbox import AUDIO, CLIP, HEAD, HOST, SAMPLES, TAGGED, TAIL, Sandbox, entry, frames_of, sample
 
-HOST = os.environ["FFDHOST"]
-SAMPLES = pathlib.Path(os.environ["FFD_SAMPLES"])
 SVG = "{http://www.w3.org/2000/svg}"
+BORDERS = [0, *itertools.accumulate(map(len, frames_of(AUDIO)))]
 
 
-def audio_of(path):
-    """The bytes from the first frame to the last of a file with ID3 tags at most."""
-    data = path.read_bytes()
-    if data[:3] == b"ID3":
-        size = data[6] << 21 | data[7] << 14 | data[8] << 7 | data[9]
-        data = data[10 + size:]
-    return data[:-128] if data[-128:-125] == b"TAG" else data
+def border(wanted):
+    """The last frame border of the speech at or before a byte."""
+    return max(each for each in BORDERS if each <= wanted)
 
 
-def frame_border(audio, wanted):
-    """The last frame border at or before a byte; frames of 64 kbit/s at 22050 Hz."""
-    border = 0
-    while True:
-        following = border + 208 + (audio[border + 2] >> 1 & 1)
-        if following > wanted:
-            return border
-        border = following
-
-
-def entry(status, start, end, reserved=0):
-    return struct.pack("<BBHII", status, reserved, 0, start, end)
-
-
-class HostTest(unittest.TestCase):
+class HostTest(Sandbox):
     def setUp(self):
-        temporary = tempfile.TemporaryDirectory()
-        self.addCleanup(temporary.cleanup)
-        self.dir = pathlib.Path(temporary.name)
-        self.file = self.copy("speech-22k-mono-tagged.mp3", "a.mp3")
+        super().setUp()
+        self.file = self.copy("speech-22k-mono-tagged", "a.mp3")
         self.dir_file = self.dir / "a.DIR"
-        self.clip = self.copy("insert-22k-mono.mp3", "clip.mp3")
-        self.original = self.file.read_bytes()
-        self.audio = audio_of(self.file)
-        self.head = self.original[:self.original.index(self.audio)]
-        self.tail = self.original[len(self.head) + len(self.audio):]
-        self.clip_audio = audio_of(self.clip)
-
-    def copy(self, sample, name):
-        return pathlib.Path(shutil.copy(SAMPLES / sample, self.dir / name))
-
-    def host(self, *arguments, code=0, stdin=None):
-        run = subprocess.run([HOST, *map(str, arguments)], capture_output=True, cwd=self.dir,
-                             input=stdin)
-        self.assertEqual(run.returncode, code, (arguments, run.stdout[-600:], run.stderr[-600:]))
-        return run
+        self.clip = self.copy("insert-22k-mono", "clip.mp3")
 
     def json(self, *arguments, code=0):
         document = json.loads(self.host("--json", *arguments, code=code).stdout)
@@ -77,24 +43,24 @@ class HostTest(unittest.TestCase):
         return document["files"][0] if "files" in document else document
 
     def assert_untouched(self):
-        self.assertEqual(self.file.read_bytes(), self.original)
+        self.assertEqual(self.file.read_bytes(), TAGGED)
         self.assertFalse(self.dir_file.exists())
 
     # ---- Looking ----
 
     def test_info(self):
-        for name, version, channels, rate, bitrate, frame in (
-                ("speech-22k-mono-tagged.mp3", "2", 1, 22050, 64, 208),
-                ("speech-44k-stereo.mp3", "1", 2, 44100, 128, 417),
-                ("speech-16k-mono.mp3", "2", 1, 16000, 24, 108)):
-            info = self.json("info", SAMPLES / name)
+        for name, tags, version, channels, rate, bitrate, frame in (
+                ("speech-22k-mono-tagged", 330, "2", 1, 22050, 64, 208),
+                ("speech-44k-stereo", 0, "1", 2, 44100, 128, 417),
+                ("speech-16k-mono", 0, "2", 1, 16000, 24, 108)):
+            info = self.json("info", SAMPLES / f"{name}.mp3")
+            size = len(sample(name))
             self.assertEqual(info["format"], {
                 "mpeg_version": version, "layer": 3, "channels": channels, "sampling_rate": rate,
                 "bitrate": bitrate, "bytes_per_second": bitrate * 125, "frame_size": frame}, name)
-            audio = audio_of(SAMPLES / name)
-            self.assertEqual(info["dictation"]["bytes"], len(audio), name)
-            self.assertEqual(info["dictation"]["milliseconds"], len(audio) * 8 // bitrate, name)
-            self.assertEqual(info["file_size"], (SAMPLES / name).stat().st_size, name)
+            self.assertEqual(info["dictation"]["bytes"], size - tags, name)
+            self.assertEqual(info["dictation"]["milliseconds"], (size - tags) * 8 // bitrate, name)
+            self.assertEqual(info["file_size"], size, name)
 
     def test_info_names_what_stands_around_the_audio(self):
         front = b"ID3\4\0\0\0\0\1\2" + bytes(130) + b"ID3\3\0\0\0\0\0\5" + bytes(5)
@@ -103,10 +69,10 @@ class HostTest(unittest.TestCase):
         ape = struct.pack("<8s4I8x", b"APETAGEX", 2000, 52, 1, 0x80000000)
         behind = (ape + b"\6\0\0\0\0\0\0\0Title\0Speech" + ape + lyrics
                   + b"TAG" + bytes(122) + b"\0\7\0")
-        self.file.write_bytes(front + b"noise" + self.audio + b"junk" + behind)
+        self.file.write_bytes(front + b"noise" + AUDIO + b"junk" + behind)
         self.dir_file.write_bytes(b"")
         info = self.json("info", self.file)
-        first, end = len(front) + 5, len(front) + 5 + len(self.audio)
+        first, end = len(front) + 5, len(front) + 5 + len(AUDIO)
         self.assertEqual(info["first_frame_offset"], first)
         self.assertEqual(info["in_front"], [
             {"kind": "ID3v2", "version": "2.4.0", "file_offset": 0, "size": 140},
@@ -119,18 +85,18 @@ class HostTest(unittest.TestCase):
             {"kind": "ID3v1", "version": "1.1", "file_offset": end + 124, "size": 128}])
         self.assertEqual(info["leftover_directory"], {"file": str(self.dir_file), "size": 0})
         # Sizes that lie must not take the parser out of the file.
-        self.file.write_bytes(self.audio + struct.pack("<8s4I8x", b"APETAGEX", 2000, 0xFFFFFFFF, 1,
-                                                       0x80000000) + b"999999LYRICS200")
+        self.file.write_bytes(AUDIO + struct.pack("<8s4I8x", b"APETAGEX", 2000, 0xFFFFFFFF, 1,
+                                                  0x80000000) + b"999999LYRICS200")
         self.assertEqual(self.json("info", self.file)["behind"],
-                         [{"kind": "other", "file_offset": len(self.audio), "size": 47}])
+                         [{"kind": "other", "file_offset": len(AUDIO), "size": 47}])
 
     def test_read(self):
-        self.assertEqual(self.host("read", self.file).stdout, self.audio)
+        self.assertEqual(self.host("read", self.file).stdout, AUDIO)
         out = self.dir / "out"
         for options, expected in (
-                ((), self.audio),
-                (("--from", "1s", "--length", "750ms"), self.audio[8000:14000]),
-                (("--from", "100", "--length", "4294967295"), self.audio[100:]),
+                ((), AUDIO),
+                (("--from", "1s", "--length", "750ms"), AUDIO[8000:14000]),
+                (("--from", "100", "--length", "4294967295"), AUDIO[100:]),
                 (("--from", "4294967295"), b"")):
             read = self.json("read", self.file, "-o", out, *options)
             self.assertEqual(out.read_bytes(), expected, options)
@@ -139,17 +105,17 @@ class HostTest(unittest.TestCase):
 
     def test_nothing_is_lost_in_silence(self):
         self.host("edit", self.file, "seek", "end", "insert", self.clip, "crash", code=3)
-        whole = len(self.audio) + len(self.clip_audio)
+        whole = len(AUDIO) + len(CLIP)
         directory = self.dir_file.read_bytes()
         # The edits of a file that is gone would go to whatever takes its name.
         other, left = self.dir / "b.mp3", self.dir / "b.DIR"
         shutil.copy(self.dir_file, left)
         for command in (("read", self.clip, "-o", other), ("record", "--new", other),
                         ("edit", self.clip, "read", "1s", other), ("map", self.clip, "--svg", other)):
-            run = self.host(*command, code=1, stdin=self.clip_audio)
+            run = self.host(*command, code=1, input=CLIP)
             self.assertIn(b"would be lost", run.stderr)
             self.assertFalse(other.exists())
-            self.host(*command, "--force", stdin=self.clip_audio)
+            self.host(*command, "--force", input=CLIP)
             self.assertTrue(other.exists())
             self.assertEqual(left.with_name("b.DIR.bad").read_bytes(), directory)
             left.with_name("b.DIR.bad").rename(left)
@@ -158,26 +124,26 @@ class HostTest(unittest.TestCase):
             self.host("read", self.file, "-o", self.dir / place)
         for command in (("read", self.clip, "--from", "1h", "-o", "out"),
                         ("record", self.clip, "--at", "1h")):
-            run = self.host(*command, stdin=self.clip_audio)
+            run = self.host(*command, input=CLIP)
             self.assertIn(b"is beyond the end of", run.stderr)
         text = self.host("edit", "--backup", self.file, "seek", 300, "delete", 1000).stdout.decode()
         self.assertIn("did not close: 2 blocks in", text)
-        closed = len(audio_of(self.file))  # in whole frames
+        closed = self.file.stat().st_size - len(HEAD + TAIL)  # in whole frames
         self.assertNotEqual(closed, whole - 1000)
         self.assertIn(f"({closed} bytes)", text.splitlines()[-1])
         self.assertEqual((self.dir / "a.kept" / "a.DIR").read_bytes(), directory)
         self.host("edit", "--force", self.file, "delete", "1h")
 
     def test_snapped_places(self):
-        begin, end = (frame_border(self.audio, place) for place in (3209, 6209))
+        begin, end = (border(place) for place in (3209, 6209))
         done = self.json("edit", "--snap", self.file, "seek", begin + 100, "delete", end - begin - 90,
                          "seek", "1h")["operations"]
         self.assertEqual([each.get("snapped", 0) for each in done], [-100, 90, 0])
-        self.assertEqual(self.host("read", self.file).stdout, self.audio[:begin] + self.audio[end:])
+        self.assertEqual(self.host("read", self.file).stdout, AUDIO[:begin] + AUDIO[end:])
 
     def test_positions(self):
         long_file = self.dir / "long.mp3"  # more than an hour, 3000 bytes a second
-        piece = audio_of(SAMPLES / "speech-16k-mono.mp3")
+        piece = sample("speech-16k-mono")
         long_file.write_bytes(piece * (12_000_000 // len(piece)))
         good = {"0": 0, "12345": 12345, "750ms": 2250, "0.5ms": 1, "62.5s": 187500, "2s": 6000,
                 "1:02.5": 187500, "0:00.001": 3, "1:02:03.5": 11170500, "1m30s": 270000,
@@ -198,28 +164,28 @@ class HostTest(unittest.TestCase):
     # ---- Editing ----
 
     def test_insert_in_the_middle(self):
-        at = frame_border(self.audio, len(self.audio) // 2)
-        clip = self.clip_audio * (700_000 // len(self.clip_audio) + 1)  # goes in piece by piece
+        at = border(len(AUDIO) // 2)
+        clip = CLIP * (700_000 // len(CLIP) + 1)  # goes in piece by piece
         self.clip.write_bytes(clip)
-        expected = self.audio[:at] + clip + self.audio[at:]
+        expected = AUDIO[:at] + clip + AUDIO[at:]
         edit = self.json("edit", self.file, "map", "seek", at, "insert", self.clip, "show", "map",
                          "seek", 0, "read", "4294967295", "all")
         before, _, insert, show, after, *_ = edit["operations"]
-        self.assertEqual([block["size"] for block in before["blocks"]], [len(self.audio)])
+        self.assertEqual([block["size"] for block in before["blocks"]], [len(AUDIO)])
         self.assertEqual((insert["from"], insert["bytes"]), (at, len(clip)))
         self.assertEqual(show["position"]["bytes"], at + len(clip))
         self.assertEqual(show["dictation"]["bytes"], len(expected))
-        size, first = len(self.original), len(self.head)
+        size, first = len(TAGGED), len(HEAD)
         columns = ("state", "file_from", "file_to", "dictation_from", "dictation_to", "size")
         self.assertEqual([tuple(block[key] for key in columns) for block in after["blocks"]], [
             ("live", first, first + at, 0, at, at),
             ("live", size, size + len(clip), at, at + len(clip), len(clip)),
-            ("live", first + at, first + len(self.audio), at + len(clip), len(expected),
-             len(self.audio) - at)])
+            ("live", first + at, first + len(AUDIO), at + len(clip), len(expected),
+             len(AUDIO) - at)])
         self.assertTrue(after["current"])
         self.assertEqual((self.dir / "all").read_bytes(), expected)
         self.assertEqual(edit["closed"], {"status": 0, "name": "FFD_NOERROR"})
-        self.assertEqual(self.file.read_bytes(), self.head + expected + self.tail)
+        self.assertEqual(self.file.read_bytes(), HEAD + expected + TAIL)
         self.assertFalse(self.dir_file.exists())
 
     def test_overwrite_delete_undo_restore(self):
@@ -227,9 +193,9 @@ class HostTest(unittest.TestCase):
             "edit", self.file, "seek", 1000, "overwrite", self.clip, "seek", 1000, "read", "1000",
             "over", "store", "delete", 300, "delete", 500, "undo", "map", "restore", "map", "show")
         done = edit["operations"]
-        length = max(len(self.audio), 1000 + len(self.clip_audio))
-        self.assertEqual(done[1]["replaced"], min(len(self.clip_audio), len(self.audio) - 1000))
-        self.assertEqual((self.dir / "over").read_bytes(), self.clip_audio[:1000])
+        length = max(len(AUDIO), 1000 + len(CLIP))
+        self.assertEqual(done[1]["replaced"], min(len(CLIP), len(AUDIO) - 1000))
+        self.assertEqual((self.dir / "over").read_bytes(), CLIP[:1000])
         self.assertEqual([done[i]["deleted"]["bytes"] for i in (5, 6)], [300, 500])
         self.assertEqual(done[7]["brought_back"]["bytes"], 500)
         states = [block["state"] for block in done[8]["blocks"]]
@@ -247,10 +213,10 @@ class HostTest(unittest.TestCase):
         self.assertEqual([each["op"] for each in edit["operations"]], ["insert", "undo"])
         self.assertEqual(edit["closed"]["status"], 0)
         self.assertEqual(self.file.read_bytes(),
-                         self.head + self.clip_audio + self.audio + self.tail)
+                         HEAD + CLIP + AUDIO + TAIL)
 
     def test_crash(self):
-        at = frame_border(self.audio, 3000)
+        at = border(3000)
         run = self.host("--json", "edit", self.file, "seek", at, "insert", self.clip, "crash",
                         "delete", 5000, code=3)
         self.assertTrue(json.loads(run.stdout)["crashed"])
@@ -259,7 +225,7 @@ class HostTest(unittest.TestCase):
         left = self.json("map", self.file)
         self.assertTrue(left["edited"])
         self.assertEqual([block["size"] for block in left["blocks"]],
-                         [at, len(self.clip_audio), len(self.audio) - at])
+                         [at, len(CLIP), len(AUDIO) - at])
         # As an interrupted close leaves it: reading points to the open that mends the file.
         self.file.rename(self.dir / "12345.MP3")
         for command in ("info", "map", "read"):
@@ -267,7 +233,7 @@ class HostTest(unittest.TestCase):
         (self.dir / "12345.MP3").rename(self.file)
         self.json("edit", self.file, "show")
         self.assertEqual(self.host("read", self.file).stdout,
-                         self.audio[:at] + self.clip_audio + self.audio[at:])
+                         AUDIO[:at] + CLIP + AUDIO[at:])
         self.assertFalse(self.dir_file.exists())
         self.assertNotIn(b"interrupted", self.host("info", self.file).stderr)
         (self.dir / "a.CLM").write_bytes(b"")
@@ -275,11 +241,11 @@ class HostTest(unittest.TestCase):
             self.assertIn(b"a close was interrupted", self.host(command, self.file).stderr)
 
     def test_interrupt(self):
-        at = frame_border(self.audio, 3000)
+        at = border(3000)
         temp = self.dir / "temp"
         temp.mkdir()
         for stop in signal.SIGINT, signal.SIGTERM, signal.SIGHUP:
-            self.file.write_bytes(self.original)
+            self.file.write_bytes(TAGGED)
             run = subprocess.Popen([HOST, "edit", self.file, "seek", str(at)] +
                                    ["insert", self.clip] * 4000, cwd=self.dir,
                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE,
@@ -292,13 +258,13 @@ class HostTest(unittest.TestCase):
             self.assertIn(b"interrupted: the edits so far are kept", said)
             self.host("edit", self.file, "show")
             after = self.host("read", self.file).stdout
-            inserts, rest = divmod(len(after) - len(self.audio), len(self.clip_audio))
+            inserts, rest = divmod(len(after) - len(AUDIO), len(CLIP))
             self.assertEqual(rest, 0)
             self.assertGreaterEqual(inserts, 3)  # two of the lines tell of the open and the seek
-            self.assertEqual(after, self.audio[:at] + self.clip_audio * inserts + self.audio[at:])
+            self.assertEqual(after, AUDIO[:at] + CLIP * inserts + AUDIO[at:])
 
     def test_standard_input_and_output(self):
-        at = frame_border(self.audio, 3000)
+        at = border(3000)
         temp = self.dir / "temp"
         temp.mkdir()
         run = subprocess.run([HOST, "edit", self.file, "seek", str(at), "insert", "-"],
@@ -306,7 +272,7 @@ class HostTest(unittest.TestCase):
                              env={**os.environ, "TMPDIR": str(temp)})
         self.assertEqual((run.returncode, list(temp.iterdir())), (0, []), run.stderr)
         self.assertEqual(self.host("read", self.file, "-o", "-").stdout,
-                         self.audio[:at] + self.clip_audio + self.audio[at:])
+                         AUDIO[:at] + CLIP + AUDIO[at:])
 
     def on_terminal(self, stream, *arguments, **environment):
         """What a terminal of 61 columns gets to see of one of the two streams."""
@@ -337,7 +303,7 @@ class HostTest(unittest.TestCase):
                 (b"\xff\xc0\xaf\xed\xa0\x80\xc3\xa4.mp3",
                  rb"\xFF\xC0\xAF\xED\xA0\x80" b"\xc3\xa4.mp3")):
             path = os.fsencode(self.dir) + b"/" + name
-            pathlib.Path(os.fsdecode(path)).write_bytes(self.audio)
+            pathlib.Path(os.fsdecode(path)).write_bytes(AUDIO)
             pathlib.Path(os.fsdecode(path[:-4] + b".CLM")).write_bytes(b"")
             for json_flag in ((), ("--json",)):
                 run = subprocess.run([HOST, *json_flag, "info", "--", name], capture_output=True,
@@ -359,7 +325,7 @@ class HostTest(unittest.TestCase):
 
     def edit_for_a_map(self):
         """Inserts the clip at 24000 and deletes 2000 bytes at 10000: of 96966 bytes, 94966 play."""
-        self.file.write_bytes(self.original + self.clip_audio)
+        self.file.write_bytes(TAGGED + CLIP)
         self.dir_file.write_bytes(entry(1, 0, 10000) + entry(11, 10000, 12000) +
                                   entry(1, 12000, 24000) + entry(1, 80585, 97094) +
                                   entry(1, 24000, 80457))
@@ -390,7 +356,7 @@ class HostTest(unittest.TestCase):
             self.assertEqual(root.findtext(SVG + "title"), f"Map of {shown}.mp3")
             self.assertIn("ID3v1 1.1, 128 bytes", [each.text for each in root.iter(SVG + "text")])
         self.dir_file.unlink()
-        self.file.write_bytes(self.original)
+        self.file.write_bytes(TAGGED)
         self.assertEqual(self.picture("a.mp3", 1, 1)[:3], (["old"], ["old"], ["block 0"]))
         self.assert_untouched()
 
@@ -420,20 +386,20 @@ class HostTest(unittest.TestCase):
     # ---- Files of parts ----
 
     def test_split_and_join(self):
-        length = frame_border(self.audio, 300)
-        info = self.audio[:4] + bytes(9) + b"Info" + bytes(length - 17)
-        self.file.write_bytes(self.head + info + self.audio[length:] + self.tail)
+        length = border(300)
+        info = AUDIO[:4] + bytes(9) + b"Info" + bytes(length - 17)
+        self.file.write_bytes(HEAD + info + AUDIO[length:] + TAIL)
         original = self.file.read_bytes()
-        places = [frame_border(self.audio, place) for place in (length, 8000, 24100)]
-        places += [frame_border(self.audio, len(self.audio) - 2999), len(self.audio)]
+        places = [border(place) for place in (length, 8000, 24100)]
+        places += [border(len(AUDIO) - 2999), len(AUDIO)]
         parts = self.json("split", self.file, places[1] + 100, "+2s",
-                          f"end-{len(self.audio) - places[3]}")["parts"]
+                          f"end-{len(AUDIO) - places[3]}")["parts"]
         names = [f"a-{number}.mp3" for number in range(1, 5)]
         self.assertEqual([os.path.basename(part["file"]) for part in parts], names)
         for name, begin, end in zip(names, places, places[1:]):
-            self.assertEqual((self.dir / name).read_bytes(), self.audio[begin:end], name)
+            self.assertEqual((self.dir / name).read_bytes(), AUDIO[begin:end], name)
         joined = self.json("join", "new.mp3", self.file, *names)
-        audio = self.audio[length:]
+        audio = AUDIO[length:]
         self.assertEqual((self.dir / "new.mp3").read_bytes(), audio + audio)
         self.assertEqual(joined["dictation"]["bytes"], len(audio) * 2)
         self.host("split", self.file, *range(8000, 76000, 8000), "-o", self.dir / "p")
@@ -441,13 +407,13 @@ class HostTest(unittest.TestCase):
         self.assertEqual((self.dir / "new.mp3").read_bytes(), audio)
         self.assertEqual(len(list(self.dir.glob("p-??.mp3"))), 10)
         # A last frame that is cut off is in no part.
-        self.clip.write_bytes(self.clip_audio[:-100])
+        self.clip.write_bytes(CLIP[:-100])
         self.json("join", "--force", "new.mp3", self.clip)
-        self.assertTrue(self.clip_audio.startswith((self.dir / "new.mp3").read_bytes()))
-        self.assertIn(len(self.clip_audio) - (self.dir / "new.mp3").stat().st_size, (208, 209))
+        self.assertTrue(CLIP.startswith((self.dir / "new.mp3").read_bytes()))
+        self.assertIn(len(CLIP) - (self.dir / "new.mp3").stat().st_size, (208, 209))
 
-        self.copy("speech-44k-stereo.mp3", "other.mp3")
-        edited = self.copy("speech-16k-mono.mp3", "edited.mp3")
+        self.copy("speech-44k-stereo", "other.mp3")
+        edited = self.copy("speech-16k-mono", "edited.mp3")
         self.host("edit", edited, "delete", 500, "crash", code=3)
         before = {path: path.read_bytes() for path in self.dir.iterdir()}
         for arguments, words, code in (
@@ -500,14 +466,14 @@ class HostTest(unittest.TestCase):
             self.assertFalse(self.json("map", self.file)["edited"], unused[:24])
 
     def test_clips_of_another_format(self):
-        other = self.copy("speech-44k-stereo.mp3", "other.mp3")
+        other = self.copy("speech-44k-stereo", "other.mp3")
         said = self.host("edit", self.file, "insert", other, code=1).stderr.decode()
         for words in ("insert failed", str(other), "FFD_NOT_SUPPORTED (19)", "44100 Hz",
                       "128 kbit/s", "--force"):
             self.assertIn(words, said)
         forced = self.host("edit", "--force", self.file, "insert", other, "crash", code=3)
         self.assertIn(b"does not fit", forced.stderr)
-        self.assertEqual(self.file.read_bytes(), self.original + audio_of(other))
+        self.assertEqual(self.file.read_bytes(), TAGGED + sample("speech-44k-stereo"))
 
 
 if __name__ == "__main__":

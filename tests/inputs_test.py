@@ -3,20 +3,15 @@ program, FFD_SAMPLES the directory of the samples. Runs as root where a second u
 
 import json
 import os
-import pathlib
 import resource
 import shutil
 import signal
-import struct
 import subprocess
-import tempfile
 import time
 import unittest
 import zlib
 
-HOST = os.environ["FFDHOST"]
-SAMPLES = pathlib.Path(os.environ["FFD_SAMPLES"])
-NOBODY = 65534
+from sandbox import AS_ROOT, HOST, NOBODY, Sandbox, entry
 
 READERS = ("info {}", "map {}", "read {} -o out", "split {} 1s", "join out {}")
 WRITERS = ("edit {} show", "record {}", "recover {}")
@@ -76,30 +71,15 @@ TABLE = [(command.format(name), 1, f"{name}: {words}") for commands, name, words
 ]
 
 
-class InputsTest(unittest.TestCase):
+class InputsTest(Sandbox):
     def setUp(self):
-        temporary = tempfile.TemporaryDirectory()
-        self.addCleanup(temporary.cleanup)
-        self.dir = pathlib.Path(temporary.name)
-        self.dir.chmod(0o755)
-        for sample, name in (("speech-22k-mono-tagged", "a"), ("insert-22k-mono", "clip"),
-                             ("speech-vbr", "vbr"), ("speech-44k-stereo", "other")):
-            shutil.copy(SAMPLES / f"{sample}.mp3", self.dir / f"{name}.mp3")
+        super().setUp()
+        for name, new_name in (("speech-22k-mono-tagged", "a"), ("insert-22k-mono", "clip"),
+                               ("speech-vbr", "vbr"), ("speech-44k-stereo", "other")):
+            self.copy(name, f"{new_name}.mp3")
 
     def host(self, *words, code=0, **options):
-        run = subprocess.run([HOST, *words], cwd=self.dir, stdin=subprocess.DEVNULL, capture_output=True,
-                             text=True, timeout=60, **options)
-        self.assertEqual(run.returncode, code, (words, run.stdout[-600:], run.stderr[-600:]))
-        return run
-
-    def busy(self, name):
-        """A recorder that has the file open."""
-        recorder = subprocess.Popen([HOST, "record", name], cwd=self.dir, stdin=subprocess.PIPE,
-                                    stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        self.addCleanup(recorder.communicate)
-        while not (self.dir / name).with_suffix(".DIR").exists():
-            self.assertIsNone(recorder.poll())
-        return recorder
+        return super().host(*words, code=code, stdin=subprocess.DEVNULL, text=True, **options)
 
     def seen(self):
         """What is in the folder; of the files a sum."""
@@ -110,7 +90,7 @@ class InputsTest(unittest.TestCase):
         copy = self.dir / "a.mp3"
         for name in ("busy", "left", "linked", "piped", "secret"):
             shutil.copy(copy, self.dir / f"{name}.mp3")
-        (self.dir / "left.DIR").write_bytes(struct.pack("<3I", 1, 0, 9000))
+        (self.dir / "left.DIR").write_bytes(entry(1, 0, 9000))
         (self.dir / "linked.DIR").symlink_to("a.mp3")
         (self.dir / "secret.mp3").chmod(0o600)
         (self.dir / "text.mp3").write_text("no frame in here\n" * 100)
@@ -149,7 +129,7 @@ class InputsTest(unittest.TestCase):
         (folder / "lost.mp3").symlink_to("nowhere")
         (folder / "notes.txt").write_text("no sound")
         # Without their sound files, as an interrupted close may leave them.
-        (folder / "gone.DIR").write_bytes(struct.pack("<3I", 1, 0, 9000))
+        (folder / "gone.DIR").write_bytes(entry(1, 0, 9000))
         (folder / "closed.CLM").write_bytes(bytes(32) + b"closed.Mp3" + bytes(250))
         document = json.loads(self.host("--json", "info", "clip.mp3", "folder", "none.mp3", "a.mp3",
                                         code=1).stdout)
@@ -170,7 +150,7 @@ class InputsTest(unittest.TestCase):
         self.assertEqual(self.host("check", "empty").stdout.split(), ["Files", "0"])
         self.assertNotIn("Files", self.host("check", "a.mp3").stdout)
 
-    @unittest.skipUnless(os.geteuid() == 0, "needs a second user")
+    @AS_ROOT
     def test_check_without_permission(self):
         """All that can be read is told: in a folder, and of a file, that may not be written."""
         as_nobody = {"user": NOBODY, "group": NOBODY}

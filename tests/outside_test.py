@@ -2,33 +2,22 @@
 decode it, ffprobe counts its frames, mp3val and mp3check look for anything out of place. FFDHOST
 names the host, FFD_SAMPLES the directory of the samples."""
 
-import os
-import pathlib
 import re
 import shutil
 import subprocess
-import tempfile
 import unittest
 
-HOST = os.environ["FFDHOST"]
-SAMPLES = pathlib.Path(os.environ["FFD_SAMPLES"])
+from sandbox import SAMPLES, Sandbox, frames_of, sample
 
 
 class Format:
     """A sample, taken apart into head, frames and tail by its constant frame length."""
 
-    def __init__(self, name, frame_bytes):
-        self.name, self.frame_bytes = name, frame_bytes
-        data = (SAMPLES / name).read_bytes()
-        start = 10 + (data[8] << 7 | data[9]) if data[:3] == b"ID3" else 0
-        end = len(data) - (128 if data[-128:-125] == b"TAG" else 0)
-        self.head, self.tail = data[:start], data[end:]
-        self.frames = []
-        while start < end:
-            assert data[start] == 0xFF, (name, start)
-            following = start + frame_bytes + (data[start + 2] >> 1 & 1)
-            self.frames.append(data[start:following])
-            start = following
+    def __init__(self, name, frame_bytes, head, tail):
+        self.name, data = name, sample(name)
+        end = len(data) - tail
+        self.head, self.tail = data[:head], data[end:]
+        self.frames = list(frames_of(data[head:end], frame_bytes))
 
     def border(self, frame):
         """The dictation position of a frame."""
@@ -36,28 +25,25 @@ class Format:
 
 
 FORMATS = [
-    Format("speech-22k-mono-tagged.mp3", 208),
-    Format("speech-44k-stereo.mp3", 417),
-    Format("speech-16k-mono.mp3", 108),
+    Format("speech-22k-mono-tagged", 208, 202, 128),
+    Format("speech-44k-stereo", 417, 0, 0),
+    Format("speech-16k-mono", 108, 0, 0),
 ]
 
 
-class OutsideTest(unittest.TestCase):
+class OutsideTest(Sandbox):
     def setUp(self):
-        temporary = tempfile.TemporaryDirectory()
-        self.addCleanup(temporary.cleanup)
-        self.dir = pathlib.Path(temporary.name)
+        super().setUp()
         self.file = self.dir / "a.mp3"
 
-    def edit(self, sample, *operations):
-        shutil.copy(SAMPLES / sample.name, self.file)
-        subprocess.run([HOST, "edit", self.file, *map(str, operations)], check=True,
-                       capture_output=True)
+    def edit(self, form, *operations):
+        self.copy(form.name, "a.mp3")
+        self.host("edit", self.file, *operations)
         self.assertEqual(sorted(p.name for p in self.dir.glob("a.*")), ["a.mp3"])
 
-    def clip(self, sample, first, last):
+    def clip(self, form, first, last):
         path = self.dir / "clip.mp3"
-        path.write_bytes(b"".join(sample.frames[first:last]))
+        path.write_bytes(b"".join(form.frames[first:last]))
         return path
 
     def judge(self, frame_count):
@@ -85,50 +71,48 @@ class OutsideTest(unittest.TestCase):
         self.assertEqual((lines, check.stderr), ([], ""))
 
     def test_edits_at_frame_borders(self):
-        for sample in FORMATS:
-            with self.subTest(sample.name):
-                clip = self.clip(sample, 10, 30)
-                self.edit(sample, "seek", sample.border(50), "insert", clip,
-                          "seek", sample.border(20), "delete", sample.border(30) - sample.border(20),
+        for form in FORMATS:
+            with self.subTest(form.name):
+                clip = self.clip(form, 10, 30)
+                self.edit(form, "seek", form.border(50), "insert", clip,
+                          "seek", form.border(20), "delete", form.border(30) - form.border(20),
                           "seek", 0, "overwrite", clip)
-                frames = sample.frames
+                frames = form.frames
                 # 20 frames inserted, 10 deleted; an overwrite takes as many bytes as it brings,
                 # and frames differ by a byte of padding.
                 kept = (frames[10:30] + frames[30:50] + frames[10:30] + frames[50:])
                 data = self.file.read_bytes()
-                self.assertEqual(data[:len(sample.head)], sample.head)
-                self.assertEqual(data[len(data) - len(sample.tail):], sample.tail)
-                audio = data[len(sample.head):len(data) - len(sample.tail)]
+                self.assertEqual(data[:len(form.head)], form.head)
+                self.assertEqual(data[len(data) - len(form.tail):], form.tail)
+                audio = data[len(form.head):len(data) - len(form.tail)]
                 self.assertTrue(audio.endswith(b"".join(kept[-100:])))
                 self.judge(len(kept))
 
     def test_edits_inside_frames_leave_whole_frames(self):
-        for sample in FORMATS:
-            with self.subTest(sample.name):
-                clip = self.clip(sample, 5, 25)
+        for form in FORMATS:
+            with self.subTest(form.name):
+                clip = self.clip(form, 5, 25)
                 one, two = 20, 41
-                begin, end = sample.border(two) + 33, sample.border(two + 2) + 57
-                self.edit(sample, "seek", begin, "delete", end - begin,
-                          "seek", sample.border(one) + 77, "insert", clip)
-                frames = sample.frames
+                begin, end = form.border(two) + 33, form.border(two + 2) + 57
+                self.edit(form, "seek", begin, "delete", end - begin,
+                          "seek", form.border(one) + 77, "insert", clip)
+                frames = form.frames
                 expected = (frames[:one + 1] + frames[5:25] + frames[one + 1:two + 1]
                             + frames[two + 3:])
                 self.assertEqual(self.file.read_bytes(),
-                                 sample.head + b"".join(expected) + sample.tail)
+                                 form.head + b"".join(expected) + form.tail)
                 self.judge(len(expected))
 
     def test_a_crash_and_what_the_next_close_makes_of_it(self):
-        for sample in FORMATS:
-            with self.subTest(sample.name):
-                shutil.copy(SAMPLES / sample.name, self.file)
-                clip = self.clip(sample, 0, 15)
-                crash = subprocess.run([HOST, "edit", self.file, "seek", str(sample.border(33)),
-                                        "insert", clip, "crash"], capture_output=True)
-                self.assertEqual(crash.returncode, 3)
-                subprocess.run([HOST, "edit", self.file, "show"], check=True, capture_output=True)
-                expected = sample.frames[:33] + sample.frames[:15] + sample.frames[33:]
+        for form in FORMATS:
+            with self.subTest(form.name):
+                self.copy(form.name, "a.mp3")
+                clip = self.clip(form, 0, 15)
+                self.host("edit", self.file, "seek", form.border(33), "insert", clip, "crash", code=3)
+                self.host("edit", self.file, "show")
+                expected = form.frames[:33] + form.frames[:15] + form.frames[33:]
                 self.assertEqual(self.file.read_bytes(),
-                                 sample.head + b"".join(expected) + sample.tail)
+                                 form.head + b"".join(expected) + form.tail)
                 self.judge(len(expected))
 
     def test_info_frames_of_encoders(self):
@@ -136,8 +120,7 @@ class OutsideTest(unittest.TestCase):
         source = SAMPLES / "insert-22k-mono.mp3"
 
         def host(*arguments):
-            return subprocess.run([HOST, *map(str, arguments)], check=True,
-                                  capture_output=True).stdout
+            return self.host(*arguments).stdout
 
         for encoder in (("lame", "--quiet", "--cbr", "-b", "64", source),
                         ("ffmpeg", "-v", "error", "-y", "-i", source, "-b:a", "64k",

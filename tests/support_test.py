@@ -8,22 +8,14 @@ import random
 import shutil
 import struct
 import subprocess
-import tempfile
 import unittest
 import zlib
 
 from json_page import Page
+from sandbox import AUDIO, HOST, SAMPLES, TAGGED, Sandbox, entry, frames_of, sample
 
-HOST = os.environ["FFDHOST"]
-SAMPLES = pathlib.Path(os.environ["FFD_SAMPLES"])
-TAGGED = (SAMPLES / "speech-22k-mono-tagged.mp3").read_bytes()  # 202 bytes of tag, 128 of tag
-AUDIO = TAGGED[202:-128]
-STEREO = (SAMPLES / "speech-44k-stereo.mp3").read_bytes()
+STEREO = sample("speech-44k-stereo")
 NAME = "1795385906.MP3"
-
-
-def entry(status, start, end, reserved=0):
-    return struct.pack("<BBHII", status, reserved, 0, start, end)
 
 
 def fingerprint(data):
@@ -42,11 +34,10 @@ def marker(old, new, sound="a.mp3", rebuilt=NAME):
     return b"XKIVCLM1" + struct.pack("<I", zlib.crc32(rest)) + rest
 
 
-class SupportTest(unittest.TestCase):
+class SupportTest(Sandbox):
     def setUp(self):
-        temporary = tempfile.TemporaryDirectory()
-        self.addCleanup(temporary.cleanup)
-        self.root = pathlib.Path(temporary.name)
+        super().setUp()
+        self.root = self.dir
         self.dir = self.root / "folder"
         self.clip = shutil.copy(SAMPLES / "insert-22k-mono.mp3", self.root / "clip.mp3")
 
@@ -285,43 +276,40 @@ class SupportTest(unittest.TestCase):
     # ---- The file itself ----
 
     def test_frames(self):
-        frames = [AUDIO[:208]]
-        while len(frames) < 12:
-            at = sum(map(len, frames))
-            frames.append(AUDIO[at:at + 208 + (AUDIO[at + 2] >> 1 & 1)])
+        frames = list(frames_of(AUDIO))[:12]
         ten, more = b"".join(frames[:10]), b"".join(frames[10:])
         at = len(ten)
         stereo = STEREO[:417 + (STEREO[2] >> 1 & 1)]
         slower = ten[:2] + bytes((ten[2] & 0x0D | 0x70,)) + ten[3:182]  # 56 kbit/s
         two_channels = ten[:3] + b"\0" + ten[4:208]
 
-        def frames_of(data, verdict):
+        def walked(data, verdict):
             return self.agree({"a.mp3": data}, verdict)["sound"]["frames"]
 
-        self.assertEqual(frames_of(TAGGED, "sound")["file_from"], 202)
-        vbr = frames_of(ten + slower + more, "refused")
+        self.assertEqual(walked(TAGGED, "sound")["file_from"], 202)
+        vbr = walked(ten + slower + more, "refused")
         self.assertEqual(vbr["bitrates"], [{"bitrate": 56, "frames": 1},
                                            {"bitrate": 64, "frames": 12}])
         self.assertEqual(vbr["different"], {"count": 1, "first": {
             "number": 11, "file_offset": at, "differences": [
                 {"what": "bitrate", "expected": "64 kbit/s", "found": "56 kbit/s"}]}})
-        mixed = frames_of(ten + stereo + more, "bytes_between_frames")
+        mixed = walked(ten + stereo + more, "bytes_between_frames")
         self.assertEqual(mixed["different"]["first"]["number"], 11)
         self.assertEqual([each["what"] for each in mixed["different"]["first"]["differences"]],
                          ["MPEG version", "sampling rate", "bitrate", "channels"])
         self.assertEqual(mixed["gaps"], {"count": 1, "bytes": len(stereo), "first": {
             "kind": "frames of another kind", "file_offset": at, "size": len(stereo)}})
-        self.assertEqual(frames_of(ten + two_channels + more, "sound")["different"]["count"], 1)
-        gaps = frames_of(TAGGED[:202] + ten + b"TAG" + bytes(125) + more + b"noise" + ten,
-                         "bytes_between_frames")["gaps"]
+        self.assertEqual(walked(ten + two_channels + more, "sound")["different"]["count"], 1)
+        gaps = walked(TAGGED[:202] + ten + b"TAG" + bytes(125) + more + b"noise" + ten,
+                      "bytes_between_frames")["gaps"]
         self.assertEqual(gaps, {"count": 2, "bytes": 133, "first": {
             "kind": "ID3v1 tag", "file_offset": 202 + at, "size": 128}})
         for tail, by_tag in ((b"", False), (b"TAG" + bytes(125), True)):
-            cut = frames_of(ten + frames[10][:150] + tail, "last_frame_cut")["cut"]
+            cut = walked(ten + frames[10][:150] + tail, "last_frame_cut")["cut"]
             self.assertEqual(cut, {"number": 11, "file_offset": at, "by_tag": by_tag,
                                    "missing_bytes": len(frames[10]) - 150})
         info = ten[:4] + bytes(9) + b"Info\0\0\0\1\0\0\3\xe7" + ten[25:]
-        self.assertEqual(frames_of(info, "sound")["info_frame"],
+        self.assertEqual(walked(info, "sound")["info_frame"],
                          {"kind": "Info", "frames": 999, "bytes": None, "wrong": True})
         # Counts that edits are about to change are left to the close.
         self.make({"a.mp3": info, "a.DIR": entry(1, 0, 300)})
@@ -332,7 +320,7 @@ class SupportTest(unittest.TestCase):
     def test_what_is_refused(self):
         tag = b"ID3\4\0\0\0\0\0\x05" + bytes(5)
         for files, status in (
-                ({"a.mp3": (SAMPLES / "speech-vbr.mp3").read_bytes()}, 19),
+                ({"a.mp3": sample("speech-vbr")}, 19),
                 ({"a.mp3": b"no frame"}, 9), ({"a.mp3": b""}, 9), ({"a.mp3": AUDIO[:4]}, 9),
                 ({"a.mp3": b"ID3\3\0\0\x7f\x7f\x7f\x7f" + AUDIO}, 26), ({"a.mp3": tag}, 26),
                 ({"a.mp3": tag + b"ID"}, 26), ({"a.mp3": tag + b"x"}, 9),
