@@ -54,20 +54,9 @@ void add_rule(Rule const& rule) {
     g_state.rules[g_state.ruleCount++] = rule;
 }
 
-bool is_transfer(Call call) {
-    return call == Call::ReadFile || call == Call::WriteFile || call == Call::CopyBytes;
-}
-
 // Counts the call for the rule and tells whether the rule bites.
 bool applies(Rule& rule, Call call) {
-    if (rule.call != call && rule.call != Call::Any) {
-        return false;
-    }
-    if (rule.effect == Rule::Effect::Halve && !is_transfer(call)) {
-        return false;
-    }
-    ++rule.seen;
-    return rule.seen >= rule.nth && rule.seen - rule.nth < rule.times;
+    return rule.call == call && ++rule.seen >= rule.nth && rule.seen - rule.nth < rule.times;
 }
 
 // Counts a change of the disk that is about to be made, or ends the process in front of it.

@@ -40,7 +40,7 @@ enum class Call {
     GetNameIdentity,
     TestCompanion,
     CopyBytes,
-    Any // in a rule or a question: every kind above
+    Any // in a question: every kind above
 };
 
 // Forgets all rules, counts and the watcher, and the pretended free space.
@@ -55,7 +55,7 @@ void watch(void (*watcher)(Call));
 // The nth call from now on, and the `times` - 1 after it, does nothing and fails with the error.
 void fail(Call call, unsigned nth, DWORD dwError, unsigned times = 1);
 
-// The nth ReadFile, WriteFile or CopyBytes from now on (Any: of all) moves half of its bytes. A
+// The nth ReadFile, WriteFile or CopyBytes from now on moves half of its bytes. A
 // read then succeeds with the smaller count, as a copy does. A write fails with the error, or, with
 // 0, succeeds with the smaller count.
 void halve(Call call, unsigned nth, DWORD dwError);

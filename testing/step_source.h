@@ -112,7 +112,8 @@ private:
     }
 
     std::vector<Step> steps_from(Dictation const& dictation) const {
-        std::vector<Step> steps{{Kind::Undo}, {Kind::Store}, {Kind::Restore}, {Kind::Erase, 0, 0}};
+        std::vector<Step> steps{
+            {Kind::Undo}, {Kind::Store}, {Kind::Restore}, {Kind::Erase}, {Kind::Insert}};
         std::vector<uint32_t> const all = positions(dictation);
         for (size_t nFirst = 0; nFirst < all.size(); ++nFirst) {
             uint32_t const nAt = all[nFirst];

@@ -111,25 +111,6 @@ TEST_F(DirectoryTest, RecoveryFitsTheHighestBlockToTheFile) {
     }
 }
 
-TEST_F(DirectoryTest, AudioInPiecesThatAreNoFramesSurvivesACrash) {
-    std::string const audio = frames(10);
-    for (size_t nBytes : {50u, 96u, 150u, 4000u}) {
-        SCOPED_TRACE(nBytes);
-        for (std::string const& piece : {noise(nBytes), frames(50).substr(30, nBytes)}) {
-            write_file(m_sound, audio);
-            ASSERT_EQ(crash_after([&] {
-                          FFDHandle const handle = open(m_sound);
-                          EXPECT_EQ(insert(handle, 500, piece), 0u);
-                          EXPECT_EQ(erase(handle, 0, 100), 0u);
-                      }),
-                      0);
-            FFDHandle const handle = open(m_sound);
-            EXPECT_EQ(read_all(handle), audio.substr(100, 400) + piece + audio.substr(500));
-            close(handle);
-        }
-    }
-}
-
 TEST_F(DirectoryTest, AnAppendBehindATagIsFoundAgain) {
     // The appended block ends at 960 + 128 + 96; an end that equals the sum of all sizes by chance
     // (the 96 bytes in front of it) must not grow into it.

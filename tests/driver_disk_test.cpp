@@ -137,41 +137,6 @@ TEST_F(DiskTest, ACloseOnADiskThatIsNearlyFull) {
     EXPECT_GT(seen[6], 10u);
 }
 
-TEST_F(DiskTest, FilesAndFoldersThatCanNotBeWritten) {
-    std::string const audio = frames(10);
-    ASSERT_EQ(chmod(folder().c_str(), 0777), 0);
-    fs::create_directory(path("open"));
-    ASSERT_EQ(chmod(path("open").c_str(), 0777), 0);
-    fs::create_directory(path("shut"));
-    for (char const* pszName : {"open/readonly.mp3", "open/secret.mp3", "shut/a.mp3"}) {
-        write_file(path(pszName), audio);
-    }
-    ASSERT_EQ(chmod(path("open/readonly.mp3").c_str(), 0444), 0);
-    ASSERT_EQ(chmod(path("open/secret.mp3").c_str(), 0), 0);
-    ASSERT_EQ(chmod(path("shut").c_str(), 0555), 0);
-    OrdinaryUser const user;
-
-    struct {
-        char const* pszName;
-        FFDDesiredAccess access;
-        FFDError status;
-    } const rows[] = {
-        {"open/readonly.mp3", 1, 0}, {"open/readonly.mp3", 2, 29}, {"open/secret.mp3", 1, 29},
-        {"open/secret.mp3", 2, 29},  {"shut/a.mp3", 1, 0},         {"shut/a.mp3", 2, 29},
-    };
-    for (auto const& row : rows) {
-        SCOPED_TRACE(row.pszName);
-        FFDHandle const handle = open(path(row.pszName), row.access);
-        EXPECT_EQ(m_status, row.status);
-        if (handle != nullptr) {
-            EXPECT_TRUE(same_bytes(read_all(handle), audio));
-            close(handle);
-        }
-    }
-    EXPECT_FALSE(exists(path("shut/a.DIR")));
-    EXPECT_TRUE(same_bytes(read_file(path("open/readonly.mp3")), audio));
-}
-
 TEST_F(DiskTest, AFolderThatIsShutWhileAFileIsOpen) {
     ASSERT_EQ(chmod(folder().c_str(), 0777), 0);
     std::string const audio = frames(10);

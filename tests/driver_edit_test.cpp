@@ -93,13 +93,6 @@ TEST_F(EditTest, AReadOnlyFileRefusesEveryEdit) {
     EXPECT_THAT(listing(), ElementsAre("a.mp3"));
 }
 
-TEST_F(EditTest, AWriteOfNothingDoesNothing) {
-    FFDHandle const handle = open_with(m_sound, frames(10));
-    platform_faults::reset();
-    EXPECT_EQ(driver().WriteData(handle, 1, 0, nullptr), 0u);
-    EXPECT_EQ(platform_faults::count(platform_faults::Call::Any), 0u);
-}
-
 TEST_F(EditTest, AWriteThatFailsIsTakenBack) {
     using platform_faults::Call;
     std::string const audio = frames(10) + id3v1_tag();

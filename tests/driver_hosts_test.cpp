@@ -5,7 +5,6 @@
 #include <gmock/gmock.h>
 
 #include <csignal>
-#include <cstring>
 #include <functional>
 
 #include <dlfcn.h>

@@ -183,34 +183,4 @@ TEST_F(LimitsTest, AThousandFilesAtOnce) {
     EXPECT_EQ(listing().size(), nFiles);
 }
 
-// Each edit inside a block makes two entries more: 5461 after the last. Every other frame of the
-// old audio is left at the end, and new frames stand where some were.
-TEST_F(LimitsTest, ADirectoryFilledByEditsIsRebuilt) {
-    std::string const audio = frames(5461);
-    FFDHandle const handle = open_with(m_sound, audio);
-    std::string dictation;
-    uint32_t nAt = 0;
-    for (uint32_t nEdit = 0; nEdit < 2730; ++nEdit) {
-        nAt += 96;
-        std::string const piece = frames(1, 10 + nEdit);
-        dictation += audio.substr(size_t{nEdit} * 192, 96);
-        if (nEdit % 8 == 0) {
-            ASSERT_EQ(insert(handle, nAt, piece), 0u);
-            dictation += piece + audio.substr(size_t{nEdit} * 192 + 96, 96);
-            nAt += 192;
-        } else {
-            ASSERT_EQ(erase(handle, nAt, 96), 0u);
-        }
-    }
-    dictation += audio.substr(size_t{5460} * 96);
-    EXPECT_EQ(read_file(path("a.DIR")).substr(65532), std::string(4, '\0'));
-    EXPECT_EQ(read_file(path("a.DIR")).substr(65520, 4), std::string("\1\0\0\0", 4));
-    EXPECT_EQ(insert(handle, nAt + 10, noise(5)), 27u);
-    EXPECT_EQ(erase(handle, 10, 5), 27u);
-    EXPECT_TRUE(same_bytes(read_all(handle), dictation));
-    close(handle);
-    EXPECT_TRUE(same_bytes(read_file(m_sound), dictation));
-    EXPECT_THAT(listing(), ElementsAre("a.mp3"));
-}
-
 } // namespace

@@ -92,51 +92,6 @@ TEST_F(PlatformFaults, EveryKindFailsOnceWithItsErrorAndDoesNothing) {
     EXPECT_EQ(open_error(b, READ, 0), 2u);
 }
 
-TEST_F(PlatformFaults, TheNthAndThoseBehindItAndCounts) {
-    string worked;
-    char text[300];
-    fail(Call::GetTempPath, 2, 5, 2);
-    fail(Call::Any, 6, 5);
-    for (int i = 0; i < 5; ++i) {
-        worked += GetTempPathA(300, text) != 0 ? 'y' : 'n';
-    }
-    worked += GetSystemDirectoryA(text, 300) != 0 ? 'y' : 'n';
-    worked += GetSystemDirectoryA(text, 300) != 0 ? 'y' : 'n';
-    EXPECT_EQ(worked, "ynnyyny");
-    EXPECT_EQ(count(Call::GetTempPath), 5u);
-    EXPECT_EQ(count(Call::Any), 7u);
-    reset();
-    EXPECT_EQ(count(Call::Any), 0u);
-}
-
-TEST_F(PlatformFaults, HalfTransfersAndPretendedSpace) {
-    Opened const file(a, READ_WRITE, 0, 1);
-    DWORD moved = 0;
-    halve(Call::WriteFile, 1, 112);
-    halve(Call::Any, 2, 0);
-    EXPECT_FALSE(WriteFile(file, "0123456789", 10, &moved, nullptr));
-    EXPECT_EQ(GetLastError(), 112u);
-    EXPECT_EQ(moved, 5u);
-    EXPECT_TRUE(WriteFile(file, "abcd", 4, &moved, nullptr));
-    EXPECT_EQ(moved, 2u);
-    SetFilePointer(file, 0, nullptr, 0);
-    halve(Call::ReadFile, 2, 0);
-    EXPECT_EQ(read_text(file, 2), "01");
-    EXPECT_EQ(read_text(file, 4), "23");
-    EXPECT_EQ(read_text(file), "4ab");
-
-    ULARGE_INTEGER available{};
-    ULARGE_INTEGER all{};
-    ULARGE_INTEGER space{};
-    pretend_free_bytes(0x100000001);
-    EXPECT_TRUE(GetDiskFreeSpaceExA("/", &available, &all, &space));
-    EXPECT_EQ(available.QuadPart, 0x100000001u);
-    EXPECT_EQ(space.QuadPart, 0x100000001u);
-    reset();
-    EXPECT_TRUE(GetDiskFreeSpaceExA("/", &available, &all, &space));
-    EXPECT_NE(space.QuadPart, 0x100000001u);
-}
-
 struct Stopped {};
 
 TEST_F(PlatformFaults, StopsInFrontOfEveryChange) {
