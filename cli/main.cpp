@@ -13,7 +13,6 @@
 #include <algorithm>
 #include <exception>
 #include <functional>
-#include <iostream>
 
 namespace {
 

@@ -5,12 +5,10 @@
 #include "System.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <iomanip>
 #include <iostream>
-#include <string_view>
 #include <utility>
 
 namespace ffdhost {

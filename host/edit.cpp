@@ -6,7 +6,6 @@
 #include "EditOps.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <memory>
 
 namespace ffdhost {

@@ -5,7 +5,6 @@
 #include "console/System.h"
 
 #include <algorithm>
-#include <iterator>
 #include <limits>
 
 namespace ffdhost {

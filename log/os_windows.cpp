@@ -10,7 +10,6 @@
 
 #include <array>
 #include <cerrno>
-#include <cstring>
 
 namespace xkivlog::os {
 

@@ -14,7 +14,6 @@
 #include "platform/platform.h"
 
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>

@@ -5,7 +5,6 @@
 #include "platform/posix_errors.h"
 
 #include <array>
-#include <cerrno>
 #include <new>
 #include <sys/stat.h>
 #include <unistd.h>

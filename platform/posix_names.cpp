@@ -7,7 +7,6 @@
 #include "platform/posix_locks.h"
 
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>

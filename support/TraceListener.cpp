@@ -3,7 +3,6 @@
 #include "platform/dry_platform.h"
 
 #include <algorithm>
-#include <cstring>
 #include <string_view>
 
 namespace ffdhost {

@@ -6,7 +6,6 @@
 #include "MCI/KIVMP3/INTERNAL.h"
 #include "MCI/KIVMP3/Patience.h"
 
-#include <algorithm>
 #include <cstring>
 
 #define TRACE_MODULE "XKIVMP3.DLL"

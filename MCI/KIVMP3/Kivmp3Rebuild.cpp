@@ -6,7 +6,6 @@
 #include "MCI/KIVMP3/ReadAhead.h"
 
 #include <algorithm>
-#include <cstring>
 
 #define TRACE_MODULE "XKIVMP3.DLL"
 #include "log/trace.h"
