@@ -2,8 +2,11 @@
 // private file is private.
 #pragma once
 
+#include "System.h"
+
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -56,58 +59,53 @@ private:
     uint64_t m_size = 0;
 };
 
-// Where audio or a picture goes: a file, or standard output. All throw a Failure with
+// Where audio or a picture goes: a file, or standard output. A file gets its name when it is whole.
+// Until then it grows beside that, under the name and ".ffdpart", with a number if another program
+// is at work there; a stop of the program waits until that is removed. What has the name and is no
+// plain file, such as a device or a link, is written to as it is. All throw a Failure with
 // FFD_FILE_IO_ERROR.
 class OutputFile {
 public:
-    // An empty name is standard output. A file that is there is overwritten and keeps its
-    // permissions; a new one has those of `privateAs` at most.
-    OutputFile(std::string name, std::filesystem::path const& privateAs);
-
-    void write(std::span<uint8_t const> bytes);
-    // To be called after the last write: only then everything is known to be written.
-    void close();
-
-private:
-    friend class NewFile;
-    OutputFile(std::string name, Descriptor file)
-        : m_name(std::move(name)), m_file(std::move(file)) {}
-    [[noreturn]] void fail() const; // for the reason in errno
-
-    std::string m_name;
-    Descriptor m_file;
-};
-
-// A file that gets its name when it is whole. Until then it grows beside that, under the name and
-// ".part", with a number if that is taken. All throw a Failure with FFD_FILE_IO_ERROR.
-class NewFile {
-public:
-    // Nobody gets to read it who may not read all of `privateAs`.
-    NewFile(std::string name, std::vector<std::string> const& privateAs);
+    // An empty name is standard output. Nobody gets to read the file who may not read all of
+    // `privateAs`.
+    OutputFile(std::string name, std::vector<std::string> const& privateAs);
     // Removes what has not got its name.
-    ~NewFile();
-    NewFile(NewFile&& other) noexcept;
+    ~OutputFile();
+    OutputFile(OutputFile&& other) noexcept;
 
-    std::string const& name() const { return m_output.m_name; }
+    std::string const& name() const { return m_name; }
     std::string const& temporary() const { return m_temporary; }
 
-    void write(std::span<uint8_t const> bytes) { m_output.write(bytes); }
+    // Throws a Failure, too, if the program is to stop.
+    void write(std::span<uint8_t const> bytes);
     // Then all that was written is on the disk.
     void close();
     // Gives it its name. A file that has it is replaced, or else in the way.
     void publish(bool replace);
 
 private:
-    static constexpr int kMostLeft = 100; // of earlier ones that were killed
+    static constexpr int kMostAtWork = 100;
 
-    OutputFile m_output;
+    void make_temporary(std::vector<std::string> const& privateAs);
+    bool write_some(std::span<uint8_t const>& bytes) const; // takes them off; false: errno
+    [[noreturn]] void fail() const;                         // for the reason in errno
+
+    std::unique_ptr<HeldStop> m_stop; // while it has not got its name
+    std::string m_name;
     std::string m_temporary; // empty: it has its name
+    Descriptor m_file;
 };
 
 // ---- What each system has its own way for; errno tells why it fails ----------------------------
 
-// Makes a file that nobody gets to read who may not read all of `privateAs`.
+// Makes a file that nobody gets to read who may not read all of `privateAs`. As long as it is open
+// it is not abandoned.
 Descriptor make_file(std::string const& name, std::vector<std::string> const& privateAs);
+// Removes such a file of this user that nobody writes any more. False if it can't.
+bool remove_abandoned(std::string const& name);
+// Opens what is no plain file for writing; standard output without a name. None: a plain file, or
+// nothing there, or errno is not 0.
+Descriptor open_as_it_is(std::string const& name);
 bool flush(Descriptor const& file);
 bool move_file(std::string const& from, std::string const& to, bool replace);
 

@@ -17,6 +17,13 @@ namespace {
 
 char const* const kAccessList = "system.posix_acl_access";
 
+// Until it is closed, or the process is killed. False if another has it, or without one.
+bool claim(Descriptor const& file) {
+    struct flock all {};
+    all.l_type = F_WRLCK;
+    return fcntl(file.number(), F_OFD_SETLK, &all) == 0;
+}
+
 // Without O_NONBLOCK the open of a pipe would wait.
 int open_to_read(std::filesystem::path const& path, int flags) {
     return open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | flags);
@@ -107,6 +114,12 @@ std::vector<uint8_t> InputFile::read_at(uint64_t fileOffset, size_t size) const 
 
 Descriptor make_file(std::string const& name, std::vector<std::string> const& privateAs) {
     Descriptor file(open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    struct stat made {};
+    if (file.number() >= 0 && (!claim(file) || fstat(file.number(), &made) != 0 ||
+                               made.st_nlink == 0)) { // somebody took it for abandoned
+        errno = EEXIST;
+        return Descriptor();
+    }
     if (file.number() >= 0) {
         mode_t const mask = umask(077);
         umask(mask);
@@ -117,6 +130,13 @@ Descriptor make_file(std::string const& name, std::vector<std::string> const& pr
         let_in(file.number(), mode);
     }
     return file;
+}
+
+bool remove_abandoned(std::string const& name) {
+    Descriptor const file(open(name.c_str(), O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat status {};
+    return claim(file) && fstat(file.number(), &status) == 0 && S_ISREG(status.st_mode) &&
+           status.st_uid == geteuid() && unlink(name.c_str()) == 0;
 }
 
 bool flush(Descriptor const& file) {
@@ -139,29 +159,23 @@ bool move_file(std::string const& from, std::string const& to, bool replace) {
     return rename(from.c_str(), to.c_str()) == 0;
 }
 
-OutputFile::OutputFile(std::string name, std::filesystem::path const& privateAs)
-    : m_name(std::move(name)) {
-    if (m_name.empty()) {
-        return;
+Descriptor open_as_it_is(std::string const& name) {
+    errno = 0;
+    if (name.empty()) {
+        return Descriptor(dup(STDOUT_FILENO));
     }
-    m_file = make_file(m_name, {privateAs.string()});
-    if (m_file.number() < 0 && errno == EEXIST) {
-        m_file = Descriptor(open(m_name.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
+    struct stat status {};
+    if (lstat(name.c_str(), &status) != 0 || S_ISREG(status.st_mode)) {
+        errno = 0;
+        return Descriptor();
     }
-    if (m_file.number() < 0) {
-        fail();
-    }
+    return Descriptor(open(name.c_str(), O_WRONLY | O_TRUNC | O_NOCTTY | O_CLOEXEC));
 }
 
-void OutputFile::write(std::span<uint8_t const> bytes) {
-    int const file = m_name.empty() ? STDOUT_FILENO : m_file.number();
-    while (!bytes.empty()) {
-        ssize_t const count = ::write(file, bytes.data(), bytes.size());
-        if (count < 0 && errno != EINTR) {
-            fail();
-        }
-        bytes = bytes.subspan(count > 0 ? static_cast<size_t>(count) : 0);
-    }
+bool OutputFile::write_some(std::span<uint8_t const>& bytes) const {
+    ssize_t const count = ::write(m_file.number(), bytes.data(), bytes.size());
+    bytes = bytes.subspan(count > 0 ? static_cast<size_t>(count) : 0);
+    return count >= 0 || errno == EINTR;
 }
 
 } // namespace ffdhost

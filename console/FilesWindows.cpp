@@ -98,6 +98,13 @@ Descriptor make_file(std::string const& name, std::vector<std::string> const& /*
                              _S_IREAD | _S_IWRITE));
 }
 
+// Whoever writes it shares it with nobody who wants it alone.
+bool remove_abandoned(std::string const& name) {
+    std::error_code error;
+    return !is_in_use(name) && std::filesystem::is_regular_file(name, error) &&
+           std::filesystem::remove(name, error);
+}
+
 bool flush(Descriptor const& file) {
     return _commit(file.number()) == 0;
 }
@@ -113,30 +120,31 @@ bool move_file(std::string const& from, std::string const& to, bool replace) {
     return !error;
 }
 
-OutputFile::OutputFile(std::string name, std::filesystem::path const& /*privateAs*/)
-    : m_name(std::move(name)) {
-    if (m_name.empty()) {
+Descriptor open_as_it_is(std::string const& name) {
+    errno = 0;
+    if (name.empty()) {
         _setmode(kStandardOutput, _O_BINARY);
-        return;
+        return Descriptor(_dup(kStandardOutput));
     }
-    m_file = Descriptor(_wopen(std::filesystem::path(m_name).c_str(),
-                               _O_WRONLY | _O_CREAT | _O_TRUNC | _O_BINARY | _O_NOINHERIT,
-                               _S_IREAD | _S_IWRITE));
-    if (m_file.number() < 0) {
-        fail();
+    std::filesystem::path const path(name);
+    HANDLE const there = CreateFileW(path.c_str(), 0, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                     OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    bool const isDevice = there != INVALID_HANDLE_VALUE && GetFileType(there) != FILE_TYPE_DISK;
+    if (there != INVALID_HANDLE_VALUE) {
+        CloseHandle(there);
     }
+    std::error_code error;
+    if (!isDevice && !std::filesystem::is_symlink(path, error)) {
+        return Descriptor();
+    }
+    return Descriptor(_wopen(path.c_str(), _O_WRONLY | _O_TRUNC | _O_BINARY | _O_NOINHERIT));
 }
 
-void OutputFile::write(std::span<uint8_t const> bytes) {
-    int const file = m_name.empty() ? kStandardOutput : m_file.number();
-    while (!bytes.empty()) {
-        auto const most = static_cast<unsigned>(std::min(bytes.size(), kMostAtOnce));
-        int const count = _write(file, bytes.data(), most);
-        if (count <= 0) {
-            fail();
-        }
-        bytes = bytes.subspan(static_cast<size_t>(count));
-    }
+bool OutputFile::write_some(std::span<uint8_t const>& bytes) const {
+    int const count = _write(m_file.number(), bytes.data(),
+                             static_cast<unsigned>(std::min(bytes.size(), kMostAtOnce)));
+    bytes = bytes.subspan(count > 0 ? static_cast<size_t>(count) : 0);
+    return count > 0;
 }
 
 } // namespace ffdhost

@@ -79,6 +79,22 @@ void let_stop_wait();
 // Whether there was one.
 bool stop_is_wanted();
 
+// As long as one lives, a first stop only shows in is_wanted(): whoever has something to clean up
+// does that and comes to the end of the object, which ends the program as the stop would have.
+// After let_stop_wait it does nothing.
+class HeldStop {
+public:
+    HeldStop();
+    ~HeldStop();
+    HeldStop(HeldStop const&) = delete;
+    HeldStop& operator=(HeldStop const&) = delete;
+
+    bool is_wanted() const;
+};
+
+// Ends the program by the stop that was noted.
+void end_by_stop();
+
 // Sleeps. False, and at once, if the program is to stop (let_stop_wait).
 bool sleep_for(std::chrono::milliseconds time);
 

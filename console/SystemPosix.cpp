@@ -21,11 +21,13 @@ constexpr unsigned kUsualWidth = 80; // of a terminal
 
 constexpr int kStops[] = {SIGINT, SIGTERM, SIGHUP};
 
-int g_stopPipe[2] = {-1, -1}; // wakes up whoever waits for stdin
+volatile std::sig_atomic_t g_stop = 0; // the first
+int g_stopPipe[2] = {-1, -1};          // wakes up whoever waits for stdin
 
 // Ends the process by the signal itself, so that the caller sees what it was.
 void on_interrupt(int signal) {
     if (g_stopWaits && !g_stopped.exchange(true)) {
+        g_stop = signal;
         int const error = errno;
         [[maybe_unused]] ssize_t const woken = write(g_stopPipe[1], "", 1);
         errno = error;
@@ -145,6 +147,10 @@ void let_stop_wait() {
     std::signal(SIGPIPE, SIG_IGN);
     // What comes during a close that rebuilds waits in the pipe. Refused if it is none.
     [[maybe_unused]] int const size = fcntl(STDIN_FILENO, F_SETPIPE_SZ, 1 << 20);
+}
+
+void end_by_stop() {
+    std::raise(g_stop);
 }
 
 bool sleep_for(std::chrono::milliseconds time) {

@@ -169,14 +169,18 @@ BOOL WINAPI on_interrupt(DWORD event) {
         }
         return TRUE;
     }
-    DWORD written = 0;
-    WriteFile(GetStdHandle(STD_ERROR_HANDLE), g_words.data(), static_cast<DWORD>(g_length),
-              &written, nullptr);
-    TerminateProcess(GetCurrentProcess(), 130);
+    end_by_stop();
     return TRUE;
 }
 
 } // namespace
+
+void end_by_stop() {
+    DWORD written = 0;
+    WriteFile(GetStdHandle(STD_ERROR_HANDLE), g_words.data(), static_cast<DWORD>(g_length),
+              &written, nullptr);
+    TerminateProcess(GetCurrentProcess(), 130);
+}
 
 void tell_when_interrupted(std::string const& words) {
     SetConsoleCtrlHandler(on_interrupt, FALSE);

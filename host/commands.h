@@ -77,9 +77,16 @@ Outcome run_join(Driver const& driver, std::string const& output,
 
 // ---- Shared by commands ------------------------------------------------------------------------
 
-// Copies up to `size` bytes of the dictation from the position on to an output, piece by piece. The
-// result is the count of bytes written.
-uint64_t copy_dictation(SoundFile& sound, uint64_t size, OutputFile output);
+// Copies up to `size` bytes of the dictation from the position on to an output, piece by piece, and
+// closes it. The result is the count of bytes written.
+uint64_t copy_dictation(SoundFile& sound, uint64_t size, OutputFile& output);
+
+// Gives a file that is whole its name. With `force`, what a crash has left for that name is set
+// aside, but for what `source` has waiting.
+void publish(OutputFile& output, std::string const& source, bool force, bool replace = true);
+
+// What a command that makes files says when it is interrupted.
+void tell_of_no_half_file();
 
 // NOLINTNEXTLINE(bugprone-exception-escape): its members are moved without one
 struct Recorded {
@@ -101,7 +108,7 @@ void set_aside_what_is_left(std::string const& output, std::string const& file =
 
 // Throws a Failure if `output` is `file` or its .DIR file, even one that is not there: writing it
 // would destroy them, or what the next open would take for one. So does check_nothing_left(), but
-// with `force`. Call set_aside_what_is_left() before the output is written.
+// with `force`: publish() sets them aside.
 void check_output(std::string const& operation, std::string const& output, std::string const& file,
                   bool force);
 

@@ -362,10 +362,9 @@ void Editor::read(EditOp const& op, Json& result) {
     uint64_t const wanted = range - skipped;
     uint64_t done = wanted;
     if (!m_options.pretendedCrash) {
-        if (m_options.force) {
-            set_aside_what_is_left(op.path, m_file);
-        }
-        done = copy_dictation(*m_sound, wanted, OutputFile(op.path, m_file));
+        OutputFile output(op.path, {m_file});
+        done = copy_dictation(*m_sound, wanted, output);
+        publish(output, m_file, m_options.force);
     } else {
         m_sound->seek(static_cast<uint32_t>(from + wanted));
     }

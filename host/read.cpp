@@ -2,6 +2,7 @@
 
 #include "console/Position.h"
 #include "console/Printable.h"
+#include "console/System.h"
 
 #include <algorithm>
 
@@ -86,7 +87,18 @@ void tell_place_beyond(std::string const& operation, Position const& asked, uint
     }
 }
 
-uint64_t copy_dictation(SoundFile& sound, uint64_t size, OutputFile output) {
+void publish(OutputFile& output, std::string const& source, bool force, bool replace) {
+    if (force) {
+        set_aside_what_is_left(output.name(), source);
+    }
+    output.publish(replace);
+}
+
+void tell_of_no_half_file() {
+    tell_when_interrupted("\nffdhost: interrupted: no file is left half written\n");
+}
+
+uint64_t copy_dictation(SoundFile& sound, uint64_t size, OutputFile& output) {
     Progress progress("reading", size);
     uint64_t done = 0;
     while (done < size) {
@@ -129,11 +141,13 @@ Outcome run_read(Driver const& driver, std::string const& file, ReadOptions cons
     uint32_t const from = asked + skipped;
     uint64_t const wanted = range - skipped;
     tell_place_beyond("read", fromOption, place, end, rate);
-    if (!output.empty() && options.force) {
-        set_aside_what_is_left(output, file);
+    if (!output.empty()) {
+        tell_of_no_half_file();
     }
-    uint64_t const done = copy_dictation(sound, wanted, OutputFile(output, file));
+    OutputFile written(output, {file});
+    uint64_t const done = copy_dictation(sound, wanted, written);
     sound.close();
+    publish(written, file, options.force && !output.empty());
 
     if (done < wanted) {
         print_warning(file + ": the file ends " + bytes_text(wanted - done) +

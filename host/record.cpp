@@ -7,8 +7,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
-#include <cstdio>
 #include <memory>
 
 namespace ffdhost {
@@ -86,13 +84,10 @@ private:
 
 // Never over a file that somebody else has made meanwhile.
 void make_file(std::string const& name, std::vector<uint8_t> const& frame) {
-    std::FILE* const file = std::fopen(name.c_str(), "wbx");
-    bool const written =
-        file != nullptr && std::fwrite(frame.data(), 1, frame.size(), file) == frame.size();
-    int const error = errno;
-    if (file == nullptr || std::fclose(file) != 0 || !written) {
-        throw Failure("make file", name, FFD_FILE_IO_ERROR, system_words(error));
-    }
+    OutputFile file(name, {});
+    file.write(frame);
+    file.close();
+    file.publish(false);
 }
 
 Failure unreadable(std::system_error const& error) {
@@ -117,9 +112,7 @@ Failure not_written(std::string const& name, ffd::Error const& error, uint32_t f
     }
     if (error.status() == FFD_FILE_IO_ERROR && !code && space < kLongestWrite) {
         return {error.operation(), name, error.status(), "the disk is full",
-                "What came before is recorded. Free as much space as the file has, then open it "
-                "for writing again: ffdhost recover -- " +
-                    shell_word(name)};
+                "What came before is recorded. Free some space before you go on."};
     }
     return {error.operation(), name, error.status()};
 }

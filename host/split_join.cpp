@@ -53,16 +53,14 @@ Audio audio_of(SoundFile& sound, std::string const& operation, std::string const
     return audio;
 }
 
-// What is stopped here has written nothing that has a name of its own.
 void copy_frames(std::string const& operation, SoundFile& sound, Audio const& audio,
-                 NewFile& output, Progress& progress) {
+                 OutputFile& output, Progress& progress) {
     sound.seek(audio.begin);
     for (uint32_t left = audio.size(); left > 0;) {
         std::vector<uint8_t> const piece = sound.read(std::min(left, kPieceSize));
-        if (piece.empty() || stop_is_wanted()) {
+        if (piece.empty()) {
             throw Failure(operation, output.name(), FFD_FILE_IO_ERROR,
-                          piece.empty() ? "what is read got shorter meanwhile" : "interrupted",
-                          "Nothing was written.");
+                          "what is read got shorter meanwhile", "Nothing was written.");
         }
         output.write(piece);
         left -= static_cast<uint32_t>(piece.size());
@@ -74,7 +72,8 @@ void check_new(std::string const& operation, std::string const& output, std::str
                bool force) {
     check_output(operation, output, source, force);
     std::error_code error;
-    if (is_no_regular_file(output) || (!force && fs::exists(fs::symlink_status(output, error)))) {
+    fs::file_status const there = fs::symlink_status(output, error);
+    if (fs::exists(there) && !(force && fs::is_regular_file(there))) {
         throw Failure(operation, output, FFD_FILE_ALREADY_EXISTS, "the name is taken",
                       "Choose another one, or have a file replaced with --force; nothing was "
                       "written.");
@@ -93,18 +92,6 @@ void check_fits(StreamFormat const& own, StreamFormat const& first, std::string 
     if (own.wave.channels != first.wave.channels) {
         print_warning(file + " and " + firstFile + " differ in their number of channels");
     }
-}
-
-void let_stop_clean_up() {
-    tell_when_interrupted("\nffdhost: interrupted: a file ending in .part is left\n");
-    let_stop_wait();
-}
-
-void publish(NewFile& output, std::string const& source, bool force) {
-    if (force) {
-        set_aside_what_is_left(output.name(), source);
-    }
-    output.publish(force);
 }
 
 struct Cut {
@@ -170,8 +157,8 @@ Outcome run_split(Driver const& driver, std::string const& file, SplitOptions co
     for (std::string const& name : names) {
         check_new("split", name, file, options.force);
     }
-    let_stop_clean_up();
-    std::vector<NewFile> outputs;
+    tell_of_no_half_file();
+    std::vector<OutputFile> outputs;
     Json parts = Json::array();
     {
         Progress progress("splitting", all.size());
@@ -188,8 +175,8 @@ Outcome run_split(Driver const& driver, std::string const& file, SplitOptions co
         }
     }
     sound->close();
-    for (NewFile& output : outputs) {
-        publish(output, file, options.force);
+    for (OutputFile& output : outputs) {
+        publish(output, file, options.force, options.force);
     }
     std::string heading = "Written";
     for (Json const& part : parts) {
@@ -219,8 +206,8 @@ Outcome run_join(Driver const& driver, std::string const& output,
                       "the file would have 4 GiB or more, and could not be opened",
                       "Join fewer files; nothing was written.");
     }
-    let_stop_clean_up();
-    NewFile made(output, files);
+    tell_of_no_half_file();
+    OutputFile made(output, files);
     Json inputs = Json::array();
     {
         Progress progress("joining", total);
@@ -238,7 +225,7 @@ Outcome run_join(Driver const& driver, std::string const& output,
         throw Failure("join", output, FFD_INTERNAL_ERROR, "what was written is not what was read",
                       "Make sure that no other program changes the files; nothing was written.");
     }
-    publish(made, files.front(), force);
+    publish(made, files.front(), force, force);
     Json const joined = {{"command", "join"},
                          {"ok", true},
                          {"file", output},

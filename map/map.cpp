@@ -54,11 +54,13 @@ void warn_of_missing_bytes(DirMap const& map, StreamView const& view, std::strin
     }
 }
 
-void write_picture(std::string const& output, std::string const& file, std::string const& picture) {
-    OutputFile stream(output, file);
+void write_picture(std::string const& name, std::string const& file, std::string const& picture,
+                   bool force) {
+    OutputFile output(name, {file});
     auto const* const bytes = reinterpret_cast<uint8_t const*>(picture.data());
-    stream.write(std::span(bytes, picture.size()));
-    stream.close();
+    output.write(std::span(bytes, picture.size()));
+    output.close();
+    publish(output, file, force);
 }
 
 } // namespace
@@ -90,13 +92,12 @@ Outcome run_map(Driver const& driver, std::string const& file, std::string const
     Lanes const lanes = lanes_of(map, view.firstFrameOffset, view.fileSize);
     if (!svg.empty()) {
         document["svg"] = svg;
-        if (force && !toStdout) {
-            set_aside_what_is_left(svg, file);
-        }
+        tell_of_no_half_file();
         std::string const name = std::filesystem::path(file).filename().string();
         write_picture(
             toStdout ? "" : svg, file,
-            map_picture(lanes, {name, format_text(view.format), gap_names(file, lanes)}, rate));
+            map_picture(lanes, {name, format_text(view.format), gap_names(file, lanes)}, rate),
+            force && !toStdout);
     }
     if (!json && !toStdout) {
         print_line("Blocks of", document["source"]);

@@ -28,7 +28,8 @@ OpenFolder make_kept_folder(OpenFolder const& folder, std::string const& soundFi
 
 std::vector<std::filesystem::path> keep_copy(std::string const& soundFile,
                                              std::vector<std::string> const& names) {
-    tell_when_interrupted("\nffdhost: interrupted: the copy is not whole; nothing was changed\n");
+    tell_when_interrupted("\nffdhost: interrupted: nothing was changed, and no copy is kept\n");
+    HeldStop const stop;
     OpenFolder const folder(std::filesystem::path(soundFile).parent_path());
     OpenFolder kept = make_kept_folder(folder, soundFile);
     std::string const keptName = kept.path().filename().string();
@@ -38,6 +39,9 @@ std::vector<std::filesystem::path> keep_copy(std::string const& soundFile,
         for (std::string const& name : names) {
             if (folder.copy_file(name, kept)) {
                 copied.push_back(name);
+            }
+            if (stop.is_wanted()) {
+                throw Failure("copy", name, FFD_FILE_IO_ERROR, "interrupted");
             }
         }
         if (!copied.empty()) {

@@ -2,6 +2,7 @@
 
 #include "console/FilesPosix.h"
 #include "console/Status.h"
+#include "console/System.h"
 
 #include <array>
 #include <cerrno>
@@ -45,6 +46,7 @@ void keep_owner(int file, struct stat const& original) {
 }
 
 bool copy_bytes(int from, int to) {
+    HeldStop const stop;
     std::array<char, 65536> block; // NOLINT(cppcoreguidelines-pro-type-member-init)
     for (;;) {
         ssize_t const count = read(from, block.data(), block.size());
@@ -53,6 +55,10 @@ bool copy_bytes(int from, int to) {
         }
         if (count <= 0) {
             return count == 0;
+        }
+        if (stop.is_wanted()) {
+            errno = EINTR;
+            return false;
         }
         for (ssize_t done = 0; done < count;) {
             ssize_t const written =

@@ -143,6 +143,19 @@ class GuardTest(Sandbox):
             self.host("split", "--force", "a.mp3", "1s", umask=0)
             self.assertEqual(stat.S_IMODE((self.dir / "a-2.mp3").stat().st_mode), first)
 
+    def test_outputs_on_a_full_disk(self):
+        (self.dir / "out").write_bytes(b"old")
+        before = sorted(os.listdir(self.dir))
+        for command in (("read", "a.mp3", "-o", "out"), ("map", "a.mp3", "--svg", "out"),
+                        ("edit", "a.mp3", "read", "9s", "out"), ("split", "a.mp3", "1s"),
+                        ("join", "--force", "out", "a.mp3"), ("record", "--new", "b.mp3")):
+            with open(self.file, "rb") as stream:
+                run = self.host(*command, code=1, stdin=stream, restore_signals=False, preexec_fn=lambda:
+                                resource.setrlimit(resource.RLIMIT_FSIZE, (100, 100)))
+            self.assertIn(b"the output cannot be written: file too large", run.stderr, command)
+            self.assertEqual((self.dir / "out").read_bytes(), b"old")
+            self.assertEqual(sorted(os.listdir(self.dir)), before, command)
+
     @AS_ROOT
     def test_copies_give_no_rights_away(self):
         directory = self.dir / "a.DIR"

@@ -434,15 +434,25 @@ class HostTest(Sandbox):
             self.assertEqual({path: path.read_bytes() for path in self.dir.iterdir()}, before)
         self.assertEqual(self.file.read_bytes(), original)
 
-    def test_stopped_join(self):
-        for stop in signal.SIGINT, signal.SIGTERM, signal.SIGHUP:
-            run = subprocess.Popen([HOST, "join", "new.mp3", *[self.file] * 2000], cwd=self.dir,
-                                   stderr=subprocess.PIPE)
-            while not (self.dir / "new.mp3.part").exists():
-                self.assertIsNone(run.poll())
-            run.send_signal(stop)
-            self.assertIn(b"interrupted", run.communicate()[1])
-            self.assertEqual((run.returncode, list(self.dir.glob("new*"))), (1, []))
+    def test_outputs_that_are_stopped(self):
+        join = "join", "new.mp3", *[self.file] * 2000
+        self.host(*join)
+        (self.dir / "new.mp3").rename(self.dir / "all.mp3")
+        for command, made in ((join, []), (("read", "all.mp3", "-o", "new.mp3"), []),
+                              (("edit", "--backup", "all.mp3", "show"), ["all.kept"])):
+            for stop in signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGKILL:
+                run = subprocess.Popen([HOST, *command], cwd=self.dir, stderr=subprocess.PIPE)
+                while not list(self.dir.glob("*.ffdpart")) + list(self.dir.glob("*.kept/*")):
+                    self.assertIsNone(run.poll())
+                run.send_signal(stop)
+                said = run.communicate()[1]
+                self.assertEqual(run.returncode, -stop)
+                if stop != signal.SIGKILL:
+                    self.assertIn(b"interrupted", said)
+                    self.assertEqual(list(self.dir.glob("new*")) + list(self.dir.glob("*.kept")), [])
+            self.host(*command)  # takes the place of what was killed
+            self.assertEqual([path.name for path in self.dir.glob("new*")], [] if made else ["new.mp3"])
+            (self.dir / "new.mp3").unlink(missing_ok=True)
 
     # ---- What is refused ----
 
