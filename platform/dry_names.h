@@ -6,40 +6,30 @@
 #include <ctime> // before its name is another's
 
 extern "C" {
-HANDLE WINAPI DryCreateFileA(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
-                             LPVOID lpSecurityAttributes, DWORD dwCreationDisposition,
-                             DWORD dwFlagsAndAttributes, HANDLE hTemplateFile);
-BOOL WINAPI DryCloseHandle(HANDLE hObject);
-BOOL WINAPI DryReadFile(HANDLE hFile, LPVOID lpBuffer, DWORD nNumberOfBytesToRead,
-                        LPDWORD lpNumberOfBytesRead, LPVOID lpOverlapped);
-BOOL WINAPI DryWriteFile(HANDLE hFile, LPCVOID lpBuffer, DWORD nNumberOfBytesToWrite,
-                         LPDWORD lpNumberOfBytesWritten, LPVOID lpOverlapped);
-DWORD WINAPI DrySetFilePointer(HANDLE hFile, LONG lDistanceToMove, PLONG lpDistanceToMoveHigh,
-                               DWORD dwMoveMethod);
-BOOL WINAPI DrySetEndOfFile(HANDLE hFile);
-DWORD WINAPI DryGetFileSize(HANDLE hFile, LPDWORD lpFileSizeHigh);
-BOOL WINAPI DryFlushFileBuffers(HANDLE hFile);
-BOOL WINAPI DryDeleteFileA(LPCSTR lpFileName);
-BOOL WINAPI DryMoveFileA(LPCSTR lpExistingFileName, LPCSTR lpNewFileName);
-HANDLE WINAPI DryCreateFileMappingA(HANDLE hFile, LPVOID lpAttributes, DWORD flProtect,
-                                    DWORD dwMaximumSizeHigh, DWORD dwMaximumSizeLow, LPCSTR lpName);
-LPVOID WINAPI DryMapViewOfFile(HANDLE hFileMappingObject, DWORD dwDesiredAccess,
-                               DWORD dwFileOffsetHigh, DWORD dwFileOffsetLow,
-                               SIZE_T dwNumberOfBytesToMap);
-BOOL WINAPI DryUnmapViewOfFile(LPCVOID lpBaseAddress);
-BOOL WINAPI DryGetDiskFreeSpaceExA(LPCSTR lpDirectoryName, ULARGE_INTEGER* lpFreeBytesAvailable,
-                                   ULARGE_INTEGER* lpTotalNumberOfBytes,
-                                   ULARGE_INTEGER* lpTotalNumberOfFreeBytes);
-void WINAPI DrySleep(DWORD dwMilliseconds);
+decltype(CreateFileA) DryCreateFileA;
+decltype(CloseHandle) DryCloseHandle;
+decltype(ReadFile) DryReadFile;
+decltype(WriteFile) DryWriteFile;
+decltype(SetFilePointer) DrySetFilePointer;
+decltype(SetEndOfFile) DrySetEndOfFile;
+decltype(GetFileSize) DryGetFileSize;
+decltype(FlushFileBuffers) DryFlushFileBuffers;
+decltype(DeleteFileA) DryDeleteFileA;
+decltype(MoveFileA) DryMoveFileA;
+decltype(CreateFileMappingA) DryCreateFileMappingA;
+decltype(MapViewOfFile) DryMapViewOfFile;
+decltype(UnmapViewOfFile) DryUnmapViewOfFile;
+decltype(GetDiskFreeSpaceExA) DryGetDiskFreeSpaceExA;
+decltype(Sleep) DrySleep;
 time_t DryTime(time_t* pTime);
-HANDLE DryPlatformCreatePrivateFile(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
-                                    HANDLE hLike);
-BOOL DryPlatformSetReadOnly(LPCSTR pszPath);
-BOOL DryPlatformCopyPermissions(HANDLE hFrom, HANDLE hTo, bool bCompanion);
-BOOL DryPlatformGetFileIdentity(HANDLE hFile, struct PlatformFileIdentity* pIdentity);
-BOOL DryPlatformGetNameIdentity(LPCSTR pszPath, struct PlatformFileIdentity* pIdentity);
-BOOL DryPlatformTestCompanion(HANDLE hFile, LPCSTR pszPath, LPCSTR pszSoundPath);
-DWORD DryPlatformCopyBytes(HANDLE hFrom, HANDLE hTo, DWORD dwBytes);
+decltype(PlatformCreatePrivateFile) DryPlatformCreatePrivateFile;
+decltype(PlatformCopyPermissions) DryPlatformCopyPermissions;
+decltype(PlatformSetReadOnly) DryPlatformSetReadOnly;
+decltype(PlatformCopyBytes) DryPlatformCopyBytes;
+decltype(PlatformGetFileIdentity) DryPlatformGetFileIdentity;
+decltype(PlatformGetNameIdentity) DryPlatformGetNameIdentity;
+decltype(PlatformTestCompanion) DryPlatformTestCompanion;
+decltype(DllMain) DryDllMain;
 }
 
 #if !defined(KIV_PLATFORM_OWN_CALLS) // the sources of this layer reach the true calls

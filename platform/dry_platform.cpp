@@ -409,8 +409,9 @@ unsigned mapped_views() {
 } // namespace dry
 
 HANDLE WINAPI DryCreateFileA(LPCSTR lpFileName, DWORD dwDesiredAccess, DWORD dwShareMode,
-                             LPVOID /*lpSecurityAttributes*/, DWORD dwCreationDisposition,
-                             DWORD dwFlagsAndAttributes, HANDLE /*hTemplateFile*/) {
+                             LPSECURITY_ATTRIBUTES /*lpSecurityAttributes*/,
+                             DWORD dwCreationDisposition, DWORD dwFlagsAndAttributes,
+                             HANDLE /*hTemplateFile*/) {
     std::string const path = dry::absolute(lpFileName);
     dry::Handle handle;
     handle.dwAccess = dwDesiredAccess;
@@ -444,7 +445,7 @@ BOOL WINAPI DryCloseHandle(HANDLE hObject) {
 }
 
 BOOL WINAPI DryReadFile(HANDLE hFile, LPVOID lpBuffer, DWORD nNumberOfBytesToRead,
-                        LPDWORD lpNumberOfBytesRead, LPVOID /*lpOverlapped*/) {
+                        LPDWORD lpNumberOfBytesRead, LPOVERLAPPED /*lpOverlapped*/) {
     *lpNumberOfBytesRead = 0;
     dry::Handle* const pHandle = dry::file_handle("ReadFile", hFile, GENERIC_READ);
     if (pHandle == nullptr) {
@@ -461,7 +462,7 @@ BOOL WINAPI DryReadFile(HANDLE hFile, LPVOID lpBuffer, DWORD nNumberOfBytesToRea
 }
 
 BOOL WINAPI DryWriteFile(HANDLE hFile, LPCVOID lpBuffer, DWORD nNumberOfBytesToWrite,
-                         LPDWORD lpNumberOfBytesWritten, LPVOID /*lpOverlapped*/) {
+                         LPDWORD lpNumberOfBytesWritten, LPOVERLAPPED /*lpOverlapped*/) {
     *lpNumberOfBytesWritten = 0;
     dry::Handle* const pHandle = dry::file_handle("WriteFile", hFile, GENERIC_WRITE);
     if (pHandle == nullptr) {
@@ -576,9 +577,9 @@ BOOL WINAPI DryMoveFileA(LPCSTR lpExistingFileName, LPCSTR lpNewFileName) {
     return TRUE;
 }
 
-HANDLE WINAPI DryCreateFileMappingA(HANDLE /*hFile*/, LPVOID /*lpAttributes*/, DWORD /*flProtect*/,
-                                    DWORD /*dwMaximumSizeHigh*/, DWORD dwMaximumSizeLow,
-                                    LPCSTR /*lpName*/) {
+HANDLE WINAPI DryCreateFileMappingA(HANDLE /*hFile*/, LPSECURITY_ATTRIBUTES /*lpAttributes*/,
+                                    DWORD /*flProtect*/, DWORD /*dwMaximumSizeHigh*/,
+                                    DWORD dwMaximumSizeLow, LPCSTR /*lpName*/) {
     dry::Handle mapping;
     mapping.nMappingBytes = dwMaximumSizeLow;
     return dry::give_handle(std::move(mapping));

@@ -262,10 +262,6 @@ BOOL WINAPI DriverCallback(DWORD_PTR dwCallback, DWORD dwFlags, HDRVR hDevice, D
 
 #endif
 
-#if defined(KIV_PLATFORM_DRY)
-#include "platform/dry_names.h"
-#endif
-
 extern "C" {
 
 // The library's entry point, called at load and at unload by the platform's loader.
@@ -353,8 +349,7 @@ DWORD PlatformCopyBytes(HANDLE hFrom, HANDLE hTo, DWORD dwBytes);
 // Windows.
 DWORD PlatformForks();
 
-// ---- To look without touching (used by the dry layer, not by the driver)
-// -------------------------
+// ---- To look without touching: used by the dry layer, not by the driver ------------------------
 
 // Opens a regular file to look at it. It fails, with the same errors, where CreateFileA with
 // OPEN_EXISTING, this access and this share mode would; but the handle, which can only be read,
@@ -369,3 +364,7 @@ DWORD PlatformTestRemoval(LPCSTR pszPath);
 // The same for CreateFileA with CREATE_NEW: error 80 if the name is there, whatever it is.
 DWORD PlatformTestCreation(LPCSTR pszPath);
 }
+
+#if defined(KIV_PLATFORM_DRY)
+#include "platform/dry_names.h"
+#endif
