@@ -65,6 +65,7 @@ public:
 
     uint64_t size() const { return m_ullBytes; }
     std::vector<Run> const& runs() const { return m_runs; }
+    uint64_t end_of(size_t nRun) const; // file offset
 
     // Reads up to so many bytes and counts them: fewer only at the end. NO_ERROR, or the error.
     DWORD read(uint64_t ullFileOffset, void* pBuffer, DWORD dwBytes, DWORD& dwBytesRead) const;
@@ -80,7 +81,6 @@ public:
 
 private:
     size_t find_run(uint64_t ullFileOffset) const;
-    uint64_t end_of(size_t nRun) const;
     bool overwrite(uint64_t ullFileOffset, void const* pBytes, size_t nBytes);
     size_t open_gap(uint64_t ullFileOffset, uint64_t ullBytes);
     void split_at(uint64_t ullFileOffset);

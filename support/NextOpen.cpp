@@ -300,8 +300,7 @@ void Rehearsal::tell_of_closed_file() {
     std::vector<dry::Run> const& runs = file->runs();
     for (size_t i = 0; i < runs.size() && i < kMostRows; ++i) {
         dry::Run const& run = runs[i];
-        uint64_t const end = i + 1 < runs.size() ? runs[i + 1].ullFileOffset : after.size;
-        Part part{"", run.ullSourceOffset, end - run.ullFileOffset, {}};
+        Part part{"", run.ullSourceOffset, file->end_of(i) - run.ullFileOffset, {}};
         if (run.pSource != nullptr && !run.pSource->path().empty()) {
             part.file = shown(run.pSource->path()).string();
         } else if (run.pSource != nullptr && part.size <= kMostNewBytes) {
@@ -338,8 +337,7 @@ bool Rehearsal::stays_same(dry::Contents const& closed) const {
     bool same = closed.size() == m_before.size();
     for (size_t i = 0; same && i < runs.size(); ++i) {
         dry::Run const& run = runs[i];
-        uint64_t const end = i + 1 < runs.size() ? runs[i + 1].ullFileOffset : closed.size();
-        uint64_t const size = end - run.ullFileOffset;
+        uint64_t const size = closed.end_of(i) - run.ullFileOffset;
         same =
             run.pSource == m_before.runs()[0].pSource && run.ullSourceOffset == run.ullFileOffset;
         if (!same && size <= kMostNewBytes) { // such as a frame header
@@ -378,11 +376,10 @@ void Rehearsal::account_for_bytes() {
     if (dry::Contents const* const closed = sound()) {
         std::vector<dry::Run> const& runs = closed->runs();
         for (size_t i = 0; i < runs.size(); ++i) {
-            uint64_t const runEnd =
-                i + 1 < runs.size() ? runs[i + 1].ullFileOffset : closed->size();
             if (runs[i].pSource != nullptr && shown(runs[i].pSource->path()) == m_next.soundNow) {
-                kept.push_back({runs[i].ullSourceOffset,
-                                runs[i].ullSourceOffset + runEnd - runs[i].ullFileOffset});
+                kept.push_back(
+                    {runs[i].ullSourceOffset,
+                     runs[i].ullSourceOffset + closed->end_of(i) - runs[i].ullFileOffset});
             }
         }
     }
