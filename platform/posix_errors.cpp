@@ -1,8 +1,6 @@
 #include "platform/posix_errors.h"
 
-#include <array>
 #include <cerrno>
-#include <climits>
 #include <cstring>
 #include <sys/stat.h>
 
@@ -17,75 +15,61 @@ bool is_directory(char const* pszPath) {
     return stat(pszPath, &status) == 0 && S_ISDIR(status.st_mode);
 }
 
-// Whether the directory that is to hold the last component is there.
-bool has_directory(char const* pszPath) {
-    size_t const length = directory_length(pszPath);
-    if (length == 0) {
-        return is_directory(".");
-    }
-    std::array<char, PATH_MAX + 1> directory;
-    if (length >= directory.size()) {
-        return false;
-    }
-    memcpy(directory.data(), pszPath, length);
-    directory[length] = '\0';
-    return is_directory(directory.data());
-}
-
 } // namespace
 
-size_t directory_length(char const* pszPath) {
+Folder::Folder(char const* pszPath) : m_name{"."} {
     char const* const pszSeparator = strrchr(pszPath, '/');
-    return pszSeparator == nullptr ? 0 : static_cast<size_t>(pszSeparator - pszPath) + 1;
+    size_t const length =
+        pszSeparator == nullptr ? 0 : static_cast<size_t>(pszSeparator - pszPath) + 1;
+    if (length >= m_name.size()) {
+        m_name[0] = '\0';
+    } else if (length > 0) {
+        memcpy(m_name.data(), pszPath, length);
+        m_name[length] = '\0';
+    }
 }
 
 DWORD error_of(int iErrno) {
-    switch (iErrno) {
-    case ENOENT:
-        return ERROR_FILE_NOT_FOUND;
-    case ENOTDIR:
-    case ELOOP:
-        return ERROR_PATH_NOT_FOUND;
-    case EMFILE:
-    case ENFILE:
-        return ERROR_TOO_MANY_OPEN_FILES;
-    case EACCES:
-    case EPERM:
-    case EISDIR:
-    case ENXIO: // a socket, or a device that is not there
-    case ENODEV:
-        return ERROR_ACCESS_DENIED;
-    case EBADF:
-        return ERROR_INVALID_HANDLE;
-    case ENOMEM:
-        return ERROR_NOT_ENOUGH_MEMORY;
-    case EXDEV:
-        return ERROR_NUMBER_NOT_SAME_DEVICE;
-    case EROFS:
-        return ERROR_WRITE_PROTECT;
-    case ETXTBSY: // a program that runs is open for whoever runs it
-    case EAGAIN:  // a lease: its holder has the file open
-    case EBUSY:
-        return ERROR_SHARING_VIOLATION;
-    case EEXIST:
-        return ERROR_FILE_EXISTS;
-    case ENOSPC:
-    case EDQUOT:
-        return ERROR_DISK_FULL;
-    case ENAMETOOLONG:
-        return ERROR_FILENAME_EXCED_RANGE;
-    case EFBIG:
-    case EOVERFLOW:
-        return ERROR_FILE_TOO_LARGE;
-    case EIO:
-        return ERROR_IO_DEVICE;
-    default:
-        return ERROR_INVALID_PARAMETER;
+    struct Row {
+        int iErrno;
+        DWORD dwError;
+    };
+    static constexpr Row aRows[] = {
+        {ENOENT, ERROR_FILE_NOT_FOUND},
+        {ENOTDIR, ERROR_PATH_NOT_FOUND},
+        {ELOOP, ERROR_PATH_NOT_FOUND},
+        {EMFILE, ERROR_TOO_MANY_OPEN_FILES},
+        {ENFILE, ERROR_TOO_MANY_OPEN_FILES},
+        {EACCES, ERROR_ACCESS_DENIED},
+        {EPERM, ERROR_ACCESS_DENIED},
+        {EISDIR, ERROR_ACCESS_DENIED},
+        {ENXIO, ERROR_ACCESS_DENIED}, // a socket, or a device that is not there
+        {ENODEV, ERROR_ACCESS_DENIED},
+        {EBADF, ERROR_INVALID_HANDLE},
+        {ENOMEM, ERROR_NOT_ENOUGH_MEMORY},
+        {EXDEV, ERROR_NUMBER_NOT_SAME_DEVICE},
+        {EROFS, ERROR_WRITE_PROTECT},
+        {ETXTBSY, ERROR_SHARING_VIOLATION}, // a program that runs is open for whoever runs it
+        {EAGAIN, ERROR_SHARING_VIOLATION},  // a lease: its holder has the file open
+        {EBUSY, ERROR_SHARING_VIOLATION},
+        {EEXIST, ERROR_FILE_EXISTS},
+        {ENOSPC, ERROR_DISK_FULL},
+        {EDQUOT, ERROR_DISK_FULL},
+        {ENAMETOOLONG, ERROR_FILENAME_EXCED_RANGE},
+        {EFBIG, ERROR_FILE_TOO_LARGE},
+        {EOVERFLOW, ERROR_FILE_TOO_LARGE},
+        {EIO, ERROR_IO_DEVICE},
+    };
+    for (Row const& row : aRows) {
+        if (row.iErrno == iErrno) {
+            return row.dwError;
+        }
     }
+    return ERROR_INVALID_PARAMETER;
 }
 
 DWORD error_of_path(int iErrno, char const* pszPath) {
-    if (iErrno == ENOENT && !has_directory(pszPath)) {
+    if (iErrno == ENOENT && !is_directory(Folder(pszPath).name())) {
         return ERROR_PATH_NOT_FOUND;
     }
     return error_of(iErrno);

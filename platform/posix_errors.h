@@ -3,6 +3,9 @@
 
 #include "platform/platform.h"
 
+#include <array>
+#include <climits>
+
 namespace posix {
 
 // Numbers that the layer reports and the driver does not name.
@@ -18,8 +21,15 @@ DWORD error_of_path(int iErrno, char const* pszPath);
 // Sets the last error; always false, for `return fail(...)`.
 BOOL fail(DWORD dwError);
 
-// The length of the part in front of the last component, the separator included; 0 if there is
-// none.
-size_t directory_length(char const* pszPath);
+// The directory of a path: what stands in front of its last component, or "." if there is nothing.
+// Empty if it is too long to be any.
+class Folder {
+public:
+    explicit Folder(char const* pszPath);
+    char const* name() const { return m_name.data(); }
+
+private:
+    std::array<char, PATH_MAX + 1> m_name;
+};
 
 } // namespace posix

@@ -150,12 +150,8 @@ DWORD move_pointer(Object& file, int64_t llDistance, DWORD dwMethod, bool bNarro
 // Brings a directory entry to the disk. Where the directory may not be read, or its file system has
 // no such call, flushing the file whole is all there is, and on the usual file systems that takes
 // the name of a new file along.
-DWORD flush_name(int fd, char* pszPath) {
-    size_t const directoryLength = directory_length(pszPath);
-    char const cFirstOfName = pszPath[directoryLength];
-    pszPath[directoryLength] = '\0';
-    Descriptor const directory(open_descriptor(pszPath, O_RDONLY | O_DIRECTORY));
-    pszPath[directoryLength] = cFirstOfName;
+DWORD flush_name(int fd, char const* pszPath) {
+    Descriptor const directory(open_descriptor(Folder(pszPath).name(), O_RDONLY | O_DIRECTORY));
     bool bFlushed = false;
     int iErrno = EINVAL;
     if (directory.get() >= 0) {

@@ -114,6 +114,10 @@ HANDLE NewHandle::publish() {
     return handle_of(m_uIndex, place.uNumber);
 }
 
+HANDLE NewHandle::publish_after(DWORD dwError, HANDLE hFailed) {
+    return dwError == NO_ERROR ? publish() : (fail(dwError), hFailed);
+}
+
 ObjectUse::ObjectUse(HANDLE handle, Kind kind) {
     std::lock_guard const lock(g_mutex);
     Place const* const pPlace = find(handle);

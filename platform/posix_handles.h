@@ -72,6 +72,8 @@ public:
     DWORD error() const { return m_dwError; }
     Object& object() { return *m_pObject; }
     HANDLE publish();
+    // The same if all went well so far; else `hFailed`, with the last error set.
+    HANDLE publish_after(DWORD dwError, HANDLE hFailed);
 
 private:
     std::unique_ptr<Object> m_pObject;

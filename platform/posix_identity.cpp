@@ -3,10 +3,7 @@
 #include "platform/posix_errors.h"
 #include "platform/posix_handles.h"
 
-#include <array>
 #include <cerrno>
-#include <climits>
-#include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -38,24 +35,12 @@ bool is_same_file(struct stat const& first, struct stat const& second) {
     return first.st_dev == second.st_dev && first.st_ino == second.st_ino;
 }
 
-bool status_of_folder(char const* pszPath, struct stat& status) {
-    std::array<char, PATH_MAX + 1> folder = {"."};
-    size_t const length = directory_length(pszPath);
-    if (length >= folder.size()) {
-        return false;
-    }
-    if (length > 0) {
-        memcpy(folder.data(), pszPath, length);
-        folder[length] = '\0';
-    }
-    return stat(folder.data(), &status) == 0;
-}
-
 DWORD test_companion(int fd, char const* pszPath, char const* pszSoundPath) {
     struct stat file {};
     struct stat name {};
     struct stat folder {};
-    if (fstat(fd, &file) != 0 || lstat(pszPath, &name) != 0 || !status_of_folder(pszPath, folder)) {
+    if (fstat(fd, &file) != 0 || lstat(pszPath, &name) != 0 ||
+        stat(Folder(pszPath).name(), &folder) != 0) {
         return error_of_path(errno, pszPath);
     }
     struct stat sound {};

@@ -4,10 +4,7 @@
 #include "platform/posix_locks.h"
 #include "platform/posix_names.h"
 
-#include <array>
 #include <cerrno>
-#include <climits>
-#include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -22,16 +19,7 @@ DWORD may_write(char const* pszPath) {
 
 // Whether names of the path's directory may be made and removed.
 DWORD may_change_names(char const* pszPath) {
-    size_t const length = directory_length(pszPath);
-    std::array<char, PATH_MAX + 1> directory = {"."};
-    if (length >= directory.size()) {
-        return ERROR_FILENAME_EXCED_RANGE;
-    }
-    if (length > 0) {
-        memcpy(directory.data(), pszPath, length);
-        directory[length] = '\0';
-    }
-    if (faccessat(AT_FDCWD, directory.data(), W_OK | X_OK, AT_EACCESS) == 0) {
+    if (faccessat(AT_FDCWD, Folder(pszPath).name(), W_OK | X_OK, AT_EACCESS) == 0) {
         return NO_ERROR;
     }
     return errno == ENOENT ? ERROR_PATH_NOT_FOUND : error_of(errno);
@@ -43,16 +31,11 @@ DWORD may_remove(char const* pszPath) {
     if (lstat(pszPath, &file) != 0) {
         return error_of_path(errno, pszPath);
     }
-    std::array<char, PATH_MAX + 1> directory = {"."};
-    size_t const length = directory_length(pszPath);
-    if (length > 0 && length < directory.size()) {
-        memcpy(directory.data(), pszPath, length);
-        directory[length] = '\0';
-    }
-    struct stat status {};
+    struct stat folder {};
     uid_t const user = geteuid();
-    bool const bDenied = stat(directory.data(), &status) == 0 && (status.st_mode & S_ISVTX) != 0 &&
-                         user != 0 && user != file.st_uid && user != status.st_uid;
+    bool const bDenied = stat(Folder(pszPath).name(), &folder) == 0 &&
+                         (folder.st_mode & S_ISVTX) != 0 && user != 0 && user != file.st_uid &&
+                         user != folder.st_uid;
     return bDenied ? ERROR_ACCESS_DENIED : may_change_names(pszPath);
 }
 
@@ -65,6 +48,7 @@ DWORD look(char const* pszPath, Claim const& wanted, Object& object) {
     if (!S_ISREG(status.st_mode)) {
         return ERROR_ACCESS_DENIED;
     }
+    object.dwAccess = GENERIC_READ;
     object.device = status.st_dev;
     object.inode = status.st_ino;
     DWORD const dwError = (wanted.dwAccess & GENERIC_WRITE) != 0 ? may_write(pszPath) : NO_ERROR;
@@ -84,12 +68,7 @@ HANDLE PlatformLookAtFile(LPCSTR pszPath, DWORD dwDesiredAccess, DWORD dwShareMo
         dwError = posix::look(pszPath, {dwDesiredAccess, dwShareMode, false, false, false},
                               newHandle.object());
     }
-    if (dwError != NO_ERROR) {
-        posix::fail(dwError);
-        return INVALID_HANDLE_VALUE;
-    }
-    newHandle.object().dwAccess = GENERIC_READ;
-    return newHandle.publish();
+    return newHandle.publish_after(dwError, INVALID_HANDLE_VALUE);
 }
 
 DWORD PlatformTestRemoval(LPCSTR pszPath) {

@@ -124,11 +124,7 @@ HANDLE WINAPI CreateFileMappingA(HANDLE hFile, LPVOID /*lpAttributes*/, DWORD fl
     if (dwError == NO_ERROR) {
         dwError = posix::make_mapping(ullBytes, newHandle.object());
     }
-    if (dwError != NO_ERROR) {
-        posix::fail(dwError);
-        return nullptr;
-    }
-    return newHandle.publish();
+    return newHandle.publish_after(dwError, nullptr);
 }
 
 LPVOID WINAPI MapViewOfFile(HANDLE hFileMappingObject, DWORD dwDesiredAccess,

@@ -91,16 +91,9 @@ OwnedText absolute_path(char const* pszPath) {
     if (!directory) {
         return nullptr;
     }
-    size_t const directoryLength = strlen(directory.get());
-    size_t const pathLength = strlen(pszPath);
-    OwnedText joined(static_cast<char*>(malloc(directoryLength + 1 + pathLength + 1)));
-    if (!joined) {
-        return nullptr;
-    }
-    memcpy(joined.get(), directory.get(), directoryLength);
-    joined.get()[directoryLength] = '/';
-    memcpy(joined.get() + directoryLength + 1, pszPath, pathLength + 1);
-    return joined;
+    char* pszJoined = nullptr;
+    return OwnedText(asprintf(&pszJoined, "%s/%s", directory.get(), pszPath) < 0 ? nullptr
+                                                                                 : pszJoined);
 }
 
 } // namespace posix

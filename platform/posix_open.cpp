@@ -164,11 +164,7 @@ HANDLE create_file(Request const& request) {
     if (dwError == NO_ERROR) {
         dwError = open_file(request, newHandle.object());
     }
-    if (dwError != NO_ERROR) {
-        fail(dwError);
-        return INVALID_HANDLE_VALUE;
-    }
-    return newHandle.publish();
+    return newHandle.publish_after(dwError, INVALID_HANDLE_VALUE);
 }
 
 } // namespace
