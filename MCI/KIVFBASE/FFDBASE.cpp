@@ -47,39 +47,32 @@ FFDBaseClass::~FFDBaseClass() {
     TRACE_ENTRY("-----FFDBaseClass::~FFDBaseClass()");
 }
 
-#define NOT_SUPPORTED_BY_DEFAULT(operation, arguments, entryText, errorText)                       \
+#define NOT_SUPPORTED_WITH_TEXT(operation, arguments, entryText, errorText)                        \
     FFDError FFDBaseClass::operation arguments {                                                   \
         TRACE_ENTRY("-----FFDBaseClass::" #operation entryText);                                   \
         TRACE_ERROR(FFD_NOT_SUPPORTED, errorText);                                                 \
         return FFD_NOT_SUPPORTED;                                                                  \
     }
+#define NOT_SUPPORTED_BY_DEFAULT(operation, arguments, entryText)                                  \
+    NOT_SUPPORTED_WITH_TEXT(operation, arguments, entryText, "FFD_NOT_SUPPORTED " #operation "()")
 
-NOT_SUPPORTED_BY_DEFAULT(FFDGetDSSEncrypted, (void*), "(.)",
-                         "FFD_NOT_SUPPORTED FFDGetDSSEncrypted()")
-NOT_SUPPORTED_BY_DEFAULT(FFDGetCurrentPos, (uint32_t*), "(.)",
-                         "FFD_NOT_SUPPORTED FFDGetCurrentPos()")
-NOT_SUPPORTED_BY_DEFAULT(FFDGetDictationFileSize, (uint32_t*), "(.)",
-                         "FFD_NOT_SUPPORTED FFDGetDictationFileSize()")
-NOT_SUPPORTED_BY_DEFAULT(FFDGetGranularitySize, (void*), "(.)",
-                         "FFDGetGranularitySize() FFD_NOT_SUPPORTED")
-NOT_SUPPORTED_BY_DEFAULT(FFDGetAudioInfo, (FFDAudioInfo*, uint32_t), "(..)",
-                         "FFD_NOT_SUPPORTED FFDGetAudioInfo()")
-NOT_SUPPORTED_BY_DEFAULT(FFDGetSizeOfData, (uint32_t, FFDReadHandle**), "(..)",
-                         "FFD_NOT_SUPPORTED FFDGetSizeOfData()")
-NOT_SUPPORTED_BY_DEFAULT(FFDAudioSeek, (uint32_t, uint32_t*), "(..)",
-                         "FFD_NOT_SUPPORTED FFDAudioSeek()")
-NOT_SUPPORTED_BY_DEFAULT(FFDReadData, (FFDReadHandle const*, uint32_t, uint8_t*), "(...)",
-                         "FFD_NOT_SUPPORTED FFDReadData()")
-NOT_SUPPORTED_BY_DEFAULT(FFDWriteData, (FFDMethod, uint32_t, uint8_t*), "(...)",
-                         "FFD_NOT_SUPPORTED FFDWriteData()")
-NOT_SUPPORTED_BY_DEFAULT(FFDDeleteData, (uint32_t), "(.)", "FFD_NOT_SUPPORTED FFDDeleteData()")
-NOT_SUPPORTED_BY_DEFAULT(FFDUndoLast, (), "()", "FFD_NOT_SUPPORTED FFDUndoLast()")
-NOT_SUPPORTED_BY_DEFAULT(FFDStoreActualFileStatus, (), "()",
-                         "FFD_NOT_SUPPORTED FFDStoreActualFileStatus()")
-NOT_SUPPORTED_BY_DEFAULT(FFDRestoreFileStatus, (), "()", "FFD_NOT_SUPPORTED FFDRestoreFileStatus()")
-NOT_SUPPORTED_BY_DEFAULT(FFDGetDownloadLength, (void*), "(.)",
-                         "FFD_NOT_SUPPORTED FFDGetDownloadLength()")
+NOT_SUPPORTED_BY_DEFAULT(FFDGetDSSEncrypted, (void*), "(.)")
+NOT_SUPPORTED_BY_DEFAULT(FFDGetCurrentPos, (uint32_t*), "(.)")
+NOT_SUPPORTED_BY_DEFAULT(FFDGetDictationFileSize, (uint32_t*), "(.)")
+NOT_SUPPORTED_WITH_TEXT(FFDGetGranularitySize, (void*), "(.)",
+                        "FFDGetGranularitySize() FFD_NOT_SUPPORTED")
+NOT_SUPPORTED_BY_DEFAULT(FFDGetAudioInfo, (FFDAudioInfo*, uint32_t), "(..)")
+NOT_SUPPORTED_BY_DEFAULT(FFDGetSizeOfData, (uint32_t, FFDReadHandle**), "(..)")
+NOT_SUPPORTED_BY_DEFAULT(FFDAudioSeek, (uint32_t, uint32_t*), "(..)")
+NOT_SUPPORTED_BY_DEFAULT(FFDReadData, (FFDReadHandle const*, uint32_t, uint8_t*), "(...)")
+NOT_SUPPORTED_BY_DEFAULT(FFDWriteData, (FFDMethod, uint32_t, uint8_t*), "(...)")
+NOT_SUPPORTED_BY_DEFAULT(FFDDeleteData, (uint32_t), "(.)")
+NOT_SUPPORTED_BY_DEFAULT(FFDUndoLast, (), "()")
+NOT_SUPPORTED_BY_DEFAULT(FFDStoreActualFileStatus, (), "()")
+NOT_SUPPORTED_BY_DEFAULT(FFDRestoreFileStatus, (), "()")
+NOT_SUPPORTED_BY_DEFAULT(FFDGetDownloadLength, (void*), "(.)")
 
+#undef NOT_SUPPORTED_WITH_TEXT
 #undef NOT_SUPPORTED_BY_DEFAULT
 
 FFDError FFDBaseClass::FFDGetFileName(char* lpffdBuffer, uint32_t ffdBufferSize) {
