@@ -1,37 +1,23 @@
 // The parts of the driver one by one, without a process around them: the walk over the frames, the
 // operations of the edit directory, reading, and the rebuild. Files are in a folder of their own
 // under TMPDIR, made of frames that no encoder has made; side_by_side.py has real speech.
-#include "ffd.h"
 #include "log/xkivlog.h"
 #include "MCI/KIVMP3/CKivDirFile.h"
+#include "testing/driver_calls.h"
 
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
 
-extern "C" void* FFD_Function_Table[FFD_SLOT_COUNT];
-
 namespace {
 
 constexpr uint32_t kFrameBytes = 417; // MPEG 1, 128 kbit/s, 44100 Hz, without padding
 constexpr uint32_t kPieceBytes = 4096;
-
-template <typename Slot> Slot slot(int number) {
-    static bool const attached = [] {
-        DllMain(nullptr, 1, nullptr); // process attach fills the table
-        return true;
-    }();
-    static_cast<void>(attached);
-    Slot function = nullptr;
-    std::memcpy(&function, &FFD_Function_Table[number], sizeof function);
-    return function;
-}
 
 void check(FFDError status, char const* what) {
     if (status != FFD_NOERROR) {
@@ -87,19 +73,15 @@ private:
     std::filesystem::path m_path;
 };
 
-FFDHandle open_sound(Folder const& folder, FFDDesiredAccess access) {
-    static int self;
-    FFDCallbackParams callback = {};
-    callback.hDriver = &self;
+FFDHandle open_in(Folder const& folder, FFDDesiredAccess access) {
     FFDError status = FFD_NOERROR;
-    FFDHandle const handle = slot<FFDCreateFileProc>(FFD_SLOT_CREATE_FILE)(
-        folder.sound().c_str(), access, FFD_OPEN_EXISTING, nullptr, callback, &status, nullptr);
+    FFDHandle const handle = open_sound(folder.sound(), access, status);
     check(status, "open");
     return handle;
 }
 
 void close_sound(FFDHandle handle) {
-    check(slot<FFDCloseProc>(FFD_SLOT_CLOSE)(handle), "close");
+    check(driver().Close(handle), "close");
 }
 
 void Walk(benchmark::State& state) {
@@ -107,7 +89,7 @@ void Walk(benchmark::State& state) {
     uint32_t const frames = static_cast<uint32_t>(state.range(0));
     folder.put(frames, 1);
     for ([[maybe_unused]] auto _ : state) {
-        close_sound(open_sound(folder, FFD_ACCESS_READ));
+        close_sound(open_in(folder, FFD_ACCESS_READ));
     }
     state.SetBytesProcessed(state.iterations() * int64_t{frames} * kFrameBytes);
     state.SetItemsProcessed(state.iterations() * int64_t{frames});
@@ -145,26 +127,24 @@ DWORD next_position(DWORD& seed, DWORD length) {
     return static_cast<DWORD>(uint64_t{seed} * length >> 32);
 }
 
-void Lookup(benchmark::State& state) {
+template <typename Next> void look_up(benchmark::State& state, Next next) {
     Directory directory(static_cast<uint32_t>(state.range(0)));
     DWORD const length = directory->get_data_length();
-    DWORD seed = 1;
     DWORD start = 0;
     for ([[maybe_unused]] auto _ : state) {
-        benchmark::DoNotOptimize(directory->get_dir_entry(next_position(seed, length), &start));
+        benchmark::DoNotOptimize(directory->get_dir_entry(next(length), &start));
     }
+}
+
+void Lookup(benchmark::State& state) {
+    look_up(state, [seed = DWORD{1}](DWORD length) mutable { return next_position(seed, length); });
 }
 BENCHMARK(Lookup)->Arg(1)->Arg(100)->Arg(5000);
 
 void LookupOnwards(benchmark::State& state) {
-    Directory directory(static_cast<uint32_t>(state.range(0)));
-    DWORD const length = directory->get_data_length();
-    DWORD position = 0;
-    DWORD start = 0;
-    for ([[maybe_unused]] auto _ : state) {
-        benchmark::DoNotOptimize(directory->get_dir_entry(position, &start));
-        position = (position + kPieceBytes / 2) % length;
-    }
+    look_up(state, [position = DWORD{0}](DWORD length) mutable {
+        return position = (position + kPieceBytes / 2) % length;
+    });
 }
 BENCHMARK(LookupOnwards)->Arg(1)->Arg(100)->Arg(5000);
 
@@ -207,18 +187,14 @@ void Read(benchmark::State& state) {
     Folder const folder;
     constexpr uint32_t kFrames = 20000;
     folder.put(kFrames, static_cast<uint32_t>(state.range(0)));
-    FFDHandle const handle = open_sound(folder, FFD_ACCESS_READWRITE);
-    auto const seek = slot<FFDAudioSeekProc>(FFD_SLOT_AUDIO_SEEK);
-    auto const size_of_data = slot<FFDGetSizeOfDataProc>(FFD_SLOT_GET_SIZE_OF_DATA);
-    auto const read = slot<FFDReadDataProc>(FFD_SLOT_READ_DATA);
+    FFDHandle const handle = open_in(folder, FFD_ACCESS_READWRITE);
     std::vector<uint8_t> piece(kPieceBytes);
     for ([[maybe_unused]] auto _ : state) {
-        uint32_t position = 0;
-        seek(handle, 0, &position);
+        seek(handle, 0);
         FFDReadHandle* range = nullptr;
-        while (size_of_data(handle, kPieceBytes, &range) == FFD_NOERROR &&
+        while (driver().GetSizeOfData(handle, kPieceBytes, &range) == FFD_NOERROR &&
                range->RealSizeInBytes > 0) {
-            check(read(handle, range, kPieceBytes, piece.data()), "read");
+            check(driver().ReadData(handle, range, kPieceBytes, piece.data()), "read");
         }
     }
     state.SetBytesProcessed(state.iterations() * int64_t{kFrames} * kFrameBytes);
@@ -232,7 +208,7 @@ void Rebuild(benchmark::State& state) {
     for ([[maybe_unused]] auto _ : state) {
         state.PauseTiming();
         folder.put(kFrames, static_cast<uint32_t>(state.range(0)));
-        FFDHandle const handle = open_sound(folder, FFD_ACCESS_READWRITE);
+        FFDHandle const handle = open_in(folder, FFD_ACCESS_READWRITE);
         state.ResumeTiming();
         close_sound(handle);
     }
