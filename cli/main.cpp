@@ -31,6 +31,8 @@ char const* const kFolders =
     "followed. With more than one file a summary stands at the end; a file that fails keeps no\n"
     "other from its turn, and the exit code is the worst.\n";
 
+char const* const kFiles = "MP3 files, and folders of such";
+
 struct Arguments {
     std::string driver;
     bool json = false;
@@ -51,32 +53,40 @@ struct Arguments {
 
 using Command = std::function<Outcome(Driver const&)>;
 
-void add_files(CLI::App& command, Arguments& arguments) {
-    command.add_option("FILE", arguments.files, "MP3 files, and folders of such")
+void add_file(CLI::App& command, std::string& file, std::string const& words) {
+    command.add_option("FILE", file, words)->type_name(" ")->required();
+}
+
+void add_list(CLI::App& command, std::string const& name, std::vector<std::string>& list,
+              std::string const& words) {
+    command.add_option(name, list, words)
         ->type_name(" ")
         ->required()
         ->expected(1, CLI::detail::expected_max_vector_size);
 }
 
+// What is to be run if the command line names this command.
+void when_chosen(CLI::App& app, Command& command, Command const& run) {
+    app.callback([&command, run] { command = run; });
+}
+
 void add_info(CLI::App& app, Arguments& arguments, Command& command) {
     CLI::App* const info = app.add_subcommand(
         "info", "Show the format, the lengths and the tags of MP3 files; changes nothing");
-    add_files(*info, arguments);
+    add_list(*info, "FILE", arguments.files, kFiles);
     info->footer(std::string(kFolders) +
                  "\nExamples:\n  ffdhost info dictation.mp3\n  ffdhost info dictations");
-    info->callback([&] {
-        command = [&](Driver const& driver) {
-            return run_each("info", arguments.files, arguments.json, [&](std::string const& file) {
-                return run_info(driver, file, arguments.json);
-            });
-        };
+    when_chosen(*info, command, [&](Driver const& driver) {
+        return run_each("info", arguments.files, arguments.json, [&](std::string const& file) {
+            return run_info(driver, file, arguments.json);
+        });
     });
 }
 
 void add_read(CLI::App& app, Arguments& arguments, Command& command) {
     CLI::App* const read = app.add_subcommand(
         "read", "Write the audio of an MP3 file, without its tags, to a file or standard output");
-    read->add_option("FILE", arguments.file, "an MP3 file")->type_name(" ")->required();
+    add_file(*read, arguments.file, "an MP3 file");
     read->add_option("--from", arguments.read.from, "position to begin at")
         ->type_name("POS")
         ->capture_default_str();
@@ -93,17 +103,15 @@ void add_read(CLI::App& app, Arguments& arguments, Command& command) {
                  "beside it are not seen: 'ffdhost recover FILE' opens it for writing and folds\n"
                  "them in.\n\n"
                  "Example:\n  ffdhost read dictation.mp3 --from 1:02.5 --length 10s -o part.mp3");
-    read->callback([&] {
-        command = [&](Driver const& driver) {
-            return run_read(driver, arguments.file, arguments.read, arguments.json);
-        };
+    when_chosen(*read, command, [&](Driver const& driver) {
+        return run_read(driver, arguments.file, arguments.read, arguments.json);
     });
 }
 
 void add_map(CLI::App& app, Arguments& arguments, Command& command) {
     CLI::App* const map =
         app.add_subcommand("map", "Show the blocks that make up the dictation; changes nothing");
-    map->add_option("FILE", arguments.file, "an MP3 file")->type_name(" ")->required();
+    add_file(*map, arguments.file, "an MP3 file");
     map->add_option("--svg", arguments.svg,
                     "draw the blocks as a picture into a file ('-': standard output)")
         ->type_name("OUT");
@@ -116,23 +124,16 @@ void add_map(CLI::App& app, Arguments& arguments, Command& command) {
         "first frame, a dictation position where they play.\n\n"
         "Examples:\n  ffdhost map dictation.mp3\n"
         "  ffdhost map dictation.mp3 --svg dictation.svg");
-    map->callback([&] {
-        command = [&](Driver const& driver) {
-            return run_map(driver, arguments.file, arguments.svg, arguments.force, arguments.json);
-        };
+    when_chosen(*map, command, [&](Driver const& driver) {
+        return run_map(driver, arguments.file, arguments.svg, arguments.force, arguments.json);
     });
 }
 
 void add_edit(CLI::App& app, Arguments& arguments, Command& command) {
     CLI::App* const edit = app.add_subcommand(
         "edit", "Open an MP3 file for writing, do the operations in order, and close it");
-    edit->add_option("FILE", arguments.file, "an MP3 file with a constant bitrate")
-        ->type_name(" ")
-        ->required();
-    edit->add_option("OP", arguments.operations, "operations with their arguments, see below")
-        ->type_name(" ")
-        ->required()
-        ->expected(1, CLI::detail::expected_max_vector_size);
+    add_file(*edit, arguments.file, "an MP3 file with a constant bitrate");
+    add_list(*edit, "OP", arguments.operations, "operations with their arguments, see below");
     edit->add_flag(
         "--force", arguments.force,
         "enter clips whose format does not fit the dictation, delete all of it, and read "
@@ -161,29 +162,25 @@ void add_edit(CLI::App& app, Arguments& arguments, Command& command) {
         "behind it are not done, and the file is closed with the edits so far. Ctrl-C ends the\n"
         "program without a close: the next open for writing finds the edits.\n\n"
         "Example:\n  ffdhost edit dictation.mp3 seek 0:10 insert addition.mp3 delete 2.5s show");
-    edit->callback([&] {
-        command = [&](Driver const& driver) {
-            EditOptions options;
-            options.readDirectory = read_dir_file;
-            options.force = arguments.force;
-            options.snap = arguments.snap;
-            if (arguments.backup && !arguments.dryRun) {
-                keep_backup(arguments.file, arguments.json);
-            }
-            return arguments.dryRun
-                       ? run_dry_edit(arguments.file, arguments.operations, options, arguments.json)
-                       : run_edit(driver, arguments.file, arguments.operations, options,
-                                  arguments.json);
-        };
+    when_chosen(*edit, command, [&](Driver const& driver) {
+        EditOptions options;
+        options.readDirectory = read_dir_file;
+        options.force = arguments.force;
+        options.snap = arguments.snap;
+        if (arguments.backup && !arguments.dryRun) {
+            keep_backup(arguments.file, arguments.json);
+        }
+        return arguments.dryRun
+                   ? run_dry_edit(arguments.file, arguments.operations, options, arguments.json)
+                   : run_edit(driver, arguments.file, arguments.operations, options,
+                              arguments.json);
     });
 }
 
 void add_record(CLI::App& app, Arguments& arguments, Command& command) {
     CLI::App* const record = app.add_subcommand(
         "record", "Record an MP3 stream from standard input into an MP3 file, as it comes");
-    record->add_option("FILE", arguments.file, "an MP3 file with a constant bitrate")
-        ->type_name(" ")
-        ->required();
+    add_file(*record, arguments.file, "an MP3 file with a constant bitrate");
     record->add_option("--at", arguments.record.at, "position to begin at")
         ->type_name("POS")
         ->capture_default_str();
@@ -214,27 +211,20 @@ void add_record(CLI::App& app, Arguments& arguments, Command& command) {
                    "|\n      ffdhost record letter.mp3\n"
                    "  arecord -f S16_LE -r 22050 | lame --cbr -b 64 - - |\n"
                    "      ffdhost record letter.mp3 --at 1:02.5 --overwrite");
-    record->callback([&] {
-        command = [&](Driver const& driver) {
-            if (arguments.backup) {
-                keep_backup(arguments.file, arguments.json);
-            }
-            arguments.record.readDirectory = read_dir_file;
-            return run_record(driver, arguments.file, arguments.record, arguments.json);
-        };
+    when_chosen(*record, command, [&](Driver const& driver) {
+        if (arguments.backup) {
+            keep_backup(arguments.file, arguments.json);
+        }
+        arguments.record.readDirectory = read_dir_file;
+        return run_record(driver, arguments.file, arguments.record, arguments.json);
     });
 }
 
 void add_split(CLI::App& app, Arguments& arguments, Command& command) {
     CLI::App* const split =
         app.add_subcommand("split", "Write the parts of an MP3 file to files of their own");
-    split->add_option("FILE", arguments.file, "an MP3 file with a constant bitrate")
-        ->type_name(" ")
-        ->required();
-    split->add_option("AT", arguments.split.at, "positions to cut at, in order")
-        ->type_name(" ")
-        ->required()
-        ->expected(1, CLI::detail::expected_max_vector_size);
+    add_file(*split, arguments.file, "an MP3 file with a constant bitrate");
+    add_list(*split, "AT", arguments.split.at, "positions to cut at, in order");
     split
         ->add_option("-o,--output", arguments.split.output,
                      "a folder, or how the names begin (default: as that of FILE)")
@@ -246,10 +236,8 @@ void add_split(CLI::App& app, Arguments& arguments, Command& command) {
                   "without an info\nframe; joined again they are the audio of FILE, byte for byte. "
                   "FILE is only read.\n\n"
                   "Example:\n  ffdhost split letter.mp3 1m30s 3:00");
-    split->callback([&] {
-        command = [&](Driver const& driver) {
-            return run_split(driver, arguments.file, arguments.split, arguments.json);
-        };
+    when_chosen(*split, command, [&](Driver const& driver) {
+        return run_split(driver, arguments.file, arguments.split, arguments.json);
     });
 }
 
@@ -257,18 +245,12 @@ void add_join(CLI::App& app, Arguments& arguments, Command& command) {
     CLI::App* const join =
         app.add_subcommand("join", "Make an MP3 file of the audio of others, one behind the other");
     join->add_option("OUT", arguments.file, "the file to make")->type_name(" ")->required();
-    join->add_option("FILE", arguments.files, "MP3 files of one format and constant bitrate")
-        ->type_name(" ")
-        ->required()
-        ->expected(1, CLI::detail::expected_max_vector_size);
+    add_list(*join, "FILE", arguments.files, "MP3 files of one format and constant bitrate");
     join->add_flag("--force", arguments.force, "replace OUT if it is there");
     join->footer("Tags and info frames of the files are left out, and the files are only read.\n\n"
                  "Example:\n  ffdhost join letter.mp3 letter-1.mp3 letter-2.mp3");
-    join->callback([&] {
-        command = [&](Driver const& driver) {
-            return run_join(driver, arguments.file, arguments.files, arguments.force,
-                            arguments.json);
-        };
+    when_chosen(*join, command, [&](Driver const& driver) {
+        return run_join(driver, arguments.file, arguments.files, arguments.force, arguments.json);
     });
 }
 
@@ -276,7 +258,7 @@ void add_check(CLI::App& app, Arguments& arguments, Command& command) {
     CLI::App* const check = app.add_subcommand(
         "check", "Tell what is wrong with MP3 files and what the next open for writing makes of "
                  "them; changes nothing");
-    add_files(*check, arguments);
+    add_list(*check, "FILE", arguments.files, kFiles);
     check->footer(
         std::string(kFolders) +
         "\nReads the whole file and what lies beside it, and tells of frames that differ, of "
@@ -288,19 +270,17 @@ void add_check(CLI::App& app, Arguments& arguments, Command& command) {
         "was interrupted or would fail, or frames are cut off, differ, or have bytes between\n"
         "them.\n\n"
         "Examples:\n  ffdhost check dictation.mp3\n  ffdhost check dictations");
-    check->callback([&] {
-        command = [&](Driver const& driver) {
-            return run_each("check", arguments.files, arguments.json, [&](std::string const& file) {
-                return run_check(driver, file, arguments.json);
-            });
-        };
+    when_chosen(*check, command, [&](Driver const& driver) {
+        return run_each("check", arguments.files, arguments.json, [&](std::string const& file) {
+            return run_check(driver, file, arguments.json);
+        });
     });
 }
 
 void add_recover(CLI::App& app, Arguments& arguments, Command& command) {
     CLI::App* const recover = app.add_subcommand(
         "recover", "Say what an open for writing and a close will do to an MP3 file, and do it");
-    recover->add_option("FILE", arguments.file, "an MP3 file")->type_name(" ")->required();
+    add_file(*recover, arguments.file, "an MP3 file");
     recover->add_flag("--copy", arguments.recover.copy,
                       "keep a copy first, in a new folder beside the file");
     recover->add_flag("--info-frame", arguments.recover.infoFrame,
@@ -319,10 +299,8 @@ void add_recover(CLI::App& app, Arguments& arguments, Command& command) {
         "it was right; a file that has edits waiting is refused. The seek table and what else the\n"
         "encoder has noted stay as they are.\n\n"
         "Example:\n  ffdhost recover --copy dictation.mp3");
-    recover->callback([&] {
-        command = [&](Driver const& driver) {
-            return run_recover(driver, arguments.file, arguments.recover, arguments.json);
-        };
+    when_chosen(*recover, command, [&](Driver const& driver) {
+        return run_recover(driver, arguments.file, arguments.recover, arguments.json);
     });
 }
 
