@@ -1,10 +1,8 @@
 // A small MP3 file beside whatever .DIR file and marker the input holds, then a short session. What
 // the .DIR file says after each edit is compared with what reads deliver.
 #include "fuzz/support.h"
+#include "testing/dictation.h"
 #include "testing/sound_maker.h"
-
-#include <cstring>
-#include <vector>
 
 namespace {
 
@@ -53,39 +51,15 @@ std::string marker(fuzz::Input& input) {
     return "XKIVCLM1" + little_endian(~nCrc) + record;
 }
 
-// The entries of a .DIR file that is sound.
-std::vector<Entry> entries(std::string const& image) {
-    std::vector<Entry> all;
-    size_t nAt = 0;
-    for (Entry entry; nAt + 12 <= image.size() && image[nAt] != 0; nAt += 12) {
-        memcpy(&entry, image.data() + nAt, 12);
-        REQUIRE(entry.nStatus == 1 || entry.nStatus == 3 || entry.nStatus == 11);
-        REQUIRE(entry.nStartpos <= entry.nEndpos);
-        all.push_back(entry);
-    }
-    return all;
-}
-
 // Reads the whole dictation, and compares it with what the .DIR file says after a flush.
 void check(FFDHandle handle) {
     std::string const image = memory_disk::get(DIRECTORY);
-    std::vector<Entry> const all = entries(image);
-    REQUIRE(image.substr(all.size() * 12) == std::string(image.size() - all.size() * 12, '\0'));
-    std::string const sound = memory_disk::get(SOUND);
-    std::string expected;
-    uint32_t nLength = 0;
-    bool bCut = false;
-    for (Entry const& entry : all) {
-        if (entry.nStatus == 1) {
-            uint32_t const nSize = entry.nEndpos - entry.nStartpos;
-            uint64_t const nOffset = uint64_t{30} + entry.nStartpos;
-            nLength += nSize;
-            if (!bCut && nSize > 0 && nOffset < sound.size()) {
-                expected += sound.substr(nOffset, nSize);
-            }
-            bCut = bCut || (nSize > 0 && nOffset + nSize > sound.size());
-        }
-    }
+    std::optional<Dictation> const flushed = dictation_of(image);
+    REQUIRE(flushed.has_value());
+    size_t const nEnd = flushed->runs.size() * 12;
+    REQUIRE(image.substr(nEnd) == std::string(image.size() - nEnd, '\0'));
+    std::string const expected = flushed->bytes(memory_disk::get(SOUND).substr(30));
+    uint32_t const nLength = flushed->length();
     uint32_t const nPosition = position_of(handle);
     REQUIRE(seek(handle, 0xFFFFFFFF) == nLength && nPosition <= nLength);
     seek(handle, 0);

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -71,8 +72,8 @@ struct Dictation {
         }
     }
 
-    // After a crash: bytes of the file that the runs don't account for play behind the run that is
-    // last in the file, if that is one of the dictation.
+    // After a crash: the run that is last in the file, if it is one of the dictation, is made to
+    // end where the audio does.
     void take_in(uint32_t nAudioEnd) {
         uint32_t nSum = 0;
         for (Run const& run : runs) {
@@ -80,14 +81,30 @@ struct Dictation {
         }
         Run* pLast = nullptr;
         for (Run& run : runs) {
-            if (run.nEnd > nSum) {
+            if (run.nEnd > std::max(nSum, run.nBegin)) {
                 return;
             }
-            pLast = run.nEnd == nSum && run.live_size() > 0 ? &run : pLast;
+            bool const bEnds = run.state == Run::Live && run.nEnd == nSum;
+            pLast = bEnds && (pLast == nullptr || run.live_size() > 0) ? &run : pLast;
         }
-        if (pLast != nullptr) {
-            pLast->nEnd = std::max(nSum, nAudioEnd);
+        if (pLast != nullptr && nSum != nAudioEnd && pLast->nBegin <= nAudioEnd) {
+            *pLast =
+                pLast->nBegin == nAudioEnd ? Run{0, 0, Run::Gone} : Run{pLast->nBegin, nAudioEnd};
         }
+    }
+
+    // What reads deliver: they end where the file does not hold what plays.
+    std::string bytes(std::string const& audio) const {
+        std::string all;
+        for (Run const& run : runs) {
+            if (run.live_size() > 0) {
+                all += run.nBegin < audio.size() ? audio.substr(run.nBegin, run.live_size()) : "";
+                if (run.nEnd > audio.size()) {
+                    break;
+                }
+            }
+        }
+        return all;
     }
 
     // Whether there was anything to undo.
@@ -102,6 +119,32 @@ struct Dictation {
         return bFound;
     }
 };
+
+// What a .DIR file names; nothing if it can be no directory.
+inline std::optional<Dictation> dictation_of(std::string image) {
+    size_t const nHeld = image.size();
+    image.resize(std::max<size_t>(nHeld, 65536));
+    Dictation found;
+    for (size_t nAt = 0; nAt >= image.size() || image[nAt] != 0; nAt += 12) {
+        uint32_t nStatus = 0; // with the reserved bytes
+        Run run{0, 0};
+        if (nAt + 12 > nHeld) {
+            return std::nullopt; // cut, or without an end
+        }
+        memcpy(&nStatus, &image[nAt], 4);
+        memcpy(&run.nBegin, &image[nAt + 4], 4);
+        memcpy(&run.nEnd, &image[nAt + 8], 4);
+        if ((nStatus != 1 && nStatus != 3 && nStatus != 11) || run.nBegin > run.nEnd ||
+            std::any_of(found.runs.begin(), found.runs.end(), [&](Run const& other) {
+                return std::max(run.nBegin, other.nBegin) < std::min(run.nEnd, other.nEnd);
+            })) {
+            return std::nullopt;
+        }
+        run.state = nStatus == 1 ? Run::Live : nStatus == 3 ? Run::Gone : Run::Undoable;
+        found.runs.push_back(run);
+    }
+    return found;
+}
 
 enum class Kind { Insert, Overwrite, Erase, Undo, Store, Restore };
 
@@ -127,15 +170,8 @@ struct Model {
     std::optional<Dictation> stored;
     uint32_t nWritten = 0; // bytes in all
 
-    std::string bytes() const { return bytes(now); }
-    std::string flushed_bytes() const { return bytes(flushed); }
-    std::string bytes(Dictation const& dictation) const {
-        std::string all;
-        for (Run const& run : dictation.runs) {
-            all += audio.substr(run.nBegin, run.live_size());
-        }
-        return all;
-    }
+    std::string bytes() const { return now.bytes(audio); }
+    std::string flushed_bytes() const { return flushed.bytes(audio); }
 
     // The status that the driver must answer.
     FFDError apply(Step const& step, std::string const& piece) {

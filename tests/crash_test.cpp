@@ -18,6 +18,12 @@
 namespace {
 
 std::string const SOUND = "/d/a.mp3";
+std::string const DIRECTORY = "/d/a.DIR";
+
+std::string with_bit(std::string bytes, size_t nBit) {
+    bytes[nBit / 8] = static_cast<char>(bytes[nBit / 8] ^ 1 << nBit % 8);
+    return bytes;
+}
 
 bool is_temporary(std::string const& name) {
     return name.ends_with(".MP3");
@@ -39,7 +45,9 @@ struct Recovery {
     FFDError closed = 0;
     FFDError again = 0;
     std::string sound; // when it was open
+    uint32_t nLength = 0;
     std::string dictation;
+    std::vector<std::string> openNames; // of all files, after the open
     std::string closedSound;
     std::vector<std::string> names;
 
@@ -49,14 +57,16 @@ struct Recovery {
             power_cut::record();
         }
         FFDHandle handle = open_sound(SOUND, 2, opened);
-        sound = memory_disk::get(SOUND);
+        openNames = dry::names();
+        sound = memory_disk::has(SOUND) ? memory_disk::get(SOUND) : "";
         if (handle == nullptr) {
             return;
         }
-        uint32_t const nLength = seek(handle, 0xFFFFFFFF);
+        nLength = seek(handle, 0xFFFFFFFF);
         seek(handle, 0);
         FFDError status = 0;
-        dictation = nLength == 0 ? "" : read_on(handle, nLength, status);
+        uint32_t const nHeld = static_cast<uint32_t>(sound.size());
+        dictation = nLength == 0 ? "" : read_on(handle, std::min(nLength, nHeld), status);
         closed = status != 0 ? status : driver().Close(handle);
         names = dry::names();
         closedSound = memory_disk::get(SOUND);
@@ -262,6 +272,187 @@ TEST(CrashTest, EveryShortSessionAndRandomOnes) {
         crashes.run(steps, n % 2 != 0, nCuts);
     }
     crashes.tell();
+}
+
+// A .DIR file that a crash has torn, that a disk has spoilt or that comes from elsewhere: what
+// can't be whole is set aside, and what is taken over plays what it names and takes every edit.
+class SpoiltDirectoryTest : public testing::Test {
+protected:
+    ~SpoiltDirectoryTest() override {
+        std::cout << m_nTried << " directories, " << m_nAside << " set aside\n";
+    }
+
+    void expect_judged(std::string const& audio, std::string const& image) {
+        memory_disk::Files const files{{SOUND, audio}, {DIRECTORY, image}};
+        std::optional<Dictation> expected = dictation_of(image);
+        bool const bAside = !expected;
+        uint32_t const nHeld = static_cast<uint32_t>(audio.size());
+        if (bAside || expected->runs.empty() ||
+            (expected->runs.size() == 1 && expected->runs[0].nEnd == 0)) {
+            expected = Dictation{{{0, nHeld}}};
+        }
+        expected->take_in(nHeld);
+        ++m_nTried;
+        m_nAside += bAside;
+        Recovery const found(files);
+        ASSERT_EQ(found.opened, 0u);
+        EXPECT_EQ(found.nLength, expected->length());
+        EXPECT_TRUE(found.dictation == expected->bytes(audio));
+        EXPECT_EQ(found.closed, 0u);
+        EXPECT_EQ(found.names.size(), bAside ? 2u : 1u);
+        EXPECT_TRUE(!bAside || memory_disk::get(DIRECTORY + ".bad") == image);
+
+        memory_disk::begin(files);
+        FFDError status = 0;
+        FFDHandle const handle = open_sound(SOUND, 2, status);
+        auto const at = [&](uint32_t nPosition) { return seek(handle, nPosition), handle; };
+        EXPECT_EQ(driver().UndoLast(handle), expected->end_undo(true) ? 0u : 24u);
+        EXPECT_EQ(write_at(at(found.nLength / 2), 1, frames(1, 3)), 0u);
+        EXPECT_EQ(write_at(at(0), 1, frames(2, 4)), 0u);
+        EXPECT_EQ(driver().DeleteData(at(96), 96), 0u);
+        EXPECT_EQ(driver().UndoLast(handle), 0u);
+        // A write drops what the file does not hold.
+        if (expected->bytes(audio).size() == expected->length()) {
+            EXPECT_EQ(seek(handle, 0xFFFFFFFF), expected->length() + 288);
+        }
+        EXPECT_TRUE(read_on(at(0), 192, status) == frames(2, 4));
+        EXPECT_EQ(driver().Close(handle), 0u);
+        EXPECT_TRUE(memory_disk::get(SOUND).starts_with(frames(2, 4)));
+    }
+
+    unsigned m_nTried = 0;
+    unsigned m_nAside = 0;
+};
+
+TEST_F(SpoiltDirectoryTest, MixesOfTwo) {
+    std::function<FFDError(FFDHandle)> const edits[] = {
+        [](FFDHandle h) { return seek(h, 60 * 96), write_at(h, 1, frames(1, 1)); },
+        [](FFDHandle h) { return seek(h, 90 * 96 + 48), write_at(h, 1, frames(1, 2)); },
+        [](FFDHandle h) { return seek(h, 70 * 96 + 10), write_at(h, 2, frames(2, 3)); },
+        [](FFDHandle h) { return seek(h, 40 * 96), driver().DeleteData(h, 60 * 96); },
+        [](FFDHandle h) { return driver().UndoLast(h); },
+    };
+    // 160 blocks of one frame each, the last frame first.
+    std::vector<Entry> entries;
+    for (uint32_t nFrame = 160; nFrame-- > 0;) {
+        entries.push_back({1, nFrame * 96, nFrame * 96 + 96});
+    }
+    memory_disk::Files files{{SOUND, frames(160)}, {DIRECTORY, dir_image(entries)}};
+    for (auto const& edit : edits) {
+        memory_disk::begin(files);
+        power_cut::record();
+        FFDError status = 0;
+        FFDHandle const handle = open_sound(SOUND, 2, status);
+        ASSERT_EQ(edit(handle), 0u);
+        power_cut::Record const record = power_cut::take();
+        files = memory_disk::left_by_crash();
+        driver().Close(handle);
+        for (unsigned n = 0; n < record.changes.size() * 100 && !HasFailure(); ++n) {
+            SCOPED_TRACE(n);
+            expect_judged(files[SOUND], record.left(n / 100 + 1, 2 + n)[DIRECTORY]);
+        }
+    }
+    EXPECT_GT(m_nAside, m_nTried / 50);
+}
+
+TEST_F(SpoiltDirectoryTest, EveryLengthEveryBitAndAnythingElse) {
+    std::string const audio = frames(30);
+    std::string const image = dir_image({{1, 2000, 2880},
+                                         {3, 1000, 1500},
+                                         {11, 0, 600},
+                                         {1, 600, 1000},
+                                         {1, 1500, 2000},
+                                         {11, 2880, 2880}});
+    for (size_t nBytes = 0; nBytes <= 65536 && !HasFailure(); nBytes += nBytes < 300 ? 1 : 512) {
+        SCOPED_TRACE(nBytes);
+        expect_judged(audio, image.substr(0, nBytes));
+    }
+    for (size_t nBit = 0; nBit < size_t{65536} * 8 && !HasFailure();
+         nBit += nBit < 700 ? 1 : 32749) {
+        SCOPED_TRACE(nBit);
+        expect_judged(audio, with_bit(image, nBit));
+    }
+    std::mt19937 random(4711);
+    auto const one_of = [&](std::initializer_list<uint32_t> values) {
+        return values.begin()[random() % values.size()];
+    };
+    for (unsigned nRound = 0; nRound < 3000 && !HasFailure(); ++nRound) {
+        SCOPED_TRACE(nRound);
+        std::vector<Entry> any;
+        uint32_t nEnd = 0;
+        for (size_t nEntries = random() % 12; nEntries > 0; --nEntries) {
+            uint32_t const nStart = nEnd + one_of({0, 0, 0, 1, 96, 4000});
+            nEnd = nStart + one_of({0, 1, 95, 96, 500, 1500});
+            any.push_back({one_of({1, 1, 1, 1, 3, 11}), nStart, nEnd});
+        }
+        std::shuffle(any.begin(), any.end(), random);
+        if (!any.empty() && random() % 3 == 0) { // something that is wrong, as a rule
+            Entry& entry = any[random() % any.size()];
+            (random() % 2 == 0 ? entry.nStartpos : entry.nEndpos) =
+                one_of({0, 96, 2880, 0x7FFFFFFF, 0xFFFFFFFF});
+            entry.nStatus = one_of({1, 3, 11, 0, 2, 5, 9, 257, 0x80000001});
+        }
+        expect_judged(audio, dir_image(any, one_of({65536, 65536, 12, 70, 144, 65537, 131072})));
+    }
+    EXPECT_GT(m_nAside, m_nTried / 20);
+    EXPECT_LT(m_nAside, m_nTried / 2);
+}
+
+// Beside the old file, and where only the rebuilt one is left.
+TEST(SpoiltMarkerTest, DecidesNothing) {
+    std::string const audio = frames(10);
+    std::string const dictation = frames(1, 3) + audio;
+    memory_disk::begin({{SOUND, audio}});
+    power_cut::record();
+    FFDError status = 0;
+    FFDHandle const handle = open_sound(SOUND, 2, status);
+    ASSERT_EQ(write_at(handle, 1, frames(1, 3)), 0u);
+    ASSERT_EQ(driver().Close(handle), 0u);
+    power_cut::Record const record = power_cut::take();
+    unsigned nStates = 0;
+    unsigned nTried = 0;
+    for (size_t nChange = 0; nChange < record.changes.size(); ++nChange) {
+        memory_disk::Files files = record.left(nChange, 0);
+        std::string const marker = files["/d/a.CLM"];
+        std::string const rebuilt = files.begin()->first;
+        if (marker.size() != 552 || !is_temporary(rebuilt)) {
+            continue;
+        }
+        ++nStates;
+        bool const bOldFile = files.contains(SOUND);
+        auto const expect_kept = [&](std::string const& damaged) {
+            files["/d/a.CLM"] = damaged;
+            Recovery const found(files);
+            bool const bZeros = damaged.find_first_not_of('\0') == std::string::npos;
+            // A file that does not even begin like a marker is somebody's.
+            bool const bForeign =
+                damaged.size() > 552 ||
+                (!bZeros && damaged.compare(0, 8, marker, 0, std::min<size_t>(8, damaged.size())));
+            auto const has = [&](std::string const& name) {
+                return std::count(found.openNames.begin(), found.openNames.end(), name) == 1;
+            };
+            EXPECT_EQ(has("/d/a.CLM"), bForeign);
+            EXPECT_EQ(has("/d/a.CLM.bad"), !bForeign && !damaged.empty());
+            EXPECT_EQ(found.opened == 0, bOldFile);
+            EXPECT_TRUE(!bOldFile || found.sound == audio + frames(1, 3));
+            EXPECT_TRUE(!bOldFile || found.dictation == dictation);
+            EXPECT_TRUE(has(rebuilt) && memory_disk::get(rebuilt) == dictation);
+            nTried += 1;
+        };
+        for (size_t nBytes = 0; nBytes < 552; ++nBytes) {
+            expect_kept(marker.substr(0, nBytes));
+        }
+        for (size_t nBit = 0; nBit < size_t{552} * 8 && !testing::Test::HasFailure(); nBit += 5) {
+            SCOPED_TRACE(nBit);
+            expect_kept(with_bit(marker, nBit));
+        }
+        for (std::string const& damaged : {marker.substr(0, 300) + std::string(252, '\0'),
+                                           std::string(552, '\0'), marker + '\0', noise(552)}) {
+            expect_kept(damaged);
+        }
+    }
+    EXPECT_GE(nStates, 2u);
+    std::cout << nTried << " markers\n";
 }
 
 } // namespace

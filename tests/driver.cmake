@@ -1,7 +1,7 @@
 add_library(driver_fixture STATIC ${CMAKE_SOURCE_DIR}/testing/driver_fixture.cpp ${CMAKE_SOURCE_DIR}/testing/driver_fixture_posix.cpp)
 target_link_libraries(driver_fixture PUBLIC xkivmp3_inside fault_layer sound_maker GTest::gmock)
 
-foreach(subject surroundings disk boundary shipped hosts services open directory edit close status calls faults crash torn)
+foreach(subject surroundings disk boundary shipped hosts services open directory edit close status calls faults crash)
     add_kiv_test(driver_${subject}_test
         SOURCES driver_${subject}_test.cpp LIBRARIES driver_fixture)
 endforeach()

@@ -130,6 +130,59 @@ TEST_F(StatusTest, AStoreCutsTheEntriesToTheFile) {
     EXPECT_EQ(nSize, 1122u);
 }
 
+// 29 and nothing changed; or, where the bytes still make sense, a directory that can be used.
+TEST_F(StatusTest, AStoredStatusThatIsNotWholeRestoresNothing) {
+    FFDHandle const handle = open_with(m_sound, m_audio);
+    ASSERT_EQ(insert(handle, 480, frames(1, 3)), 0u);
+    ASSERT_EQ(erase(handle, 96, 192), 0u);
+    seek(handle, 100);
+    ASSERT_EQ(store(handle), 0u);
+    std::string const file = csf();
+    std::string const whole = read_file(file);
+    ASSERT_EQ(whole.size(), 84u); // five entries
+    ASSERT_EQ(insert(handle, 0, frames(1, 4)), 0u);
+    std::string const present = read_all(handle);
+
+    auto const spoil = [&](std::string const& bytes) {
+        std::fstream(file, std::ios::binary | std::ios::in | std::ios::out) << bytes;
+        fs::resize_file(file, bytes.size());
+    };
+    auto const restore_from = [&](std::string const& damaged) {
+        spoil(damaged);
+        seek(handle, 300);
+        FFDError const status = restore(handle);
+        if (status == 0) {
+            read(handle, 0, 2000);
+            EXPECT_EQ(insert(handle, 0, frames(1, 5)), 0u);
+            EXPECT_EQ(erase(handle, 0, 96), 0u);
+            EXPECT_EQ(driver().UndoLast(handle), 0u);
+            spoil(whole);
+            EXPECT_EQ(restore(handle), 0u);
+            EXPECT_EQ(insert(handle, 0, frames(1, 4)), 0u);
+        } else {
+            EXPECT_EQ(position(handle), 300u);
+        }
+        EXPECT_TRUE(same_bytes(read_all(handle), present));
+        return status;
+    };
+    for (size_t nBytes = 0; nBytes < whole.size(); ++nBytes) {
+        EXPECT_EQ(restore_from(whole.substr(0, nBytes)), 29u) << nBytes;
+    }
+    for (size_t nBit = 0; nBit < whole.size() * 8; ++nBit) {
+        size_t const nByte = nBit / 8;
+        std::string damaged = whole;
+        damaged[nByte] = static_cast<char>(damaged[nByte] ^ 1 << nBit % 8);
+        FFDError const status = restore_from(damaged);
+        bool const bEntry = nByte >= 4 && nByte < 64;
+        // The count, and in each entry the reserved bytes; the status but for a change to 1 or 3.
+        bool const bWrong = nByte < 4 ||
+                            (bEntry && (nByte - 4) % 12 >= 1 && (nByte - 4) % 12 <= 3) ||
+                            (bEntry && (nByte - 4) % 12 == 0 && nBit % 8 != 1 && nBit % 8 != 3);
+        EXPECT_TRUE(status == 29 || (status == 0 && !bWrong)) << nBit;
+    }
+    EXPECT_EQ(restore_from(std::string("\x56\x15\0\0", 4) + std::string(65568, '\1')), 29u); // 5462
+}
+
 TEST_F(StatusTest, StoresThatFail) {
     FFDHandle const reader = (write_file(m_sound, m_audio), open(m_sound, 1));
     EXPECT_EQ(store(reader), 34u);

@@ -8,7 +8,7 @@
 # driver_foreign_log_test         a log in the test program, in front of the library
 # platform_linux_test, platform_calls_test, platform_loader_test
 #                                 the Linux layer itself
-# session_test, speech_test, the fuzz targets
+# session_test, speech_test, crash_test, the fuzz targets
 #                                 over the layer in memory, a sibling of the Linux layer
 # host_test.py, support_test.py, outside_test.py
 #                                 agreement_test.py compares the Windows host with the Linux one
@@ -16,8 +16,8 @@
 # And of the programs built here these cases:
 set(left_out_of_driver_services_test ServicesTest.FreeSpaceSaturates) # error numbers of wine
 # Read or change a stored status that is open: the platform refuses that, the Linux layer can't.
-set(left_out_of_driver_status_test StatusTest.TheFileToTheByte)
-set(left_out_of_driver_torn_test TornTest.AStoredStatusThatIsNotWholeRestoresNothing)
+set(left_out_of_driver_status_test
+    StatusTest.TheFileToTheByte StatusTest.AStoredStatusThatIsNotWholeRestoresNothing)
 
 add_kiv_test(platform_outcomes_test SOURCES platform_outcomes_test.cpp LIBRARIES platform)
 target_compile_definitions(platform_outcomes_test PRIVATE KIV_WINE=true)
@@ -27,7 +27,7 @@ add_kiv_test(platform_faults_test SOURCES platform_faults_test.cpp LIBRARIES fau
 add_library(driver_fixture STATIC ${CMAKE_SOURCE_DIR}/testing/driver_fixture.cpp ${CMAKE_SOURCE_DIR}/testing/driver_fixture_windows.cpp)
 target_link_libraries(driver_fixture PUBLIC xkivmp3_inside fault_layer sound_maker GTest::gmock)
 foreach(subject boundary services windows_paths windows_close open directory edit close status calls
-        faults crash torn)
+        faults crash)
     add_kiv_test(driver_${subject}_test
         SOURCES driver_${subject}_test.cpp LIBRARIES driver_fixture)
 endforeach()
