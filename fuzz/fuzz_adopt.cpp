@@ -60,7 +60,7 @@ void check(FFDHandle handle) {
     REQUIRE(image.substr(nEnd) == std::string(image.size() - nEnd, '\0'));
     std::string const expected = flushed->bytes(memory_disk::get(SOUND).substr(30));
     uint32_t const nLength = flushed->length();
-    uint32_t const nPosition = position_of(handle);
+    uint32_t const nPosition = position(handle);
     REQUIRE(seek(handle, 0xFFFFFFFF) == nLength && nPosition <= nLength);
     seek(handle, 0);
     FFDError status = 0;

@@ -89,14 +89,22 @@ inline uint32_t seek(FFDHandle handle, uint32_t position) {
     return driver().AudioSeek(handle, position, &nReached) == 0 ? nReached : 0xDEADDEAD;
 }
 
-inline uint32_t position_of(FFDHandle handle) {
+inline uint32_t position(FFDHandle handle) {
     uint32_t nPosition = 0;
     return driver().GetCurrentPos(handle, &nPosition) == 0 ? nPosition : 0xDEADDEAD;
 }
 
+// By a seek to the end and back.
+inline uint32_t length(FFDHandle handle) {
+    uint32_t const nPosition = position(handle);
+    uint32_t const nLength = seek(handle, 0xFFFFFFFF);
+    seek(handle, nPosition);
+    return nLength;
+}
+
 // What one read from the position on delivers of so many bytes; the buffer is no larger.
 inline std::string read_on(FFDHandle handle, uint32_t nBytes, FFDError& status) {
-    uint32_t const nBefore = position_of(handle);
+    uint32_t const nBefore = position(handle);
     FFDReadHandle* pRead = nullptr;
     status = driver().GetSizeOfData(handle, nBytes, &pRead);
     if (status != 0 || pRead->RealSizeInBytes > nBytes || pRead->RealStartPos != nBefore) {
@@ -105,7 +113,7 @@ inline std::string read_on(FFDHandle handle, uint32_t nBytes, FFDError& status) 
     uint32_t const nSize = pRead->RealSizeInBytes;
     std::string bytes(nSize, '\0');
     status = driver().ReadData(handle, pRead, nSize, reinterpret_cast<uint8_t*>(bytes.data()));
-    bytes.resize(position_of(handle) - nBefore);
+    bytes.resize(position(handle) - nBefore);
     return bytes;
 }
 
@@ -113,4 +121,19 @@ inline std::string read_on(FFDHandle handle, uint32_t nBytes, FFDError& status) 
 inline FFDError write_at(FFDHandle handle, FFDMethod method, std::string bytes) {
     return driver().WriteData(handle, method, static_cast<uint32_t>(bytes.size()),
                               reinterpret_cast<uint8_t*>(bytes.data()));
+}
+
+inline FFDError insert(FFDHandle handle, uint32_t nAt, std::string const& bytes) {
+    seek(handle, nAt);
+    return write_at(handle, FFD_METHOD_INSERT, bytes);
+}
+
+inline FFDError overwrite(FFDHandle handle, uint32_t nAt, std::string const& bytes) {
+    seek(handle, nAt);
+    return write_at(handle, FFD_METHOD_OVERWRITE, bytes);
+}
+
+inline FFDError erase(FFDHandle handle, uint32_t nAt, uint32_t nBytes) {
+    seek(handle, nAt);
+    return driver().DeleteData(handle, nBytes);
 }

@@ -98,62 +98,19 @@ void DriverTest::close(FFDHandle handle, FFDError expected) {
     EXPECT_EQ(driver().Close(handle), expected);
 }
 
-uint32_t DriverTest::seek(FFDHandle handle, uint32_t position) {
-    uint32_t nReached = 0;
-    EXPECT_EQ(driver().AudioSeek(handle, position, &nReached), 0u);
-    return nReached;
-}
-
-uint32_t DriverTest::position(FFDHandle handle) {
-    uint32_t nPosition = 0;
-    EXPECT_EQ(driver().GetCurrentPos(handle, &nPosition), 0u);
-    return nPosition;
-}
-
-uint32_t DriverTest::length(FFDHandle handle) {
-    uint32_t const nPosition = position(handle);
-    uint32_t const nLength = seek(handle, 0xFFFFFFFF);
-    seek(handle, nPosition);
-    return nLength;
-}
-
 std::string DriverTest::read(FFDHandle handle, uint32_t from, uint32_t bytes) {
-    seek(handle, from);
-    FFDReadHandle* pReadHandle = nullptr;
-    EXPECT_EQ(driver().GetSizeOfData(handle, bytes, &pReadHandle), 0u);
-    std::string buffer(pReadHandle->RealSizeInBytes, '\0');
-    uint32_t const nSize = pReadHandle->RealSizeInBytes;
-    FFDError const status =
-        driver().ReadData(handle, pReadHandle, nSize, reinterpret_cast<uint8_t*>(buffer.data()));
+    FFDError status = 0;
+    EXPECT_EQ(seek(handle, from), from);
+    std::string const delivered = read_on(handle, bytes, status);
     EXPECT_EQ(status, 0u);
-    buffer.resize(position(handle) - from);
-    return buffer;
+    return delivered;
 }
 
 std::string DriverTest::read_all(FFDHandle handle) {
     uint32_t const nPosition = position(handle);
     uint32_t const nLength = length(handle);
     // With nothing left in the dictation a read has no block to begin with.
-    std::string bytes = nLength == 0 ? std::string() : read(handle, 0, nLength);
+    std::string const bytes = nLength == 0 ? "" : read(handle, 0, nLength);
     seek(handle, nPosition);
     return bytes;
-}
-
-FFDError DriverTest::write(FFDHandle handle, FFDMethod method, uint32_t at, std::string bytes) {
-    seek(handle, at);
-    return driver().WriteData(handle, method, static_cast<uint32_t>(bytes.size()),
-                              reinterpret_cast<uint8_t*>(bytes.data()));
-}
-
-FFDError DriverTest::insert(FFDHandle handle, uint32_t at, std::string const& bytes) {
-    return write(handle, 1, at, bytes);
-}
-
-FFDError DriverTest::overwrite(FFDHandle handle, uint32_t at, std::string const& bytes) {
-    return write(handle, 2, at, bytes);
-}
-
-FFDError DriverTest::erase(FFDHandle handle, uint32_t at, uint32_t bytes) {
-    seek(handle, at);
-    return driver().DeleteData(handle, bytes);
 }

@@ -55,15 +55,8 @@ protected:
     // would. The result is the exit code, 0 if the session ran to its end.
     int crash_after(std::function<void()> const& session);
 
-    static uint32_t seek(FFDHandle handle, uint32_t position);
-    static uint32_t position(FFDHandle handle);
-    static uint32_t length(FFDHandle handle); // by a seek to the end and back
     static std::string read(FFDHandle handle, uint32_t from, uint32_t bytes);
     static std::string read_all(FFDHandle handle);
-    static FFDError write(FFDHandle handle, FFDMethod method, uint32_t at, std::string bytes);
-    static FFDError insert(FFDHandle handle, uint32_t at, std::string const& bytes);
-    static FFDError overwrite(FFDHandle handle, uint32_t at, std::string const& bytes);
-    static FFDError erase(FFDHandle handle, uint32_t at, uint32_t bytes);
 
     FFDCallbackParams m_callback = {};
     FFDError m_status = 0;

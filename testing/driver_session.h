@@ -160,7 +160,7 @@ private:
         std::string const expected = m_model.bytes();
         uint32_t const nLength = static_cast<uint32_t>(expected.size());
         uint32_t nFound = 0;
-        check(position_of(m_handle) == m_model.now.nPosition, "position");
+        check(position(m_handle) == m_model.now.nPosition, "position");
         check(seek(m_handle, 0xFFFFFFFF) == nLength, "length");
         driver().GetSoundDataLength(m_handle, &nFound);
         // Of up to 16 bytes each; the division can lose one.

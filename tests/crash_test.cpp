@@ -62,8 +62,7 @@ struct Recovery {
         if (handle == nullptr) {
             return;
         }
-        nLength = seek(handle, 0xFFFFFFFF);
-        seek(handle, 0);
+        nLength = length(handle);
         FFDError status = 0;
         uint32_t const nHeld = static_cast<uint32_t>(sound.size());
         dictation = nLength == 0 ? "" : read_on(handle, std::min(nLength, nHeld), status);
@@ -305,17 +304,17 @@ protected:
         memory_disk::begin(files);
         FFDError status = 0;
         FFDHandle const handle = open_sound(SOUND, 2, status);
-        auto const at = [&](uint32_t nPosition) { return seek(handle, nPosition), handle; };
         EXPECT_EQ(driver().UndoLast(handle), expected->end_undo(true) ? 0u : 24u);
-        EXPECT_EQ(write_at(at(found.nLength / 2), 1, frames(1, 3)), 0u);
-        EXPECT_EQ(write_at(at(0), 1, frames(2, 4)), 0u);
-        EXPECT_EQ(driver().DeleteData(at(96), 96), 0u);
+        EXPECT_EQ(insert(handle, found.nLength / 2, frames(1, 3)), 0u);
+        EXPECT_EQ(insert(handle, 0, frames(2, 4)), 0u);
+        EXPECT_EQ(erase(handle, 96, 96), 0u);
         EXPECT_EQ(driver().UndoLast(handle), 0u);
         // A write drops what the file does not hold.
         if (expected->bytes(audio).size() == expected->length()) {
-            EXPECT_EQ(seek(handle, 0xFFFFFFFF), expected->length() + 288);
+            EXPECT_EQ(length(handle), expected->length() + 288);
         }
-        EXPECT_TRUE(read_on(at(0), 192, status) == frames(2, 4));
+        seek(handle, 0);
+        EXPECT_TRUE(read_on(handle, 192, status) == frames(2, 4));
         EXPECT_EQ(driver().Close(handle), 0u);
         EXPECT_TRUE(memory_disk::get(SOUND).starts_with(frames(2, 4)));
     }
@@ -326,10 +325,10 @@ protected:
 
 TEST_F(SpoiltDirectoryTest, MixesOfTwo) {
     std::function<FFDError(FFDHandle)> const edits[] = {
-        [](FFDHandle h) { return seek(h, 60 * 96), write_at(h, 1, frames(1, 1)); },
-        [](FFDHandle h) { return seek(h, 90 * 96 + 48), write_at(h, 1, frames(1, 2)); },
-        [](FFDHandle h) { return seek(h, 70 * 96 + 10), write_at(h, 2, frames(2, 3)); },
-        [](FFDHandle h) { return seek(h, 40 * 96), driver().DeleteData(h, 60 * 96); },
+        [](FFDHandle h) { return insert(h, 60 * 96, frames(1, 1)); },
+        [](FFDHandle h) { return insert(h, 90 * 96 + 48, frames(1, 2)); },
+        [](FFDHandle h) { return overwrite(h, 70 * 96 + 10, frames(2, 3)); },
+        [](FFDHandle h) { return erase(h, 40 * 96, 60 * 96); },
         [](FFDHandle h) { return driver().UndoLast(h); },
     };
     // 160 blocks of one frame each, the last frame first.
