@@ -2,6 +2,7 @@
 directory of the samples, FFD_HEADER the header that the module mirrors, FFD_FRAMES_CALLS a library
 of the calls of another."""
 
+import copy
 import ctypes
 import os
 import pathlib
@@ -134,6 +135,14 @@ def test_uses_that_no_status_stands_for(path):
     letter.close()
     with pytest.raises(xkivmp3.NotOpen):
         letter.read()
+
+
+@pytest.mark.parametrize("twice", [copy.copy, copy.deepcopy, pickle.dumps])
+def test_a_handle_has_one_owner(path, twice):
+    with xkivmp3.open(path) as letter:
+        for owner in letter, xkivmp3.Driver():
+            with pytest.raises(TypeError, match="cannot be copied or pickled"):
+                twice(owner)
 
 
 def test_a_close_that_fails_and_one_that_is_forgotten(path):

@@ -47,8 +47,8 @@ class Format:
     """Bytes of a frame without padding."""
 
 
-class Dictation:
-    """An open dictation; open() makes it.
+class Dictation(_driver.NotCopied):
+    """An open dictation; open() makes it, and it cannot be copied or pickled.
 
     Positions and lengths are bytes of the dictation as it plays; 0 is the first byte of the first
     frame. Edits are to the byte, but a close that rebuilds writes whole frames: edit at borders().
@@ -85,11 +85,10 @@ class Dictation:
         """Folds the edits in and ends the file, whatever comes of it. If it raises, the edits are in
         the .DIR file beside the sound file, and the next open for writing finds them. A second close
         does nothing."""
-        handle, self._handle = self._handle, None
-        if handle is not None:
-            with _driver.lock:
-                status = self._table.close(handle)
-            check("close", self.name, status)
+        with _driver.lock:
+            handle, self._handle = self._handle, None
+            if handle is not None:
+                check("close", self.name, self._table.close(handle))
 
     @property
     def closed(self) -> bool:

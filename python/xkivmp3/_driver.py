@@ -10,6 +10,7 @@ import threading
 from collections.abc import Iterator
 from ctypes import (CFUNCTYPE, POINTER, Structure, c_char_p, c_size_t, c_uint16, c_uint32, c_uint64,
                     c_void_p)
+from typing import NoReturn
 
 _ON_WINDOWS = sys.platform == "win32"
 # This module speaks both: from 0 to 1 nothing that it uses has changed.
@@ -91,7 +92,15 @@ class LoadError(Exception):
 lock = threading.RLock()
 
 
-class Driver:
+class NotCopied:
+    """What stands for something outside of Python. The end of a copy would end it for both: the
+    driver gives the number of a closed handle to the next file."""
+
+    def __reduce__(self) -> NoReturn:  # copies go through it, too
+        raise TypeError(f"{self!r} cannot be copied or pickled")
+
+
+class Driver(NotCopied):
     """The loaded driver. It stays loaded until the process ends.
 
     `library` is a path, or a bare name that the system looks for. Without it the driver is what the
