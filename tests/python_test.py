@@ -127,22 +127,27 @@ def test_refusals(path, step, kind, status):
 
 
 def test_uses_that_no_status_stands_for(path):
-    letter = xkivmp3.open(path)
-    with pytest.raises(ValueError):
-        letter.seek(-1)
-    with pytest.raises(ValueError):
-        xkivmp3.open(path, "w")
+    letter = xkivmp3.open(os.fsencode(path), "r+")
+    copies = [copy.copy, copy.deepcopy, pickle.dumps]  # of a handle, whose end would end it for both
+    counts = [letter.seek, letter.delete, letter.borders, letter.warn_below,
+              lambda position: xkivmp3.find_borders(CLIP, position)]
+    uses = [letter.insert, letter.overwrite, letter.read, *counts, xkivmp3.FrameReader().put,
+            lambda data: xkivmp3.find_borders(data, 0), lambda data: list(xkivmp3.frames([data])),
+            xkivmp3.Driver, xkivmp3.open, lambda driver: xkivmp3.open(path, driver=driver),
+            lambda listener: xkivmp3.open(path, on_message=listener)]
+    for kind, argument, calls in ((TypeError, 1.5, uses), (TypeError, [1, 2], uses),
+                                  (TypeError, 1000, uses[:2]), (ValueError, -1, counts),
+                                  (TypeError, letter, copies), (TypeError, xkivmp3.Driver(), copies),
+                                  (ValueError, "w", [lambda mode: xkivmp3.open(path, mode)])):
+        for call in calls:
+            with pytest.raises(kind):
+                call(argument)
+    assert (letter.name, letter.position, letter.length) == (str(path), 0, 80457)
     letter.close()
-    with pytest.raises(xkivmp3.NotOpen):
-        letter.read()
-
-
-@pytest.mark.parametrize("twice", [copy.copy, copy.deepcopy, pickle.dumps])
-def test_a_handle_has_one_owner(path, twice):
-    with xkivmp3.open(path) as letter:
-        for owner in letter, xkivmp3.Driver():
-            with pytest.raises(TypeError, match="cannot be copied or pickled"):
-                twice(owner)
+    for call in (letter.read, letter.__enter__, lambda: next(letter.frames()), lambda: letter.seek(0),
+                 lambda: letter.length, lambda: letter.borders(0), lambda: letter.insert(CLIP)):
+        with pytest.raises(xkivmp3.NotOpen):
+            call()
 
 
 def test_a_close_that_fails_and_one_that_is_forgotten(path):

@@ -5,6 +5,7 @@ from __future__ import annotations
 import ctypes
 import enum
 import functools
+import operator
 import os
 import warnings
 from collections.abc import Callable, Iterator
@@ -14,14 +15,13 @@ from types import TracebackType
 from typing import Literal
 
 from . import _driver
-from ._status import Error, InvalidPath, Status, check
-from .frames import BORDER_REACH, Borders, Frame, FrameReader, find_borders
+from ._status import Error, InvalidPath, NotOpen, Status, check
+from .frames import (BORDER_REACH, Borders, Data, Frame, FrameReader, check_data, find_borders,
+                     not_negative)
 
 _READ, _READ_WRITE, _OPEN_EXISTING, _INSERT, _OVERWRITE = 1, 2, 2, 1, 2
 _LAST = 0xFFFFFFFF  # the largest position and size
 _PIECE = 65536
-
-Data = bytes | bytearray | memoryview
 
 
 class Message(enum.IntEnum):
@@ -61,7 +61,11 @@ class Dictation(_driver.NotCopied):
         self._handle: int | None = None
         if mode not in ("r", "r+"):
             raise ValueError(f"{mode}: the mode is 'r' or 'r+'")
-        self.name: str = os.fspath(path)
+        if not isinstance(driver, _driver.Driver):
+            raise TypeError(f"{driver!r}: the driver is a Driver")
+        if not (on_message is None or callable(on_message)):
+            raise TypeError(f"{on_message!r}: on_message is a function")
+        self.name: str = os.fsdecode(path)
         """The path, as it was given to open()."""
         self._table = driver.table
         self._on_message = on_message
@@ -96,6 +100,7 @@ class Dictation(_driver.NotCopied):
         return self._handle is None
 
     def __enter__(self) -> Dictation:
+        self._open_handle("enter")
         return self
 
     def __exit__(self, kind: type[BaseException] | None, error: BaseException | None,
@@ -129,7 +134,7 @@ class Dictation(_driver.NotCopied):
     def seek(self, position: int) -> int:
         """Moves the position, to the end at most. Gives the position reached."""
         reached = c_uint32()
-        self._call("seek", self._table.audio_seek, min(_count(position), _LAST), byref(reached))
+        self._call("seek", self._table.audio_seek, min(not_negative(position), _LAST), byref(reached))
         return reached.value
 
     @property
@@ -180,6 +185,7 @@ class Dictation(_driver.NotCopied):
     def read(self, size: int = -1) -> bytes:
         """Reads up to so many bytes from the position on, all for -1, and moves it. Gives fewer at
         the end, and where the end of the file cuts the last frame short."""
+        size = operator.index(size)
         with _driver.lock:
             record = POINTER(_driver.ReadHandle)()
             self._call("read", self._table.get_size_of_data,
@@ -221,7 +227,7 @@ class Dictation(_driver.NotCopied):
     def delete(self, length: int) -> None:
         """Takes up to so many bytes behind the position out of the dictation. Less than a frame
         before the end this does nothing."""
-        self._call("delete", self._table.delete_data, min(_count(length), _LAST))
+        self._call("delete", self._table.delete_data, min(not_negative(length), _LAST))
 
     def undo(self) -> None:
         """Brings back what the last delete took out."""
@@ -239,18 +245,21 @@ class Dictation(_driver.NotCopied):
         """Has a DISKSPACE_WARNING sent when a third of the free space above what the close needs is
         below so many bytes; 0 for none."""
         self._call("set warning", self._table.set_diskspace_warning_time,
-                   min(_count(value), _LAST))
+                   min(not_negative(value), _LAST))
 
     # ---- Calls
 
     def _call(self, operation: str, slot: Callable[..., int], *arguments: object) -> None:
         with _driver.lock:
-            if self._handle is None:
-                check(operation, self.name, Status.INVALID_HANDLE)
-            check(operation, self.name, slot(self._handle, *arguments))
+            check(operation, self.name, slot(self._open_handle(operation), *arguments))
+
+    def _open_handle(self, operation: str) -> int:
+        if self._handle is None:
+            raise NotOpen(operation, self.name, Status.INVALID_HANDLE)
+        return self._handle
 
     def _write(self, operation: str, method: int, frames: Data) -> None:
-        data = bytes(frames)
+        data = bytes(check_data(frames))
         if len(data) > _LAST:
             check(operation, self.name, Status.INVALID_PARAMETER)
         try:
@@ -275,7 +284,7 @@ def open(path: str | os.PathLike[str], mode: Literal["r", "r+"] = "r", *,
             letter.seek(letter.borders(24000).before)
             letter.insert(audio)
     """
-    return Dictation(path, mode, driver or _default_driver(), on_message)
+    return Dictation(path, mode, _default_driver() if driver is None else driver, on_message)
 
 
 @functools.cache
@@ -292,9 +301,3 @@ def _to_driver(operation: str, name: str) -> bytes:
     if b"\0" in path:
         raise InvalidPath(operation, name, Status.INVALID_PATH)
     return path
-
-
-def _count(value: int) -> int:
-    if value < 0:
-        raise ValueError(f"{value}: positions and lengths are not negative")
-    return value

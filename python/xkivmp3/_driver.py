@@ -121,7 +121,7 @@ class Driver(NotCopied):
 def _places(library: str | os.PathLike[str] | None) -> Iterator[str]:
     """What is tried, in this order."""
     if library is not None:
-        name = os.fspath(library)
+        name = os.fsdecode(library)
         yield os.path.abspath(name) if os.path.dirname(name) else name
         return
     named = os.environ.get("XKIVMP3")

@@ -6,6 +6,7 @@ compiler. A test holds both against each other."""
 
 from __future__ import annotations
 
+import operator
 import re
 from collections.abc import Iterable, Iterator
 from dataclasses import dataclass
@@ -22,6 +23,23 @@ _BITRATES = ((0, 8, 16, 24, 32, 40, 48, 56, 64, 80, 96, 112, 128, 144, 160),
 _SAMPLING_RATES = ((22050, 24000, 16000), (44100, 48000, 32000))
 
 _HEADER, _ID3V2_HEADER, _ID3V1, _APE_HEADER = 4, 10, 128, 32
+
+Data = bytes | bytearray | memoryview
+
+
+def check_data(data: Data) -> Data:
+    """A number or a list of numbers would silently become bytes, too."""
+    if not isinstance(data, (bytes, bytearray, memoryview)):
+        raise TypeError(f"{type(data).__name__}: frames are bytes, a bytearray or a memoryview")
+    return data
+
+
+def not_negative(value: int) -> int:
+    """A position or a length."""
+    value = operator.index(value)
+    if value < 0:
+        raise ValueError(f"{value}: positions and lengths are not negative")
+    return value
 
 
 @dataclass(frozen=True)
@@ -82,9 +100,10 @@ class FrameReader:
         self._given = 0
         self._at_border = True
 
-    def put(self, data: bytes | bytearray | memoryview) -> Iterator[Frame]:
+    def put(self, data: Data) -> Iterator[Frame]:
         """Takes the next bytes and gives the frames that are whole and borne out by what stands
         behind them. Run through it before the next call."""
+        check_data(data)
         del self._held[:self._begin]
         self._offset += self._begin
         self._begin = 0
@@ -188,7 +207,7 @@ class FrameReader:
                               if held[at + 23] & 0x20 else 0)
 
 
-def frames(pieces: Iterable[bytes | bytearray | memoryview]) -> Iterator[Frame]:
+def frames(pieces: Iterable[Data]) -> Iterator[Frame]:
     """The frames of a stream that comes in pieces of any size, as they become whole."""
     reader = FrameReader()
     for piece in pieces:
@@ -196,10 +215,11 @@ def frames(pieces: Iterable[bytes | bytearray | memoryview]) -> Iterator[Frame]:
     yield from reader.end()
 
 
-def find_borders(data: bytes | bytearray | memoryview, position: int) -> Borders:
+def find_borders(data: Data, position: int) -> Borders:
     """The borders of frames around a position in MP3 data that may begin and end in the middle of
     frames. Where no frame is found the ends of the data count as borders."""
-    before, behind = 0, len(data)
+    position = not_negative(position)
+    before, behind = 0, len(check_data(data))
     reader = FrameReader()
     reader._at_border = False
     reader._held += data
