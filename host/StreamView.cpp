@@ -95,6 +95,17 @@ StreamView look_at(Driver const& driver, std::string const& path) {
     return view;
 }
 
+uint32_t audio_length(Driver const& driver, std::string const& path) {
+    try {
+        return SoundFile(driver, path, Access::Read).length();
+    } catch (Failure const& failure) {
+        if (failure.status() != FFD_NO_MORE_FRAMES) {
+            throw;
+        }
+    }
+    return 0;
+}
+
 std::optional<StreamView> look_before_writing(Driver const& driver, std::string const& path) {
     try {
         return look_at(driver, path);

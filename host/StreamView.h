@@ -42,7 +42,11 @@ std::unique_ptr<SoundFile> open_for_reading(Driver const& driver, std::string co
 // trace on the disk, unlike an open for writing that fails.
 StreamView look_at(Driver const& driver, std::string const& path);
 
-// The same in front of an open for writing, which would leave an empty .DIR file if it failed.
+// The same length, 0 if there is no frame. Nothing but the driver looks at the file, which may be
+// one that a driver only pretends.
+uint32_t audio_length(Driver const& driver, std::string const& path);
+
+// The look in front of an open for writing, which would leave an empty .DIR file if it failed.
 // Nothing if the file can't be read before that open has mended what a crash has left.
 std::optional<StreamView> look_before_writing(Driver const& driver, std::string const& path);
 

@@ -205,14 +205,7 @@ void Editor::close() {
         m_sound->close();
     }
     tell_when_interrupted("");
-    uint32_t length = 0;
-    try {
-        length = look_at(m_driver, m_file).audioLength; // a close goes to whole frames
-    } catch (Failure const& failure) {
-        if (failure.status() != FFD_NO_MORE_FRAMES) {
-            throw;
-        }
-    }
+    uint32_t const length = audio_length(m_driver, m_file); // a close goes to whole frames
     m_document["dictation"] = length_json(length, m_rate);
     m_document["closed"] = status_json(FFD_NOERROR);
     say("Closed", length_text(m_document["dictation"]));

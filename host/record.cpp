@@ -272,8 +272,7 @@ Outcome run_record(Driver const& driver, std::string const& file, RecordOptions 
         if (sound->is_open()) {
             sound->close();
         }
-        uint32_t const now = look_at(driver, file).audioLength;
-        document["dictation"] = length_json(now, rate);
+        document["dictation"] = length_json(audio_length(driver, file), rate);
     } catch (Failure const& failure) {
         report(failed ? "close_failure" : "failure", failure);
     }

@@ -221,7 +221,7 @@ Outcome run_join(Driver const& driver, std::string const& output,
         }
     }
     made.close();
-    if (look_at(driver, made.temporary()).audioLength != total) {
+    if (audio_length(driver, made.temporary()) != total) {
         throw Failure("join", output, FFD_INTERNAL_ERROR, "what was written is not what was read",
                       "Make sure that no other program changes the files; nothing was written.");
     }

@@ -339,11 +339,12 @@ class SupportTest(Sandbox):
 
     def test_dry_run(self):
         """Changes nothing, and tells what the same session then does."""
-        self.make({"a.mp3": TAGGED})
         out = self.root / "out.mp3"
-        session = ("seek", 24000, "insert", self.clip, "store", "delete", 700, "read", 100, out,
+        session = ("insert", self.clip, "seek", 24000, "insert", self.clip, "store", "delete", 700, "read", 100, out,
                    "restore", "seek", 999, "overwrite", self.clip, "map")
-        for last, code in (("show", 0), ("crash", 3)):
+        for files, last, code in (({"a.mp3": TAGGED}, "show", 0), ({"a.mp3": TAGGED}, "crash", 3),
+                                  ({NAME: TAGGED, "a.CLM": marker(AUDIO, TAGGED)}, "show", 0)):
+            self.make(files)
             before = self.seen(), self.dir.stat().st_mtime_ns, sorted(self.root.iterdir())
             told_code, told = self.host("edit", "--dry-run", "a.mp3", *session, last)
             self.assertEqual((self.seen(), self.dir.stat().st_mtime_ns,
