@@ -174,8 +174,8 @@ void Findings::directory() {
         attention("audio_not_named",
                   bytes_text(m_next.unnamedBytes) + " of the file are named by no edit" +
                       (m_next.drops_audio() ? ", and the close leaves them out" : ""),
-                  "The .DIR file is torn, or of another file. Keep a copy before anybody opens the "
-                  "file for writing: 'ffdhost recover --copy' does.");
+                  "The .DIR file is torn, of another file, or older than the last write. Keep a "
+                  "copy before anybody opens the file for writing: 'ffdhost recover --copy' does.");
     }
     if (m_next.missingBytes > 0) {
         attention("audio_missing",
@@ -196,8 +196,8 @@ void Findings::directory() {
     }
     if (m_next.directory == DirState::Empty) {
         note("directory_empty",
-             name + " holds no edit: an open for writing was refused, or crashed before one",
-             "Nothing to do: the next open for writing makes it anew.");
+             name + " names no edit: an open for writing was refused, or crashed before it had one",
+             "The next open for writing makes it anew. Audio that was appended plays at the end.");
     }
 }
 
