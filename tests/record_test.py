@@ -17,6 +17,9 @@ import unittest
 
 HOST = os.environ["FFDHOST"]
 SAMPLES = pathlib.Path(os.environ["FFD_SAMPLES"])
+STOPS = signal.SIGINT, signal.SIGTERM, signal.SIGHUP
+for each in STOPS:  # a run in the background would hand them down as ignored
+    signal.signal(each, signal.SIG_DFL)
 TAGS = 202, 128  # bytes in front of and behind the speech
 AT = 40124  # a border of its frames, near the middle
 
@@ -107,7 +110,7 @@ class RecordTest(unittest.TestCase):
             self.assertEqual(path.read_bytes(), expected)
 
     def test_a_stop_closes_and_a_second_recorder_is_refused(self):
-        for stop in signal.SIGINT, signal.SIGTERM, signal.SIGHUP:
+        for stop in STOPS:
             sound = Sound(self.dir)
             recorder = sound.record()
             recorder.stdin.write(self.clip)
