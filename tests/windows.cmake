@@ -42,6 +42,8 @@ target_link_options(driver_faults_test PRIVATE -Wl,--wrap=malloc)
 
 add_kiv_test(windows_unload_test SOURCES windows_unload_test.cpp LIBRARIES platform)
 add_dependencies(windows_unload_test xkivmp3)
+# The longest go first.
+set_tests_properties(windows_unload_test driver_faults_test driver_crash_test PROPERTIES COST 1000)
 
 find_package(Python3 COMPONENTS Interpreter REQUIRED)
 add_test(NAME hardening COMMAND ${Python3_EXECUTABLE} ${CMAKE_CURRENT_SOURCE_DIR}/hardening_test.py)

@@ -61,8 +61,8 @@ TEST(UnloadTest, LeavesNothing) {
     std::thread(refuse_an_open).join(); // what the first load and the first thread take for good
     refuse_an_open();
     Used const before;
-    for (unsigned n = 0; n < 5000 && !HasFailure(); ++n) {
-        n % 100 == 0 ? std::thread(refuse_an_open).join() : refuse_an_open();
+    for (unsigned n = 0; n < 500 && !HasFailure(); ++n) {
+        n % 10 == 0 ? std::thread(refuse_an_open).join() : refuse_an_open();
     }
     Used const after;
     EXPECT_EQ(after.nTlsLeft, before.nTlsLeft);
