@@ -20,6 +20,8 @@
 #define TRACE_INFO(text) LogInfo(TRACE_AT, text)
 #define TRACE_VALUE(name, format, value) LogValue(TRACE_AT, name, format, value)
 #define TRACE_ERROR(code, text) LogError(TRACE_AT, static_cast<uint32_t>(code), text)
+// The same where the code is the result: return TRACED_ERROR(FFD_..., "...").
+#define TRACED_ERROR(code, text) (TRACE_ERROR(code, text), (code))
 
 // No call of the log: a driver that only pretends reports each frame that its walk counts, and
 // where the walk goes on.

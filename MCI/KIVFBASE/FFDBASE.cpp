@@ -21,8 +21,7 @@ FFDError copy_name(std::string const& cstrName_p, char* lpffdBuffer, uint32_t ff
     DWORD const dwLen = static_cast<DWORD>(cstrName_p.length());
     TRACE_VALUE("dwLen", "%ld", dwLen);
     if (dwLen >= ffdBufferSize) {
-        TRACE_ERROR(FFD_BUFFER_OVERFLOW, "FFD_BUFFER_OVERFLOW");
-        return FFD_BUFFER_OVERFLOW;
+        return TRACED_ERROR(FFD_BUFFER_OVERFLOW, "FFD_BUFFER_OVERFLOW");
     }
     memcpy(lpffdBuffer, cstrName_p.c_str(), dwLen + 1);
     TRACE_VALUE("lpffdBuffer", "%s", lpffdBuffer);
@@ -114,14 +113,12 @@ FFDError FFDBaseClass::FFDGetWfx(void* lpWfx, uint32_t ffdBufferSize) {
     TRACE_PARAM("lpWfx", "%p", lpWfx);
     TRACE_PARAM("ffdBufferSize", "%ld", ffdBufferSize);
     if (m_pWfx == nullptr) {
-        TRACE_ERROR(FFD_INTERNAL_ERROR, "FFD_INTERNAL_ERROR");
-        return FFD_INTERNAL_ERROR;
+        return TRACED_ERROR(FFD_INTERNAL_ERROR, "FFD_INTERNAL_ERROR");
     }
     // cbSize counts the bytes behind the 18 of the common head.
     size_t const nBlockBytes = size_t{m_pWfx->wfx.cbSize} + sizeof(WAVEFORMATEX);
     if (ffdBufferSize < nBlockBytes) {
-        TRACE_ERROR(FFD_BUFFER_OVERFLOW, "FFD_BUFFER_OVERFLOW");
-        return FFD_BUFFER_OVERFLOW;
+        return TRACED_ERROR(FFD_BUFFER_OVERFLOW, "FFD_BUFFER_OVERFLOW");
     }
     memcpy(lpWfx, m_pWfx, nBlockBytes);
     TRACE_VALUE("lpWfx -> wFormatTag", "%u", DWORD{m_pWfx->wfx.wFormatTag});

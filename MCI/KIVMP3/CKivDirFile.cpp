@@ -210,8 +210,7 @@ void CKivDirFile::set_damaged_file_aside() {
     KIVMP3_release_file(&m_hDirFile);
     m_hDirFile = nullptr;
     if (!KIVMP3_set_file_aside(m_szDirFilePath)) {
-        TRACE_ERROR(FFD_FILE_IO_ERROR, "by KIVMP3_set_file_aside(.)");
-        throw FFDError{FFD_FILE_IO_ERROR};
+        throw FFDError{TRACED_ERROR(FFD_FILE_IO_ERROR, "by KIVMP3_set_file_aside(.)")};
     }
 }
 
@@ -291,22 +290,19 @@ DWORD CKivDirFile::write_dir_file() {
         }
     }
     if (dwError != NO_ERROR) {
-        TRACE_ERROR(dwError, "GetLastError() after WriteFile(..) -> FFD_FILE_IO_ERROR");
-        return dwError;
+        return TRACED_ERROR(dwError, "GetLastError() after WriteFile(..) -> FFD_FILE_IO_ERROR");
     }
     // Closing and opening again is the commit.
     if (!CloseHandle(m_hDirFile)) {
         dwError = GetLastError();
-        TRACE_ERROR(dwError, "GetLastError() after CloseHandle(..) -> FFD_FILE_IO_ERROR");
-        return dwError;
+        return TRACED_ERROR(dwError, "GetLastError() after CloseHandle(..) -> FFD_FILE_IO_ERROR");
     }
     m_bOnDisk = true;
     m_hDirFile = nullptr;
     m_bLost = false;
     dwError = reopen_dir_file(false);
     if (dwError != NO_ERROR) {
-        TRACE_ERROR(dwError, "GetLastError() after CreateFile(..) -> FFD_FILE_IO_ERROR");
-        return dwError;
+        return TRACED_ERROR(dwError, "GetLastError() after CreateFile(..) -> FFD_FILE_IO_ERROR");
     }
     m_bFlushPending = false;
     return NO_ERROR;

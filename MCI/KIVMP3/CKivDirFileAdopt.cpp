@@ -94,8 +94,7 @@ FFDError CKivDirFile::check_entries(DirEntry const* psEntries_p, DWORD dwEntries
     }
     CHeapBlock const buffer(size_t{dwEntries_p} * sizeof(Block) + 1);
     if (buffer.get() == nullptr) {
-        TRACE_ERROR(FFD_ERROR_OUTOFMEMORY, "by HeapAlloc() -> FFD_ERROR_OUTOFMEMORY");
-        return FFD_ERROR_OUTOFMEMORY;
+        return TRACED_ERROR(FFD_ERROR_OUTOFMEMORY, "by HeapAlloc() -> FFD_ERROR_OUTOFMEMORY");
     }
     Block* const psBlocks = reinterpret_cast<Block*>(buffer.get());
     DWORD dwBlocks = 0;

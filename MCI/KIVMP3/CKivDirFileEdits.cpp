@@ -181,8 +181,7 @@ FFDError CKivDirFile::delete_data(DWORD ffdLength_p, DWORD dwCurrentPosInBytes, 
     }
     DirDeletePlan plan = plan_delete(dwCurrentPosInBytes, ffdLength_p);
     if (!has_room_for(plan.new_entries())) {
-        TRACE_ERROR(FFD_ERROR_OUTOFMEMORY, "directory is full -> FFD_ERROR_OUTOFMEMORY");
-        return FFD_ERROR_OUTOFMEMORY;
+        return TRACED_ERROR(FFD_ERROR_OUTOFMEMORY, "directory is full -> FFD_ERROR_OUTOFMEMORY");
     }
     m_bFlushPending = true;
     if (bPureDelete_p) {
@@ -209,14 +208,12 @@ FFDError CKivDirFile::delete_data(DWORD ffdLength_p, DWORD dwCurrentPosInBytes, 
 FFDError CKivDirFile::undo_last() {
     TRACE_ENTRY("---undo_last()");
     if (!clear_undoable(DIR_STATUS_LIVE)) {
-        TRACE_ERROR(FFD_NOTHING_TO_UNDO, "FFD_NOTHING_TO_UNDO");
-        return FFD_NOTHING_TO_UNDO;
+        return TRACED_ERROR(FFD_NOTHING_TO_UNDO, "FFD_NOTHING_TO_UNDO");
     }
     FFDError const ffdError = flush_dir_file();
     if (ffdError != FFD_NOERROR) {
         TRACE_ERROR(ffdError, "by flush_dir_file()");
-        TRACE_ERROR(FFD_NOT_UNDOABLE, "return FFD_NOT_UNDOABLE");
-        return FFD_NOT_UNDOABLE;
+        return TRACED_ERROR(FFD_NOT_UNDOABLE, "return FFD_NOT_UNDOABLE");
     }
     m_bDirChanged = TRUE;
     ascertain_data_length();

@@ -415,8 +415,7 @@ void CCloseMarker::finish_interrupted_close(LPCSTR pszSoundPath_p) {
         ffdError = KIVMP3_make_sibling_path(pszSoundPath_p, ".DIR", szDirPath);
     }
     if (ffdError != FFD_NOERROR) {
-        TRACE_ERROR(ffdError, "by KIVMP3_make_sibling_path(...)");
-        throw FFDError{ffdError};
+        throw FFDError{TRACED_ERROR(ffdError, "by KIVMP3_make_sibling_path(...)")};
     }
     HANDLE hMarkerFile = open_companion(szMarkerPath, pszSoundPath_p, 0);
     if (hMarkerFile == nullptr) {
@@ -436,8 +435,7 @@ void CCloseMarker::finish_interrupted_close(LPCSTR pszSoundPath_p) {
     }
     KIVMP3_release_file(&hMarkerFile);
     if (ffdSettled != FFD_NOERROR) {
-        TRACE_ERROR(ffdSettled, "interrupted close can not be settled");
-        throw FFDError{ffdSettled};
+        throw FFDError{TRACED_ERROR(ffdSettled, "interrupted close can not be settled")};
     }
     // A torn one is left of a crash before every other step of its close.
     if (kind == Kind::Marker || kind == Kind::Empty) {
@@ -463,6 +461,5 @@ void CCloseMarker::refuse_close_in_progress(LPCSTR pszSoundPath_p) {
             return;
         }
     }
-    TRACE_ERROR(FFD_FILE_IO_ERROR, "close in progress -> FFD_FILE_IO_ERROR");
-    throw FFDError{FFD_FILE_IO_ERROR};
+    throw FFDError{TRACED_ERROR(FFD_FILE_IO_ERROR, "close in progress -> FFD_FILE_IO_ERROR")};
 }

@@ -21,8 +21,7 @@ FFDError check_frame_header(BYTE const* pbyHeader_p) {
         return FFD_NO_MORE_FRAMES;
     }
     if (!ffd_frame_has_sync(pbyHeader_p)) {
-        TRACE_ERROR(FFD_INVALID_FORMAT, "FFD_INVALID_FORMAT no framesync found");
-        return FFD_INVALID_FORMAT;
+        return TRACED_ERROR(FFD_INVALID_FORMAT, "FFD_INVALID_FORMAT no framesync found");
     }
     return ffd_frame_is_usable(pbyHeader_p) ? FFD_NOERROR : FFD_INVALID_FORMAT;
 }

@@ -66,8 +66,7 @@ DWORD KIVMP3_close_file(HANDLE* rhFile_p) {
     TRACE_PARAM("rhFile_p", "%p", *rhFile_p);
     if (!CloseHandle(*rhFile_p)) {
         DWORD const dwError = GetLastError();
-        TRACE_ERROR(dwError, "GetLastError() after CloseHandle(rhFile_p)");
-        return dwError;
+        return TRACED_ERROR(dwError, "GetLastError() after CloseHandle(rhFile_p)");
     }
     *rhFile_p = nullptr;
     return NO_ERROR;
@@ -184,8 +183,8 @@ DWORD KIVMP3_get_disk_free_space_ex(LPCSTR pszName_p, DWORD* pdwFreeBytes_p) {
         bFits = nLength >= 0 && nLength < static_cast<int>(sizeof szDirectoryName);
     }
     if (!bFits) {
-        TRACE_ERROR(ERROR_FILENAME_EXCED_RANGE, "GetLastError() after GetDiskFreeSpaceEx()");
-        return ERROR_FILENAME_EXCED_RANGE;
+        return TRACED_ERROR(ERROR_FILENAME_EXCED_RANGE,
+                            "GetLastError() after GetDiskFreeSpaceEx()");
     }
     TRACE_VALUE("szDirectoryName", "%s", szDirectoryName);
 

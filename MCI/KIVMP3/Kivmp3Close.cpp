@@ -69,8 +69,8 @@ FFDError CKivmp3::settle_mp3_file() {
     // Whatever ends or fails from here on, the next open must find the directory as it is now.
     // Without the .DIR file in hand nothing is replaced: whoever has it may edit the file by then.
     if (!m_oDirFile.flush_before_close()) {
-        TRACE_ERROR(FFD_FILE_IO_ERROR, "dir file is held by somebody else -> FFD_FILE_IO_ERROR");
-        return FFD_FILE_IO_ERROR;
+        return TRACED_ERROR(FFD_FILE_IO_ERROR,
+                            "dir file is held by somebody else -> FFD_FILE_IO_ERROR");
     }
     bool const bEdited = m_oDirFile.is_changed() || m_oDirFile.is_adopted();
     if (!bRebuild && !bEdited) {
@@ -213,8 +213,7 @@ HANDLE CKivmp3::create_temp_file(char (&szTmpPath_p)[MAX_PATH]) {
             return hNewFile;
         }
     } while (oName.wait_if_taken(szTmpPath_p, dwError));
-    TRACE_ERROR(FFD_FILE_IO_ERROR, "FFD_FILE_IO_ERROR: cannot create temp file");
-    throw FFDError{FFD_FILE_IO_ERROR};
+    throw FFDError{TRACED_ERROR(FFD_FILE_IO_ERROR, "FFD_FILE_IO_ERROR: cannot create temp file")};
 }
 
 // The size of the temporary file, which is on the disk then: not before that the old file goes.

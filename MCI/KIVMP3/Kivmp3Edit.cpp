@@ -17,16 +17,16 @@ FFDError CKivmp3::FFDWriteData(FFDMethod ffdMethod, uint32_t ffdBufferSize, uint
     TRACE_PARAM("ffdMethod", "%u", ffdMethod);
     TRACE_PARAM("ffdBufferSize", "%u", ffdBufferSize);
     if (m_oDirFile.is_read_only()) {
-        TRACE_ERROR(FFD_ERROR_READ_ONLY, "FFD_ERROR_READ_ONLY WriteData CKivmp3::FFDWriteData()");
-        return FFD_ERROR_READ_ONLY;
+        return TRACED_ERROR(FFD_ERROR_READ_ONLY,
+                            "FFD_ERROR_READ_ONLY WriteData CKivmp3::FFDWriteData()");
     }
     if (ffdBufferSize == 0) {
         return FFD_NOERROR;
     }
     if (ffdBufferSize % m_ffdSampinfo.wBlockAlign != 0) {
-        TRACE_ERROR(FFD_GRANULARITY_ERROR,
-                    "FFD_GRANULARITY_ERROR (ffdBufferSize % m_ffdSampinfo.wBlockAlign) != 0");
-        return FFD_GRANULARITY_ERROR;
+        return TRACED_ERROR(
+            FFD_GRANULARITY_ERROR,
+            "FFD_GRANULARITY_ERROR (ffdBufferSize % m_ffdSampinfo.wBlockAlign) != 0");
     }
     FFDError ffdError = FFD_NOERROR;
     try {
@@ -64,8 +64,7 @@ void CKivmp3::write_data(FFDMethod ffdMethod, uint32_t ffdBufferSize, uint8_t co
     if (ffdMethod == FFD_METHOD_OVERWRITE && m_ffdCurrentPosInBy < m_oDirFile.get_data_length()) {
         FFDError const ffdError = m_oDirFile.delete_data(ffdBufferSize, m_ffdCurrentPosInBy, 0);
         if (ffdError != FFD_NOERROR) {
-            TRACE_ERROR(ffdError, "by delete_data(..)");
-            throw FFDError{ffdError};
+            throw FFDError{TRACED_ERROR(ffdError, "by delete_data(..)")};
         }
         compute_length_in_ms();
     }
@@ -145,8 +144,8 @@ FFDError CKivmp3::FFDDeleteData(uint32_t ffdLength) {
     TRACE_ENTRY("-----CKivmp3::FFDDeleteData(.)");
     TRACE_PARAM("ffdLength", "%u", ffdLength);
     if (m_oDirFile.is_read_only()) {
-        TRACE_ERROR(FFD_ERROR_READ_ONLY, "FFD_ERROR_READ_ONLY DeleteData CKivmp3::FFDDeleteData()");
-        return FFD_ERROR_READ_ONLY;
+        return TRACED_ERROR(FFD_ERROR_READ_ONLY,
+                            "FFD_ERROR_READ_ONLY DeleteData CKivmp3::FFDDeleteData()");
     }
     m_oDirFile.log_dir_entries("Log delete_data()");
     FFDError const ffdError = delete_data(ffdLength, 1);
@@ -180,8 +179,7 @@ FFDError CKivmp3::delete_data(DWORD ffdLength_p, int bPureDelete_p) {
 FFDError CKivmp3::FFDUndoLast() {
     TRACE_ENTRY("---CKivmp3::FFDUndoLast()");
     if (m_oDirFile.is_read_only()) {
-        TRACE_ERROR(FFD_ERROR_READ_ONLY, "FFD_ERROR_READ_ONLY UndoLast");
-        return FFD_ERROR_READ_ONLY;
+        return TRACED_ERROR(FFD_ERROR_READ_ONLY, "FFD_ERROR_READ_ONLY UndoLast");
     }
     FFDError const ffdError = m_oDirFile.undo_last();
     if (ffdError == FFD_NOERROR) {

@@ -24,8 +24,7 @@ FFDError CKivmp3::FFDGetDictationFileSize(uint32_t* lpffdFileSize) {
 
 FFDError CKivmp3::FFDGetGranularitySize(void* /*lpffdGranuInfo*/) {
     TRACE_ENTRY("-----CKivmp3::FFDGetGranularitySize(.)");
-    TRACE_ERROR(FFD_NOT_SUPPORTED, "FFDGetGranularitySize() returns FFD_NOT_SUPPORTED");
-    return FFD_NOT_SUPPORTED;
+    return TRACED_ERROR(FFD_NOT_SUPPORTED, "FFDGetGranularitySize() returns FFD_NOT_SUPPORTED");
 }
 
 FFDError CKivmp3::FFDGetAudioInfo(FFDAudioInfo* lpAudioInfo, uint32_t ffdBufferSize) {

@@ -106,8 +106,7 @@ void CKivmp3::check_creation_parameters(FFDCreation ffdCreation, FFDDesiredAcces
         throw FFDError{FFD_INVALID_PARAMETER};
     }
     if (ffdCreation == FFD_CREATE_NEW) {
-        TRACE_ERROR(FFD_NOT_SUPPORTED, "FFD_NOT_SUPPORTED file creation");
-        throw FFDError{FFD_NOT_SUPPORTED};
+        throw FFDError{TRACED_ERROR(FFD_NOT_SUPPORTED, "FFD_NOT_SUPPORTED file creation")};
     }
     if (ffdCallbackParams_new.hDriver == nullptr) {
         TRACE_ERROR(FFD_INVALID_PARAMETER,
@@ -122,8 +121,7 @@ void CKivmp3::set_membervariables(FFDCallbackParams const& ffdCallbackParams,
     m_ffdCallbackParams = ffdCallbackParams;
     FFDError const ffdError = set_membervar_path_and_filename(lpFileName);
     if (ffdError != FFD_NOERROR) {
-        TRACE_ERROR(ffdError, "by set_membervar_path_and_filename()");
-        throw FFDError{ffdError};
+        throw FFDError{TRACED_ERROR(ffdError, "by set_membervar_path_and_filename()")};
     }
 }
 
@@ -146,8 +144,7 @@ FFDError CKivmp3::set_membervar_path_and_filename(char const* lpFileName) {
 void CKivmp3::take_name_on_disk() {
     char szName[MAX_PATH];
     if (!PlatformNameOnDisk(m_szFilePath, &szName)) {
-        TRACE_ERROR(FFD_INVALID_PATH, "a stream of a file -> FFD_INVALID_PATH");
-        throw FFDError{FFD_INVALID_PATH};
+        throw FFDError{TRACED_ERROR(FFD_INVALID_PATH, "a stream of a file -> FFD_INVALID_PATH")};
     }
     char szPath[MAX_PATH];
     int const nLength = snprintf(szPath, sizeof szPath, "%s%s", m_cstrFilepath.c_str(), szName);
@@ -228,8 +225,7 @@ void CKivmp3::read_file_size() {
         throw FFDError{FFD_FILE_IO_ERROR};
     }
     if (ullFileSize > 0xFFFFFFFFu) {
-        TRACE_ERROR(FFD_NOT_SUPPORTED, "FFD_NOT_SUPPORTED file of 4 GiB or more");
-        throw FFDError{FFD_NOT_SUPPORTED};
+        throw FFDError{TRACED_ERROR(FFD_NOT_SUPPORTED, "FFD_NOT_SUPPORTED file of 4 GiB or more")};
     }
     m_dwOriginalFileSize = static_cast<DWORD>(ullFileSize);
     m_dwFileSize = m_dwOriginalFileSize;

@@ -65,33 +65,29 @@ FFDError CKivmp3::FFDReadData(FFDReadHandle const* lpcffdReadHandle, uint32_t ff
 FFDError CKivmp3::check_read(FFDReadHandle const* lpcffdReadHandle, uint32_t ffdBufferSize,
                              uint8_t const* lpffdBuffer) const {
     if (lpcffdReadHandle == nullptr) {
-        TRACE_ERROR(FFD_INVALID_READ_HANDLE, "FFD_INVALID_READ_HANDLE");
-        return FFD_INVALID_READ_HANDLE;
+        return TRACED_ERROR(FFD_INVALID_READ_HANDLE, "FFD_INVALID_READ_HANDLE");
     }
     if (lpcffdReadHandle->RealSizeInBytes > ffdBufferSize) {
-        TRACE_ERROR(FFD_BUFFER_OVERFLOW, "FFD_BUFFER_OVERFLOW RealSizeInBytes > ffdBufferSize");
-        return FFD_BUFFER_OVERFLOW;
+        return TRACED_ERROR(FFD_BUFFER_OVERFLOW,
+                            "FFD_BUFFER_OVERFLOW RealSizeInBytes > ffdBufferSize");
     }
     if (lpffdBuffer == nullptr) {
-        TRACE_ERROR(FFD_INVALID_PARAMETER, "FFD_INVALID_PARAMETER lpffdBuffer == NULL");
-        return FFD_INVALID_PARAMETER;
+        return TRACED_ERROR(FFD_INVALID_PARAMETER, "FFD_INVALID_PARAMETER lpffdBuffer == NULL");
     }
     // The milliseconds are only for the trace.
     DWORD msStartPos = 0;
     FFDError ffdError = get_ms_from_bytes(lpcffdReadHandle->RealStartPos, &msStartPos);
     if (ffdError != FFD_NOERROR) {
-        TRACE_ERROR(ffdError, "by get_ms_from_bytes()");
-        return ffdError;
+        return TRACED_ERROR(ffdError, "by get_ms_from_bytes()");
     }
     if (lpcffdReadHandle->RealStartPos != m_ffdCurrentPosInBy) {
-        TRACE_ERROR(FFD_INVALID_POSITION, "FFD_INVALID_POSITION RealStartPos != m_msCurrentPos");
-        return FFD_INVALID_POSITION;
+        return TRACED_ERROR(FFD_INVALID_POSITION,
+                            "FFD_INVALID_POSITION RealStartPos != m_msCurrentPos");
     }
     DWORD msEndPos = 0;
     ffdError = get_ms_from_bytes(lpcffdReadHandle->RealEndPos, &msEndPos);
     if (ffdError != FFD_NOERROR) {
-        TRACE_ERROR(ffdError, "by get_ms_from_bytes()");
-        return ffdError;
+        return TRACED_ERROR(ffdError, "by get_ms_from_bytes()");
     }
     TRACE_VALUE("msToRead", "%u", msEndPos - msStartPos);
     return FFD_NOERROR;

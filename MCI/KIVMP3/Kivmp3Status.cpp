@@ -48,8 +48,7 @@ void read_field(HANDLE hFile_p, void* pvField_p, DWORD dwBytes_p, LPCSTR pszFail
 FFDError CKivmp3::FFDStoreActualFileStatus() {
     TRACE_ENTRY("-----CKivmp3::FFDStoreActualFileStatus()");
     if (m_oDirFile.is_read_only()) {
-        TRACE_ERROR(FFD_ERROR_READ_ONLY, "FFD_ERROR_READ_ONLY StoreActualFileStatus");
-        return FFD_ERROR_READ_ONLY;
+        return TRACED_ERROR(FFD_ERROR_READ_ONLY, "FFD_ERROR_READ_ONLY StoreActualFileStatus");
     }
     try {
         drop_stored_status();
@@ -154,18 +153,15 @@ void CKivmp3::write_status() {
 FFDError CKivmp3::FFDRestoreFileStatus() {
     TRACE_ENTRY("-----CKivmp3::FFDRestoreFileStatus()");
     if (m_oDirFile.is_read_only()) {
-        TRACE_ERROR(FFD_ERROR_READ_ONLY, "FFD_ERROR_READ_ONLY RestoreFileStatus");
-        return FFD_ERROR_READ_ONLY;
+        return TRACED_ERROR(FFD_ERROR_READ_ONLY, "FFD_ERROR_READ_ONLY RestoreFileStatus");
     }
     try {
         if (m_szFileStatusPath[0] == '\0' || m_hStatusFile == nullptr) {
-            TRACE_ERROR(FFD_NO_STORED_FILE_STATUS, "FFD_NO_STORED_FILE_STATUS");
-            throw FFDError{FFD_NO_STORED_FILE_STATUS};
+            throw FFDError{TRACED_ERROR(FFD_NO_STORED_FILE_STATUS, "FFD_NO_STORED_FILE_STATUS")};
         }
         read_status();
     } catch (FFDError ffdThrown) {
-        TRACE_ERROR(ffdThrown, "catched in FFDRestoreFileStatus()");
-        return ffdThrown;
+        return TRACED_ERROR(ffdThrown, "catched in FFDRestoreFileStatus()");
     }
     return FFD_NOERROR;
 }

@@ -57,6 +57,11 @@ CKivmp3* KIVMP3_get_ckivmp3_object(FFDHandle ffdHandle) {
     return *itFound;
 }
 
+// What every slot of an open file begins with.
+#define ENTER(text)                                                                                \
+    TRACE_ENTRY("-----" text);                                                                     \
+    TRACE_PARAM("ffdHandle", "%p", ffdHandle)
+
 // What every slot but three does once its arguments are traced.
 #define FORWARD(operation, ...)                                                                    \
     CKivmp3* const pKivmp3 = KIVMP3_get_ckivmp3_object(ffdHandle);                                 \
@@ -71,27 +76,23 @@ CKivmp3* KIVMP3_get_ckivmp3_object(FFDHandle ffdHandle) {
     return ffdError
 
 FFDError FFDGetCurrentPos(FFDHandle ffdHandle, uint32_t* lpffdCurrentPos) {
-    TRACE_ENTRY("-----FFDGetCurrentPos(..)");
-    TRACE_PARAM("ffdHandle", "%p", ffdHandle);
+    ENTER("FFDGetCurrentPos(..)");
     FORWARD(FFDGetCurrentPos, lpffdCurrentPos);
 }
 
 FFDError FFDGetDictationFileSize(FFDHandle ffdHandle, uint32_t* lpffdFileSize) {
-    TRACE_ENTRY("-----FFDGetDictationFileSize(..)");
-    TRACE_PARAM("ffdHandle", "%p", ffdHandle);
+    ENTER("FFDGetDictationFileSize(..)");
     FORWARD(FFDGetDictationFileSize, lpffdFileSize);
 }
 
 FFDError FFDGetGranularitySize(FFDHandle ffdHandle, void* lpffdGranuInfo) {
-    TRACE_ENTRY("-----FFDGetGranularitySize(..)");
-    TRACE_PARAM("ffdHandle", "%p", ffdHandle);
+    ENTER("FFDGetGranularitySize(..)");
     TRACE_PARAM("lpffdGranuInfo", "%p", lpffdGranuInfo);
     FORWARD(FFDGetGranularitySize, lpffdGranuInfo);
 }
 
 FFDError FFDGetAudioInfo(FFDHandle ffdHandle, FFDAudioInfo* lpAudioInfo, uint32_t ffdBufferSize) {
-    TRACE_ENTRY("-----FFDGetAudioInfo(...)");
-    TRACE_PARAM("ffdHandle", "%p", ffdHandle);
+    ENTER("FFDGetAudioInfo(...)");
     TRACE_PARAM("lpAudioInfo", "%p", static_cast<void*>(lpAudioInfo));
     TRACE_PARAM("ffdBufferSize", "%ld", ffdBufferSize);
     FORWARD(FFDGetAudioInfo, lpAudioInfo, ffdBufferSize);
@@ -99,67 +100,58 @@ FFDError FFDGetAudioInfo(FFDHandle ffdHandle, FFDAudioInfo* lpAudioInfo, uint32_
 
 FFDError FFDGetSizeOfData(FFDHandle ffdHandle, uint32_t ffdLength,
                           FFDReadHandle** lplpffdReadHandle) {
-    TRACE_ENTRY("-----FFDGetSizeOfData(...)");
-    TRACE_PARAM("ffdHandle", "%p", ffdHandle);
+    ENTER("FFDGetSizeOfData(...)");
     TRACE_PARAM("ffdLength", "%lu", ffdLength);
     FORWARD(FFDGetSizeOfData, ffdLength, lplpffdReadHandle);
 }
 
 FFDError FFDGetFileName(FFDHandle ffdHandle, char* lpffdBuffer, uint32_t ffdBufferSize) {
-    TRACE_ENTRY("-----FFDGetFileName(...)");
-    TRACE_PARAM("ffdHandle", "%p", ffdHandle);
+    ENTER("FFDGetFileName(...)");
     TRACE_PARAM("lpffdBuffer", "%p", static_cast<void*>(lpffdBuffer));
     TRACE_PARAM("ffdBufferSize", "%ld", ffdBufferSize);
     FORWARD(FFDGetFileName, lpffdBuffer, ffdBufferSize);
 }
 
 FFDError FFDGetFilePath(FFDHandle ffdHandle, char* lpffdBuffer, uint32_t ffdBufferSize) {
-    TRACE_ENTRY("-----FFDGetFilePath(...)");
-    TRACE_PARAM("ffdHandle", "%p", ffdHandle);
+    ENTER("FFDGetFilePath(...)");
     TRACE_PARAM("lpffdBuffer", "%p", static_cast<void*>(lpffdBuffer));
     TRACE_PARAM("ffdBufferSize", "%ld", ffdBufferSize);
     FORWARD(FFDGetFilePath, lpffdBuffer, ffdBufferSize);
 }
 
 FFDError FFDGetSoundDataLength(FFDHandle ffdHandle, uint32_t* lpffdSoundDataLength) {
-    TRACE_ENTRY("-----FFDGetSoundDataLength(..)");
-    TRACE_PARAM("ffdHandle", "%p", ffdHandle);
+    ENTER("FFDGetSoundDataLength(..)");
     TRACE_PARAM("lpffdSoundDataLength", "%p", static_cast<void*>(lpffdSoundDataLength));
     FORWARD(FFDGetSoundDataLength, lpffdSoundDataLength);
 }
 
 FFDError FFDSetDiskspaceWarningTime(FFDHandle ffdHandle, uint32_t ffdWarningUnit) {
-    TRACE_ENTRY("-----FFDSetDiskspaceWarningTime(..)");
-    TRACE_PARAM("ffdHandle", "%p", ffdHandle);
+    ENTER("FFDSetDiskspaceWarningTime(..)");
     TRACE_PARAM("ffdWarningUnit", "%lu", ffdWarningUnit);
     FORWARD(FFDSetDiskspaceWarningTime, ffdWarningUnit);
 }
 
 FFDError FFDSetCallbackAddress(FFDHandle ffdHandle, uint32_t ffdCallbackAddress) {
-    TRACE_ENTRY("-----FFDSetCallbackAddress(..)");
-    TRACE_PARAM("ffdHandle", "%p", ffdHandle);
+    ENTER("FFDSetCallbackAddress(..)");
     TRACE_PARAM("ffdCallbackAddress", "%p", reinterpret_cast<void*>(DWORD_PTR{ffdCallbackAddress}));
     FORWARD(FFDSetCallbackAddress, ffdCallbackAddress);
 }
 
 FFDError FFDAudioSeek(FFDHandle ffdHandle, uint32_t ffdSeekPos, uint32_t* lpffdRealPos) {
-    TRACE_ENTRY("-----FFDAudioSeek(...)");
-    TRACE_PARAM("ffdHandle", "%p", ffdHandle);
+    ENTER("FFDAudioSeek(...)");
     TRACE_PARAM("ffdSeekPos", "%lu", ffdSeekPos);
     FORWARD(FFDAudioSeek, ffdSeekPos, lpffdRealPos);
 }
 
 FFDError FFDSaveAs(FFDHandle ffdHandle, char const* lpNewName) {
-    TRACE_ENTRY("-----FFDSaveAs(..)");
-    TRACE_PARAM("ffdHandle", "%p", ffdHandle);
+    ENTER("FFDSaveAs(..)");
     TRACE_PARAM("lpNewName", "%s", lpNewName);
     FORWARD(FFDSaveAs, ffdHandle, lpNewName);
 }
 
 FFDError FFDReadData(FFDHandle ffdHandle, FFDReadHandle const* lpcffdReadHandle,
                      uint32_t ffdBufferSize, uint8_t* lpffdBuffer) {
-    TRACE_ENTRY("-----FFDReadData(...)");
-    TRACE_PARAM("ffdHandle", "%p", ffdHandle);
+    ENTER("FFDReadData(...)");
     TRACE_PARAM("lpcffdReadHandle", "%p", static_cast<void const*>(lpcffdReadHandle));
     TRACE_PARAM("lpffdBuffer", "%p", static_cast<void*>(lpffdBuffer));
     TRACE_PARAM("ffdBufferSize", "%lu", ffdBufferSize);
@@ -168,8 +160,7 @@ FFDError FFDReadData(FFDHandle ffdHandle, FFDReadHandle const* lpcffdReadHandle,
 
 FFDError FFDWriteData(FFDHandle ffdHandle, FFDMethod ffdMethod, uint32_t ffdBufferSize,
                       uint8_t* lpffdBuffer) {
-    TRACE_ENTRY("-----FFDWriteData(...)");
-    TRACE_PARAM("ffdHandle", "%p", ffdHandle);
+    ENTER("FFDWriteData(...)");
     TRACE_PARAM("ffdMethod", "%ld", ffdMethod);
     TRACE_PARAM("ffdBufferSize", "%ld", ffdBufferSize);
     TRACE_PARAM("lpffdBuffer", "%p", static_cast<void*>(lpffdBuffer));
@@ -177,39 +168,33 @@ FFDError FFDWriteData(FFDHandle ffdHandle, FFDMethod ffdMethod, uint32_t ffdBuff
 }
 
 FFDError FFDDeleteData(FFDHandle ffdHandle, uint32_t ffdLength) {
-    TRACE_ENTRY("-----FFDDeleteData(..)");
-    TRACE_PARAM("ffdHandle", "%p", ffdHandle);
+    ENTER("FFDDeleteData(..)");
     TRACE_PARAM("ffdLength", "%lu", ffdLength);
     FORWARD(FFDDeleteData, ffdLength);
 }
 
 FFDError FFDUndoLast(FFDHandle ffdHandle) {
-    TRACE_ENTRY("-----FFDUndoLast(.)");
-    TRACE_PARAM("ffdHandle", "%p", ffdHandle);
+    ENTER("FFDUndoLast(.)");
     FORWARD(FFDUndoLast);
 }
 
 FFDError FFDStoreActualFileStatus(FFDHandle ffdHandle) {
-    TRACE_ENTRY("-----FFDStoreActualFileStatus(.)");
-    TRACE_PARAM("ffdHandle", "%p", ffdHandle);
+    ENTER("FFDStoreActualFileStatus(.)");
     FORWARD(FFDStoreActualFileStatus);
 }
 
 FFDError FFDRestoreFileStatus(FFDHandle ffdHandle) {
-    TRACE_ENTRY("-----FFDRestoreFileStatus(.)");
-    TRACE_PARAM("ffdHandle", "%p", ffdHandle);
+    ENTER("FFDRestoreFileStatus(.)");
     FORWARD(FFDRestoreFileStatus);
 }
 
 FFDError FFDGetWfx(FFDHandle ffdHandle, void* lpWfx, uint32_t ffdBufferSize) {
-    TRACE_ENTRY("-----FFDGetWfx(...)");
-    TRACE_PARAM("ffdHandle", "%p", ffdHandle);
+    ENTER("FFDGetWfx(...)");
     FORWARD(FFDGetWfx, lpWfx, ffdBufferSize);
 }
 
 FFDError FFDGetDownloadLength(FFDHandle ffdHandle, void* lpffdDownloadLen) {
-    TRACE_ENTRY("-----FFDGetDownloadLength(..)");
-    TRACE_PARAM("ffdHandle", "%p", ffdHandle);
+    ENTER("FFDGetDownloadLength(..)");
     TRACE_PARAM("lpffdDownloadLen", "%p", lpffdDownloadLen);
     FORWARD(FFDGetDownloadLength, lpffdDownloadLen);
 }
@@ -217,13 +202,12 @@ FFDError FFDGetDownloadLength(FFDHandle ffdHandle, void* lpffdDownloadLen) {
 #undef FORWARD
 
 FFDError FFDGetDSSEncrypted(FFDHandle ffdHandle, void* lpffdBool) {
-    TRACE_ENTRY("-----FFDGetDSSEncrypted(..)");
-    TRACE_PARAM("ffdHandle", "%p", ffdHandle);
+    ENTER("FFDGetDSSEncrypted(..)");
     TRACE_PARAM("lpffdBool", "%p", lpffdBool);
     CKivmp3* const pKivmp3 = KIVMP3_get_ckivmp3_object(ffdHandle);
     if (pKivmp3 == nullptr) {
-        TRACE_ERROR(FFD_INVALID_HANDLE, "FFD_INVALID_HANDLE from KIVMP3_get_ckivmp3_object()");
-        return FFD_INVALID_HANDLE;
+        return TRACED_ERROR(FFD_INVALID_HANDLE,
+                            "FFD_INVALID_HANDLE from KIVMP3_get_ckivmp3_object()");
     }
     // Any result is an answer here; none is a failure.
     FFDError const ffdError = pKivmp3->FFDGetDSSEncrypted(lpffdBool);
@@ -274,12 +258,10 @@ FFDHandle FFDCreateFile(char const* lpFileName, FFDDesiredAccess ffdDesiredAcces
 }
 
 FFDError FFDClose(FFDHandle ffdHandle) {
-    TRACE_ENTRY("-----FFDClose(.)");
-    TRACE_PARAM("ffdHandle", "%p", ffdHandle);
+    ENTER("FFDClose(.)");
     CKivmp3* const pKivmp3 = KIVMP3_get_ckivmp3_object(ffdHandle);
     if (pKivmp3 == nullptr) {
-        TRACE_ERROR(FFD_INVALID_HANDLE, "FFD_INVALID_HANDLE");
-        return FFD_INVALID_HANDLE;
+        return TRACED_ERROR(FFD_INVALID_HANDLE, "FFD_INVALID_HANDLE");
     }
     // Before any closing work: the handle is dead, however that ends.
     SoundfileList.remove(pKivmp3);
@@ -290,6 +272,8 @@ FFDError FFDClose(FFDHandle ffdHandle) {
     delete pKivmp3;
     return ffdError;
 }
+
+#undef ENTER
 
 // Checks the slot's function against the type that the host's header gives it.
 template <typename Proc> void fill_slot(int nSlot_p, Proc pFunction_p) {
