@@ -3,6 +3,7 @@
 #include "Status.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <optional>
 #include <string_view>
@@ -17,17 +18,10 @@ constexpr uint64_t kLargest = 0xFFFFFFFF;
 
 // A whole number of up to ten digits.
 std::optional<uint64_t> parse_whole(std::string_view text) {
-    if (text.empty() || text.size() > 10) {
-        return std::nullopt;
-    }
     uint64_t value = 0;
-    for (char const digit : text) {
-        if (digit < '0' || digit > '9') {
-            return std::nullopt;
-        }
-        value = value * 10 + static_cast<uint64_t>(digit - '0');
-    }
-    return value;
+    auto const [behind, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    bool const whole = error == std::errc() && behind == text.data() + text.size();
+    return whole && text.size() <= 10 ? std::optional(value) : std::nullopt;
 }
 
 // A decimal number in units of 1 / `scale`, a power of ten. More digits after the point than the

@@ -28,6 +28,14 @@ bool narrow_name(wchar_t const* pwszName, char (*pszName)[MAX_PATH]) {
     return iLength > 0 && !bReplaced;
 }
 
+// Whether a file or a directory can be opened with this access: NO_ERROR, or the error.
+DWORD try_open(LPCSTR pszPath, DWORD dwAccess, DWORD dwFlags) {
+    HANDLE const hTest =
+        CreateFileA(pszPath, dwAccess, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                    nullptr, OPEN_EXISTING, dwFlags, nullptr);
+    return hTest != INVALID_HANDLE_VALUE && CloseHandle(hTest) ? NO_ERROR : GetLastError();
+}
+
 } // namespace
 
 bool PlatformSplitPath(LPCSTR pszPath, PlatformPathParts* pParts) {
@@ -129,14 +137,7 @@ DWORD PlatformTestRemoval(LPCSTR pszPath) {
     if ((dwAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_READONLY)) != 0) {
         return ERROR_ACCESS_DENIED;
     }
-    HANDLE const hTest =
-        CreateFileA(pszPath, DELETE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                    nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (hTest == INVALID_HANDLE_VALUE) {
-        return GetLastError();
-    }
-    CloseHandle(hTest);
-    return NO_ERROR;
+    return try_open(pszPath, DELETE, FILE_ATTRIBUTE_NORMAL);
 }
 
 DWORD PlatformTestCreation(LPCSTR pszPath) {
@@ -155,12 +156,5 @@ DWORD PlatformTestCreation(LPCSTR pszPath) {
     strcpy(szDirectory, parts.szDrive);
     strcat(szDirectory, parts.szDirectory[0] != '\0' ? parts.szDirectory : ".");
     // The right to add a file is one of the directory.
-    HANDLE const hTest = CreateFileA(szDirectory, FILE_ADD_FILE,
-                                     FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                     nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
-    if (hTest == INVALID_HANDLE_VALUE) {
-        return GetLastError();
-    }
-    CloseHandle(hTest);
-    return NO_ERROR;
+    return try_open(szDirectory, FILE_ADD_FILE, FILE_FLAG_BACKUP_SEMANTICS);
 }

@@ -25,26 +25,23 @@ constexpr size_t kMostNewBytes = 64; // that are shown of a part
 constexpr uint64_t kPlenty = uint64_t{1} << 62;
 
 char const* words_of_error(DWORD error) {
-    switch (error) {
-    case ERROR_PATH_NOT_FOUND:
-        return "its folder does not exist";
-    case ERROR_TOO_MANY_OPEN_FILES:
-        return "too many files are open";
-    case ERROR_ACCESS_DENIED:
-        return "permission denied";
-    case ERROR_NOT_ENOUGH_MEMORY:
-        return "there is no memory";
-    case ERROR_WRITE_PROTECT:
-        return "the medium is write-protected";
-    case ERROR_SHARING_VIOLATION:
-        return "another program has it open";
-    case ERROR_DISK_FULL:
-        return "the disk is full";
-    case ERROR_FILENAME_EXCED_RANGE:
-        return "the name is too long";
-    default:
-        return "the system refuses it";
-    }
+    struct Row {
+        DWORD error;
+        char const* words;
+    };
+    static constexpr Row kRows[] = {
+        {ERROR_PATH_NOT_FOUND, "its folder does not exist"},
+        {ERROR_TOO_MANY_OPEN_FILES, "too many files are open"},
+        {ERROR_ACCESS_DENIED, "permission denied"},
+        {ERROR_NOT_ENOUGH_MEMORY, "there is no memory"},
+        {ERROR_WRITE_PROTECT, "the medium is write-protected"},
+        {ERROR_SHARING_VIOLATION, "another program has it open"},
+        {ERROR_DISK_FULL, "the disk is full"},
+        {ERROR_FILENAME_EXCED_RANGE, "the name is too long"},
+    };
+    auto const found = std::find_if(std::begin(kRows), std::end(kRows),
+                                    [&](Row const& row) { return row.error == error; });
+    return found != std::end(kRows) ? found->words : "the system refuses it";
 }
 
 // One open for writing, and its close, on the disk that only pretends.

@@ -3,12 +3,19 @@
 #pragma once
 
 #include "console/Files.h"
+#include "console/Status.h"
 
 #include <filesystem>
 #include <optional>
 #include <string>
 
 namespace ffdhost {
+
+[[noreturn]] inline void fail_to_copy(std::filesystem::path const& path, std::string const& words) {
+    throw Failure("copy", path.string(), FFD_FILE_IO_ERROR, words,
+                  "Check the permissions of the folder, and that the disk is not full, or recover "
+                  "without --copy; nothing was changed.");
+}
 
 class OpenFolder {
 public:

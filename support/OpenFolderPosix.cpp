@@ -1,7 +1,6 @@
 #include "OpenFolder.h"
 
 #include "console/FilesPosix.h"
-#include "console/Status.h"
 #include "console/System.h"
 
 #include <array>
@@ -19,14 +18,8 @@ namespace {
 
 constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
-[[noreturn]] void fail(std::filesystem::path const& path, std::string const& words) {
-    throw Failure("copy", path.string(), FFD_FILE_IO_ERROR, words,
-                  "Check the permissions of the folder, and that the disk is not full, or recover "
-                  "without --copy; nothing was changed.");
-}
-
 [[noreturn]] void fail(std::filesystem::path const& path) {
-    fail(path, std::strerror(errno));
+    fail_to_copy(path, std::strerror(errno));
 }
 
 struct stat status_of(Descriptor const& file, std::filesystem::path const& path) {
@@ -99,7 +92,7 @@ std::optional<OpenFolder> OpenFolder::make_folder(std::string const& name) const
     // It may have been replaced since; one of this user's that others can't enter is as good.
     struct stat const status = status_of(folder, path);
     if (status.st_uid != geteuid() || (status.st_mode & 0077) != 0) {
-        fail(path, "it was replaced while it was made");
+        fail_to_copy(path, "it was replaced while it was made");
     }
     // What the folder around it gives to new ones.
     fremovexattr(folder.number(), "system.posix_acl_access");
@@ -115,12 +108,13 @@ bool OpenFolder::copy_file(std::string const& name, OpenFolder const& target) co
         if (errno == ENOENT) {
             return false;
         }
-        errno == ELOOP ? fail(path, "it is a symbolic link, and what it leads to is not copied")
-                       : fail(path);
+        errno == ELOOP
+            ? fail_to_copy(path, "it is a symbolic link, and what it leads to is not copied")
+            : fail(path);
     }
     struct stat const original = status_of(from, path);
     if (!S_ISREG(original.st_mode)) {
-        fail(path, "it is no regular file");
+        fail_to_copy(path, "it is no regular file");
     }
     constexpr int kMake = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
     Descriptor to(openat(target.m_folder.number(), name.c_str(), kMake, 0600));
@@ -138,7 +132,7 @@ bool OpenFolder::copy_file(std::string const& name, OpenFolder const& target) co
     if (!good) {
         int const error = errno;
         target.remove_file(name);
-        fail(path, std::strerror(error));
+        fail_to_copy(path, std::strerror(error));
     }
     return true;
 }

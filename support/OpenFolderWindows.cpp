@@ -2,8 +2,6 @@
 // permissions come from the folder that something is made in.
 #include "OpenFolder.h"
 
-#include "console/Status.h"
-
 #include <windows.h>
 
 #include <cstdint>
@@ -15,14 +13,8 @@ namespace ffdhost {
 
 namespace {
 
-[[noreturn]] void fail(std::filesystem::path const& path, std::string const& words) {
-    throw Failure("copy", path.string(), FFD_FILE_IO_ERROR, words,
-                  "Check the permissions of the folder, and that the disk is not full, or recover "
-                  "without --copy; nothing was changed.");
-}
-
 [[noreturn]] void fail(std::filesystem::path const& path) {
-    fail(path, std::system_category().message(static_cast<int>(GetLastError())));
+    fail_to_copy(path, std::system_category().message(static_cast<int>(GetLastError())));
 }
 
 HANDLE hold(std::filesystem::path const& path) {
@@ -65,7 +57,7 @@ bool OpenFolder::copy_file(std::string const& name, OpenFolder const& target) co
         fail(path);
     }
     if ((attributes & (FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DIRECTORY)) != 0) {
-        fail(path, "it is no regular file");
+        fail_to_copy(path, "it is no regular file");
     }
     if (CopyFileExW(path.c_str(), (target.m_path / name).c_str(), nullptr, nullptr, nullptr,
                     COPY_FILE_FAIL_IF_EXISTS) == 0) {
