@@ -26,19 +26,6 @@ protected:
     }
     ~HostsTest() override { dlclose(m_library); }
 
-    // A process that ends without clearing up, as its host would if it were killed. Its exit code,
-    // or minus the signal that ended it.
-    static int in_a_process(std::function<void()> const& session) {
-        pid_t const process = fork();
-        if (process == 0) {
-            session();
-            _exit(HasFailure() ? 1 : 0);
-        }
-        int nStatus = 0;
-        EXPECT_EQ(waitpid(process, &nStatus, 0), process);
-        return WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -WTERMSIG(nStatus);
-    }
-
     FFDHandle open_shipped(FFDDesiredAccess access, FFDError* pStatus) {
         return slots->CreateFile(m_sound.c_str(), access, 2, nullptr, m_callback, pStatus, nullptr);
     }
@@ -72,7 +59,7 @@ TEST_F(HostsTest, AForkedChildKeepsNothing) {
         int pipeEnds[2];
         int goOn[2];
         ASSERT_EQ(pipe(pipeEnds) + pipe(goOn), 0);
-        EXPECT_EQ(in_a_process([&] {
+        EXPECT_EQ(crash_after([&] {
                       FFDError status = 1;
                       FFDHandle const handle = open_shipped(2, &status);
                       ASSERT_EQ(status, 0u);
@@ -122,7 +109,7 @@ TEST_F(HostsTest, AForkedChildKeepsNothing) {
 
 // What watches the forks goes with the library.
 TEST_F(HostsTest, AForkAfterTheLibraryIsUnloaded) {
-    EXPECT_EQ(in_a_process([&] {
+    EXPECT_EQ(crash_after([&] {
                   FFDError status = 1;
                   FFDHandle const handle = open_shipped(1, &status);
                   EXPECT_EQ(slots->Close(handle), 0u);
@@ -135,7 +122,7 @@ TEST_F(HostsTest, AForkAfterTheLibraryIsUnloaded) {
 }
 
 TEST_F(HostsTest, ClosedStandardStreams) {
-    EXPECT_EQ(in_a_process([&] {
+    EXPECT_EQ(crash_after([&] {
                   for (int nStream = 0; nStream < 3; ++nStream) {
                       ::close(nStream);
                   }
@@ -171,7 +158,7 @@ TEST_F(HostsTest, ALimitOnTheSizeOfFiles) {
     // 20 frames are 1920 bytes, one more 2016; a .DIR file has 65536.
     for (Row const& row : {Row{0, 29, 0}, Row{2015, 29, 0}, Row{65535, 0, 0}, Row{65536, 0, 0}}) {
         write_file(m_sound, frames(20));
-        EXPECT_EQ(in_a_process([&] {
+        EXPECT_EQ(crash_after([&] {
                       struct rlimit limit {};
                       getrlimit(RLIMIT_FSIZE, &limit);
                       limit.rlim_cur = row.nLimit;
