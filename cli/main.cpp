@@ -416,7 +416,7 @@ int run(std::span<char const* const> words) {
 } // namespace
 
 int main(int argc, char** argv) {
-    ffdhost::open_missing_descriptors();
+    ffdhost::make_failures_visible();
     try {
         return run(ffdhost::command_line(argc, argv));
     } catch (...) {

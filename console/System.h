@@ -37,8 +37,9 @@ bool same_file_name(std::filesystem::path const& name1, std::filesystem::path co
 bool may_write(std::filesystem::path const& path);
 
 // Opens what is missing of the descriptors 0 to 2, so that no file of the program or of the driver
-// gets one of them and is written into as standard output. What was missing fails when it is used.
-void open_missing_descriptors();
+// gets one of them and is written into as standard output. What was missing fails when it is used,
+// and so does a write beyond a limit on the size of files, which would end the program otherwise.
+void make_failures_visible();
 
 // The directory of the running program; empty if the system does not say.
 std::filesystem::path program_directory();

@@ -64,7 +64,8 @@ bool may_write(std::filesystem::path const& path) {
     return access(path.c_str(), W_OK) == 0;
 }
 
-void open_missing_descriptors() {
+void make_failures_visible() {
+    std::signal(SIGXFSZ, SIG_IGN);
     for (int const each : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         // The lowest that is free is taken, and those below are open by now.
         if (fcntl(each, F_GETFD) < 0 &&

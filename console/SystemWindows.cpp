@@ -116,7 +116,7 @@ bool may_write(std::filesystem::path const& path) {
            (attributes & FILE_ATTRIBUTE_READONLY) == 0;
 }
 
-void open_missing_descriptors() {} // handles are not numbered from 0
+void make_failures_visible() {} // handles are not numbered from 0
 
 std::filesystem::path program_directory() {
     wchar_t name[MAX_PATH];

@@ -150,7 +150,7 @@ class GuardTest(Sandbox):
                         ("edit", "a.mp3", "read", "9s", "out"), ("split", "a.mp3", "1s"),
                         ("join", "--force", "out", "a.mp3"), ("record", "--new", "b.mp3")):
             with open(self.file, "rb") as stream:
-                run = self.host(*command, code=1, stdin=stream, restore_signals=False, preexec_fn=lambda:
+                run = self.host(*command, code=1, stdin=stream, preexec_fn=lambda:
                                 resource.setrlimit(resource.RLIMIT_FSIZE, (100, 100)))
             self.assertIn(b"the output cannot be written: file too large", run.stderr, command)
             self.assertEqual((self.dir / "out").read_bytes(), b"old")
