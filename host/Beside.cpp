@@ -3,12 +3,22 @@
 #include "console/Files.h"
 #include "console/Status.h"
 
+#include <algorithm>
+#include <cctype>
+
 namespace ffdhost {
 
 std::filesystem::path beside(std::string const& soundFile, std::string const& extension) {
     std::string const name = std::filesystem::path(soundFile).filename().string();
     return std::filesystem::path(soundFile).replace_filename(name.substr(0, name.rfind('.')) +
                                                              extension);
+}
+
+bool ends_in(std::filesystem::path const& path, std::string const& extension) {
+    std::string own = path.extension().string();
+    std::transform(own.begin(), own.end(), own.begin(),
+                   [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
+    return own == extension;
 }
 
 std::filesystem::path dir_file_of(std::string const& soundFile) {

@@ -11,6 +11,10 @@ namespace ffdhost {
 // The file beside a sound file with its stem and another extension (dot included).
 std::filesystem::path beside(std::string const& soundFile, std::string const& extension);
 
+// Whether a name has that extension (in small letters, dot included), in letters of either case:
+// some file systems take no heed of it.
+bool ends_in(std::filesystem::path const& path, std::string const& extension);
+
 // The .DIR file that belongs to a sound file. Files that differ in their extension share one.
 std::filesystem::path dir_file_of(std::string const& soundFile);
 

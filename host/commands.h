@@ -98,9 +98,9 @@ struct Recorded {
 Recorded record_stream(SoundFile& sound, std::string const& name, RecorderOptions const& options,
                        std::span<std::byte const> begun = {});
 
-// Throws a Failure if a crash has left edits, or an interrupted close, for a file of this name: the
-// next open for writing would apply them to whatever is put there. Those of `file`, which is read,
-// do not count.
+// Throws a Failure if the driver would take a file of this name for one of its own, or if a crash
+// has left edits, or an interrupted close, for it: the next open for writing would apply them to
+// whatever is put there. Those of `file`, which is read, do not count.
 void check_nothing_left(std::string const& operation, std::string const& output,
                         std::string const& file = {});
 // Puts them out of the way, under names ending in .bad, where the user wants the file all the same.
@@ -112,10 +112,10 @@ void set_aside_what_is_left(std::string const& output, std::string const& file =
 void check_output(std::string const& operation, std::string const& output, std::string const& file,
                   bool force);
 
-// Tells of the edits that an open for writing of the file would take over, and gives the count of
-// their blocks. 0 for none, and for a .DIR file that the driver will have to judge.
-size_t tell_edits_waiting(std::filesystem::path const& dirFile, DirReader const& readDirectory,
-                          bool json);
+// Tells of the edits that an open for writing has just taken over, which are those that the .DIR
+// file still has, and gives the count of their blocks.
+size_t tell_edits_taken_over(std::filesystem::path const& dirFile, DirReader const& readDirectory,
+                             bool json);
 
 // Warns if a place that was asked for lies beyond the end of the dictation.
 void tell_place_beyond(std::string const& operation, Position const& asked, uint32_t place,

@@ -169,12 +169,12 @@ void Editor::open() {
         tell_when_interrupted("\nffdhost: interrupted: the edits so far are kept beside " +
                               printable(m_file) + "; the next open for writing finds them\n");
     }
-    m_document["taken_over_blocks"] =
-        tell_edits_waiting(m_dirFile, m_options.readDirectory, m_json);
     {
         Waiting const waiting("opening");
         m_sound = std::make_unique<SoundFile>(m_driver, m_file, Access::ReadWrite);
     }
+    m_document["taken_over_blocks"] =
+        tell_edits_taken_over(m_dirFile, m_options.readDirectory, m_json);
     m_rate = m_sound->wave_format().bytesPerSecond;
     say("Opened", length_text(m_sound->length(), m_rate));
 }
@@ -467,14 +467,9 @@ void Editor::report_failure(char const* key, Failure const& failure) {
 
 } // namespace
 
-size_t tell_edits_waiting(std::filesystem::path const& dirFile, DirReader const& readDirectory,
-                          bool json) {
-    std::optional<DirMap> left;
-    try {
-        left = readDirectory(dirFile);
-    } catch (Failure const&) {
-        return 0; // the open repairs it or sets it aside
-    }
+size_t tell_edits_taken_over(std::filesystem::path const& dirFile, DirReader const& readDirectory,
+                             bool json) {
+    std::optional<DirMap> const left = readDirectory(dirFile);
     size_t const blocks = left ? left->blocks.size() : 0;
     if (blocks > 0 && !json) {
         print_line("Taken over",

@@ -29,6 +29,13 @@ std::optional<std::filesystem::path> left_for(std::string const& output, std::st
 
 void check_nothing_left(std::string const& operation, std::string const& output,
                         std::string const& file) {
+    if (ends_in(output, ".dir") || ends_in(output, ".clm")) {
+        throw Failure(operation, output, FFD_INVALID_PATH,
+                      "the driver keeps edits and interrupted closes in files that end so, and "
+                      "would take it for one of them",
+                      "Choose another name, or write it all the same with --force; nothing was "
+                      "written.");
+    }
     if (std::optional<std::filesystem::path> const left = left_for(output, file)) {
         throw Failure(operation, output, FFD_FILE_ALREADY_EXISTS,
                       "a session that did not close has left edits for a file of this name in " +

@@ -227,9 +227,17 @@ Outcome run_record(Driver const& driver, std::string const& file, RecordOptions 
         set_aside_what_is_left(file);
         make_file(file, beginning.frame());
     }
-    look_before_writing(driver, file);
-    size_t const takenOver = tell_edits_waiting(dir_file_of(file), options.readDirectory, json);
-    auto sound = std::make_unique<SoundFile>(driver, file, Access::ReadWrite);
+    std::unique_ptr<SoundFile> sound;
+    try {
+        look_before_writing(driver, file);
+        sound = std::make_unique<SoundFile>(driver, file, Access::ReadWrite);
+    } catch (Failure const&) {
+        if (made && !is_in_use(file)) {
+            std::filesystem::remove(file, error);
+        }
+        throw;
+    }
+    size_t const takenOver = tell_edits_taken_over(dir_file_of(file), options.readDirectory, json);
     uint32_t const rate = sound->wave_format().bytesPerSecond;
     uint32_t const before = sound->length();
     auto const begun = static_cast<uint32_t>(beginning.frame().size()); // of a file that was made

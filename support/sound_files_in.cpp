@@ -1,10 +1,9 @@
 #include "support.h"
 
 #include "console/Files.h"
+#include "host/Beside.h"
 #include "MCI/KIVMP3/CloseMarker.h"
 
-#include <algorithm>
-#include <cctype>
 #include <set>
 
 namespace ffdhost {
@@ -12,13 +11,6 @@ namespace ffdhost {
 namespace {
 
 namespace fs = std::filesystem;
-
-bool ends_in(fs::path const& path, std::string const& extension) {
-    std::string own = path.extension().string();
-    std::transform(own.begin(), own.end(), own.begin(),
-                   [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
-    return own == extension;
-}
 
 // The sound file that a .DIR file or a close marker belongs to. The directory does not name it.
 fs::path sound_file_of(fs::path const& companion) {

@@ -104,6 +104,15 @@ class HostTest(Sandbox):
         self.assert_untouched()
 
     def test_nothing_is_lost_in_silence(self):
+        # What the driver would take for a file of its own.
+        (self.dir / "n.DIR").mkdir()
+        for name in "a.DIR", "clip.clm", "n.mp3":
+            for command in (("record", "--new", name), ("record", "--force", "--new", "a.DIR"),
+                            ("read", self.clip, "-o", name), ("join", name, self.clip),
+                            ("edit", self.clip, "read", "1s", name), ("map", self.clip, "--svg", name)):
+                if command[0] == "record" or name != "n.mp3":
+                    self.host(*command, code=1, input=CLIP)
+                    self.assertFalse((self.dir / name).exists(), command)
         self.host("edit", self.file, "seek", "end", "insert", self.clip, "crash", code=3)
         whole = len(AUDIO) + len(CLIP)
         directory = self.dir_file.read_bytes()

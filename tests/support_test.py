@@ -343,7 +343,8 @@ class SupportTest(Sandbox):
         session = ("insert", self.clip, "seek", 24000, "insert", self.clip, "store", "delete", 700, "read", 100, out,
                    "restore", "seek", 999, "overwrite", self.clip, "map")
         for files, last, code in (({"a.mp3": TAGGED}, "show", 0), ({"a.mp3": TAGGED}, "crash", 3),
-                                  ({NAME: TAGGED, "a.CLM": marker(AUDIO, TAGGED)}, "show", 0)):
+                                  ({NAME: TAGGED, "a.CLM": marker(AUDIO, TAGGED),
+                                    "a.DIR": entry(1, 0, 300)}, "show", 0)):
             self.make(files)
             before = self.seen(), self.dir.stat().st_mtime_ns, sorted(self.root.iterdir())
             told_code, told = self.host("edit", "--dry-run", "a.mp3", *session, last)
@@ -352,6 +353,7 @@ class SupportTest(Sandbox):
             done_code, done = self.host("edit", "a.mp3", *session, last)
             self.assertEqual((told_code, done_code), (code, code))
             self.assertEqual(told["operations"], done["operations"])
+            self.assertEqual((told["taken_over_blocks"], done["taken_over_blocks"]), (0, 0))
             out.unlink()
             sizes = {}
             for change in told["changes"]:
