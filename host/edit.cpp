@@ -42,6 +42,7 @@ private:
     void print(EditOp const& op, Json const& result) const;
     std::string text_of(EditOp const& op, Json const& result) const;
     uint32_t snapped(uint32_t dictationPosition, Json& result);
+    void settle(Json& result);
     uint32_t length_of(EditOp const& op, Json& result);
     void seek(EditOp const& op, Json& result);
     void enter_clip(EditOp const& op, Json& result);
@@ -187,6 +188,7 @@ void Editor::perform_all() {
         Json& result = m_document["operations"].emplace_back(Json{{"op", op.name}});
         try {
             perform(op, result);
+            settle(result);
             print(op, result);
         } catch (Failure const&) {
             result["failed"] = true;
@@ -259,6 +261,19 @@ uint32_t Editor::snapped(uint32_t dictationPosition, Json& result) {
     return border;
 }
 
+// With --snap no operation begins inside a frame: an undo can end there, or a clip in half a one.
+void Editor::settle(Json& result) {
+    if (!m_options.snap || !m_sound->is_open()) {
+        return;
+    }
+    uint32_t const position = m_sound->position();
+    uint32_t const border = m_sound->nearest_border(position);
+    if (border != position) {
+        result["snapped"] = int64_t{border} - int64_t{position};
+        result["position"] = m_sound->seek(border);
+    }
+}
+
 // From the position on; what lies beyond the end is cut off.
 uint32_t Editor::length_of(EditOp const& op, Json& result) {
     uint32_t const from = m_sound->position();
@@ -284,8 +299,16 @@ void Editor::enter_clip(EditOp const& op, Json& result) {
     uint32_t const before = m_sound->length();
     result["clip"] = op.path;
     result["from"] = m_sound->position();
-    uint64_t const done = enter_pieces(method, op.name, clip, result);
+    // The driver takes out as many bytes as it enters, up to inside a frame.
+    bool const takesFrames = m_options.snap && method == FFD_METHOD_OVERWRITE;
+    uint64_t const done =
+        enter_pieces(takesFrames ? FFD_METHOD_INSERT : method, op.name, clip, result);
     clip.close();
+    if (takesFrames) {
+        uint32_t const position = m_sound->position();
+        uint64_t const end = std::min<uint64_t>(position + done, m_sound->length());
+        m_sound->erase(std::max(position, snapped(static_cast<uint32_t>(end), result)) - position);
+    }
     result["replaced"] = before + done - m_sound->length();
     result["position"] = m_sound->position();
 }

@@ -149,6 +149,16 @@ class HostTest(Sandbox):
                          "seek", "1h")["operations"]
         self.assertEqual([each.get("snapped", 0) for each in done], [-100, 90, 0])
         self.assertEqual(self.host("read", self.file).stdout, AUDIO[:begin] + AUDIO[end:])
+        # Where frames differ in size, so do a clip and what it takes the place of.
+        file = self.copy("speech-44k-stereo", "b.mp3")
+        sound = sample("speech-44k-stereo")
+        borders = [0, *itertools.accumulate(map(len, frames_of(sound, 417)))]
+        for place in range(13000, 40000, 3100):
+            file.write_bytes(sound)
+            done = self.json("edit", "--snap", file, "seek", 3000, "delete", 2417, "seek", place, "undo",
+                             "overwrite", SAMPLES / "insert-44k-stereo.mp3")["operations"][-1]
+            self.assertIn(done["from"], borders)
+            self.assertIn(done["from"] + done["replaced"], borders)
 
     def test_positions(self):
         long_file = self.dir / "long.mp3"  # more than an hour, 3000 bytes a second
