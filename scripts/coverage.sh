@@ -10,7 +10,7 @@ build="build-coverage"
 scripts/install-packages.sh gcovr
 
 tests=()
-for source in tests/driver_*_test.cpp tests/session_test.cpp; do
+for source in tests/driver_*_test.cpp tests/{session,speech,crash}_test.cpp; do
     [[ $source == *windows* ]] || tests+=("$(basename "$source" .cpp)")
 done
 scripts/build-preset.sh coverage xkivmp3 "${tests[@]}"
