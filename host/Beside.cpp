@@ -25,6 +25,10 @@ std::filesystem::path dir_file_of(std::string const& soundFile) {
     return beside(soundFile, ".DIR");
 }
 
+std::filesystem::path marker_file_of(std::string const& soundFile) {
+    return beside(soundFile, ".CLM");
+}
+
 std::optional<uint64_t> leftover_size(std::string const& soundFile) {
     std::filesystem::path const path = dir_file_of(soundFile);
     if (is_no_regular_file(path)) {

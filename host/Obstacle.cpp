@@ -30,8 +30,7 @@ std::optional<Failure> why_not_writable(std::string const& operation, std::strin
         return why("permission denied: the file may not be written to",
                    "Change its permissions, or copy it to a place of your own.");
     }
-    for (char const* const kind : {".DIR", ".CLM"}) {
-        std::filesystem::path const own = beside(path, kind);
+    for (std::filesystem::path const& own : {dir_file_of(path), marker_file_of(path)}) {
         std::error_code code;
         auto const status = std::filesystem::symlink_status(own, code);
         if (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status)) {

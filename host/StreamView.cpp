@@ -65,7 +65,7 @@ unsigned mpeg_layer(uint8_t const* header) {
 
 std::unique_ptr<SoundFile> open_for_reading(Driver const& driver, std::string const& path) {
     std::error_code error;
-    if (std::filesystem::exists(beside(path, ".CLM"), error)) {
+    if (std::filesystem::exists(marker_file_of(path), error)) {
         print_warning(path +
                       ": a close was interrupted, so that a .DIR file beside it may belong to "
                       "the file before; to finish the close, run: ffdhost recover --copy -- " +
@@ -112,7 +112,7 @@ std::optional<StreamView> look_before_writing(Driver const& driver, std::string 
     } catch (Failure const&) {
         std::error_code error;
         if (leftover_size(path).value_or(0) == 0 &&
-            !std::filesystem::exists(beside(path, ".CLM"), error)) {
+            !std::filesystem::exists(marker_file_of(path), error)) {
             throw;
         }
         return std::nullopt;

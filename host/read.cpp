@@ -15,10 +15,10 @@ namespace {
 // or letter.svg beside letter.mp3.
 std::optional<std::filesystem::path> left_for(std::string const& output, std::string const& file) {
     std::error_code error;
-    for (char const* const extension : {".DIR", ".CLM"}) {
-        std::filesystem::path const left = beside(output, extension);
+    for (auto const companion : {dir_file_of, marker_file_of}) {
+        std::filesystem::path const left = companion(output);
         if (std::filesystem::file_size(left, error) > 0 && !error &&
-            !std::filesystem::equivalent(left, beside(file, extension), error)) {
+            !std::filesystem::equivalent(left, companion(file), error)) {
             return left;
         }
     }

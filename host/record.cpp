@@ -15,7 +15,6 @@ namespace {
 
 constexpr std::chrono::milliseconds kPatience(200); // with a stream that pauses
 constexpr size_t kPieceOfStream = size_t{32} * 1024;
-constexpr uint64_t kReserve = uint64_t{10} * 1024 * 1024; // that the close wants to find free
 constexpr uint64_t kLargestFile = 0xFFFFFFFF;
 constexpr uint64_t kLongestWrite = size_t{64} * 1024; // of a Recorder
 
@@ -31,7 +30,8 @@ std::string time_left(std::string const& file, uint32_t fileSize, uint32_t bytes
     if (error) {
         return "unknown";
     }
-    uint64_t const needed = uint64_t{fileSize} * 4 + kReserve; // as the driver counts it
+    uint64_t const needed =
+        ffd_basic_need(uint64_t{fileSize} * 2); // all of it is in blocks, nearly
     uint64_t const room = kLargestFile - fileSize;
     uint64_t const free = space.available - std::min<uint64_t>(space.available, needed);
     return rough_time_text(

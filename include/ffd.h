@@ -292,8 +292,14 @@ typedef FFDError (*FFDGetFilePathProc)(FFDHandle ffdHandle, char* lpffdBuffer,
  * milliseconds: it can be less than the exact length, which a seek to the end gives. */
 typedef FFDError (*FFDGetSoundDataLengthProc)(FFDHandle ffdHandle, uint32_t* lpffdSoundDataLength);
 
+/** The basic need: how many bytes of the disk FFDWriteData wants to find free for a file and its
+ * blocks, of so many bytes together. Each byte that is recorded adds to both. */
+static inline uint64_t ffd_basic_need(uint64_t fileAndBlocks) {
+    return 2u * fileAndBlocks + 10u * 1024u * 1024u;
+}
+
 /** Slot 8. FFDWriteData sends FIDM_DISKSPACE_WARNING when a third of the free space above the basic
- * need (twice the file and its blocks, plus 10 MiB) is below this many bytes; 0 for no warning. */
+ * need is below this many bytes; 0 for no warning. */
 typedef FFDError (*FFDSetDiskspaceWarningTimeProc)(FFDHandle ffdHandle, uint32_t ffdWarningUnit);
 
 /** Slot 9. Replaces the callback target by a 32-bit address; 0 switches messages off. A target

@@ -33,6 +33,12 @@ void tell_frame(uint32_t dwFileOffset, uint32_t dwEnd, uint8_t const* pbyHeader)
     }
 }
 
+void tell_need(uint32_t dwBytes) {
+    if (g_pListener != nullptr) {
+        g_pListener->on_need(dwBytes);
+    }
+}
+
 } // namespace dry
 
 using dry::Kind;

@@ -27,11 +27,14 @@ public:
     // A frame that the walk of an open counts: where it begins, where the walk goes on behind it,
     // and the four bytes of its header.
     virtual void on_frame(uint32_t dwFileOffset, uint32_t dwEnd, uint8_t const* pbyHeader) = 0;
+    // A rebuild that is about to begin, with the bytes that it wants to find free on the disk.
+    virtual void on_need(uint32_t dwBytes) = 0;
 };
 
 // From now on this one listens; null: nobody. It must live until it no longer does.
 void listen(Listener* pListener);
 
 void tell_frame(uint32_t dwFileOffset, uint32_t dwEnd, uint8_t const* pbyHeader);
+void tell_need(uint32_t dwBytes);
 
 } // namespace dry

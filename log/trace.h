@@ -23,11 +23,13 @@
 // The same where the code is the result: return TRACED_ERROR(FFD_..., "...").
 #define TRACED_ERROR(code, text) (TRACE_ERROR(code, text), (code))
 
-// No call of the log: a driver that only pretends reports each frame that its walk counts, and
-// where the walk goes on.
+// No calls of the log: a driver that only pretends reports each frame that its walk counts, and
+// where the walk goes on; and how many bytes of the disk a rebuild wants to find free.
 #if defined(KIV_PLATFORM_DRY)
 #include "log/dry_log.h"
 #define TELL_FRAME(dwFileOffset, dwEnd, pbyHeader) dry::tell_frame(dwFileOffset, dwEnd, pbyHeader)
+#define TELL_NEED(dwBytes) dry::tell_need(dwBytes)
 #else
 #define TELL_FRAME(dwFileOffset, dwEnd, pbyHeader) static_cast<void>(0)
+#define TELL_NEED(dwBytes) static_cast<void>(0)
 #endif

@@ -29,8 +29,8 @@ void look_around(Diagnosis& diagnosis) {
             diagnosis.copies.push_back(beside(diagnosis.file, "").replace_filename(name));
         }
         bool const aside = KIVMP3_is_aside_extension(name.extension().string().c_str());
-        for (char const* const kind : {".DIR", ".CLM"}) {
-            if (aside && same_file_name(name.stem(), beside(diagnosis.file, kind).filename())) {
+        for (auto const companion : {dir_file_of, marker_file_of}) {
+            if (aside && same_file_name(name.stem(), companion(diagnosis.file).filename())) {
                 diagnosis.setAside.push_back(beside(diagnosis.file, "").replace_filename(name));
             }
         }
@@ -55,7 +55,7 @@ void refuse_without_traces(std::string const& file) {
     std::error_code error;
     bool const hasTraces =
         !fs::exists(file, error) && (fs::exists(fs::symlink_status(dir_file_of(file), error)) ||
-                                     fs::exists(fs::symlink_status(beside(file, ".CLM"), error)));
+                                     fs::exists(fs::symlink_status(marker_file_of(file), error)));
     if (auto const why = why_unreadable("check", file); why && !hasTraces) {
         throw *why;
     }
@@ -172,8 +172,8 @@ void Findings::directory() {
     }
     if (m_next.unnamedBytes > 0) {
         attention("audio_not_named",
-                  bytes_text(m_next.unnamedBytes) + " of the file are named by no edit" +
-                      (m_next.drops_audio() ? ", and the close leaves them out" : ""),
+                  bytes_text(m_next.unnamedBytes) +
+                      " of the file are named by no edit, and the close leaves them out",
                   "The .DIR file is torn, of another file, or older than the last write. Keep a "
                   "copy before anybody opens the file for writing: 'ffdhost recover --copy' does.");
     }
@@ -208,8 +208,9 @@ void Findings::close() {
                   "the close after an open for writing fails with " + std::string(status.name) +
                       " (" + std::to_string(m_next.close.status) + "): " +
                       (m_next.close.status == FFD_ERR_NOT_ENOUGH_DSPACE
-                           ? "it needs " + bytes_text(m_next.walk->fileSize) + " of disk space, " +
-                                 std::to_string(m_next.close.freeBytes) + " are free"
+                           ? "it needs " + bytes_text(m_next.close.neededBytes) +
+                                 " of disk space, " + std::to_string(m_next.close.freeBytes) +
+                                 " are free"
                            : "no file can be made in the folder"),
                   status.advice);
     }

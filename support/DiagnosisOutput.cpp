@@ -153,7 +153,7 @@ Json next_open_json(NextOpen const& next) {
         open["close"]["rebuild"] = next.close.rebuilds;
         open["close"]["reason"] = next.close.reason;
         open["close"]["after"] = closed_json(next.close.after);
-        open["close"]["needed_bytes"] = next.close.rebuilds ? next.walk->fileSize : 0;
+        open["close"]["needed_bytes"] = next.close.neededBytes;
         open["close"]["free_bytes"] = next.close.freeBytes;
     }
     return open;

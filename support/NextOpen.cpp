@@ -119,7 +119,7 @@ void Rehearsal::look_beside() {
         m_next.directorySize = fs::file_size(m_dirFile, error);
         m_next.directory = DirState::Hidden;
     }
-    fs::path const marker = beside(m_soundFile, ".CLM");
+    fs::path const marker = marker_file_of(m_soundFile);
     if (dry::Contents const* const contents = dry::find(marker.string())) {
         m_next.marker = Marker{marker, contents->size(), false, false};
     }
@@ -266,6 +266,7 @@ void Rehearsal::tell_of_repair() {
 void Rehearsal::tell_of_close() {
     m_next.close.reason = m_listener.reason_of_rebuild();
     m_next.close.rebuilds = !m_next.close.reason.empty();
+    m_next.close.neededBytes = m_listener.needed_bytes();
     if (m_next.close.status == FFD_ERR_NOT_ENOUGH_DSPACE) {
         rehearse_with_space();
     }

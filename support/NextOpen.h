@@ -65,9 +65,10 @@ struct ClosedFile {
 struct NextClose {
     FFDError status = FFD_NOERROR;
     bool rebuilds = false;
-    std::string reason;     // why it does
-    uint64_t freeBytes = 0; // on the disk; a rebuild needs as many as the sound file has
-    ClosedFile after;       // of a close that works: if only space is missing, with that space
+    std::string reason;       // why it does
+    uint64_t freeBytes = 0;   // on the disk
+    uint64_t neededBytes = 0; // by a rebuild
+    ClosedFile after;         // of a close that works: if only space is missing, with that space
 };
 
 struct NextOpen {
@@ -99,8 +100,6 @@ struct NextOpen {
     // Bytes of the audio that no entry names, and that the closed file does not have either.
     uint64_t unnamedBytes = 0;
     NextClose close;
-
-    bool drops_audio() const { return unnamedBytes > 0; }
 };
 
 // Throws a Failure if something can't be read.

@@ -30,6 +30,7 @@ public:
 
     void on_trace(dry::TraceCall const& call) override;
     void on_frame(uint32_t fileOffset, uint32_t end, uint8_t const* header) override;
+    void on_need(uint32_t size) override { m_neededBytes = size; }
 
     // Why an open gives a status, in words; empty if the trace does not say.
     std::string reason_of(FFDError status) const;
@@ -40,6 +41,7 @@ public:
     std::string reason_of_change(size_t change) const;
     std::string const& reason_of_rebuild() const { return m_rebuildReason; }
     std::string const& fault_of_directory() const { return m_directoryFault; }
+    uint64_t needed_bytes() const { return m_neededBytes; } // by a rebuild; 0 for none
     bool settles_close() const { return m_settlesClose; }
 
     // The directory that an open takes over; as it is then; and as a close finds it.
@@ -61,6 +63,7 @@ private:
     std::string m_lastError;
     std::string m_rebuildReason;
     std::string m_directoryFault;
+    uint64_t m_neededBytes = 0;
     bool m_settlesClose = false;
     std::vector<TracedEntry> m_found;
     std::vector<TracedEntry> m_closed;

@@ -18,7 +18,7 @@ namespace fs = std::filesystem;
 std::vector<std::string> names_to_keep(Diagnosis const& diagnosis) {
     std::vector<std::string> names = {fs::path(diagnosis.file).filename().string(),
                                       dir_file_of(diagnosis.file).filename().string(),
-                                      beside(diagnosis.file, ".CLM").filename().string()};
+                                      marker_file_of(diagnosis.file).filename().string()};
     for (std::string const& name : diagnosis.next.touched) {
         if (std::find(names.begin(), names.end(), name) == names.end()) {
             names.push_back(name);
@@ -51,7 +51,7 @@ std::optional<Failure> obstacle(Diagnosis const& diagnosis, RecoverOptions const
                        std::string(status_text(next.close.status).advice) +
                            " Nothing was changed.");
     }
-    if ((next.drops_audio() || next.close.after.status != FFD_NOERROR) && !options.copy) {
+    if ((next.unnamedBytes > 0 || next.close.after.status != FFD_NOERROR) && !options.copy) {
         return Failure("recover", diagnosis.file, FFD_DIRECTORY_MISMATCH,
                        "the close would leave out audio that may be wanted, or spoil the file",
                        "See 'ffdhost check', and use --copy. Nothing was changed.");
@@ -168,7 +168,7 @@ Outcome run_recover(Driver const& driver, std::string const& file, RecoverOption
 }
 
 void keep_backup(std::string const& file, bool json) {
-    fs::path const marker = beside(file, ".CLM");
+    fs::path const marker = marker_file_of(file);
     std::error_code error;
     if (fs::exists(marker, error)) {
         throw Failure("backup", file, FFD_ERROR_ACCESS_DENIED,

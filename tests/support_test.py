@@ -112,6 +112,8 @@ class SupportTest(Sandbox):
         before, inode = self.seen(), self.inode(name)
         close = told["close"] or {"status": told["status"]}
         closed = self.foretold_bytes(close["after"]["parts"]) if told["close"] else None
+        if told["close"]:
+            self.assertEqual(close["needed_bytes"], close["rebuild"] * result["sound"]["size"])
         code, recovery = self.host("recover", name)
         if close["status"] == 0 and (close["after"]["status"]
                                      or close["rebuild"] and told["unnamed_bytes"]):

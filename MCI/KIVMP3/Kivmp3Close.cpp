@@ -189,6 +189,7 @@ FFDError CKivmp3::rebuild_and_close_wav_file(bool bAsItLies_p) {
 
 void CKivmp3::check_rebuild_space() {
     DWORD dwFreeBytes = 0;
+    TELL_NEED(m_dwFileSize);
     if (KIVMP3_get_disk_free_space_ex(m_cstrWorkPath.c_str(), &dwFreeBytes) != NO_ERROR ||
         m_dwFileSize > dwFreeBytes) {
         TRACE_ERROR(FFD_ERR_NOT_ENOUGH_DSPACE, "FFD_ERR_NOT_ENOUGH_DSPACE for Rebuild");

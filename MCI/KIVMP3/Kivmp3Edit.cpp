@@ -239,8 +239,7 @@ int32_t CKivmp3::check_diskspace_send_warning(DWORD dwBytesToWrite_p) {
 
 // Sums at and above 4 GiB stop just below the value that stands for that much free space.
 DWORD CKivmp3::needed_disk_space(DWORD dwBytesToWrite_p) {
-    constexpr uint64_t ullReserve = 0xA00000;
-    uint64_t ullSum = ullReserve;
+    uint64_t ullSum = ffd_basic_need(0);
     uint32_t dwDictationFileSize = 0;
     FFDError const ffdError = FFDGetDictationFileSize(&dwDictationFileSize);
     if (ffdError == FFD_NOERROR) {
@@ -248,5 +247,5 @@ DWORD CKivmp3::needed_disk_space(DWORD dwBytesToWrite_p) {
     } else {
         TRACE_ERROR(ffdError, "by FFDGetDictationFileSize(.)");
     }
-    return static_cast<DWORD>(std::min<uint64_t>(2 * ullSum + ullReserve, 0xFFFFFFFE));
+    return static_cast<DWORD>(std::min<uint64_t>(ffd_basic_need(ullSum), 0xFFFFFFFE));
 }
