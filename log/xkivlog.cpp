@@ -38,14 +38,19 @@ struct Place {
     int line;
 };
 
-// The first call of the process passes the gate whatever its level, so the gate is asked again
-// after the configuration.
-bool is_wanted(Level level) {
+// Writes a line: the head that all have, and behind it what `fill` appends.
+template <typename Fill>
+void write(Level level, char const* kind, Place const& place, Fill fill) noexcept {
+    xkivlog::os::PreserveError const preserve;
+    // The first call of the process passes the gate whatever its level, so the gate is asked again
+    // after the configuration.
     xkivlog::ensure_configured();
-    return !XKIVLOG_IS_OFF(level);
-}
-
-void put(xkivlog::Line& line) {
+    if (XKIVLOG_IS_OFF(level)) {
+        return;
+    }
+    xkivlog::Line line;
+    xkivlog::append_head(line, kind, place.module, place.file, place.line);
+    fill(line);
     if (int const descriptor = xkivlog::destination(); descriptor >= 0) {
         auto const text = line.finish();
         if (!xkivlog::os::write_line(descriptor, text.data(), text.size())) {
@@ -56,60 +61,38 @@ void put(xkivlog::Line& line) {
 
 [[gnu::noinline, gnu::cold]] void write_text(Level level, char const* kind, Place place,
                                              char const* text) noexcept {
-    xkivlog::os::PreserveError const preserve;
-    if (!is_wanted(level)) {
-        return;
-    }
-    xkivlog::Line line;
-    xkivlog::append_head(line, kind, place.module, place.file, place.line);
-    line.append(xkivlog::bounded(text));
-    put(line);
+    write(level, kind, place, [&](xkivlog::Line& line) { line.append(xkivlog::bounded(text)); });
 }
 
 [[gnu::noinline, gnu::cold]] void write_warning(Place place, char const* text1,
                                                 char const* text2) noexcept {
-    xkivlog::os::PreserveError const preserve;
-    if (!is_wanted(Level::Warning)) {
-        return;
-    }
-    xkivlog::Line line;
-    xkivlog::append_head(line, "WARNING", place.module, place.file, place.line);
-    if (text1 != nullptr && *text1 != '\0') {
-        line.append(xkivlog::bounded(text1));
-        line.append(" ");
-    }
-    line.append(xkivlog::bounded(text2));
-    put(line);
+    write(Level::Warning, "WARNING", place, [&](xkivlog::Line& line) {
+        if (text1 != nullptr && *text1 != '\0') {
+            line.append(xkivlog::bounded(text1));
+            line.append(" ");
+        }
+        line.append(xkivlog::bounded(text2));
+    });
 }
 
 [[gnu::noinline, gnu::cold]] void write_error(Place place, uint32_t code,
                                               char const* text) noexcept {
-    xkivlog::os::PreserveError const preserve;
-    if (!is_wanted(Level::Error)) {
-        return;
-    }
-    xkivlog::Line line;
-    xkivlog::append_head(line, "ERROR", place.module, place.file, place.line);
-    char number[48];
-    std::snprintf(number, sizeof number, "%" PRIu32 " (0x%08" PRIX32 ") ", code, code);
-    line.append(number);
-    line.append(xkivlog::bounded(text));
-    put(line);
+    write(Level::Error, "ERROR", place, [&](xkivlog::Line& line) {
+        char number[48];
+        std::snprintf(number, sizeof number, "%" PRIu32 " (0x%08" PRIX32 ") ", code, code);
+        line.append(number);
+        line.append(xkivlog::bounded(text));
+    });
 }
 
 [[gnu::noinline, gnu::cold]] void write_value(Level level, char const* kind, Place place,
                                               char const* name, char const* format,
                                               va_list values) noexcept {
-    xkivlog::os::PreserveError const preserve;
-    if (!is_wanted(level)) {
-        return;
-    }
-    xkivlog::Line line;
-    xkivlog::append_head(line, kind, place.module, place.file, place.line);
-    line.append(xkivlog::bounded(name, kMaxName), kMaxName);
-    line.append(" = ");
-    xkivlog::append_formatted(line, format, values);
-    put(line);
+    write(level, kind, place, [&](xkivlog::Line& line) {
+        line.append(xkivlog::bounded(name, kMaxName), kMaxName);
+        line.append(" = ");
+        xkivlog::append_formatted(line, format, values);
+    });
 }
 
 } // namespace
