@@ -5,10 +5,10 @@ import os
 import pathlib
 import random
 import shutil
-import statistics
 import struct
 import subprocess
 import time
+from statistics import median
 
 TOP = pathlib.Path(__file__).resolve().parent.parent
 HOUR_FRAMES = 155871
@@ -17,10 +17,6 @@ HOUR_BYTES_PER_SECOND = 16000
 
 class Skipped(Exception):
     """A job that can't be done here, with the reason."""
-
-
-def median(values):
-    return statistics.median(values)
 
 
 def flush(path):

@@ -11,26 +11,16 @@ import shutil
 import signal
 import struct
 import subprocess
-import tempfile
 import time
 import unittest
 
-HOST = os.environ["FFDHOST"]
-SAMPLES = pathlib.Path(os.environ["FFD_SAMPLES"])
+from sandbox import CLIP, HOST, SAMPLES, Sandbox, frames_of, sample
+
 STOPS = signal.SIGINT, signal.SIGTERM, signal.SIGHUP
 for each in STOPS:  # a run in the background would hand them down as ignored
     signal.signal(each, signal.SIG_DFL)
 TAGS = 202, 128  # bytes in front of and behind the speech
 AT = 40124  # a border of its frames, near the middle
-
-
-def frames_of(audio):
-    """Frames of 64 kbit/s at 22050 Hz: 208 bytes and the padding."""
-    place = 0
-    while place < len(audio):
-        length = 208 + (audio[place + 2] >> 1 & 1)
-        yield audio[place:place + length]
-        place += length
 
 
 class Sound:
@@ -52,13 +42,11 @@ class Sound:
         return self.path.read_bytes()[TAGS[0]:-TAGS[1]]
 
 
-class RecordTest(unittest.TestCase):
+class RecordTest(Sandbox):
     def setUp(self):
-        temporary = tempfile.TemporaryDirectory()
-        self.addCleanup(temporary.cleanup)
-        self.dir = pathlib.Path(temporary.name)
+        super().setUp()
         self.sound = Sound(self.dir)
-        self.clip = (SAMPLES / "insert-22k-mono.mp3").read_bytes()
+        self.clip = CLIP
         self.frames = list(frames_of(self.clip))
 
     def test_streams(self):
@@ -67,7 +55,7 @@ class RecordTest(unittest.TestCase):
         info = self.frames[0][:4] + bytes(9) + b"Info" + bytes(208)
         info = info[:len(self.frames[0])]
         second = sum(len(frame) for frame in self.frames[:38])  # 7941, the next one ends at 8150
-        vbr = clip * 5 + (SAMPLES / "insert-44k-stereo.mp3").read_bytes()
+        vbr = clip * 5 + sample("insert-44k-stereo")
         good = [
             ((), clip, audio + clip, "2.063 (16509 bytes) at position 80457\n"),
             (("--at", AT - 90), id3 + info + clip, audio[:AT] + clip + audio[AT:], "40124\n"),
@@ -90,7 +78,7 @@ class RecordTest(unittest.TestCase):
         bad = [
             (b"", "no MP3 frame", audio),
             (bytes(5 << 20), "no frame was found", audio),
-            ((SAMPLES / "insert-44k-stereo.mp3").read_bytes(), "44100 Hz, 128 kbit/s", audio),
+            (sample("insert-44k-stereo"), "44100 Hz, 128 kbit/s", audio),
             (vbr, "what came before is recorded", audio + clip * 5),
         ]
         for stream, words, expected in bad:
