@@ -10,6 +10,12 @@
 #include <cstdlib>
 #include <utility>
 
+#if defined(__SANITIZE_ADDRESS__)
+constexpr unsigned TOO_SLOW_FOR_STEPS = 1; // a session takes twenty times as long
+#else
+constexpr unsigned TOO_SLOW_FOR_STEPS = 0;
+#endif
+
 inline unsigned setting(char const* pszName, unsigned nDefault) {
     char const* const pszValue = getenv(pszName);
     return pszValue == nullptr ? nDefault : static_cast<unsigned>(atoi(pszValue));

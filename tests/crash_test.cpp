@@ -245,11 +245,7 @@ private:
     std::map<std::string, unsigned> m_tally;
 };
 
-#if defined(__SANITIZE_ADDRESS__)
-constexpr unsigned STEPS = 1; // a session takes twenty times as long
-#else
-constexpr unsigned STEPS = 2;
-#endif
+constexpr unsigned STEPS = 2 - TOO_SLOW_FOR_STEPS;
 
 TEST(CrashTest, EveryShortSessionAndRandomOnes) {
     unsigned const nCuts = setting("KIV_CRASH_CUTS", 2);

@@ -16,12 +16,6 @@
 
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__)
-constexpr unsigned TOO_SLOW_FOR_STEPS = 1; // a session takes twenty times as long
-#else
-constexpr unsigned TOO_SLOW_FOR_STEPS = 0;
-#endif
-
 // Of the two ends that a session can have, the close or a crash before it, each comes with every
 // other one.
 void run_to_end(EverySession& steps, bool bTags, bool bCrash, bool bWholeFrames) {
