@@ -89,4 +89,10 @@ std::string info_frame_text(Json const& frame, std::string const& path) {
                : text;
 }
 
+void print_wrong_info_frame(Json const& frame, std::string const& path) {
+    if (!frame.is_null() && frame["wrong"].get<bool>()) {
+        print_line("Info frame", info_frame_text(frame, path));
+    }
+}
+
 } // namespace ffdhost

@@ -36,4 +36,7 @@ Json info_frame_json(InfoFrame const& frame, bool isWrong);
 // "Info, 194 frames and 40750 bytes", and with advice if it is wrong.
 std::string info_frame_text(Json const& frame, std::string const& path); // of info_frame_json
 
+// With that advice; nothing for one that is right, or null.
+void print_wrong_info_frame(Json const& frame, std::string const& path);
+
 } // namespace ffdhost

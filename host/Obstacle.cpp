@@ -121,4 +121,42 @@ void wait_or_explain(std::string const& path, ffd::Access access, ffd::Error con
     } // or else it was in use a moment ago
 }
 
+Failure why_not_closed(std::string const& path, ffd::Error const& error) {
+    namespace fs = std::filesystem;
+    auto const why = [&](std::string const& words, std::string const& advice) {
+        return Failure(error.operation(), path, error.status(), words, advice);
+    };
+    std::error_code code;
+    fs::path const folder = fs::absolute(path).parent_path();
+    if (!fs::exists(folder, code)) {
+        return why("its folder is gone", "If it was moved, the edits are there, in the .DIR file "
+                                         "beside the file. Run: ffdhost recover FILE");
+    }
+    if (error.status() == FFD_FILE_IO_ERROR && fs::file_size(dir_file_of(path), code) > 0 &&
+        !code) {
+        std::optional<Failure> const reason = why_not_writable(error.operation(), path);
+        return why(reason ? reason->what() : "the edits could not be folded in",
+                   "Nothing is lost: the edits are in " + dir_file_of(path).string() +
+                       ", which is to stay beside the file. When the folder may be written to and "
+                       "has room for the file once more, run: ffdhost recover -- " +
+                       shell_word(path));
+    }
+    std::string copy; // the latest
+    for (fs::directory_iterator entry(folder, code), end; !code && entry != end;
+         entry.increment(code)) {
+        fs::path const name = entry->path().filename();
+        bool const isTime =
+            name.stem().string().find_first_not_of("0123456789") == std::string::npos;
+        if (isTime && same_file_name(name.extension(), ".MP3")) {
+            copy = std::max(copy, name.string());
+        }
+    }
+    if (error.status() == FFD_FILE_IO_ERROR && !copy.empty()) {
+        return why("another file has taken its place meanwhile",
+                   "Nothing is lost: the whole dictation is in " +
+                       fs::path(path).replace_filename(copy).string() + ".");
+    }
+    return {error.operation(), path, error.status()};
+}
+
 } // namespace ffdhost

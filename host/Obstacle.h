@@ -26,4 +26,7 @@ std::optional<Failure> why_unreadable(std::string const& operation, std::string 
 void wait_or_explain(std::string const& path, ffd::Access access, ffd::Error const& error,
                      bool again);
 
+// Why a close has failed, and where what was edited is now.
+Failure why_not_closed(std::string const& path, ffd::Error const& error);
+
 } // namespace ffdhost

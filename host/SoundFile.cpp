@@ -93,7 +93,12 @@ void SoundFile::hand_to(
 }
 
 void SoundFile::close() {
-    named(path(), [&] { m_file.close(); });
+    try {
+        m_file.close();
+    } catch (ffd::Error const& error) {
+        throw m_access == Access::Read ? Failure(error.operation(), path(), error.status())
+                                       : why_not_closed(path(), error);
+    }
 }
 
 WaveFormat SoundFile::wave_format() {

@@ -212,8 +212,8 @@ void Editor::close() {
     m_document["closed"] = status_json(FFD_NOERROR);
     say("Closed", length_text(m_document["dictation"]));
     m_document["info_frame"] = length > 0 ? info_frame_json(m_driver, m_file) : Json();
-    if (!m_document["info_frame"].is_null() && m_document["info_frame"]["wrong"]) {
-        say("Info frame", info_frame_text(m_document["info_frame"], m_file));
+    if (!m_json) {
+        print_wrong_info_frame(m_document["info_frame"], m_file);
     }
 }
 

@@ -3,6 +3,7 @@
 #include "console/Position.h"
 #include "console/Printable.h"
 #include "console/System.h"
+#include "Obstacle.h"
 #include "Recorder.h"
 
 #include <algorithm>
@@ -104,6 +105,9 @@ Failure wrong_stream(std::string const& name, WrongStream const& wrong, bool isB
 
 // The driver has one status for every write that fails.
 Failure not_written(std::string const& name, ffd::Error const& error, uint32_t fileSize) {
+    if (fileSize == 0) { // it is closed
+        return why_not_closed(name, error);
+    }
     std::error_code code;
     uint64_t const space = std::filesystem::space(parent_of(name), code).available;
     if (error.status() == FFD_FILE_IO_ERROR && fileSize > kLargestFile - kLongestWrite) {
@@ -118,6 +122,10 @@ Failure not_written(std::string const& name, ffd::Error const& error, uint32_t f
 }
 
 Failure no_audio() {
+    if (stop_is_wanted()) {
+        return {"record", "standard input", FFD_NO_MORE_FRAMES,
+                "it was stopped before a frame had come", "Nothing was recorded."};
+    }
     return {"record", "standard input", FFD_NO_MORE_FRAMES, "the stream has no MP3 frame",
             "Let an encoder write MP3 to it: ffmpeg ... -f mp3 - | ffdhost record FILE"};
 }
@@ -138,10 +146,18 @@ Json result_json(Recorder const& recorder, uint32_t rate) {
 void take_stream(Recorder& recorder, ffd::File const& file, std::string const& name, uint32_t rate,
                  std::span<std::byte const> begun) {
     StatusLine line;
+    bool isHomeless = false;
     std::array<std::byte, kPieceOfStream> buffer;
     recorder.put(begun);
     while (!recorder.done()) {
         if (line.due()) {
+            std::error_code error;
+            if (!isHomeless && !std::filesystem::exists(parent_of(name), error)) {
+                isHomeless = true;
+                print_warning(name +
+                              ": its folder is gone. If it was removed, make it again before "
+                              "the recording ends, or all of it is lost");
+            }
             line.show("recorded " + time_text(milliseconds_of(recorder.recorded(), rate)) +
                       ", at " + time_text(milliseconds_of(recorder.position(), rate)) +
                       ", disk lasts " + time_left(name, file.file_size(), rate));
@@ -281,6 +297,7 @@ Outcome run_record(Driver const& driver, std::string const& file, RecordOptions 
             sound->close();
         }
         document["dictation"] = length_json(audio_length(driver, file), rate);
+        document["info_frame"] = info_frame_json(driver, file);
     } catch (Failure const& failure) {
         report(failed ? "close_failure" : "failure", failure);
     }
@@ -292,6 +309,7 @@ Outcome run_record(Driver const& driver, std::string const& file, RecordOptions 
                                                       : std::string()));
         if (document.contains("dictation")) {
             print_line("Closed", length_text(document["dictation"]));
+            print_wrong_info_frame(document["info_frame"], file);
         }
     }
     return {document, failed ? kExitFailed : 0};

@@ -90,6 +90,17 @@ class RecordTest(Sandbox):
                 self.assertIn(words, error.decode())
                 self.assertEqual(sound.next_open(), expected)
 
+    def test_an_info_frame_of_the_dictation(self):
+        info = (self.frames[0][:4] + bytes(32) + b"VBRI" + bytes(6) + struct.pack(">2I", 99, 2)).ljust(208, b"\0")
+        self.sound.path.write_bytes(info + self.sound.audio)
+        out = self.sound.record().communicate(info + self.clip)[0].decode()
+        self.assertRegex(out, "Info frame +VBRI, tells of 2 frames and 99 bytes, which is wrong. .*--info-frame")
+        subprocess.run([HOST, "recover", "--info-frame", self.sound.path], check=True, capture_output=True)
+        frames = sum(1 for _ in frames_of(self.sound.audio + self.clip))
+        counts = struct.pack(">2I", 208 + len(self.sound.audio + self.clip), frames)
+        self.assertEqual(self.sound.path.read_bytes(),
+                         (info[:46] + counts + info[54:] + self.sound.audio + self.clip))
+
     def test_a_new_file(self):
         path = self.dir / "new.mp3"
         for expected in (self.clip, self.clip + self.clip):
@@ -115,6 +126,33 @@ class RecordTest(Sandbox):
             recorder.communicate()
             self.assertFalse(sound.path.with_suffix(".DIR").exists())
             self.assertEqual(sound.path.read_bytes()[TAGS[0]:-TAGS[1]], sound.audio + self.clip)
+
+    def test_a_file_that_goes_away(self):
+        def replace(path):
+            path.unlink()
+            path.write_bytes(b"mine")
+        for at, go, words in ((len(self.sound.audio), pathlib.Path.unlink, ""), (AT, pathlib.Path.unlink, ""),
+                              (AT, lambda path: path.rename(self.dir / "b.mp3"), ""),
+                              (AT, replace, "Nothing is lost: the whole dictation is in"),
+                              (AT, lambda path: path.parent.rename(self.dir / "moved"), "its folder is gone")):
+            home = self.dir / "home"
+            home.mkdir()
+            sound = Sound(home)
+            recorder = sound.record("--at", at)
+            for way in (lambda path: None, go):
+                recorder.stdin.write(self.clip)
+                recorder.stdin.flush()
+                time.sleep(0.8)
+                way(sound.path)
+            out, error = recorder.communicate(self.clip)
+            self.assertEqual(recorder.returncode, 1 if words else 0, error)
+            self.assertIn(words, error.decode())
+            if not home.exists():
+                (self.dir / "moved").rename(home)
+                sound.next_open()
+            self.assertIn(sound.audio[:at] + self.clip * 3 + sound.audio[at:],
+                          [path.read_bytes()[TAGS[0]:-TAGS[1]] for path in home.iterdir()])
+            shutil.rmtree(home)
 
     def test_a_second_stop_leaves_what_a_crash_would(self):
         recorder = self.sound.record("--at", AT)
