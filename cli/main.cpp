@@ -160,7 +160,7 @@ void add_edit(CLI::App& app, Arguments& arguments, Command& command) {
         std::string(kPositions) +
         "\nEverything is checked before the file is opened. If an operation fails, the ones\n"
         "behind it are not done, and the file is closed with the edits so far. Ctrl-C ends the\n"
-        "program without a close: the next open for writing finds the edits.\n\n"
+        "program without a close, unless it records: the next open for writing finds the edits.\n\n"
         "Example:\n  ffdhost edit dictation.mp3 seek 0:10 insert addition.mp3 delete 2.5s show");
     when_chosen(*edit, command, [&](Driver const& driver) {
         EditOptions options;
@@ -189,7 +189,8 @@ void add_record(CLI::App& app, Arguments& arguments, Command& command) {
                      "how much to record (default: until the stream ends)")
         ->type_name("N");
     record->add_flag("--overwrite", arguments.record.overwrite,
-                     "take out as much behind it: once a minute, and at the end");
+                     "record over what is there: as much is taken out behind the recording, once\n"
+                     "a minute and at the end");
     record->add_flag("--new", arguments.record.create,
                      "make the file from the first frame of the stream, if there is none");
     record->add_flag("--backup", arguments.backup,
@@ -353,8 +354,12 @@ Failure usage_failure(CLI::App const& app, CLI::ParseError const& error) {
 
 int run(std::span<char const* const> words) {
     Utf8Terminal const terminal;
-    CLI::App app("Drives the MP3 dictation driver: looks at dictations, reads and edits them.",
-                 "ffdhost");
+    CLI::App app(
+        "Looks at MP3 dictations, reads, records, edits, splits, joins, checks and recovers "
+        "them.",
+        "ffdhost");
+    app.get_formatter()->label("SUBCOMMAND", "COMMAND");
+    app.get_formatter()->label("Subcommands", "Commands");
     app.allow_windows_style_options(false); // a path may begin with '/' there too
     Arguments arguments;
     Command command;

@@ -25,7 +25,8 @@ size_t distance(std::string const& from, std::string const& to) {
 } // namespace
 
 std::string did_you_mean(std::string const& word, std::vector<std::string> const& known) {
-    size_t least = 2 + word.size() / 3; // beyond that it is another word
+    size_t const dashes = std::min(word.find_first_not_of('-'), word.size());
+    size_t least = 2 + (word.size() - dashes) / 3; // beyond that it is another word
     std::string nearest;
     for (std::string const& each : known) {
         if (size_t const far = distance(word, each); far < least) {

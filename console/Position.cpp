@@ -196,6 +196,17 @@ Position parse_position(std::string const& operation, std::string const& text) {
     return place;
 }
 
+Position parse_place(std::string const& operation, std::string const& text) {
+    Position const place = parse_position(operation, text);
+    if (place.from == Position::From::Here) {
+        throw Failure(operation, "", FFD_INVALID_PARAMETER,
+                      "'" + text + "' counts from the present position, and there is none yet",
+                      "Count from the beginning, as in 12345 or 1:02.5, or from the end, as in end "
+                      "or end-3s.");
+    }
+    return place;
+}
+
 uint64_t milliseconds_of(uint64_t byteCount, uint32_t bytesPerSecond) {
     return byteCount * 1000 / bytesPerSecond;
 }

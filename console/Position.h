@@ -30,6 +30,8 @@ Position parse_length(std::string const& operation, std::string const& text);
 
 // The same as a position, and: +5s and -5s from the present position, "end", end-3s.
 Position parse_position(std::string const& operation, std::string const& text);
+// The same where there is no present position yet.
+Position parse_place(std::string const& operation, std::string const& text);
 
 // A count of bytes of the dictation in milliseconds, rounded down.
 uint64_t milliseconds_of(uint64_t byteCount, uint32_t bytesPerSecond);

@@ -117,8 +117,8 @@ void check_output(std::string const& operation, std::string const& output, std::
 size_t tell_edits_taken_over(std::filesystem::path const& dirFile, DirReader const& readDirectory,
                              bool json);
 
-// Warns if a place that was asked for lies beyond the end of the dictation.
-void tell_place_beyond(std::string const& operation, Position const& asked, uint32_t place,
+// Warns if a place that was asked for, at the position `here`, lies outside of the dictation.
+void tell_place_beyond(std::string const& operation, Position const& asked, uint32_t here,
                        uint32_t length, uint32_t bytesPerSecond);
 
 // What stands in front of the audio or behind it.

@@ -245,10 +245,11 @@ void Editor::perform(EditOp const& op, Json& result) {
 
 void Editor::seek(EditOp const& op, Json& result) {
     uint32_t const length = m_sound->length();
-    uint32_t const wanted = op.position.to_place(m_rate, m_sound->position(), length);
+    uint32_t const here = m_sound->position();
+    uint32_t const wanted = op.position.to_place(m_rate, here, length);
     uint32_t const reached = m_sound->seek(snapped(std::min(wanted, length), result));
     result["position"] = reached;
-    tell_place_beyond("seek", op.position, wanted, length, m_rate);
+    tell_place_beyond("seek", op.position, here, length, m_rate);
 }
 
 // With --snap the nearest border, and in the result how far it lies behind the place.
@@ -431,14 +432,15 @@ std::string Editor::text_of(EditOp const& op, Json const& result) const {
     auto const bytes = [&](char const* key) { return result.value(key, uint64_t{0}); };
     auto const number = [&](char const* key) { return std::to_string(bytes(key)); };
     auto const length = [&](char const* key) { return length_text(result[key]); };
+    std::string const clip = takes_standard_input(op) ? "standard input" : op.path;
     switch (op.kind) {
     case EditOp::Kind::Seek:
         return "position " + length_text(bytes("position"), m_rate);
     case EditOp::Kind::Insert:
-        return length_text(bytes("bytes"), m_rate) + " of " + op.path + " at position " +
+        return length_text(bytes("bytes"), m_rate) + " of " + clip + " at position " +
                number("from");
     case EditOp::Kind::Overwrite:
-        return length_text(bytes("bytes"), m_rate) + " of " + op.path + " at position " +
+        return length_text(bytes("bytes"), m_rate) + " of " + clip + " at position " +
                number("from") + " over " + bytes_text(bytes("replaced"));
     case EditOp::Kind::Delete:
         return length("deleted") + " at position " + number("from");

@@ -86,9 +86,16 @@ void check_output(std::string const& operation, std::string const& output, std::
     }
 }
 
-void tell_place_beyond(std::string const& operation, Position const& asked, uint32_t place,
+void tell_place_beyond(std::string const& operation, Position const& asked, uint32_t here,
                        uint32_t length, uint32_t bytesPerSecond) {
-    if (place > length && asked.from != Position::From::End) {
+    uint32_t const place = asked.to_place(bytesPerSecond, here, length);
+    bool const fromEnd = asked.from == Position::From::End;
+    if (asked.isBack && asked.to_bytes(bytesPerSecond) > (fromEnd ? length : here)) {
+        print_warning(operation + ": " +
+                      length_text(asked.to_bytes(bytesPerSecond), bytesPerSecond) + " back from " +
+                      length_text(fromEnd ? length : here, bytesPerSecond) +
+                      " is before the beginning");
+    } else if (place > length && asked.from != Position::From::End) {
         print_warning(operation + ": " + length_text(place, bytesPerSecond) +
                       " is beyond the end of " + length_text(length, bytesPerSecond));
     }
@@ -125,7 +132,7 @@ uint64_t copy_dictation(SoundFile& sound, uint64_t size, OutputFile& output) {
 Outcome run_read(Driver const& driver, std::string const& file, ReadOptions const& options,
                  bool json) {
     std::string const output = options.output == "-" ? "" : options.output;
-    Position const fromOption = parse_position("read", options.from);
+    Position const fromOption = parse_place("read", options.from);
     Position const lengthOption = options.length.empty() ? Position{Position::Unit::All}
                                                          : parse_length("read", options.length);
     if (output.empty() && json) {
@@ -147,7 +154,7 @@ Outcome run_read(Driver const& driver, std::string const& file, ReadOptions cons
     uint32_t const skipped = std::min(range, skip_info_frame(sound));
     uint32_t const from = asked + skipped;
     uint64_t const wanted = range - skipped;
-    tell_place_beyond("read", fromOption, place, end, rate);
+    tell_place_beyond("read", fromOption, 0, end, rate);
     if (!output.empty()) {
         tell_of_no_half_file();
     }

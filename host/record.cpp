@@ -214,9 +214,13 @@ Recorded record_stream(SoundFile& sound, std::string const& name, RecorderOption
 
 Outcome run_record(Driver const& driver, std::string const& file, RecordOptions const& options,
                    bool json) {
-    Position const at = parse_position("record", options.at);
+    Position const at = parse_place("record", options.at);
     Position const length = options.length.empty() ? Position{Position::Unit::All}
                                                    : parse_length("record", options.length);
+    if (length.unit != Position::Unit::All && length.count == 0) {
+        throw Failure("record", file, FFD_INVALID_PARAMETER, "a length of 0 records nothing",
+                      "Give a longer one, or none to record until the stream ends.");
+    }
     if (stdin_is_terminal()) {
         throw Failure("record", "standard input", FFD_INVALID_PARAMETER,
                       "standard input is the keyboard, and an MP3 stream is wanted",
@@ -230,9 +234,7 @@ Outcome run_record(Driver const& driver, std::string const& file, RecordOptions 
     bool const made = options.create && !std::filesystem::exists(file, error);
     Beginning beginning;
     if (made) {
-        if (!options.force) {
-            check_nothing_left("record", file);
-        }
+        check_output("record", file, "", options.force);
         try {
             if (!beginning.find()) {
                 throw no_audio();
@@ -247,9 +249,14 @@ Outcome run_record(Driver const& driver, std::string const& file, RecordOptions 
     try {
         look_before_writing(driver, file);
         sound = std::make_unique<SoundFile>(driver, file, Access::ReadWrite);
-    } catch (Failure const&) {
+    } catch (Failure const& failure) {
         if (made && !is_in_use(file)) {
             std::filesystem::remove(file, error);
+        }
+        if (!options.create &&
+            !std::filesystem::exists(std::filesystem::symlink_status(file, error))) {
+            throw Failure("record", file, failure.status(), failure.what(),
+                          "Check the path, or have the file made with --new.");
         }
         throw;
     }
@@ -260,7 +267,7 @@ Outcome run_record(Driver const& driver, std::string const& file, RecordOptions 
     RecorderOptions recorder;
     if (!made) {
         recorder.at = at.to_place(rate, 0, before);
-        tell_place_beyond("record", at, recorder.at, before, rate);
+        tell_place_beyond("record", at, 0, before, rate);
     }
     recorder.overwrite = options.overwrite;
     recorder.force = options.force;

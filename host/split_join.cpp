@@ -232,7 +232,8 @@ Outcome run_join(Driver const& driver, std::string const& output,
                          {"inputs", inputs},
                          {"dictation", length_json(total, format.wave.bytesPerSecond)}};
     if (!json) {
-        print_line("Joined", std::to_string(files.size()) + " files");
+        print_line("Joined",
+                   std::to_string(files.size()) + (files.size() == 1 ? " file" : " files"));
         print_line("Written", output + ": " + length_text(joined["dictation"]));
     }
     return {joined};

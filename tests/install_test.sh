@@ -76,10 +76,13 @@ works "$work/loads" "$(pkg-config --variable=driver xkivmp3 | sed 's/\\//g')"
 eval "gcc -o '$work/links' '$work/project/links.c' $(pkg-config --cflags --libs xkivmp3)"
 LD_LIBRARY_PATH=$(dirname "$(find "$prefix" -name libxkivmp3.so)") quietly "$work/links"
 
-# The first programs of the host guide, as they stand there.
+# The programs of the host guide, as they stand there.
+block() { # LANGUAGE NUMBER
+    awk -v begin="\`\`\`$1" -v number="$2" \
+        '$0 == begin { on = ++n == number; next } /^```$/ { on = 0 } on' "$source/docs/host-guide.md"
+}
 first() {
-    awk -v begin="\`\`\`$1" '$0 == begin && !n++ { on = 1; next } /^```$/ { on = 0 } on' \
-        "$source/docs/host-guide.md" >"$work/$2"
+    block "$1" 1 >"$work/$2"
     cp "$samples/speech-22k-mono-tagged.mp3" "$work/letter.mp3"
 }
 cp "$samples/insert-22k-mono.mp3" "$work/addition.mp3"
@@ -88,6 +91,36 @@ first cpp cut.cpp
 eval "g++ -std=c++20 -o '$work/cut' '$work/cut.cpp' $(pkg-config --cflags xkivmp3)"
 [ "$(cd "$work" && LD_LIBRARY_PATH=$(dirname "$installed") ./cut letter.mp3)" = "40542 bytes are left" ] ||
     fail "the program in C++ of the host guide"
+# Its recorder, with what it leaves to the reader; the loop over a stream is only compiled.
+{
+    cat <<'END'
+#include <ffd.hpp>
+#include <array>
+#include <chrono>
+#include <vector>
+#include <unistd.h>
+using namespace std::chrono_literals;
+static std::array<std::byte, 4096> piece;
+static std::vector<std::byte> collected;
+static ssize_t receive(std::span<std::byte> bytes) {
+    ssize_t const count = read(0, bytes.data(), bytes.size());
+    return count == 0 ? -1 : count;
+}
+void take_stream() {
+END
+    block cpp 2
+    echo '}'
+    echo 'int main() {'
+    echo 'ffd::Driver const driver("libxkivmp3.so"); uint32_t const place = 8000;'
+    block cpp 2 | sed '/^while/,$d'
+    block cpp 3
+    echo '}'
+} >"$work/recorder.cpp"
+eval "g++ -std=c++20 -o '$work/recorder' '$work/recorder.cpp' $(pkg-config --cflags xkivmp3)"
+cp "$samples/speech-22k-mono-tagged.mp3" "$work/letter.mp3"
+(cd "$work" && LD_LIBRARY_PATH=$(dirname "$installed") ./recorder <addition.mp3)
+[ "$(tail -c +8144 "$work/letter.mp3" | head -c 16509 | cksum)" = "$(cksum <"$work/addition.mp3")" ] ||
+    fail "the recorder of the host guide"
 first python cut.py
 [ "$(cd "$work" && PYTHONPATH=$source/python XKIVMP3=$installed python3 -B cut.py)" = \
     "57051 bytes are left" ] || fail "the program in Python of the host guide"

@@ -210,6 +210,7 @@ class RecordTest(Sandbox):
             recorder.stdin.write(self.clip * 2)
             recorder.stdin.flush()
             time.sleep(0.03)
+        time.sleep(0.7)  # drawn once more
         recorder.stdin.close()
         self.assertEqual(recorder.wait(), 0)
         said = os.read(terminal, 100_000).decode()
