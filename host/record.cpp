@@ -254,7 +254,8 @@ Outcome run_record(Driver const& driver, std::string const& file, RecordOptions 
             std::filesystem::remove(file, error);
         }
         if (!options.create &&
-            !std::filesystem::exists(std::filesystem::symlink_status(file, error))) {
+            !std::filesystem::exists(std::filesystem::symlink_status(file, error)) &&
+            !std::filesystem::exists(dir_file_of(file), error)) {
             throw Failure("record", file, failure.status(), failure.what(),
                           "Check the path, or have the file made with --new.");
         }
