@@ -59,7 +59,7 @@ TABLE = [(command.format(name), 1, f"{name}: {words}") for commands, name, words
     ("read a.mp3 -o a.mp3", 1, "a.mp3: the output would overwrite"),
     ("read a.mp3 -o ./a.DIR", 1, "./a.DIR: the output would overwrite"),
     ("map a.mp3 --svg a.DIR", 1, "a.DIR: the output would overwrite"),
-    ("read a.mp3 -o left.DIR", 1, "left.DIR: a session that did not close has left edits for a file"),
+    ("read a.mp3 -o left.DIR", 1, "left.DIR: the driver keeps edits and interrupted closes in files that end so"),
     ("read a.mp3 -o left.mp3", 1, "left.mp3: a session that did not close has left edits for a file"),
     ("read a.mp3 -o /dev/full", 1, "/dev/full: the output cannot be written: no space left on device"),
     ("map a.mp3 --svg /dev/full", 1, "/dev/full: the output cannot be written: no space left on device"),
