@@ -249,6 +249,24 @@ TEST_F(CloseTest, ARebuildThatFailsLosesNothing) {
     }
 }
 
+// Somebody takes the name between the removal of the old file and the rename.
+TEST_F(CloseTest, ANameThatIsTakenMeanwhileStaysWithItsFile) {
+    static std::string s_sound;
+    s_sound = m_sound;
+    FFDHandle const handle = open_with(m_sound, frames(10));
+    ASSERT_EQ(insert(handle, 0, frames(1, 3)), 0u);
+    platform_faults::watch([](Call call) {
+        if (call == Call::MoveFile) {
+            write_file(s_sound, frames(7, 5));
+        }
+    });
+    close(handle, 29);
+    platform_faults::reset();
+    EXPECT_THAT(listing(), ElementsAre(testing::EndsWith(".MP3"), "a.DIR.bad", "a.mp3"));
+    EXPECT_TRUE(same_bytes(read_file(m_sound), frames(7, 5)));
+    EXPECT_TRUE(same_bytes(read_file(temp_file()), frames(1, 3) + frames(10)));
+}
+
 class MarkerTest : public CloseTest {
 protected:
     // A close whose rename fails, behind an insert and, for a rebuilt file of another size, a
