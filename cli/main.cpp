@@ -170,10 +170,10 @@ void add_edit(CLI::App& app, Arguments& arguments, Command& command) {
         if (arguments.backup && !arguments.dryRun) {
             keep_backup(arguments.file, arguments.json);
         }
-        return arguments.dryRun
-                   ? run_dry_edit(arguments.file, arguments.operations, options, arguments.json)
-                   : run_edit(driver, arguments.file, arguments.operations, options,
-                              arguments.json);
+        return arguments.dryRun ? run_dry_edit(arguments.file, arguments.operations, options,
+                                               arguments.backup, arguments.json)
+                                : run_edit(driver, arguments.file, arguments.operations, options,
+                                           arguments.json);
     });
 }
 

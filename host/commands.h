@@ -40,9 +40,10 @@ Outcome run_read(Driver const& driver, std::string const& file, ReadOptions cons
 struct EditOptions {
     bool force = false; // enters clips that do not fit, deletes all, and reads onto any file
     bool snap = false;  // positions and lengths go to the nearest border of frames
-    // With a driver that only pretends: no output is written, and 'crash' does not end the process
-    // but the operations, with a call of this in place of the close.
+    // With a driver that only pretends: 'crash' does not end the process but the operations, with a
+    // call of this in place of the close, and of the other in place of an output of so many bytes.
     std::function<void()> pretendedCrash;
+    std::function<void(std::string const& path, uint64_t size)> pretendedOutput;
     DirReader readDirectory;
 };
 

@@ -383,6 +383,7 @@ void Editor::read(EditOp const& op, Json& result) {
         done = copy_dictation(*m_sound, wanted, output);
         publish(output, m_file, m_options.force);
     } else {
+        m_options.pretendedOutput(op.path, wanted);
         m_sound->seek(static_cast<uint32_t>(from + wanted));
     }
     result["from"] = from;

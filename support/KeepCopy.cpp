@@ -11,10 +11,13 @@ namespace {
 
 constexpr int kMostFolders = 10000; // of one sound file
 
+std::filesystem::path kept_folder(std::string const& soundFile, int number) {
+    return beside(soundFile, ".kept" + (number == 0 ? "" : std::to_string(number)));
+}
+
 OpenFolder make_kept_folder(OpenFolder const& folder, std::string const& soundFile) {
     for (int number = 0; number < kMostFolders; ++number) {
-        std::string const extension = ".kept" + (number == 0 ? "" : std::to_string(number));
-        std::string const name = beside(soundFile, extension).filename().string();
+        std::string const name = kept_folder(soundFile, number).filename().string();
         if (std::optional<OpenFolder> made = folder.make_folder(name)) {
             return std::move(*made);
         }
@@ -25,6 +28,15 @@ OpenFolder make_kept_folder(OpenFolder const& folder, std::string const& soundFi
 }
 
 } // namespace
+
+std::filesystem::path next_kept_folder(std::string const& soundFile) {
+    int number = 0;
+    std::error_code error;
+    while (exists(symlink_status(kept_folder(soundFile, number), error))) {
+        ++number;
+    }
+    return kept_folder(soundFile, number);
+}
 
 std::vector<std::filesystem::path> keep_copy(std::string const& soundFile,
                                              std::vector<std::string> const& names) {

@@ -15,4 +15,7 @@ namespace ffdhost {
 std::vector<std::filesystem::path> keep_copy(std::string const& soundFile,
                                              std::vector<std::string> const& names);
 
+// The folder that the next copy will have.
+std::filesystem::path next_kept_folder(std::string const& soundFile);
+
 } // namespace ffdhost

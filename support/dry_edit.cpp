@@ -2,6 +2,7 @@
 
 #include "DryDriver.h"
 #include "host/Obstacle.h"
+#include "KeepCopy.h"
 #include "map/DirFile.h"
 #include "platform/dry_platform.h"
 
@@ -29,10 +30,26 @@ char const* name_of(dry::Change::Kind kind) {
     return "";
 }
 
-Json changes_json() {
+// What this program, and not the driver, would have made.
+struct Made {
+    size_t changesBefore; // of the driver
+    std::filesystem::path path;
+    uint64_t size; // bytes
+};
+
+Json changes_json(std::vector<Made> const& own) {
     Json list = Json::array();
     std::vector<dry::Change> const& changes = dry::changes();
-    for (size_t i = 0; i < changes.size() && i < kMostRows; ++i) {
+    auto next = own.begin();
+    for (size_t i = 0; list.size() < kMostRows; ++i) {
+        for (; next != own.end() && next->changesBefore <= i; ++next) {
+            list.push_back({{"change", name_of(dry::Change::Kind::Made)},
+                            {"file", std::filesystem::absolute(next->path).string()},
+                            {"size_after", next->size}});
+        }
+        if (i >= changes.size()) {
+            break;
+        }
         dry::Change const& change = changes[i];
         Json& row = list.emplace_back(Json{{"change", name_of(change.kind)},
                                            {"file", change.file},
@@ -45,7 +62,7 @@ Json changes_json() {
             row["size"] = change.ullBytes;
         }
     }
-    count_left_out(list, changes.size() - list.size());
+    count_left_out(list, changes.size() + own.size() - list.size());
     return list;
 }
 
@@ -76,15 +93,32 @@ std::optional<DirMap> read_pretended(std::filesystem::path const& path) {
 } // namespace
 
 Outcome run_dry_edit(std::string const& file, std::vector<std::string> const& tokens,
-                     EditOptions options, bool json) {
+                     EditOptions options, bool backup, bool json) {
     await_free(file);
     DryDriver const dry;
+    std::vector<Made> made;
+    if (backup) {
+        namespace fs = std::filesystem;
+        std::vector<std::string> const names = names_to_keep(file);
+        fs::path const folder = next_kept_folder(file);
+        made.push_back({0, folder, 0});
+        for (std::string const& name : names) {
+            std::error_code error;
+            uint64_t const size = fs::file_size(fs::path(file).replace_filename(name), error);
+            if (!error) {
+                made.push_back({0, folder / name, size});
+            }
+        }
+    }
     Json changes; // up to a crash
-    options.pretendedCrash = [&] { changes = changes_json(); };
+    options.pretendedCrash = [&] { changes = changes_json(made); };
+    options.pretendedOutput = [&](std::string const& path, uint64_t size) {
+        made.push_back({dry::changes().size(), path, size});
+    };
     options.readDirectory = read_pretended;
     Outcome outcome = run_edit(dry.driver(), file, tokens, options, json);
     if (changes.is_null()) {
-        changes = changes_json();
+        changes = changes_json(made);
     }
     outcome.document["dry_run"] = true;
     outcome.document["changes"] = changes;

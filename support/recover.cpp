@@ -167,7 +167,7 @@ Outcome run_recover(Driver const& driver, std::string const& file, RecoverOption
     return Recovery(driver, file, json).run(options);
 }
 
-void keep_backup(std::string const& file, bool json) {
+std::vector<std::string> names_to_keep(std::string const& file) {
     fs::path const marker = marker_file_of(file);
     std::error_code error;
     if (fs::exists(marker, error)) {
@@ -176,8 +176,11 @@ void keep_backup(std::string const& file, bool json) {
                       "End it first, with a copy. Run: ffdhost recover --copy -- " +
                           shell_word(file));
     }
-    for (fs::path const& path : keep_copy(
-             file, {fs::path(file).filename().string(), dir_file_of(file).filename().string()})) {
+    return {fs::path(file).filename().string(), dir_file_of(file).filename().string()};
+}
+
+void keep_backup(std::string const& file, bool json) {
+    for (fs::path const& path : keep_copy(file, names_to_keep(file))) {
         if (!json) {
             print_line("Kept", path.string());
         }
