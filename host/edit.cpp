@@ -406,8 +406,10 @@ void Editor::map(Json& result) {
     result["current"] = current;
     result["blocks"] = map_json(blocks, m_view, m_rate);
     if (!current) {
-        print_warning("map shows the .DIR file, which follows the restored edit state only with "
-                      "the next edit");
+        print_warning(std::string("map shows the .DIR file, which follows ") +
+                      (m_dirFileIsBehind ? "the restored edit state"
+                                         : "the repair of the block that a crash has cut") +
+                      " only with the next edit");
     }
 }
 

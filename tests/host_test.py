@@ -171,7 +171,7 @@ class HostTest(Sandbox):
         operations = [word for text in good for word in ("seek", text)]
         done = self.json("edit", long_file, *operations)["operations"]
         self.assertEqual([each["position"] for each in done], list(good.values()))
-        for text in ("", "+", "-", "end+1s", "+-1", "1m90s", "1m2m", "1m5ms", " 1", "1:60",
+        for text in ("+", "-", "end+1s", "+-1", "1m90s", "1m2m", "1m5ms", " 1", "1:60",
                      "60:60:00", "1:2:3:4", "1:", ":5", "5x", "1.5",
                      "4294967296", "0.0000001s", "0.0001ms", "ms", "s", "1e3s", "End", "5k",
                      "99999999s", "1:-5", "0x10"):
@@ -224,6 +224,11 @@ class HostTest(Sandbox):
         self.assertFalse(done[10]["current"])
         self.assertEqual(done[11]["dictation"]["bytes"], length)
         self.assertEqual(done[11]["position"]["bytes"], 2000)
+        # So does what the open repairs.
+        self.file.write_bytes(AUDIO[:4000])
+        self.dir_file.write_bytes(entry(1, 3000, 3900) + entry(1, 0, 3000))
+        run = self.host("edit", self.file, "map")
+        self.assertIn(b"follows the repair of the block", run.stderr)
 
     def test_edits_before_a_failure_are_kept(self):
         edit = self.json("edit", self.file, "insert", self.clip, "undo", "delete", 500, code=1)
