@@ -334,7 +334,7 @@ Failure usage_failure(CLI::App const& app, CLI::ParseError const& error) {
     }
     std::string words = chosen.empty() ? "a command is missing" : error.what();
     for (std::string const& word : app.remaining(true)) {
-        bool const isOption = word.size() > 1 && word[0] == '-';
+        bool const isOption = word.size() > 1 && word[0] == '-' && word != "--";
         if (isOption) {
             words = "'" + word + "' is no option of '" + owner + "'" + did_you_mean(word, options);
             break;
@@ -392,6 +392,15 @@ int run(std::span<char const* const> words) {
     add_check(app, arguments, command);
     add_recover(app, arguments, command);
 
+    bool const json = std::find(words.begin(), words.end(), std::string("--json")) != words.end();
+    // The parser takes an option with an empty value for one that is not there.
+    for (size_t i = 1; i < words.size(); ++i) {
+        if (*words[i] == '\0') {
+            return report({"command line", "", FFD_INVALID_PARAMETER, "an argument is empty",
+                           "See 'ffdhost --help'."},
+                          nullptr, json);
+        }
+    }
     try {
         app.parse(static_cast<int>(words.size()), words.data());
     } catch (CLI::ParseError const& error) {
@@ -399,8 +408,6 @@ int run(std::span<char const* const> words) {
             int const code = app.exit(error); // --help and --version
             return stdout_is_written() ? code : report(stdout_failure(), nullptr, false);
         }
-        bool const json =
-            std::find(words.begin(), words.end(), std::string("--json")) != words.end();
         return report(usage_failure(app, error), nullptr, json);
     }
     std::string const name = app.get_subcommands().front()->get_name();

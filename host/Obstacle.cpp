@@ -85,6 +85,9 @@ std::optional<Failure> why_unreadable(std::string const& operation, std::string 
                    ? why("the link leads to no file", "Check where it leads to.")
                    : why("there is no such file", "Check the path.");
     }
+    if (code == std::errc::too_many_symbolic_link_levels) {
+        return why("the links lead in a circle", "Check where they lead to.");
+    }
     if (std::filesystem::is_directory(status)) {
         return why("it is a directory", "Give the path of a file in it.");
     }

@@ -4,6 +4,7 @@ program, FFD_SAMPLES the directory of the samples. Runs as root where a second u
 import json
 import os
 import resource
+import shlex
 import shutil
 import signal
 import subprocess
@@ -19,6 +20,7 @@ ALL = (*READERS, "check {}", *WRITERS)
 # Command lines with their exit code and what the one line on stderr says, the name of the file in front.
 TABLE = [(command.format(name), 1, f"{name}: {words}") for commands, name, words in (
     (ALL, "none.mp3", "there is no such file"), (ALL, "link.mp3", "the link leads to no file"),
+    (ALL, "circle.mp3", "the links lead in a circle"),
     (ALL, "none/a.mp3", "there is no such file"), (ALL, "pipe.mp3", "it is no regular file"),
     (ALL, "device.mp3", "it is no regular file"),
     ((*READERS[1:], *WRITERS), "folder.mp3", "it is a directory"),
@@ -35,6 +37,9 @@ TABLE = [(command.format(name), 1, f"{name}: {words}") for commands, name, words
     ("", 2, "a command is missing"), ("bogus", 2, "'bogus' is no command"),
     ("inof a.mp3", 2, "'inof' is no command; did you mean 'info'?"),
     ("info", 2, "FILE is required"), ("edit a.mp3", 2, "OP is required"),
+    ("edit -- a.mp3", 2, "OP is required"),
+    *((command, 2, "an argument is empty") for command in (
+        "read a.mp3 -o ''", "read a.mp3 --length ''", "map a.mp3 --svg ''", "info a.mp3 --driver ''")),
     ("info --jsno a.mp3", 2, "'--jsno' is no option of 'ffdhost info'; did you mean '--json'?"),
     ("--wait x info a.mp3", 2, "--wait: 'x' is no number of seconds"),
     ("read a.mp3 --from -3s", 2, "a.mp3: '-3s' counts from the present position"),
@@ -99,6 +104,7 @@ class InputsTest(Sandbox):
         (self.dir / "secret.mp3").chmod(0o600)
         (self.dir / "text.mp3").write_text("no frame in here\n" * 100)
         (self.dir / "link.mp3").symlink_to("nowhere")
+        (self.dir / "circle.mp3").symlink_to("circle.mp3")
         (self.dir / "device.mp3").symlink_to("/dev/zero")
         (self.dir / "folder.mp3").mkdir()
         for name in "pipe.mp3", "piped.DIR":
@@ -111,12 +117,12 @@ class InputsTest(Sandbox):
             if user and os.geteuid() != 0:
                 continue
             with self.subTest(command=command):
-                document = json.loads(self.host("--json", *command.split(), code=code, **user).stdout)
+                document = json.loads(self.host("--json", *shlex.split(command), code=code, **user).stdout)
                 failed = document["files"][0] if "files" in document else document
                 self.assertTrue(failed["failure"]["advice"])
                 line = f"{failed['failure']['file']}: {failed['failure']['message']}"
                 if "--json" not in command:
-                    said = self.host(*command.split(), code=code, **user).stderr
+                    said = self.host(*shlex.split(command), code=code, **user).stderr
                     line = next(line for line in said.splitlines() if "warning: " not in line)
                     self.assertTrue(line.startswith("ffdhost: "), said)
                     self.assertIn(f"{failed['failure']['name']} ({failed['failure']['status']})", said)
