@@ -295,7 +295,7 @@ typedef FFDError (*FFDGetSoundDataLengthProc)(FFDHandle ffdHandle, uint32_t* lpf
 /** The basic need: how many bytes of the disk FFDWriteData wants to find free for a file and its
  * blocks, of so many bytes together. Each byte that is recorded adds to both. */
 static inline uint64_t ffd_basic_need(uint64_t fileAndBlocks) {
-    return 2u * fileAndBlocks + 10u * 1024u * 1024u;
+    return 2u * fileAndBlocks + UINT64_C(10) * 1024u * 1024u;
 }
 
 /** Slot 8. FFDWriteData sends FIDM_DISKSPACE_WARNING when a third of the free space above the basic
