@@ -121,7 +121,6 @@ bool move_file(std::string const& from, std::string const& to, bool replace) {
 }
 
 Descriptor open_as_it_is(std::string const& name) {
-    errno = 0;
     if (name.empty()) {
         _setmode(kStandardOutput, _O_BINARY);
         return Descriptor(_dup(kStandardOutput));
@@ -135,6 +134,7 @@ Descriptor open_as_it_is(std::string const& name) {
     }
     std::error_code error;
     if (!isDevice && !std::filesystem::is_symlink(path, error)) {
+        errno = 0; // which the look has set where there is no such name
         return Descriptor();
     }
     return Descriptor(_wopen(path.c_str(), _O_WRONLY | _O_TRUNC | _O_BINARY | _O_NOINHERIT));
